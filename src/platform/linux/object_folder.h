@@ -1,0 +1,38 @@
+// The folder in which the user's processes find one another's named objects.
+//
+// KESTRUN_OBJECT_DIR if that is set; else kestrun-<user id> in /dev/shm, and only where that can't be had, in the
+// temporary folder. The folder is made with mode 0700. One that is a link, belongs to another user or is open to others
+// is refused: no object is made in it, and one line on the standard error names the folder and the cause.
+//
+// Chosen once a process. All functions may be called from any thread; failures are -1 with the last error set.
+#ifndef KESTRUN_PLATFORM_LINUX_OBJECT_FOLDER_H_
+#define KESTRUN_PLATFORM_LINUX_OBJECT_FOLDER_H_
+
+#include <cstdint>
+#include <string>
+
+#include "platform/linux/file_descriptor.h"
+
+namespace kestrun::platform {
+
+// Opens a file of the folder with O_RDWR, O_CLOEXEC and `flags`. When the folder has been removed meanwhile and O_CREAT
+// is given, it is made again.
+FileDescriptor OpenObjectFile(const std::string& leaf, int flags);
+
+// Makes the file `size` bytes long and takes the memory for them now, so that a full file system is an error here and
+// not a fatal signal at a later store. 0 or an errno value.
+int ReserveSpace(int fd, std::uint64_t size);
+
+// Removes the file if its name still stands for the file behind `fd`.
+void UnlinkObjectFile(const std::string& leaf, int fd);
+
+// Removes the files whose holders are all gone, if nobody in the folder has done so for a minute. They can't be opened
+// any more, so this only gives back their memory. Cheap enough to be called with each new object.
+void SweepNowAndThen();
+
+// The same at once. Gives the number of files removed.
+int SweepObjectFolder();
+
+}  // namespace kestrun::platform
+
+#endif  // KESTRUN_PLATFORM_LINUX_OBJECT_FOLDER_H_

@@ -1,0 +1,94 @@
+#include "platform/linux/reaper.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/epoll.h>
+
+#include <cerrno>
+#include <map>
+#include <mutex>
+
+#include "platform/linux/file_object.h"
+#include "platform/linux/never_destroyed.h"
+
+namespace kestrun::platform {
+namespace {
+
+class Reaper {
+ public:
+  bool Watch(int descriptor, std::shared_ptr<ReaperClient> client) {
+    const std::lock_guard lock(mutex_);
+    if (!started_ && !Start()) return false;
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = descriptor;
+    clients_[descriptor] = std::move(client);
+    if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) == 0) return true;
+    const int error = errno;
+    clients_.erase(descriptor);
+    errno = error;
+    return false;
+  }
+
+ private:
+  // No signal is for this thread: the program's own threads handle them.
+  bool Start() {
+    if (!epoll_) epoll_.Reset(epoll_create1(EPOLL_CLOEXEC));
+    if (!epoll_) return false;
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    pthread_t thread;
+    const int error = pthread_create(&thread, nullptr, &Reaper::ThreadMain, this);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (error != 0) {
+      errno = error;
+      return false;
+    }
+    pthread_detach(thread);
+    started_ = true;
+    return true;
+  }
+
+  static void* ThreadMain(void* self) {
+    static_cast<Reaper*>(self)->Loop();
+    return nullptr;
+  }
+
+  void Loop() {
+    while (true) {
+      epoll_event events[16];
+      const int count = epoll_wait(epoll_.get(), events, 16, -1);
+      for (int i = 0; i < count; ++i) Serve(events[i].data.fd);
+    }
+  }
+
+  void Serve(int descriptor) {
+    std::shared_ptr<ReaperClient> client;
+    {
+      const std::lock_guard lock(mutex_);
+      client = clients_[descriptor];
+    }
+    if (client->OnReadable()) return;
+    {
+      const std::lock_guard lock(mutex_);
+      epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, descriptor, nullptr);
+      clients_.erase(descriptor);
+    }
+    client->OnLetGo();
+  }
+
+  std::mutex mutex_;
+  bool started_ = false;                                  // guarded by mutex_
+  std::map<int, std::shared_ptr<ReaperClient>> clients_;  // guarded by mutex_
+  FileDescriptor epoll_;                                  // constant once started
+};
+
+}  // namespace
+
+bool WatchDescriptor(int descriptor, std::shared_ptr<ReaperClient> client) {
+  static NeverDestroyed<Reaper> reaper;
+  return reaper.get().Watch(descriptor, std::move(client));
+}
+
+}  // namespace kestrun::platform

@@ -1,0 +1,147 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <random>
+#include <string>
+
+#include "platform/host.h"
+#include "platform/linux/file_names.h"
+#include "platform/linux/wide_text.h"
+#include "platform/win32.h"
+#include "support/names.h"
+
+namespace kestrun::test {
+namespace {
+
+// An executable file of the folder.
+std::string WriteProgram(const TempFolder& folder, const std::string& name) {
+  const std::string full = folder.Write(name, "#!/bin/sh\n");
+  std::filesystem::permissions(full, std::filesystem::perms::owner_all);
+  return full;
+}
+
+unsigned Mode(const std::string& name) {
+  struct stat info {};
+  EXPECT_EQ(stat(name.c_str(), &info), 0);
+  return info.st_mode & 07777;
+}
+
+bool Exists(const std::string& name) {
+  return GetFileAttributesA(name.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::string LongName(const std::string& name) {
+  char buffer[MAX_PATH];
+  return GetLongPathNameA(name.c_str(), buffer, MAX_PATH) != 0 ? buffer : "none";
+}
+
+TEST(FileLayerTest, WhatIsMadeIsClosedToOtherUsers) {
+  TempFolder folder;
+  const mode_t mask = umask(0);
+  CloseHandle(CreateFileA(folder.File("file").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+  CreateDirectoryA(folder.File("folder").c_str(), nullptr);
+  umask(mask);
+  EXPECT_EQ(Mode(folder.File("file")), 0600u);
+  EXPECT_EQ(Mode(folder.File("folder")), 0700u);
+}
+
+TEST(FileLayerTest, AProgramIsFoundWithAnEndingThatItLacks) {
+  TempFolder folder;
+  const std::string tool = WriteProgram(folder, "tool");
+  folder.Write("text", "");
+  std::filesystem::create_directory(folder.Path() / "folder");
+  EXPECT_TRUE(Exists(tool + ".exe"));
+  EXPECT_EQ(LongName(tool + ".EXE"), tool);
+  EXPECT_FALSE(Exists(folder.File("text.exe")));
+  EXPECT_FALSE(Exists(folder.File("folder.exe")));
+  EXPECT_FALSE(Exists(folder.File(".exe")));
+  // The exact name goes first, whatever it is.
+  const std::string exact = folder.Write("tool.exe", "");
+  EXPECT_EQ(LongName(exact), exact);
+}
+
+TEST(FileLayerTest, TheLookupWithoutCaseTakesTheSmallestProgram) {
+  TempFolder folder;
+  WriteProgram(folder, "Tool");
+  WriteProgram(folder, "tooL");
+  folder.Write("TOOL", "no program");
+  std::string found;
+  ASSERT_TRUE(platform::FindExecutableIgnoringCase(folder.File("tool.exe"), found));
+  EXPECT_EQ(found, folder.File("Tool"));
+  WriteProgram(folder, "tOOl.exe");
+  ASSERT_TRUE(platform::FindExecutableIgnoringCase(folder.File("tool.exe"), found));
+  EXPECT_EQ(found, folder.File("tOOl.exe"));
+  EXPECT_FALSE(platform::FindExecutableIgnoringCase(folder.File("other.exe"), found));
+  EXPECT_FALSE(platform::FindExecutableIgnoringCase(folder.File("none/tool.exe"), found));
+}
+
+TEST(FileLayerTest, LinksAreFollowedAndRemovedThemselves) {
+  TempFolder folder;
+  const std::string target = folder.File("folder");
+  const std::string link = folder.File("link");
+  std::filesystem::create_directory(target);
+  std::filesystem::create_directory_symlink(target, link);
+  EXPECT_EQ(GetFileAttributesA(link.c_str()), FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT);
+  EXPECT_TRUE(RemoveDirectoryA(link.c_str()));
+  EXPECT_TRUE(Exists(target));
+  std::filesystem::create_symlink(folder.File("nowhere"), link);
+  EXPECT_FALSE(Exists(link));
+  const HANDLE made = CreateFileA(link.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS, 0, nullptr);
+  EXPECT_EQ(made, INVALID_HANDLE_VALUE);
+  EXPECT_TRUE(DeleteFileA(link.c_str()));
+}
+
+// Walks the characters one by one and knows no shortcut.
+bool SlowlyMatches(const std::string& name, const std::string& pattern) {
+  if (pattern.empty()) return name.empty();
+  if (pattern[0] == '*') {
+    return SlowlyMatches(name, pattern.substr(1)) || (!name.empty() && SlowlyMatches(name.substr(1), pattern));
+  }
+  return !name.empty() && (pattern[0] == '?' || pattern[0] == name[0]) &&
+         SlowlyMatches(name.substr(1), pattern.substr(1));
+}
+
+TEST(FileLayerTest, PatternsAgreeWithTheSlowWay) {
+  std::mt19937 random(20260309);
+  const auto text = [&random](const char* letters, std::size_t most) {
+    std::string made(random() % (most + 1), ' ');
+    for (char& letter : made) letter = letters[random() % 4];
+    return made;
+  };
+  for (int i = 0; i < 20000; ++i) {
+    const std::string name = text("aab.", 8);
+    const std::string pattern = text("ab*?", 6);
+    ASSERT_EQ(platform::MatchesPattern(name, pattern), SlowlyMatches(name, pattern)) << name << " " << pattern;
+  }
+}
+
+TEST(FileLayerTest, FullPathsNeedNoDisk) {
+  const struct {
+    const char* name;
+    const char* full;
+  } kCases[] = {
+      {"/", "/"},     {"/..", "/"},    {"/a//b/./", "/a/b/"}, {"/a/b/../../..", "/"}, {"x", "/cwd/x"},
+      {"../x", "/x"}, {"./", "/cwd/"}, {"a/..", "/cwd"},      {"/a/..b", "/a/..b"},   {"/a/.b/...", "/a/.b/..."},
+      {"", ""}};
+  for (const auto& c : kCases) EXPECT_EQ(platform::LexicalFullPath(c.name, "/cwd"), c.full) << c.name;
+}
+
+TEST(FileLayerTest, WideTextKeepsEveryByte) {
+  std::mt19937 random(7);
+  for (int i = 0; i < 5000; ++i) {
+    std::string bytes(random() % 12, '\0');
+    for (char& byte : bytes) byte = static_cast<char>(random() % 4 == 0 ? random() : 0xC0 | (random() & 0x3F));
+    std::string back;
+    ASSERT_TRUE(platform::Narrow(platform::Widen(bytes), back));
+    ASSERT_EQ(back, bytes);
+  }
+  EXPECT_EQ(platform::Widen("\u20ac\U0001F600").size(), 2u);
+  std::string none;
+  EXPECT_FALSE(platform::Narrow(std::wstring(1, static_cast<wchar_t>(0xD800)), none));
+  EXPECT_FALSE(platform::Narrow(std::wstring(1, static_cast<wchar_t>(0x110000)), none));
+}
+
+}  // namespace
+}  // namespace kestrun::test

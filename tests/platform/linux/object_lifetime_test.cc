@@ -1,0 +1,237 @@
+// Named objects under processes that come, go and are killed at random: what each process saw is written down with the
+// time, and compared afterwards with who can have held what.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <ctime>
+#include <fstream>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "../scoped_handle.h"
+#include "platform/linux/handle_table.h"
+#include "platform/linux/waitable.h"
+#include "platform/win32.h"
+#include "support/child.h"
+#include "support/names.h"
+
+namespace kestrun::test {
+namespace {
+
+std::int64_t NowNs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * 1'000'000'000 + now.tv_nsec;
+}
+
+enum Step : std::uint32_t { kBeginGet, kCreated, kOpened, kMissing, kBeginClose, kClosed };
+
+// One line of a process's diary; written whole, so that a kill leaves none half written.
+struct Entry {
+  std::int64_t time;
+  std::uint32_t name;
+  Step step;
+};
+
+class Diary {
+ public:
+  explicit Diary(const std::string& path) : fd_(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600)) {}
+  ~Diary() { close(fd_); }
+  bool Write(std::uint32_t name, Step step) {
+    const Entry entry{NowNs(), name, step};
+    return write(fd_, &entry, sizeof entry) == sizeof entry;
+  }
+
+ private:
+  int fd_;
+};
+
+constexpr std::uint32_t kNames = 3;
+
+// Gets and closes objects at random until it is killed, never holding two of one name.
+KESTRUN_CHILD(ComesAndGoes) {
+  Diary diary(words[0]);
+  std::mt19937 random(static_cast<unsigned>(std::stoul(words[2])));
+  ScopedHandle held[kNames];
+  for (int steps = 1;; ++steps) {
+    if (steps % 50 == 0) Say("alive");
+    const auto name = static_cast<std::uint32_t>(random() % kNames);
+    const std::string full = words[1] + std::to_string(name);
+    if (held[name]) {
+      diary.Write(name, kBeginClose);
+      held[name].Close();
+      diary.Write(name, kClosed);
+      continue;
+    }
+    diary.Write(name, kBeginGet);
+    if (random() % 2 == 0) {
+      held[name] = OpenEventA(EVENT_ALL_ACCESS, FALSE, full.c_str());
+      if (!held[name] && GetLastError() != ERROR_FILE_NOT_FOUND) return 1;
+      diary.Write(name, held[name] ? kOpened : kMissing);
+    } else {
+      held[name] = CreateEventA(nullptr, FALSE, FALSE, full.c_str());
+      const DWORD error = GetLastError();
+      if (!held[name]) return 2;
+      diary.Write(name, error == ERROR_ALREADY_EXISTS ? kOpened : kCreated);
+    }
+  }
+}
+
+// From `maybeFrom` to `maybeTo` the process may have held the object, from `surelyFrom` to `surelyTo` it did.
+struct Hold {
+  std::int64_t maybeFrom, surelyFrom, surelyTo, maybeTo;
+};
+
+struct Attempt {
+  std::int64_t from, to;
+  Step result;
+  std::size_t process;
+};
+
+struct Story {
+  std::vector<std::pair<std::size_t, Hold>> holds;
+  std::vector<Attempt> attempts;
+};
+
+// Adds what one process did; `killed` is when it was told to die, and `gone` when it was known to be dead.
+void Read(const std::string& path, std::size_t process, std::int64_t killed, std::int64_t gone,
+          Story (&stories)[kNames]) {
+  std::ifstream file(path, std::ios::binary);
+  std::map<std::uint32_t, Hold> open;
+  std::map<std::uint32_t, std::int64_t> begun;
+  Entry entry{};
+  while (file.read(reinterpret_cast<char*>(&entry), sizeof entry)) {
+    Story& story = stories[entry.name];
+    switch (entry.step) {
+      case kBeginGet:
+        begun[entry.name] = entry.time;
+        open[entry.name] = {entry.time, INT64_MAX, 0, gone};
+        break;
+      case kMissing:
+        story.attempts.push_back({begun[entry.name], entry.time, kMissing, process});
+        open.erase(entry.name);
+        break;
+      case kCreated:
+      case kOpened:
+        story.attempts.push_back({begun[entry.name], entry.time, entry.step, process});
+        open[entry.name].surelyFrom = entry.time;
+        open[entry.name].surelyTo = killed;
+        break;
+      case kBeginClose:
+        open[entry.name].surelyTo = entry.time;
+        break;
+      case kClosed:
+        open[entry.name].maybeTo = entry.time;
+        story.holds.emplace_back(process, open[entry.name]);
+        open.erase(entry.name);
+        break;
+    }
+  }
+  for (const auto& [name, hold] : open) stories[name].holds.emplace_back(process, hold);
+}
+
+// True if somebody else held the object during the whole attempt.
+bool SurelyThere(const Story& story, const Attempt& attempt) {
+  for (const auto& [process, hold] : story.holds) {
+    if (process != attempt.process && hold.surelyFrom < attempt.from && attempt.to < hold.surelyTo) return true;
+  }
+  return false;
+}
+
+// True if somebody else may have held it at some moment of the attempt.
+bool MaybeThere(const Story& story, const Attempt& attempt) {
+  for (const auto& [process, hold] : story.holds) {
+    if (process != attempt.process && hold.maybeFrom <= attempt.to && attempt.from <= hold.maybeTo) return true;
+  }
+  return false;
+}
+
+TEST(ObjectLifetime, AnObjectExistsExactlyWhileSomebodyHoldsIt) {
+  constexpr std::size_t kAlive = 4;
+  constexpr std::size_t kProcesses = 30;
+  TempFolder folder;
+  const std::string name = UniqueName();
+  std::mt19937 random(1);
+  struct Running {
+    Child child;
+    std::size_t number;
+  };
+  std::vector<Running> running;
+  Story stories[kNames];
+  const auto diary = [&](std::size_t number) { return folder.File(std::to_string(number)); };
+  for (std::size_t started = 0; started < kProcesses || !running.empty();) {
+    if (started < kProcesses && running.size() < kAlive) {
+      const std::string number = std::to_string(started);
+      running.push_back({Child::Self("ComesAndGoes", {diary(started), name, number}), started});
+      ++started;
+      continue;
+    }
+    const std::size_t index = random() % running.size();
+    Running victim = std::move(running[index]);
+    running.erase(running.begin() + static_cast<std::ptrdiff_t>(index));
+    for (std::size_t lines = 1 + random() % 5; lines > 0; --lines) EXPECT_EQ(victim.child.ReadLine(), "alive");
+    const std::int64_t killed = NowNs();
+    victim.child.Kill();
+    EXPECT_EQ(victim.child.Wait(), 128 + 9);
+    Read(diary(victim.number), victim.number, killed, NowNs(), stories);
+  }
+  std::size_t created = 0, opened = 0, missing = 0, wrong = 0;
+  for (const Story& story : stories) {
+    for (const Attempt& attempt : story.attempts) {
+      ++(attempt.result == kCreated ? created : attempt.result == kOpened ? opened : missing);
+      const bool fine = attempt.result == kOpened ? MaybeThere(story, attempt) : !SurelyThere(story, attempt);
+      if (!fine) ++wrong;
+    }
+  }
+  EXPECT_EQ(wrong, 0u) << created << " created, " << opened << " opened, " << missing << " missing";
+  EXPECT_GT(created, 100u);
+  EXPECT_GT(opened, 100u);
+  EXPECT_GT(missing, 100u);
+  for (std::uint32_t i = 0; i < kNames; ++i) {
+    EXPECT_FALSE(OpenEventA(EVENT_ALL_ACCESS, FALSE, (name + std::to_string(i)).c_str()));
+  }
+}
+
+KESTRUN_CHILD(TakesSignals) {
+  ScopedHandle event = OpenEventA(EVENT_ALL_ACCESS, FALSE, words[0].c_str());
+  Say("ready");
+  while (WaitForSingleObject(event, INFINITE) == WAIT_OBJECT_0) {
+  }
+  return 1;
+}
+
+// Looks at the event without taking its signal.
+bool IsTakenWithin(HANDLE event, DWORD limitMs) {
+  const auto object = platform::LookUp<platform::Waitable>(event);
+  const std::int64_t end = NowNs() + limitMs * std::int64_t{1'000'000};
+  while (object->state().word.load() != 0) {
+    if (NowNs() > end) return false;
+    Sleep(1);
+  }
+  return true;
+}
+
+// A waiter that dies just when it was chosen to be woken must not take the signal with it.
+TEST(ObjectLifetime, ASignalSurvivesTheWaiterThatWasToGetIt) {
+  const std::string name = UniqueName();
+  ScopedHandle event = CreateEventA(nullptr, FALSE, FALSE, name.c_str());
+  Child survivor = Child::Self("TakesSignals", {name});
+  ASSERT_EQ(survivor.ReadLine(), "ready");
+  for (int round = 0; round < 4; ++round) {
+    Child victim = Child::Self("TakesSignals", {name});
+    ASSERT_EQ(victim.ReadLine(), "ready");
+    // The kernel wakes in the order in which they went to sleep: after this the victim is the first.
+    SetEvent(event);
+    ASSERT_TRUE(IsTakenWithin(event, 30000));
+    SetEvent(event);
+    victim.Kill();
+    ASSERT_TRUE(IsTakenWithin(event, 30000)) << "the survivor sleeps on in round " << round;
+  }
+}
+
+}  // namespace
+}  // namespace kestrun::test

@@ -1,0 +1,19 @@
+// What test_tool needs of the system beyond the platform layer.
+#ifndef KESTRUN_TESTS_SUPPORT_TEST_TOOL_H_
+#define KESTRUN_TESTS_SUPPORT_TEST_TOOL_H_
+
+#include <string>
+#include <vector>
+
+namespace kestrun::test {
+
+unsigned long OwnProcessId();
+void BinaryStreams();
+// Starts this program again in the background with WORDS; it keeps the standard streams. MODE is "plain", "group"
+// (a process group of its own), "session" (a session of its own) or "daemon" (forked twice in a new session); where
+// the system has no such thing the mode is "plain". Gives the new process's id.
+unsigned long StartBackground(const std::string& mode, const std::vector<std::string>& words);
+
+}  // namespace kestrun::test
+
+#endif  // KESTRUN_TESTS_SUPPORT_TEST_TOOL_H_
