@@ -1,0 +1,77 @@
+// A stream in memory: a buffer that grows, foreign memory that it wraps, or a file that it maps.
+//
+// It grows by doubling up to 8 MiB and by steps of 2 MiB from there. A stream that wraps foreign memory is read-only
+// and never copies; the memory must outlive it. A mapped file is read-only content that is handed on without a copy.
+#ifndef KESTRUN_RUNTIME_MEMORY_STREAM_H_
+#define KESTRUN_RUNTIME_MEMORY_STREAM_H_
+
+#include "platform/win32.h"
+#include "runtime/handle.h"
+#include "runtime/path.h"
+#include "runtime/stream.h"
+
+namespace kestrun {
+
+class MemoryStream : public Stream {
+ public:
+  static constexpr u32 kReadFailed = 0xFFFFFFFF;
+
+  MemoryStream() = default;
+  // `size` bytes of content at position 0: a copy, or with `wrap` the memory itself.
+  MemoryStream(void* data, u32 size, bool wrap);
+  // `size` bytes in one read from `source`; StreamException "Out of memory" if fewer come.
+  MemoryStream(u32 size, Stream& source);
+  MemoryStream(const MemoryStream&) = delete;
+  MemoryStream& operator=(const MemoryStream&) = delete;
+  ~MemoryStream() override;
+
+  u32 GetMode() override { return kReadable | kWritable | kSeekable; }
+  u32 GetAvailable() override { return size_ - position_; }
+  u32 GetPosition() override { return position_; }
+  bool Seek(u32 position) override;
+  // Forgets the content. The stream may be used again.
+  void Close() override;
+  // 0 at the end.
+  u32 Read(void* buffer, u32 count) override;
+  // At the position, over what is there. StreamException "Out of memory" if the stream can not grow.
+  u32 Write(const void* buffer, u32 count) override;
+
+  // Forgets the content and keeps the allocation; not for a mapped file or foreign memory.
+  void Clear() { size_ = position_ = 0; }
+
+  // Room for `capacity` bytes in all. False if the stream can not grow.
+  bool Reserve(u32 capacity);
+
+  // Adds bytes at the end and leaves the position alone. 0 if there is no room to be had.
+  u32 Append(const void* data, u32 count);
+
+  // Adds what `source` has ready, in one read. The number of bytes, kReadFailed if there is no room to be had.
+  u32 ReadFrom(Stream& source);
+
+  // Makes a file's bytes the content. False, with the stream as it was, if that fails or the stream wraps memory.
+  bool MapFile(const Path& path);
+
+  // Writes the content to a new file. True if all of it was written.
+  bool SaveFile(const Path& path) const;
+
+  const u8* GetData() const { return data_; }
+  u8* GetData() { return data_; }
+  u32 GetSize() const { return size_; }
+  u32 GetCapacity() const { return static_cast<u32>(end_ - data_); }
+
+ private:
+  bool IsMapped() const { return mapping_.IsValid(); }
+  bool Grow(u32 capacity);
+
+  bool owns_ = true;
+  u8* data_ = nullptr;
+  u8* end_ = nullptr;
+  u32 size_ = 0;
+  u32 position_ = 0;
+  UniqueFile file_;
+  UniqueHandle mapping_;
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_RUNTIME_MEMORY_STREAM_H_

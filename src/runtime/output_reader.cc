@@ -1,0 +1,81 @@
+#include "runtime/output_reader.h"
+
+#include <algorithm>
+
+#include "platform/child_io.h"
+
+namespace kestrun {
+
+void OutputReader::operator()() {
+  if (!ReadUntilFinish()) return;
+  try {
+    ReadWhatIsThere();
+  } catch (const StreamException&) {
+  }
+}
+
+// False at the end of the pipe, true when the child has ended before it.
+bool OutputReader::ReadUntilFinish() {
+  char buffer[kBufferSize];
+  while (BeginRead()) {
+    u32 count = 0;
+    try {
+      count = pipe_->Read(buffer, kBufferSize);
+    } catch (const StreamException&) {
+    }
+    EndRead();
+    if (count == 0) break;
+    Pass(buffer, count);
+  }
+  Lock lock(lock_);
+  return childHasEnded_;
+}
+
+// Not "until there is nothing more": a descendant that keeps writing would never let that happen.
+void OutputReader::ReadWhatIsThere() {
+  char buffer[kBufferSize];
+  for (u32 left = pipe_->GetAvailable(); left > 0;) {
+    const u32 count = pipe_->Read(buffer, std::min(left, kBufferSize));
+    Pass(buffer, count);
+    left -= std::min(left, count);
+  }
+}
+
+bool OutputReader::BeginRead() {
+  Lock lock(lock_);
+  isReading_ = !childHasEnded_;
+  return isReading_;
+}
+
+void OutputReader::EndRead() {
+  Lock lock(lock_);
+  isReading_ = false;
+}
+
+void OutputReader::Pass(const char* bytes, u32 count) {
+  if (!destination_) return;
+  try {
+    destination_->Write(bytes, count);
+  } catch (const StreamException&) {
+    destination_.Reset();
+  }
+}
+
+void OutputReader::Finish(Thread& thread) {
+  {
+    Lock lock(lock_);
+    childHasEnded_ = true;
+  }
+  // Mostly the pipe ends with the child, and the first wait is all. The interruption misses a reader that is between
+  // its announcement and the system's read, so it is repeated.
+  constexpr u32 kLongestPauseMs = 64;
+  for (u32 pauseMs = 1; !thread.Wait(pauseMs); pauseMs = std::min(pauseMs * 2, kLongestPauseMs)) InterruptRead(thread);
+}
+
+// Under the lock, so that the reader cannot leave its read and be hit in the middle of something else.
+void OutputReader::InterruptRead(Thread& thread) {
+  Lock lock(lock_);
+  if (isReading_) platform::InterruptRead(thread.GetHandle());
+}
+
+}  // namespace kestrun

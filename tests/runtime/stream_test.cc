@@ -1,0 +1,189 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "runtime/file_stream.h"
+#include "runtime/memory_stream.h"
+#include "support/names.h"
+
+namespace kestrun {
+namespace {
+
+using test::TempFolder;
+
+std::string Content(const MemoryStream& stream) {
+  return std::string(reinterpret_cast<const char*>(stream.GetData()), stream.GetSize());
+}
+
+template <class Call>
+void ExpectStreamException(Call call, const char* text, i32 code) {
+  try {
+    call();
+    ADD_FAILURE() << "no exception: " << text;
+  } catch (const StreamException& failure) {
+    EXPECT_STREQ(failure.what(), text);
+    EXPECT_EQ(failure.GetCode(), code);
+    EXPECT_STREQ(failure.GetTypeName(), "StreamException");
+  }
+}
+
+TEST(MemoryStream, ReadsToTheEndAndSeeksWithin) {
+  MemoryStream stream;
+  char buffer[8] = {};
+  EXPECT_EQ(stream.Read(buffer, 8), 0u);
+  stream.Write("abcdef", 6);
+  EXPECT_EQ(stream.Read(buffer, 8), 0u);
+  EXPECT_FALSE(stream.Seek(7));
+  EXPECT_TRUE(stream.Seek(6));
+  EXPECT_TRUE(stream.Seek(2));
+  EXPECT_EQ(stream.GetAvailable(), 4u);
+  EXPECT_EQ(stream.Read(buffer, 3), 3u);
+  EXPECT_EQ(std::string(buffer, 3), "cde");
+  EXPECT_EQ(stream.Read(buffer, 8), 1u);
+  EXPECT_EQ(stream.GetPosition(), 6u);
+  EXPECT_EQ(stream.GetMode(), 7u);
+}
+
+TEST(MemoryStream, WritesOverWhatIsThereAndAppendsBehindIt) {
+  MemoryStream stream;
+  stream.Write("abcd", 4);
+  stream.Seek(1);
+  stream.Write("XY", 2);
+  EXPECT_EQ(Content(stream), "aXYd");
+  stream.Write("123", 3);
+  EXPECT_EQ(Content(stream), "aXY123");
+  stream.Seek(0);
+  EXPECT_EQ(stream.Append("end", 3), 3u);
+  EXPECT_EQ(stream.Append("", 0), 0u);
+  EXPECT_EQ(Content(stream), "aXY123end");
+  EXPECT_EQ(stream.GetPosition(), 0u);
+}
+
+TEST(MemoryStream, GrowsByDoublingAndThenByAStep) {
+  struct Case {
+    u32 present, want, capacity;
+  };
+  for (const Case& c : {Case{0, 1, 1024}, Case{0, 1025, 1025}, Case{1024, 1024, 1024}, Case{1024, 3000, 4096},
+                        Case{1025, 3000, 4100}, Case{1024, 0x800000, 0x800000}, Case{1024, 0x800001, 0xA00400}}) {
+    MemoryStream stream;
+    ASSERT_TRUE(c.present == 0 || stream.Reserve(c.present));
+    ASSERT_TRUE(stream.Reserve(c.want));
+    EXPECT_EQ(stream.GetCapacity(), c.capacity) << c.present << " " << c.want;
+  }
+}
+
+TEST(MemoryStream, KeepsItsContentWhileItGrows) {
+  MemoryStream stream;
+  std::string expected;
+  for (u32 i = 0; i < 5000; ++i) {
+    std::string piece = std::to_string(i) + ",";
+    stream.Write(piece.data(), static_cast<u32>(piece.size()));
+    expected += piece;
+  }
+  EXPECT_EQ(Content(stream), expected);
+}
+
+TEST(MemoryStream, CopiesOrWrapsForeignMemory) {
+  char memory[] = "abc";
+  MemoryStream copy(memory, 3, false);
+  MemoryStream wrapped(memory, 3, true);
+  memory[0] = 'X';
+  EXPECT_EQ(Content(copy), "abc");
+  EXPECT_EQ(copy.GetCapacity(), 3u);
+  EXPECT_EQ(Content(wrapped), "Xbc");
+  ExpectStreamException([&] { wrapped.Write("z", 1); }, "Out of memory", -1);
+  EXPECT_EQ(wrapped.Append("z", 1), 0u);
+  EXPECT_EQ(wrapped.ReadFrom(copy), MemoryStream::kReadFailed);
+  EXPECT_FALSE(wrapped.MapFile("whatever"));
+}
+
+TEST(MemoryStream, ReadsFromAnotherStream) {
+  MemoryStream source;
+  source.Write("0123456789", 10);
+  source.Seek(2);
+  MemoryStream exact(5, source);
+  EXPECT_EQ(Content(exact), "23456");
+  ExpectStreamException([&] { MemoryStream tooLong(4, source); }, "Out of memory", -1);
+  source.Seek(4);
+  EXPECT_EQ(exact.ReadFrom(source), 6u);
+  EXPECT_EQ(Content(exact), "23456456789");
+  EXPECT_EQ(exact.ReadFrom(source), 0u);
+}
+
+TEST(MemoryStream, CloseForgetsAndTheStreamGoesOn) {
+  MemoryStream stream;
+  stream.Write("abc", 3);
+  stream.Close();
+  EXPECT_EQ(stream.GetAvailable(), 0u);
+  EXPECT_EQ(stream.GetCapacity(), 0u);
+  stream.Write("d", 1);
+  EXPECT_EQ(Content(stream), "d");
+}
+
+TEST(MemoryStream, SavesAndMapsFiles) {
+  TempFolder folder;
+  MemoryStream stream;
+  stream.Write("first\r\n\0second", 14);
+  ASSERT_TRUE(stream.SaveFile(folder.File("a")));
+  MemoryStream mapped;
+  mapped.Write("old", 3);
+  ASSERT_FALSE(mapped.MapFile(folder.File("missing")));
+  EXPECT_EQ(Content(mapped), "old");
+  ASSERT_TRUE(mapped.MapFile(folder.File("a")));
+  EXPECT_EQ(Content(mapped), std::string("first\r\n\0second", 14));
+  EXPECT_EQ(mapped.GetPosition(), 0u);
+  ExpectStreamException([&] { mapped.Write("x", 1); }, "Out of memory", -1);
+  EXPECT_FALSE(MemoryStream().SaveFile(folder.File("no/such/folder")));
+  mapped.Close();
+  mapped.Write("new", 3);
+  EXPECT_EQ(Content(mapped), "new");
+}
+
+TEST(FileStream, ReadsWritesAndSeeks) {
+  TempFolder folder;
+  FileStream stream(CreateFileA(folder.File("f").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                FILE_ATTRIBUTE_NORMAL, nullptr),
+                    Stream::kReadable | Stream::kWritable | Stream::kSeekable);
+  EXPECT_EQ(stream.Write("abcdef", 6), 6u);
+  EXPECT_EQ(stream.GetPosition(), 6u);
+  EXPECT_TRUE(stream.Seek(2));
+  char buffer[8] = {};
+  EXPECT_EQ(stream.Read(buffer, 8), 4u);
+  EXPECT_EQ(std::string(buffer, 4), "cdef");
+  ExpectStreamException([&] { stream.Read(buffer, 8); }, "end of stream", 0);
+  stream.Close();
+  ExpectStreamException([&] { stream.Read(buffer, 8); }, "error in FileStream::Read()", ERROR_INVALID_HANDLE);
+  ExpectStreamException([&] { stream.Write("x", 1); }, "In FileStream::Write()", ERROR_INVALID_HANDLE);
+}
+
+TEST(PipeStream, GivesWhatIsThereAndThrowsAtTheEnd) {
+  HANDLE readEnd = nullptr, writeEnd = nullptr;
+  ASSERT_TRUE(CreatePipe(&readEnd, &writeEnd, nullptr, 0));
+  rc_ptr<PipeStream> reader(new PipeStream(readEnd, false));
+  rc_ptr<PipeStream> writer(new PipeStream(writeEnd, true));
+  EXPECT_EQ(reader->GetMode(), 1u);
+  EXPECT_EQ(writer->GetMode(), 3u);
+  EXPECT_EQ(reader->GetAvailable(), 0u);
+  EXPECT_FALSE(reader->Seek(0));
+  writer->Write("hello", 5);
+  EXPECT_EQ(reader->GetAvailable(), 5u);
+  writer->Close();
+  MemoryStream collected;
+  EXPECT_EQ(collected.ReadFrom(*reader), 5u);
+  EXPECT_EQ(Content(collected), "hello");
+  char byte;
+  ExpectStreamException([&] { reader->Read(&byte, 1); }, "error in FileStream::Read()", ERROR_BROKEN_PIPE);
+  EXPECT_EQ(reader->GetAvailable(), 0u);
+}
+
+TEST(PipeStream, HasNoModeOnAFile) {
+  TempFolder folder;
+  PipeStream stream(
+      CreateFileA(folder.File("f").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr),
+      true);
+  EXPECT_EQ(stream.GetMode(), 0u);
+}
+
+}  // namespace
+}  // namespace kestrun

@@ -1,0 +1,183 @@
+#include "runtime/sync.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "support/child.h"
+#include "support/names.h"
+
+namespace kestrun {
+namespace {
+
+using test::UniqueName;
+
+constexpr u32 kLongTime = 30000;
+
+// True if another thread could have the mutex now.
+bool IsFree(Mutex& mutex) {
+  bool taken = false;
+  std::thread([&] {
+    taken = mutex.Lock(0);
+    if (taken) mutex.Unlock();
+  }).join();
+  return taken;
+}
+
+TEST(Mutex, NameLeadsToOneObject) {
+  std::string name = UniqueName();
+  Mutex first(name.c_str());
+  Mutex second(name.c_str());
+  EXPECT_TRUE(first.IsCreated());
+  EXPECT_FALSE(second.IsCreated());
+  ASSERT_TRUE(first.Lock(0));
+  ASSERT_TRUE(first.Lock(0));
+  EXPECT_FALSE(IsFree(second));
+  first.Unlock();
+  EXPECT_FALSE(IsFree(second));
+  first.Unlock();
+  EXPECT_TRUE(IsFree(second));
+  EXPECT_FALSE(first.Unlock());
+}
+
+TEST(Mutex, GuardsHoldItForAScope) {
+  std::string name = UniqueName();
+  Mutex mutex(name.c_str());
+  {
+    MutexLock lock(&mutex);
+    EXPECT_FALSE(IsFree(mutex));
+  }
+  EXPECT_TRUE(IsFree(mutex));
+  {
+    NamedMutexLock lock(name);
+    EXPECT_FALSE(IsFree(mutex));
+  }
+  EXPECT_TRUE(IsFree(mutex));
+}
+
+KESTRUN_CHILD(HoldsMutex) {
+  Mutex mutex(words[0].c_str());
+  test::Say(mutex.Lock(0) ? "held" : "refused");
+  test::AwaitLine();
+  return 0;
+}
+
+TEST(Mutex, PassesOnWhenItsHolderDies) {
+  std::string name = UniqueName();
+  Mutex mutex(name.c_str());
+  test::Child child = test::Child::Self("HoldsMutex", {name});
+  ASSERT_EQ(child.ReadLine(), "held");
+  EXPECT_FALSE(mutex.Lock(0));
+  child.Kill();
+  EXPECT_TRUE(mutex.Lock(kLongTime));
+  EXPECT_TRUE(mutex.Unlock());
+}
+
+TEST(Semaphore, HasSoManyPlaces) {
+  Semaphore semaphore(30, UniqueName().c_str());
+  for (int i = 0; i < 30; ++i) ASSERT_TRUE(semaphore.Wait(0));
+  EXPECT_FALSE(semaphore.Wait(0));
+  EXPECT_TRUE(semaphore.Release());
+  EXPECT_TRUE(semaphore.Wait(0));
+  for (int i = 0; i < 30; ++i) ASSERT_TRUE(semaphore.Release());
+  EXPECT_FALSE(semaphore.Release());
+}
+
+TEST(Condition, SignalLetsOnePassAndIsKept) {
+  std::string name = UniqueName();
+  Condition here(name.c_str());
+  Condition there(name.c_str());
+  EXPECT_EQ(there.GetName(), name);
+  EXPECT_FALSE(here.Wait(0));
+  there.Signal();
+  there.Signal();
+  EXPECT_TRUE(here.Wait(0));
+  EXPECT_FALSE(here.Wait(0));
+}
+
+TEST(ConditionVariable, WaitGivesUpTheSectionAndTakesItAgain) {
+  CriticalSection section;
+  ConditionVariable changed;
+  bool ready = false;
+  std::thread other;
+  {
+    Lock lock(section);
+    other = std::thread([&] {
+      Lock inside(section);
+      ready = true;
+      changed.Signal();
+    });
+    while (!ready) ASSERT_TRUE(changed.Wait(section, kLongTime));
+    EXPECT_FALSE(changed.Wait(section, 0));
+  }
+  other.join();
+}
+
+TEST(ConditionVariable, WaitGivesUpTheMutexAndTakesItAgain) {
+  Mutex mutex;
+  ConditionVariable changed;
+  MutexLock lock(&mutex);
+  std::thread other([&] {
+    MutexLock inside(&mutex);
+    changed.Signal();
+  });
+  EXPECT_TRUE(changed.Wait(mutex, kLongTime));
+  EXPECT_FALSE(changed.Wait(mutex, 0));
+  EXPECT_FALSE(IsFree(mutex));
+  other.join();
+}
+
+// Each round hands a number over and back: a signal that fell between the release of the mutex and the wait would
+// leave both sides waiting.
+TEST(ConditionVariable, LosesNoSignalBetweenMutexAndWait) {
+  constexpr int kRounds = 2000;
+  Mutex mutex;
+  ConditionVariable toOther, toMain;
+  int turn = 0;
+  bool inTime = true;
+  auto play = [&](int parity, ConditionVariable& mine, ConditionVariable& theirs) {
+    MutexLock lock(&mutex);
+    while (turn < kRounds && inTime) {
+      if (turn % 2 != parity) {
+        inTime = mine.Wait(mutex, kLongTime);
+        continue;
+      }
+      ++turn;
+      theirs.Signal();
+    }
+  };
+  std::thread other([&] { play(1, toOther, toMain); });
+  play(0, toMain, toOther);
+  other.join();
+  EXPECT_TRUE(inTime);
+  EXPECT_EQ(turn, kRounds);
+}
+
+template <class Make>
+void ExpectSyncException(Make make, const char* text, i32 code) {
+  try {
+    make();
+    ADD_FAILURE() << "no exception: " << text;
+  } catch (const SyncException& failure) {
+    EXPECT_STREQ(failure.what(), text);
+    EXPECT_EQ(failure.GetCode(), code);
+    EXPECT_STREQ(failure.GetTypeName(), "SyncException");
+  }
+}
+
+TEST(Sync, NameOfAnotherKindThrows) {
+  std::string mutexName = UniqueName();
+  Mutex mutex(mutexName.c_str());
+  std::string eventName = UniqueName();
+  Condition event(eventName.c_str());
+  ExpectSyncException([&] { Mutex other(eventName.c_str()); }, "CreateMutex() failed in Mutex::Init()", -1);
+  ExpectSyncException([&] { Condition other(mutexName.c_str()); }, "CreateEvent() failed in Condition::Init()", -1);
+  ExpectSyncException([&] { ConditionVariable other(mutexName.c_str()); },
+                      "CreateEvent() failed in ConditionVariable::Init()", -1);
+  ExpectSyncException([&] { Semaphore other(1, mutexName.c_str()); }, "CreateSemaphore() failed in Semaphore ctor",
+                      ERROR_INVALID_HANDLE);
+}
+
+}  // namespace
+}  // namespace kestrun
