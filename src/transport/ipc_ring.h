@@ -1,0 +1,111 @@
+// One end's view of a byte ring in shared memory: one writer and one reader, usually in two processes.
+//
+// Owns its handles of the ring's two events and of its mutex; borrows the mapped memory, which must outlive it. The
+// named objects are <name>.ne (not empty), <name>.nf (not full) and <name>.lk; whichever end comes first creates them.
+//
+// Layout, native byte order:
+//
+//   offset  field
+//   0       u32 capacity: size of the data area
+//   4       u32 write index, moved by the writer only
+//   8       u32 read index, moved by the reader only
+//   12      u16 attach count: ends attached now
+//   14      u16 detach generation: detachments so far
+//   16      the data
+//
+// Equal indices mean empty, and one byte always stays free. The indices are guarded by the mutex across processes; the
+// count and the generation change without it.
+//
+// The memory can be written by the process at the other end, so nothing in it is trusted: the capacity is read once,
+// when attaching, and indices that do not fit it make the ring corrupt. A corrupt ring moves no more bytes.
+//
+// Threads: one reader and one writer may be inside at once, Interrupt comes from any thread, Detach only while nobody
+// else is inside. Operations that take the
+// ring's lock wait for it without limit.
+#ifndef KESTRUN_TRANSPORT_IPC_RING_H_
+#define KESTRUN_TRANSPORT_IPC_RING_H_
+
+#include <atomic>
+#include <string>
+
+#include "platform/win32.h"
+#include "runtime/sync.h"
+#include "runtime/types.h"
+
+namespace kestrun {
+
+class IpcRing {
+ public:
+  static constexpr u32 kHeaderSize = 16;
+
+  // Makes an empty ring of regionSize bytes at `base` and attaches to it. Throws SyncException, as the next one does.
+  IpcRing(void* base, u32 regionSize, const std::string& name);
+  // Attaches to the ring that stands at `base`. The caller compares GetRegionSize() with what is mapped before anything
+  // else is done with the ring.
+  IpcRing(void* base, const std::string& name);
+  // Detaches.
+  ~IpcRing();
+  IpcRing(const IpcRing&) = delete;
+  IpcRing& operator=(const IpcRing&) = delete;
+
+  // Ends this view: the attach count falls and the generation rises, which is what the other end sees. Later calls
+  // find nothing and move nothing.
+  void Detach();
+
+  // Blocks while the ring is full, for at most timeoutMs at a time. Returns the bytes written: fewer than length when
+  // a wait ran out or the ring is corrupt; those written stand.
+  u32 Write(const void* source, u32 length, u32 timeoutMs);
+
+  // Blocks while the ring is empty, for at most timeoutMs, and returns what is there, up to length. Returns 0 on a
+  // timeout, on a corrupt ring, and at once when it finds the ring empty after some end has detached; the next call
+  // waits again.
+  u32 Read(void* target, u32 length, u32 timeoutMs);
+
+  // Drops every byte that waits in the ring; returns their number.
+  u32 Discard();
+
+  // Bytes that wait to be read.
+  u32 GetUsed();
+  u32 GetAttachCount() const;
+  // How often an end has attached since the ring was made, modulo 65536.
+  u16 GetAttachTotal() const;
+  u32 GetRegionSize() const { return capacity_ + kHeaderSize; }
+  bool IsCorrupt() const { return isCorrupt_.load(std::memory_order_relaxed); }
+
+  // Ends a blocked Read or Write of this view, and every later one at once. From any thread.
+  void Interrupt();
+
+  HANDLE GetNotEmptyHandle() const { return notEmpty_.GetHandle(); }
+  HANDLE GetNotFullHandle() const { return notFull_.GetHandle(); }
+  void WakeReader() { notEmpty_.Signal(); }
+  void WakeWriter() { notFull_.Signal(); }
+
+  // The mutex that guards the indices. A caller that holds it makes several operations one step, as long as none of
+  // them has to wait.
+  Mutex& GetLock() { return lock_; }
+
+ private:
+  struct Header;
+  // A copy of the indices, taken under the lock and known to fit the capacity.
+  struct Indices;
+
+  bool ReadIndices(Indices& out);
+  u16 ReadGeneration() const;
+  u8* Data() const;
+  void Attach();
+  u32 CopyIn(const u8* source, u32 length, Indices& indices);
+  u32 CopyOut(u8* target, u32 length, Indices& indices);
+
+  Header* header_;  // null once detached
+  u32 capacity_;    // constant after construction
+  u16 generation_ = 0;
+  std::atomic<bool> isCorrupt_{false};
+  std::atomic<bool> isInterrupted_{false};
+  ConditionVariable notEmpty_;
+  ConditionVariable notFull_;
+  Mutex lock_;
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_TRANSPORT_IPC_RING_H_

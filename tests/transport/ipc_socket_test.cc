@@ -1,0 +1,235 @@
+#include "transport/ipc_socket.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "ipc_ends.h"
+#include "platform/host.h"
+#include "runtime/mapped_file.h"
+#include "transport/ipc_stream_adapter.h"
+
+namespace kestrun {
+namespace {
+
+using test::IpcEnds;
+using test::kLongMs;
+using test::ReadText;
+using test::WriteText;
+
+std::string Pattern(size_t length) {
+  std::string text(length, '\0');
+  for (size_t i = 0; i < length; ++i) text[i] = static_cast<char>(i * 7 >> 2);
+  return text;
+}
+
+bool IsReady(IpcSocket& socket, u32 timeoutMs) {
+  return WaitForHandle(platform::IntToHandle(socket.GetWaitHandle()), timeoutMs);
+}
+
+TEST(IpcSocket, TwoConnectorsAtOnceGetConnectionsOfTheirOwn) {
+  IpcEnds ends;
+  ends.Listen();
+  auto accepted = std::async(std::launch::async, [&] {
+    std::vector<rc_ptr<IpcSocket>> sockets;
+    for (int i = 0; i < 4; ++i) sockets.emplace_back(ends.listener->Accept());
+    return sockets;
+  });
+  std::vector<std::future<rc_ptr<IpcSocket>>> connectors;
+  for (int i = 0; i < 4; ++i) {
+    connectors.push_back(std::async(std::launch::async, [&] {
+      rc_ptr<IpcSocket> socket(new IpcSocket());
+      EXPECT_TRUE(socket->Connect(ends.name, kLongMs));
+      WriteText(*socket, socket->GetName());
+      return socket;
+    }));
+  }
+  std::vector<rc_ptr<IpcSocket>> clients;
+  for (auto& connector : connectors) clients.push_back(connector.get());
+  for (const auto& server : accepted.get()) {
+    ASSERT_TRUE(server);
+    EXPECT_EQ(ReadText(*server, 200), server->GetName());
+  }
+}
+
+TEST(IpcSocket, NameInUseOrUnknownIsRefused) {
+  IpcEnds ends;
+  ends.Listen();
+  IpcSocket second;
+  EXPECT_FALSE(second.Listen(ends.name));
+  IpcSocket client;
+  EXPECT_FALSE(client.Connect(test::UniqueName(), 100));
+  EXPECT_EQ(client.GetState(), IpcSocket::State::kClosed);
+  ends.listener->Close();
+  EXPECT_TRUE(second.Listen(ends.name));
+  EXPECT_FALSE(second.Connect(ends.name, 100));
+}
+
+TEST(IpcSocket, NameLeavesRoomForThoseOfConnections) {
+  IpcEnds longest;
+  std::string name = longest.name;
+  name.resize(117, 'x');
+  IpcSocket refused;
+  EXPECT_FALSE(refused.Listen(name));
+  EXPECT_FALSE(refused.Connect(name, 100));
+  name.resize(116);
+  ASSERT_TRUE(longest.listener->Listen(name));
+  auto accepted = longest.Accept();
+  IpcSocket client;
+  EXPECT_TRUE(client.Connect(name, kLongMs));
+  EXPECT_TRUE(accepted.get());
+  EXPECT_LT(client.GetName().size(), 128u);
+}
+
+TEST(IpcSocket, ListenerThatDoesNotAnswerFailsTheConnector) {
+  IpcEnds ends;
+  ends.Listen();
+  IpcSocket client;
+  EXPECT_FALSE(client.Connect(ends.name, 50));
+  EXPECT_EQ(client.GetState(), IpcSocket::State::kFailed);
+}
+
+TEST(IpcSocket, CloseIsSeenAfterTheLastByte) {
+  IpcEnds ends;
+  ends.Meet();
+  const std::string text = Pattern(20000);
+  ASSERT_EQ(WriteText(*ends.client, text).count, text.size());
+  ends.client->Close();
+  std::string all;
+  IpcSocket::Result result;
+  do {
+    char block[8192];
+    result = ends.server->Read(block, sizeof block, kNoLimit);
+    all.append(block, result.count);
+  } while (result.count > 0);
+  EXPECT_EQ(all, text);
+  EXPECT_FALSE(result.isConnected);
+  EXPECT_FALSE(WriteText(*ends.server, "x").isConnected);
+}
+
+TEST(IpcSocket, BytesOfAPeerThatHasGoneOutliveTheLookAtItsHandles) {
+  IpcEnds ends;
+  ends.Meet();
+  WriteText(*ends.client, "last words");
+  ends.client.Reset();
+  EXPECT_TRUE(IsReady(*ends.server, 0));
+  EXPECT_FALSE(ends.server->IsConnected());
+  EXPECT_EQ(ReadText(*ends.server, 100), "last words");
+}
+
+TEST(IpcSocket, OwnCloseEndsWhatIsBlocked) {
+  IpcEnds ends;
+  ends.Meet();
+  auto reading = std::async(std::launch::async, [&] { return ReadText(*ends.client, 1, kNoLimit); });
+  auto writing = std::async(std::launch::async, [&] {
+    IpcSocket::StreamAdapter stream(ends.client);
+    const std::string text(200000, 'x');
+    EXPECT_THROW(stream.Write(text.data(), static_cast<u32>(text.size())), StreamException);
+  });
+  auto accepting = ends.Accept();
+  while (ends.server->GetAvailable() < 65519) SwitchToThread();
+  ends.client->Close();
+  EXPECT_EQ(reading.get(), "");
+  writing.get();
+  ends.listener->Close();
+  EXPECT_FALSE(accepting.get());
+}
+
+TEST(IpcSocket, ReadDoesNotWaitWithoutALimitOfTime) {
+  IpcEnds ends;
+  ends.Meet();
+  char byte;
+  IpcSocket::Result result = ends.server->Read(&byte, 1, 0);
+  EXPECT_EQ(result.count, 0u);
+  EXPECT_TRUE(result.isConnected);
+  result = ends.server->Read(&byte, 1, 50);
+  EXPECT_EQ(result.count, 0u);
+  EXPECT_TRUE(result.isConnected);
+}
+
+TEST(IpcSocket, MegabytesPassInBothDirectionsAtOnce) {
+  IpcEnds ends;
+  ends.Meet();
+  const std::string text = Pattern(5 << 20);
+  const auto send = [&](const rc_ptr<IpcSocket>& socket) {
+    rc_ptr<Stream> stream;
+    socket->GetStream(stream);
+    stream->Write(text.data(), static_cast<u32>(text.size()));
+  };
+  const auto receive = [&](IpcSocket& socket) {
+    std::string all;
+    while (all.size() < text.size()) {
+      const std::string block = ReadText(socket, 8192);
+      if (block.empty()) break;
+      all += block;
+    }
+    return all == text;
+  };
+  auto toServer = std::async(std::launch::async, send, ends.client);
+  auto toClient = std::async(std::launch::async, send, ends.server);
+  auto atServer = std::async(std::launch::async, [&] { return receive(*ends.server); });
+  EXPECT_TRUE(receive(*ends.client));
+  EXPECT_TRUE(atServer.get());
+  toServer.get();
+  toClient.get();
+}
+
+TEST(IpcSocket, WriterThatLosesItsPeerWakesTheWaiter) {
+  IpcEnds ends;
+  ends.Meet();
+  EXPECT_FALSE(IsReady(*ends.server, 0));
+  ends.client->Close();
+  IsReady(*ends.server, 0);
+  EXPECT_FALSE(WriteText(*ends.server, "x").isConnected);
+  EXPECT_TRUE(IsReady(*ends.server, 0));
+}
+
+// The header of a ring as a hostile peer would write it, in a region that it shares with a live end.
+class HostileRegion {
+ public:
+  explicit HostileRegion(const std::string& name)
+      : file_(name, 0, false), view_(file_.CreateView(0, MappedFile::kWholeSize, true)) {}
+  ~HostileRegion() { view_.Reset(); }
+  void Poke(u32 offset, u32 value) { std::memcpy(static_cast<u8*>(view_->GetData()) + offset, &value, sizeof value); }
+
+ private:
+  MappedFile file_;
+  rc_ptr<MappedFile::ViewImpl> view_;
+};
+
+TEST(IpcSocket, CorruptIndicesCloseTheConnection) {
+  for (const u32 ring : {0u, 0x10000u}) {
+    for (const u32 field : {4u, 8u}) {
+      IpcEnds ends;
+      ends.Meet();
+      HostileRegion(ends.server->GetName()).Poke(ring + field, 0xFFFFFF00);
+      char block[100];
+      const bool isInput = ring == 0;
+      const auto result = isInput ? ends.server->Read(block, sizeof block, 0) : WriteText(*ends.server, "x");
+      EXPECT_EQ(result.count, 0u);
+      EXPECT_FALSE(result.isConnected);
+    }
+  }
+}
+
+TEST(IpcSocket, ConnectorRefusesARegionOfAnotherShape) {
+  for (const u32 ring : {0u, 0x10000u}) {
+    for (const u32 capacity : {0u, 65519u, 65521u, 0xFFFFFFF0u, 0xFFFFFFFFu}) {
+      IpcEnds ends;
+      ends.Listen();
+      HostileRegion(ends.name).Poke(ring, capacity);
+      IpcSocket client;
+      EXPECT_FALSE(client.Connect(ends.name, 100));
+    }
+  }
+  const std::string name = test::UniqueName();
+  MappedFile tooSmall(name, 0x10000, true);
+  IpcSocket client;
+  EXPECT_FALSE(client.Connect(name, 100));
+}
+
+}  // namespace
+}  // namespace kestrun
