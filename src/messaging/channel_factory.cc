@@ -1,0 +1,38 @@
+#include <iostream>
+#include <string>
+
+#include "messaging/ipc_channel.h"
+#include "messaging/message_channel.h"
+#include "messaging/socket_channel.h"
+#include "transport/socket.h"
+
+namespace kestrun {
+
+namespace {
+
+MessageChannel* ConnectIpc(const std::string& name, u32 timeoutMs) {
+  const rc_ptr<IpcSocket> socket(new IpcSocket());
+  return socket->Connect(name, timeoutMs) ? new IpcChannel(socket) : nullptr;
+}
+
+MessageChannel* ConnectTcp(const SocketAddress& address, u32 timeoutMs) {
+  try {
+    const rc_ptr<Socket> socket(new TcpSocket(address, timeoutMs));
+    return new SocketChannel(socket.Get(), true);
+  } catch (const SocketException& failure) {
+    std::cerr << std::string("SocketException:") + failure.what() + " error=" + std::to_string(failure.GetCode()) +
+                     "\n";
+    return nullptr;
+  }
+}
+
+}  // namespace
+
+MessageChannel* MessageChannel::Create(const Address& address, u32 timeoutMs) {
+  if (address.GetKind() == Address::kIpc) return ConnectIpc(address.GetText(), timeoutMs);
+  SocketAddress target;
+  if (address.GetKind() != Address::kTcp || !address.GetSocketAddress(target)) return nullptr;
+  return ConnectTcp(target, timeoutMs);
+}
+
+}  // namespace kestrun

@@ -1,0 +1,49 @@
+#include "messaging/ipc_acceptor.h"
+
+#include <iostream>
+#include <utility>
+
+namespace kestrun {
+
+IpcAcceptor::IpcAcceptor(const std::string& name, Factory factory, Room hasRoom)
+    : factory_(std::move(factory)), hasRoom_(std::move(hasRoom)), socket_(new IpcSocket()) {
+  if (!socket_->Listen(name)) socket_.Reset();
+}
+
+IpcAcceptor::~IpcAcceptor() {
+  IpcAcceptor::Close();
+}
+
+rc_ptr<IpcSocket> IpcAcceptor::GetSocket() const {
+  const Lock lock(lock_);
+  return socket_;
+}
+
+int IpcAcceptor::GetHandle() {
+  const rc_ptr<IpcSocket> socket = GetSocket();
+  return socket && (!hasRoom_ || hasRoom_()) ? socket->GetWaitHandle() : -1;
+}
+
+bool IpcAcceptor::HandleEvent() {
+  const rc_ptr<IpcSocket> socket = GetSocket();
+  if (!socket) return false;
+  // The request may have been served together with the one before it; Accept would wait for the next one.
+  if (socket->GetAvailable() == 0) return true;
+  const rc_ptr<IpcSocket> connection(socket->Accept());
+  if (!connection) {
+    std::cerr << "IpcAcceptor - IpcSocket::Accept() return NULL!\n";
+  } else if (factory_ && !factory_(connection.Get())) {
+    std::cerr << "IpcAcceptor : factory-function failed!\n";
+  }
+  return true;
+}
+
+void IpcAcceptor::Close() {
+  const rc_ptr<IpcSocket> socket = GetSocket();
+  if (!socket) return;
+  socket->Close();
+  const Lock lock(lock_);
+  socket_.Reset();
+}
+
+}  // namespace kestrun

@@ -1,0 +1,102 @@
+#include "messaging/message.h"
+
+#include <utility>
+
+#include "messaging/segment_list.h"
+
+namespace kestrun {
+
+namespace {
+
+constexpr u32 HeaderWord(u32 type, u32 source, u32 destination) {
+  return (type & 0xFFFFFF) | ((source << 24) & 0x0F000000) | (destination << 28);
+}
+
+}  // namespace
+
+Message::Message(u32 type, u32 source, u32 destination) : header_(HeaderWord(type, source, destination)) {}
+
+Message::Message(const Address& address, u32 type, u32 source, u32 destination)
+    : header_(HeaderWord(type, source, destination)), address_(address) {}
+
+Message::Message(const Address& address, u32 length, Stream& stream) : header_(0), address_(address) {
+  if (length < kHeaderSize) throw FormatException("Not enough bytes for a message");
+  const u32 available = stream.GetAvailable();
+  for (u32* field : {&header_, &sequence_}) {
+    u32 word = 0;
+    if (stream.Read(&word, sizeof word) == sizeof word) *field = word;
+  }
+  while (available - stream.GetAvailable() < length) segments_.push_back(Segment::Parse(stream));
+}
+
+Message::~Message() = default;
+
+void Message::AddSegment(Segment* segment) {
+  segments_.emplace_back(segment);
+}
+
+rc_ptr<Message::Segment> Message::GetSegment(u32 index) const {
+  return detail::At(segments_, index);
+}
+
+rc_ptr<Message::Segment> Message::FindSegment(u32 type, u32 occurrence) const {
+  return detail::Find(segments_, type, occurrence);
+}
+
+Message& Message::AddString(u32 type, const std::string& value) {
+  segments_.push_back(Segment::FromString(type, value));
+  return *this;
+}
+
+Message& Message::AddPath(u32 type, const Path& value) {
+  segments_.push_back(Segment::FromPath(type, value));
+  return *this;
+}
+
+Message& Message::AddText(u32 type, const char* value) {
+  segments_.push_back(Segment::FromText(type, value));
+  return *this;
+}
+
+Message& Message::AddU8(u32 type, u8 value) {
+  segments_.push_back(Segment::FromU8(type, value));
+  return *this;
+}
+
+Message& Message::AddI32(u32 type, i32 value) {
+  segments_.push_back(Segment::FromI32(type, value));
+  return *this;
+}
+
+Message& Message::AddU32(u32 type, u32 value) {
+  segments_.push_back(Segment::FromU32(type, value));
+  return *this;
+}
+
+Message& Message::AddI64(u32 type, std::int64_t value) {
+  segments_.push_back(Segment::FromI64(type, value));
+  return *this;
+}
+
+Message& Message::AddU64(u32 type, u64 value) {
+  segments_.push_back(Segment::FromU64(type, value));
+  return *this;
+}
+
+u32 Message::Serialize(Streams& out) const {
+  if (out.empty()) out.emplace_back(new MemoryStream());
+  // A segment with large data ends the stream that it found, so each one asks for the last stream anew.
+  Stream& first = *out.back();
+  first.Write(&header_, sizeof header_);
+  first.Write(&sequence_, sizeof sequence_);
+  u32 count = kHeaderSize;
+  for (const auto& segment : segments_) count += segment->Serialize(out);
+  return count;
+}
+
+void Message::Describe(std::ostream& out) const {
+  out << "Type=" + std::to_string(header_) + " Sequence=" + std::to_string(sequence_) +
+             " Segments=" + std::to_string(segments_.size());
+}
+
+}  // namespace kestrun

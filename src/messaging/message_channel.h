@@ -1,0 +1,95 @@
+// Carries messages over a byte transport: frames and sends them, and puts them together again from what comes in.
+//
+// A frame is the message's size as a u32, little-endian, and the message. A channel works in one of two modes:
+// under a Reactor (Register) each message goes to a delegate; without one, its owner calls Receive and blocks.
+//
+// Threads: any number may Send, one frame at a time; a slow peer holds up the senders of its own channel. Receiving is
+// for one thread at a time, which the Reactor sees to in event mode.
+//
+// Failure: Send gives false, Receive an empty pointer. Bytes that can't be a message are a Message::FormatException
+// out of Receive or HandleEvent; the Reactor then closes the channel. A message that is cut off is never delivered,
+// and messages that came complete before the end are delivered first.
+#ifndef KESTRUN_MESSAGING_MESSAGE_CHANNEL_H_
+#define KESTRUN_MESSAGING_MESSAGE_CHANNEL_H_
+
+#include <cstdint>
+
+#include "messaging/message.h"
+#include "runtime/critical_section.h"
+#include "runtime/delegate.h"
+#include "runtime/memory_stream.h"
+#include "runtime/rc_ptr.h"
+#include "runtime/reactor.h"
+#include "runtime/stream.h"
+#include "runtime/types.h"
+#include "transport/address.h"
+
+namespace kestrun {
+
+class MessageChannel : public Reactor::EventHandler {
+ public:
+  using MessageDelegate = Functor2<void, rc_ptr<Message>, MessageChannel*>::Type;
+
+  // Connects to an ipc or tcp address. Null if that fails; for tcp the reason is on the standard error stream.
+  static MessageChannel* Create(const Address& address, u32 timeoutMs);
+
+  ~MessageChannel() override;
+
+  // Reactor::EventHandler
+  u32 GetEvents() override { return 1; }
+  bool UsesThreadPool() override { return true; }
+  bool HandleEvent() override;
+  void Close() override;
+
+  virtual bool Connect(const Address& address, u32 timeoutMs) = 0;
+  virtual bool Send(rc_ptr<Message> message);
+  // As Send, but throws StreamException; returns the message's size. Part of a frame may be out when it throws.
+  virtual u32 Transmit(rc_ptr<Message> message);
+  // To all hosts of the local network; datagram channels only. Throws SocketException.
+  virtual bool Broadcast(rc_ptr<Message> message, u16 port);
+  // -1 waits without limit. A time-out in the middle of a frame loses nothing: the next call goes on from there.
+  virtual rc_ptr<Message> Receive(int timeoutMs);
+  // Begins event mode. The delegate is called on the reactor's thread for channels of this kind.
+  virtual bool Register(Reactor* reactor, MessageDelegate delegate);
+  // The peer.
+  virtual Address GetAddress() = 0;
+  virtual bool IsDatagram() = 0;
+  // Seconds, as from time(nullptr).
+  virtual std::int64_t GetLastActivity() = 0;
+  // Appends what has come. False if nothing came within a limit above 0, or if the peer is gone; what came before is
+  // in the buffer then.
+  virtual bool ReadInto(MemoryStream& buffer, int timeoutMs) = 0;
+
+ protected:
+  // The derived class gives the output stream in its constructor.
+  MessageChannel();
+
+  // The message's frame as a list of streams, to be written whole, in order; returns the message's size.
+  static u32 BuildFrame(const Message& message, Message::Streams& out);
+
+  static constexpr u32 kReadBlock = 8192;
+
+  rc_ptr<Stream> output_;  // constant after construction
+
+ private:
+  enum class ReceiveState { kLength, kBody };
+
+  bool HasBytes(u32 count) { return input_->GetAvailable() >= count; }
+  void TakeFrameLength();
+  rc_ptr<Message> TakeMessage();
+  void RecycleInput();
+
+  Reactor* reactor_ = nullptr;
+  CriticalSection sendLock_;  // held for a whole frame; guards sequence_
+  MessageDelegate delegate_;
+  // Owned by the thread that receives.
+  rc_ptr<MemoryStream> input_;
+  ReceiveState receiveState_ = ReceiveState::kLength;
+  u32 frameLength_ = 0;
+  u32 bytesWanted_;
+  u32 sequence_ = 1;
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MESSAGING_MESSAGE_CHANNEL_H_

@@ -1,0 +1,54 @@
+#include "messaging/socket_acceptor.h"
+
+#include <iostream>
+#include <utility>
+
+#include "transport/socket.h"
+
+namespace kestrun {
+
+SocketAcceptor::SocketAcceptor(const SocketAddress& address, Factory factory, bool reuseAddress)
+    : factory_(std::move(factory)), socket_(new ListenSocket(address, reuseAddress)) {}
+
+SocketAcceptor::SocketAcceptor(u16 port, Factory factory, bool reuseAddress)
+    : factory_(std::move(factory)), socket_(new ListenSocket(port, reuseAddress)) {}
+
+SocketAcceptor::~SocketAcceptor() {
+  SocketAcceptor::Close();
+}
+
+rc_ptr<ListenSocket> SocketAcceptor::GetSocket() const {
+  const Lock lock(lock_);
+  return socket_;
+}
+
+SocketAddress SocketAcceptor::GetLocalAddress() const {
+  const rc_ptr<ListenSocket> socket = GetSocket();
+  return socket ? socket->GetLocalAddress() : SocketAddress();
+}
+
+int SocketAcceptor::GetHandle() {
+  const rc_ptr<ListenSocket> socket = GetSocket();
+  return socket ? static_cast<int>(socket->GetDescriptor()) : -1;
+}
+
+bool SocketAcceptor::HandleEvent() {
+  const rc_ptr<ListenSocket> socket = GetSocket();
+  if (!socket) return false;
+  const u32 descriptor = socket->Accept();
+  if (descriptor == Socket::kInvalidDescriptor) throw SocketException(WSAENOTSOCK, "accept() failed");
+  // Our reference, so that a connection that nobody takes is closed.
+  const rc_ptr<TcpSocket> connection(new TcpSocket(descriptor));
+  if (factory_ && !factory_(connection.Get())) std::cerr << "SocketAcceptor : factory-function failed!\n";
+  return true;
+}
+
+void SocketAcceptor::Close() {
+  const rc_ptr<ListenSocket> socket = GetSocket();
+  if (!socket) return;
+  socket->Close();
+  const Lock lock(lock_);
+  socket_.Reset();
+}
+
+}  // namespace kestrun

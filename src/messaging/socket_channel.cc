@@ -1,0 +1,81 @@
+#include "messaging/socket_channel.h"
+
+#include <ctime>
+#include <utility>
+
+#include "transport/socket.h"
+#include "transport/socket_stream.h"
+
+namespace kestrun {
+
+namespace {
+
+// What one ReadInto takes at most; select reports the socket again while there is more.
+constexpr u32 kMaxBytesAtOnce = 0x100000;
+
+}  // namespace
+
+SocketChannel::SocketChannel(Socket* socket, bool blocking) : socket_(socket), lastActivity_(Now()) {
+  socket_->SetBlocking(blocking);
+  output_ = new SocketStream(socket);
+}
+
+SocketChannel::~SocketChannel() = default;
+
+std::int64_t SocketChannel::Now() {
+  return std::time(nullptr);
+}
+
+int SocketChannel::GetHandle() {
+  return static_cast<int>(socket_->GetDescriptor());
+}
+
+bool SocketChannel::Connect(const Address& address, u32 timeoutMs) {
+  SocketAddress target;
+  if (!address.GetSocketAddress(target)) return false;
+  try {
+    socket_->Connect(target, timeoutMs);
+  } catch (const SocketException&) {
+    return false;
+  }
+  lastActivity_ = Now();
+  return true;
+}
+
+bool SocketChannel::Broadcast(rc_ptr<Message> message, u16 port) {
+  if (!IsDatagram()) return false;
+  Message::Streams frame;
+  BuildFrame(*message, frame);
+  if (frame.size() > 1) return false;
+  const auto& stream = static_cast<const MemoryStream&>(*frame.front());
+  socket_->Broadcast(stream.GetData(), stream.GetSize(), port);
+  return true;
+}
+
+Address SocketChannel::GetAddress() {
+  return Address(socket_->GetPeerAddress(), IsDatagram() ? Address::kUdp : Address::kTcp, false);
+}
+
+bool SocketChannel::IsDatagram() {
+  return socket_->GetType() == SOCK_DGRAM;
+}
+
+// A datagram comes alone: behind one that fills the block there is not more of it.
+bool SocketChannel::ReadInto(MemoryStream& buffer, int) {
+  u8 block[kReadBlock];
+  for (u32 total = 0; total < kMaxBytesAtOnce;) {
+    u32 count;
+    try {
+      count = socket_->Receive(block, sizeof block);
+    } catch (const SocketException&) {
+      return false;
+    }
+    if (count > 0 && buffer.Append(block, count) == 0) return false;
+    total += count;
+    if (count < sizeof block || IsDatagram()) break;
+  }
+  lastActivity_ = Now();
+  return true;
+}
+
+}  // namespace kestrun
