@@ -1,0 +1,63 @@
+// The numbers of the protocol between stubs and master. Only the numbers travel; docs/protocol.md tells which message
+// holds which segments, who sends it and when.
+#ifndef KESTRUN_PROTOCOL_PROTOCOL_H_
+#define KESTRUN_PROTOCOL_PROTOCOL_H_
+
+#include "runtime/types.h"
+
+namespace kestrun {
+
+// Service numbers: the two ends of a message.
+inline constexpr u32 kMasterService = 2;
+inline constexpr u32 kStubService = 3;
+
+// Message types. What a stub sends bears kStubService -> kMasterService, what the master sends it the reverse; what the
+// master posts to itself bears kMasterService on both sides. Numbers from 1000000 upward belong to the dispatcher.
+enum MessageType : u32 {
+  MSG_LOCAL_JOB_RESULT = 100,  // a local build thread to the message thread: a tool has ended
+  MSG_BUILD_REQUEST = 101,     // stub to master: run this tool
+  MSG_QUEUE_TICK = 102,        // the master to itself, every 500 ms
+  MSG_JOBS_FINISHED = 104,     // the finish event was signalled
+  MSG_STOP = 105,              // the master is to stop
+  MSG_DRAIN_REQUESTS = 106,    // the master to itself: take over the jobs that have been parsed
+  MSG_PROJECT_DETAILS = 107,   // script stub to master, ahead of its jobs
+  MSG_BUILD_RESULT = 600,      // master to stub: output, and with SEG_EXIT_CODE the end of a job
+  MSG_PROJECT_COMPLETE = 601,  // master to script stub, after its last result
+};
+
+// Segment types: text unless a comment gives another form.
+enum SegmentType : u32 {
+  SEG_ARGUMENTS = 1,
+  SEG_JOB_NAME = 3,
+  SEG_STDOUT = 4,
+  SEG_STDERR = 5,
+  SEG_EXIT_CODE = 6,  // i32
+  SEG_JOB_ID = 9,     // i32
+  SEG_WORKING_DIR = 10,
+  SEG_START_TIME = 12,  // u64: local time, milliseconds since the FILETIME epoch
+  SEG_ELAPSED = 13,     // i32: milliseconds
+  SEG_STOP_REASON = 23,
+  SEG_TOOL = 26,  // full path of the executable
+  SEG_ECHO_TEXT = 27,
+  SEG_JOB_TIMEOUT = 28,  // u32: seconds, 0 for none
+  SEG_PROJECT = 29,
+  SEG_JOB_COUNT = 30,   // u32
+  SEG_FLAGS = 31,       // u32: JobFlag bits
+  SEG_KEEP_GOING = 32,  // u32: 1, or the segment is absent
+  SEG_ENV_VAR = 300,    // container of one SEG_ENV_NAME and one SEG_ENV_VALUE; repeated
+  SEG_ENV_NAME = 301,
+  SEG_ENV_VALUE = 302,
+};
+
+// Bits of SEG_FLAGS and of Options::flags.
+enum JobFlag : u32 {
+  FLAG_VERBOSE = 0x20,
+  FLAG_KEEP_GOING = 0x400,
+};
+
+// As an exit code: Kestrun itself failed, not a tool.
+inline constexpr i32 StubFailureCode = 0x45504C56;
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_PROTOCOL_PROTOCOL_H_
