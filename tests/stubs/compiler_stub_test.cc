@@ -1,0 +1,195 @@
+#include "stubs/compiler_stub.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <regex>
+#include <vector>
+
+#include "fake_master.h"
+#include "platform/host.h"
+#include "support/child.h"
+
+namespace kestrun {
+namespace {
+
+using test::Child;
+using test::FakeMaster;
+
+// Words: the master's id, the tool's path, the arguments.
+KESTRUN_CHILD(RunsACompilerStub) {
+  platform::SetStandardStreamsBinary();  // as the real process does
+  IniFile settings;
+  Options options;
+  options.id = words[0];
+  options.tool = "as_typed";
+  options.toolArgs = words[2];
+  options.name = "my job";
+  options.project = "from option";
+  options.flags = FLAG_KEEP_GOING;
+  options.timeoutSeconds = 60;
+  CompilerStub stub(settings, options, Path(words[1]));
+  return stub.Run();
+}
+
+class CompilerStubTest : public testing::Test {
+ protected:
+  Child Start(const std::string& arguments, test::ChildOptions options = {}) {
+    return Child::Self("RunsACompilerStub", {master_.Id(), tool_, arguments}, options);
+  }
+  // A stub that has sent its request.
+  Child StartAndTakeRequest(const std::string& arguments, const test::ChildOptions& options = {}) {
+    master_.Listen();
+    Child child = Start(arguments, options);
+    master_.Accept();
+    request_ = master_.Receive();
+    EXPECT_TRUE(request_);
+    return child;
+  }
+
+  FakeMaster master_;
+  const std::string tool_ = test::ProgramPath("test_tool");
+  rc_ptr<Message> request_;
+};
+
+TEST_F(CompilerStubTest, SendsItsInvocationAndHoldsItsPlaceToTheEnd) {
+  test::TempFolder folder;
+  const std::string responseFile = folder.Write("a.rsp", "x y");
+  test::ChildOptions options;
+  options.environment["KT_VARIABLE"] = "a=b";
+  Child child = StartAndTakeRequest("/c \"a b\" @" + responseFile + "  $$I:x", options);
+  EXPECT_EQ(request_->GetType(), MSG_BUILD_REQUEST);
+  EXPECT_EQ(request_->GetDestination(), kMasterService);
+  std::vector<u32> order;
+  std::map<std::string, std::string> environment;
+  for (u32 i = 0; i < request_->GetSegmentCount(); ++i) {
+    const rc_ptr<Message::Segment> segment = request_->GetSegment(i);
+    if (segment->GetType() != SEG_ENV_VAR) {
+      order.push_back(segment->GetType());
+      continue;
+    }
+    std::string name;
+    segment->FindNested(SEG_ENV_NAME)->GetString(name);
+    segment->FindNested(SEG_ENV_VALUE)->GetString(environment[name]);
+  }
+  EXPECT_EQ(order, (std::vector<u32>{SEG_TOOL, SEG_WORKING_DIR, SEG_ARGUMENTS, SEG_PROJECT, SEG_FLAGS, SEG_JOB_TIMEOUT,
+                                     SEG_JOB_NAME}));
+  EXPECT_EQ(test::TextOf(request_, SEG_TOOL), tool_);
+  EXPECT_EQ(test::TextOf(request_, SEG_WORKING_DIR), GetWorkingDirectory());
+  EXPECT_EQ(test::TextOf(request_, SEG_ARGUMENTS), "/c \"a b\"  x y  $$I:x");
+  EXPECT_EQ(test::TextOf(request_, SEG_PROJECT), "from option");
+  EXPECT_EQ(test::TextOf(request_, SEG_JOB_NAME), "my job");
+  EXPECT_EQ(test::NumberOf(request_, SEG_FLAGS), FLAG_KEEP_GOING);
+  EXPECT_EQ(test::NumberOf(request_, SEG_JOB_TIMEOUT), 60u);
+  EXPECT_EQ(environment["KT_VARIABLE"], "a=b");
+  EXPECT_FALSE(master_.HasFreePlace());
+  master_.Send(FakeMaster::Result("", "", 0));
+  EXPECT_EQ(child.Wait(), 0);
+  EXPECT_TRUE(master_.HasFreePlace());
+}
+
+TEST_F(CompilerStubTest, EchoesWhatComesAndEndsWithTheFirstExitCode) {
+  Child child = StartAndTakeRequest("x");
+  master_.Send(FakeMaster::Output("first\n", "e1"));
+  EXPECT_EQ(child.ReadLine(), "first");
+  master_.Send(FakeMaster::Result("\r\nlast", "e2", 3, true));
+  EXPECT_EQ(child.Wait(), 3);
+  EXPECT_EQ(child.Output(), "first\n\r\nlast");
+  EXPECT_EQ(child.Errors(), "e1e2");
+}
+
+TEST_F(CompilerStubTest, ReportsAFailureOfTheMasterInPlaceOfOutput) {
+  Child child = StartAndTakeRequest("x");
+  master_.Send(FakeMaster::Result("not shown", "why", StubFailureCode));
+  EXPECT_EQ(test::LowByte(child.Wait()), 0xFF);
+  EXPECT_EQ(child.Output(), "");
+  EXPECT_EQ(child.Errors(), "KESTRUN: error: why\n");
+}
+
+TEST_F(CompilerStubTest, TakesTheProjectFromTheEnvironmentIfItFits) {
+  const struct {
+    std::string value;
+    std::string project;
+    std::string errors;
+  } cases[] = {
+      {"from env", "from env", ""},
+      {std::string(255, 'x'), std::string(255, 'x'), ""},
+      {std::string(256, 'x'), "from option", "KESTRUN: warning: KESTRUN_PROJECT is too long, ignored\n"},
+  };
+  master_.Listen();
+  for (const auto& c : cases) {
+    test::ChildOptions options;
+    options.environment["KESTRUN_PROJECT"] = c.value;
+    Child child = Start("x", options);
+    master_.Accept();
+    EXPECT_EQ(test::TextOf(master_.Receive(), SEG_PROJECT), c.project);
+    master_.Send(FakeMaster::Result("", "", 0));
+    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_EQ(child.Errors(), c.errors);
+  }
+}
+
+TEST_F(CompilerStubTest, BuildsLocallyWithoutAListener) {
+  Child child = Start("print $$I:out , error $$O:err , exit 6 $$Cmore");
+  EXPECT_EQ(child.Wait(), 6);
+  EXPECT_EQ(child.Output(), "out\n");
+  // How many run is the machine's affair.
+  EXPECT_EQ(std::regex_replace(child.Errors(), std::regex("currently \\d+ "), "currently N "),
+            "There are currently N instances of kestrun.exe running.\n"
+            "KESTRUN: error: Could not initiate build request to master\n"
+            "KESTRUN: warning: building locally...\n"
+            "err\n");
+  EXPECT_TRUE(master_.HasFreePlace());
+}
+
+TEST_F(CompilerStubTest, BuildsLocallyWhenTheMasterHangsUp) {
+  Child child = StartAndTakeRequest("print local , exit 4");
+  master_.Send(FakeMaster::Output("shown\n", ""));
+  EXPECT_EQ(child.ReadLine(), "shown");
+  master_.HangUp();
+  EXPECT_EQ(child.Wait(), 4);
+  EXPECT_EQ(child.Output(), "shown\nlocal\n");
+  EXPECT_EQ(child.Errors(),
+            "KESTRUN: error: Error waiting for response from master\nKESTRUN: warning: building locally...\n");
+}
+
+TEST_F(CompilerStubTest, BuildsLocallyAfterAMessageThatItDoesNotKnow) {
+  Child child = StartAndTakeRequest("exit 4");
+  master_.SendType(MSG_PROJECT_COMPLETE);
+  EXPECT_EQ(child.Wait(), 4);
+  EXPECT_EQ(child.Errors(), "KESTRUN: warning: building locally...\n");
+}
+
+TEST_F(CompilerStubTest, GivesMinusOneForALocalToolThatCannotStart) {
+  Child child = Child::Self("RunsACompilerStub", {master_.Id(), tool_ + "_missing", ""});
+  EXPECT_EQ(test::LowByte(child.Wait()), 0xFF);
+  EXPECT_NE(child.Errors().find("CreateProcess(as_typed ) failed with error "), std::string::npos) << child.Errors();
+}
+
+// A stub that waits for a few milliseconds where the real one waits for two minutes.
+class ImpatientStub : public CompilerStub {
+ public:
+  ImpatientStub(IniFile& settings, const Options& options) : CompilerStub(settings, options, Path()) {}
+  bool Wait() {
+    const WaitTexts texts{"still waiting", "timed out", "title", "x"};
+    return OpenClientAccess() && WaitForAccess(texts, {2, 6});
+  }
+};
+
+TEST_F(CompilerStubTest, GivesUpWaitingAfterTheLimitAndGivesNoPlaceBack) {
+  master_.TakePlace();
+  IniFile settings;
+  Options options;
+  options.id = master_.Id();
+  testing::internal::CaptureStderr();
+  {
+    ImpatientStub stub(settings, options);
+    EXPECT_FALSE(stub.Wait());
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "still waiting\nstill waiting\nstill waiting\nKESTRUN: error: timed out\n");
+  EXPECT_FALSE(master_.HasFreePlace());
+}
+
+}  // namespace
+}  // namespace kestrun
