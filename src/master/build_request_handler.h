@@ -1,0 +1,68 @@
+// Parses build requests away from the master's message thread.
+#ifndef KESTRUN_MASTER_BUILD_REQUEST_HANDLER_H_
+#define KESTRUN_MASTER_BUILD_REQUEST_HANDLER_H_
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "master/build_job.h"
+#include "messaging/message.h"
+#include "messaging/message_dispatcher.h"
+#include "runtime/blocking_queue.h"
+#include "runtime/environment.h"
+#include "runtime/ini_file.h"
+#include "runtime/rc_ptr.h"
+#include "runtime/thread.h"
+#include "stubs/options.h"
+
+namespace kestrun {
+
+// One thread, "BuildRequestThread", turns each request into a BuildJob and leaves it in a queue, from which the message
+// thread fetches it. Job numbers follow the order of the requests. A request that can't become a job is refused: its
+// stub gets exit code 1 and the reason, and the scheduler hears nothing of it.
+class BuildRequestHandler {
+ public:
+  // Starts the thread. Settings and dispatcher outlive the handler. `onJob`, if it is not empty, is called on the
+  // thread each time that a job has become ready.
+  BuildRequestHandler(IniFile* settings, const Options& options, MessageDispatcher* dispatcher,
+                      Functor0<void>::Type onJob = {});
+  // Stops the thread if Stop has not.
+  ~BuildRequestHandler();
+  BuildRequestHandler(const BuildRequestHandler&) = delete;
+  BuildRequestHandler& operator=(const BuildRequestHandler&) = delete;
+
+  // Never blocks. From the message thread.
+  void SubmitRequest(const rc_ptr<Message>& request);
+  // The next job that is ready, or an empty pointer; never waits. From the message thread.
+  rc_ptr<BuildJob> NextJob();
+
+  // Ends the thread; requests still queued are never parsed. A thread that doesn't end within 30 s ends the process
+  // with code 1.
+  void Stop();
+
+ private:
+  void HandleRequests();
+  rc_ptr<BuildJob> ParseRequest(const rc_ptr<Message>& request);
+  rc_ptr<BuildJob> CreateJob(const std::string& tool, const std::string& arguments, const Path& workingDirectory,
+                             const std::shared_ptr<const Environment>& environment, u32 flags,
+                             const std::string& echoText, const std::string& projectName);
+  std::shared_ptr<const Environment> ReadEnvironment(const Message& request);
+  void Refuse(const Message& request, const std::string& reason);
+
+  MessageDispatcher* const dispatcher_;
+  IniFile* const settings_;
+  const Options options_;
+  const Functor0<void>::Type onJob_;
+  BlockingQueue<rc_ptr<Message>> requests_;  // an empty pointer ends the thread
+  std::vector<rc_ptr<Thread>> threads_;      // constant after construction
+  BlockingQueue<rc_ptr<BuildJob>> jobs_;
+  u32 nextJobId_ = 0;                                   // number of the last job; the thread's own
+  std::shared_ptr<const Environment> lastEnvironment_;  // the thread's own
+  std::atomic<bool> stopped_{false};
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MASTER_BUILD_REQUEST_HANDLER_H_

@@ -1,0 +1,46 @@
+#ifndef KESTRUN_MASTER_PROJECT_H_
+#define KESTRUN_MASTER_PROJECT_H_
+
+#include <cstddef>
+#include <map>
+#include <string>
+
+#include "master/build_job.h"
+#include "messaging/message_channel.h"
+#include "runtime/rc_ptr.h"
+
+namespace kestrun {
+
+// The jobs that share a project name. Touched by the message thread only.
+//
+// A project announced by a script stub holds a number of jobs from the start; one made from a job grows with each job
+// that arrives. A project that has ended stays, and a later job of its name goes on from where the counters stood.
+class Project : public rc_base {
+ public:
+  Project(const std::string& projectName, u32 projectFlags, u32 jobCount)
+      : name(projectName), flags(projectFlags), totalJobs(jobCount) {}
+
+  // Takes a job in as pending. True if the project has grown by it.
+  bool AddJob(const rc_ptr<BuildJob>& job);
+  // Moves a job from pending to completed.
+  void CompleteJob(const rc_ptr<BuildJob>& job);
+  // The same for a job that is not to be kept: it is only counted.
+  void ForgetJob(const BuildJob& job);
+  std::size_t CompletedCount() const { return completed.size() + forgottenJobs; }
+  // Nothing is pending and as many jobs have completed as the project holds.
+  bool IsFinished() const { return pending.empty() && CompletedCount() == totalJobs; }
+
+  const std::string name;
+  const u32 flags;
+  u32 totalJobs;
+  u32 receivedJobs = 0;
+  u32 dispatchedJobs = 0;
+  std::map<u32, rc_ptr<BuildJob>> pending;
+  std::map<u32, rc_ptr<BuildJob>> completed;
+  std::size_t forgottenJobs = 0;       // completed and not kept
+  rc_ptr<MessageChannel> stubChannel;  // the script stub that announced the project; released when the project ends
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MASTER_PROJECT_H_

@@ -1,0 +1,277 @@
+#include "master/project_stub.h"
+
+#include <vector>
+
+#include "master/format_elapsed.h"
+#include "master/local_time.h"
+#include "master/master_log.h"
+#include "protocol/message_reader.h"
+#include "protocol/protocol.h"
+#include "runtime/event_timer.h"
+#include "runtime/executable_search.h"
+#include "runtime/handle.h"
+#include "runtime/version.h"
+#include "stubs/console.h"
+#include "transport/local_host.h"
+#include "transport/socket_stream.h"
+
+namespace kestrun {
+
+namespace {
+
+constexpr const char* kInstanceEvent = "Global\\dorn_kr_project_stub";
+constexpr const char* kEventsCondition = "PLOVR2_WAIT_FOR_EVENTS_CONDITION";
+constexpr u32 kDefaultMaxConcurrentJobs = 30;
+constexpr u32 kDefaultMaxStubs = 30;
+constexpr u32 kMostStubs = MessageDispatcher::kMaxIpcChannels;
+constexpr u32 kSocketWriteLimitMs = 30000;
+constexpr u32 kTickMs = 500;
+constexpr u32 kShutdownPauseMs = 500;
+
+u32 ReadMaxStubs(IniFile& settings) {
+  const u32 wanted = settings.GetInt("LocalSettings/MaxStubs", kDefaultMaxStubs);
+  if (wanted == 0) return kDefaultMaxStubs;
+  if (wanted <= kMostStubs) return wanted;
+  const std::string text = "MaxStubs is " + std::to_string(wanted) + ", using " + std::to_string(kMostStubs);
+  PrintWarning(text);
+  WriteMasterLog(Log::Warning, text);
+  return kMostStubs;
+}
+
+// Open to every user of the machine.
+UniqueHandle CreateInstanceEvent() {
+  SECURITY_DESCRIPTOR everyone;
+  InitializeSecurityDescriptor(&everyone, SECURITY_DESCRIPTOR_REVISION);
+  SetSecurityDescriptorDacl(&everyone, TRUE, nullptr, FALSE);
+  SECURITY_ATTRIBUTES attributes{};
+  attributes.nLength = sizeof(attributes);
+  attributes.lpSecurityDescriptor = &everyone;
+  attributes.bInheritHandle = FALSE;
+  return UniqueHandle(CreateEventA(&attributes, TRUE, FALSE, kInstanceEvent));
+}
+
+std::string OwnVersion() {
+  VersionNumber version;
+  GetFileVersion(GetProgramPath().ToString(), version);
+  return version.ToString();
+}
+
+rc_ptr<Message> OwnMessage(u32 type) {
+  return new Message(type, kMasterService, kMasterService);
+}
+
+}  // namespace
+
+ProjectStub::ProjectStub(IniFile& settings, const Options& options)
+    : StubBase(settings, options),
+      startDirectory_(GetWorkingDirectory()),
+      dispatcher_(GetLocalHostName(), 0, "zelvo_client_ipc_" + id_),
+      scheduler_(settings.GetInt("LocalSettings/MaxConcurrentJobs", kDefaultMaxConcurrentJobs), &settings,
+                 &dispatcher_),
+      requestHandler_(&settings, options, &dispatcher_, MakeJobListener(settings)) {
+  const std::string accessName = "zelvo_client_access_" + id_;
+  clientAccess_ = std::make_unique<Semaphore>(static_cast<i32>(ReadMaxStubs(settings)), accessName.c_str());
+  dispatcher_.AddErrorListener(MakeDelegate(&ProjectStub::OnDispatcherError, this));
+  dispatcher_.AddReactorErrorListener(MakeDelegate(&ProjectStub::OnReactorError, this));
+  dispatcher_.AddClient(kMasterService, MakeDelegate(&ProjectStub::HandleMessage, this), 1);
+  SocketStream::SetDefaultTimeout(kSocketWriteLimitMs);
+  SetEnvironmentVariableA("KESTRUN_ID", id_.c_str());
+  if (options_.stopEvent != nullptr) StartWaitThread();
+}
+
+ProjectStub::~ProjectStub() {
+  if (waitThread_) {
+    waitThreadEnd_->Signal();
+    waitThread_->Wait(kNoLimit);
+  }
+  // Where Run has ended before its dispatcher ran, the message thread lives until the dispatcher goes, after everything
+  // that a message touches.
+  const Lock lock(handlingLock_);
+  isEnding_ = true;
+}
+
+void ProjectStub::StartWaitThread() {
+  eventsCondition_ = std::make_unique<Condition>(kEventsCondition);
+  waitThreadEnd_ = std::make_unique<Condition>();
+  rc_ptr<Thread> thread = new Thread("WaitForEventsThread");
+  if (thread->Start(MakeDelegate(&ProjectStub::WaitForEvents, this))) waitThread_ = thread;
+}
+
+int ProjectStub::Run() {
+  const UniqueHandle instance = CreateInstanceEvent();
+  if (instance && GetLastError() == ERROR_ALREADY_EXISTS) {
+    PrintError("Another instance of Kestrun is already running.");
+    return 1;
+  }
+  EventTimer timer("event timer");
+  timer.Start();
+  WriteMasterLog(Log::Info, "========== Client Build Started ==========", {{"version", OwnVersion()}});
+  dispatcher_.Run();
+  dispatcher_.Close();
+  timer.Stop();
+  LogFinished(timer.GetElapsed());
+  return exitCode_;
+}
+
+void ProjectStub::LogFinished(u32 elapsedMs) {
+  Log::Fields fields{{"elapsed_time", FormatElapsed(elapsedMs)}};
+  for (const auto& [id, job] : failedJobs_) fields.emplace_back("failed_file", job->commandLine);
+  WriteMasterLog(Log::Info, "========== Client Build Finished ==========", fields);
+}
+
+void ProjectStub::Stop(const std::string& reason) {
+  StopBuild(1, reason);
+}
+
+void ProjectStub::HandleMessage(rc_ptr<Message> message) {
+  const Lock lock(handlingLock_);
+  if (isEnding_) return;
+  switch (message->GetType()) {
+    case MSG_LOCAL_JOB_RESULT:
+      return OnJobResult(message);
+    case MSG_BUILD_REQUEST:
+      return requestHandler_.SubmitRequest(message);
+    case MSG_QUEUE_TICK:
+      return OnTick();
+    case MSG_JOBS_FINISHED:
+      return OnJobsFinished();
+    case MSG_STOP:
+      return OnStop(message);
+    case MSG_DRAIN_REQUESTS:
+      return OnDrainRequests();
+    case MSG_PROJECT_DETAILS:
+      return OnProjectDetails(message);
+    case MessageDispatcher::kStarted:
+      return OnStarted();
+    case MessageDispatcher::kClosed:
+    case MessageDispatcher::kTimedOut:
+      return OnChannelEvent(message);
+    default:
+      return;
+  }
+}
+
+void ProjectStub::OnJobResult(const rc_ptr<Message>& message) {
+  i32 exitCode = -1;
+  u32 jobId = 0;
+  i32 elapsedMs = 1;
+  u64 startTime = LocalTimeMs();
+  std::string stdoutText;
+  std::string stderrText;
+  const MessageReader reader(message);
+  reader.RequireInt(SEG_EXIT_CODE, exitCode);
+  reader.ReadString(SEG_STDOUT, stdoutText);
+  reader.ReadString(SEG_STDERR, stderrText);
+  reader.ReadUnsigned(SEG_JOB_ID, jobId);
+  reader.ReadLong(SEG_START_TIME, startTime);
+  reader.ReadInt(SEG_ELAPSED, elapsedMs);
+
+  const rc_ptr<Server> server = scheduler_.GetServer();
+  if (!server) return;
+  const rc_ptr<BuildJob> job =
+      scheduler_.JobResult(server, jobId, exitCode, stdoutText, stderrText, startTime, elapsedMs);
+  if (!job) return;
+  if (exitCode != 0) failedJobs_[jobId] = job;
+  scheduler_.SendResult(dispatcher_.FindChannel(job->clientAddress), job->stdoutText, job->stderrText, job->exitCode,
+                        (job->flags & FLAG_KEEP_GOING) != 0);
+  scheduler_.JobCompleted(job);
+}
+
+void ProjectStub::OnTick() {
+  dispatcher_.Post(OwnMessage(MSG_DRAIN_REQUESTS), false);
+  dispatcher_.PostDelayed(OwnMessage(MSG_QUEUE_TICK), 0, kTickMs);
+}
+
+void ProjectStub::OnJobsFinished() {
+  WriteMasterLog(Log::Info, "Finished Jobs");
+}
+
+void ProjectStub::OnStop(const rc_ptr<Message>& message) {
+  std::string reason = "STOP command received";
+  MessageReader(message).ReadString(SEG_STOP_REASON, reason);
+  StopBuild(0, reason);
+}
+
+void ProjectStub::OnDrainRequests() {
+  while (const rc_ptr<BuildJob> job = requestHandler_.NextJob()) scheduler_.AddJob(job);
+  scheduler_.ScheduleIfPending();
+}
+
+Functor0<void>::Type ProjectStub::MakeJobListener(IniFile& settings) {
+  if (!settings.GetBool("Extensions/EagerScheduling", false)) return {};
+  return MakeDelegate(&ProjectStub::OnJobReady, this);
+}
+
+// Before the start nothing is scheduled; what has come until then is drained by the first tick.
+void ProjectStub::OnJobReady() {
+  if (isStarted_) dispatcher_.Post(OwnMessage(MSG_DRAIN_REQUESTS), false);
+}
+
+void ProjectStub::OnProjectDetails(const rc_ptr<Message>& message) {
+  const MessageReader reader(message);
+  std::string name;
+  u32 jobCount = 0;
+  u32 flags = 0;
+  if (!reader.ReadString(SEG_PROJECT, name)) return;
+  reader.ReadUnsigned(SEG_JOB_COUNT, jobCount);
+  reader.ReadUnsigned(SEG_FLAGS, flags);
+  scheduler_.NewProject(name, jobCount, flags, message->GetAddress());
+}
+
+void ProjectStub::OnStarted() {
+  isStarted_ = true;
+  if (options_.readyEvent != nullptr) SetEvent(options_.readyEvent);
+  OnTick();
+}
+
+// Unless the scheduler cancels them, the jobs of a stub that goes away run to their end, and their results find no
+// channel.
+void ProjectStub::OnChannelEvent(const rc_ptr<Message>& message) {
+  const Address& address = message->GetAddress();
+  scheduler_.ClientGone(address);
+  if (address.GetKind() == Address::kIpc) return;
+  WriteMasterLog(Log::Warning, "Unknown channel disconnected", {{"address", address.ToString()}});
+}
+
+void ProjectStub::StopBuild(int code, const std::string& reason) {
+  exitCode_ = code;
+  WriteMasterLog(Log::Info, "Build Stopped", {{"reason", reason}});
+  WriteMasterLog(Log::Info, "Finished Jobs");
+  Shutdown();
+}
+
+void ProjectStub::Shutdown() {
+  scheduler_.Stop();
+  requestHandler_.Stop();
+  Sleep(kShutdownPauseMs);
+  dispatcher_.Stop();
+}
+
+void ProjectStub::WaitForEvents() {
+  std::vector<HANDLE> handles{options_.stopEvent};
+  if (options_.finishEvent != nullptr) handles.push_back(options_.finishEvent);
+  handles.push_back(eventsCondition_->GetHandle());
+  handles.push_back(waitThreadEnd_->GetHandle());
+  for (;;) {
+    const DWORD index =
+        WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, INFINITE) - WAIT_OBJECT_0;
+    if (index >= handles.size()) continue;
+    if (handles[index] == options_.stopEvent) {
+      rc_ptr<Message> stop = OwnMessage(MSG_STOP);
+      stop->AddString(SEG_STOP_REASON, "STOP event from parent process");
+      dispatcher_.Post(stop, false);
+      return;
+    }
+    if (handles[index] != options_.finishEvent) return;
+    dispatcher_.Post(OwnMessage(MSG_JOBS_FINISHED), false);
+  }
+}
+
+void ProjectStub::OnDispatcherError(std::string text) {
+  Stop("MessageDispatcher error: " + text);
+}
+void ProjectStub::OnReactorError(std::string text) {
+  Stop("Reactor error: " + text);
+}
+
+}  // namespace kestrun

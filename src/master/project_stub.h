@@ -1,0 +1,79 @@
+// The master: the one long-lived process of a build.
+#ifndef KESTRUN_MASTER_PROJECT_STUB_H_
+#define KESTRUN_MASTER_PROJECT_STUB_H_
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "master/build_job_scheduler.h"
+#include "master/build_request_handler.h"
+#include "messaging/message_dispatcher.h"
+#include "runtime/critical_section.h"
+#include "runtime/path.h"
+#include "runtime/sync.h"
+#include "runtime/thread.h"
+#include "stubs/stub_base.h"
+
+namespace kestrun {
+
+// Owns the dispatcher through which stubs reach it, the handler that turns requests into jobs, the scheduler that runs
+// them, and the kernel objects by which stubs and the integration find and steer it. It runs until it is told to stop:
+// by the stop event, a MSG_STOP, a console event, or an error of the dispatcher or its reactor.
+//
+// All messages are handled one after the other on the thread of the dispatcher's client. Run blocks on the main thread;
+// Stop may come from any thread.
+class ProjectStub : public StubBase {
+ public:
+  // Starts the local build threads and the request thread; the listener opens in Run. Throws SyncException if the
+  // semaphore or the events condition can't be made.
+  ProjectStub(IniFile& settings, const Options& options);
+  ~ProjectStub() override;
+
+  // 1 if another master runs already; otherwise 0 after a stop that was asked for, 1 after one for an error.
+  int Run() override;
+  void Stop(const std::string& reason) override;
+
+ private:
+  void HandleMessage(rc_ptr<Message> message);
+  void OnJobResult(const rc_ptr<Message>& message);
+  void OnTick();
+  void OnJobsFinished();
+  void OnStop(const rc_ptr<Message>& message);
+  void OnDrainRequests();
+  // On the request thread, with eager scheduling: asks for a drain, so that the job does not wait for the tick.
+  void OnJobReady();
+  void OnProjectDetails(const rc_ptr<Message>& message);
+  void OnStarted();
+  void OnChannelEvent(const rc_ptr<Message>& message);
+
+  // Stores the exit code and shuts the master down. Blocks until running tools have ended, 30 s at most.
+  void StopBuild(int code, const std::string& reason);
+  void Shutdown();
+  void WaitForEvents();
+  void StartWaitThread();
+  // Empty unless the settings ask for eager scheduling.
+  Functor0<void>::Type MakeJobListener(IniFile& settings);
+  void OnDispatcherError(std::string text);
+  void OnReactorError(std::string text);
+  void LogFinished(u32 elapsedMs);
+
+  const Path startDirectory_;
+  std::atomic<i32> exitCode_{0};
+  std::atomic<bool> isStarted_{false};
+  CriticalSection handlingLock_;  // held while a message is handled
+  bool isEnding_ = false;         // guarded by handlingLock_: the destructor has come, messages are dropped
+  MessageDispatcher dispatcher_;
+  std::map<u32, rc_ptr<BuildJob>> failedJobs_;  // message thread; read by Run once that thread has ended
+  BuildJobScheduler scheduler_;
+  std::unique_ptr<Semaphore> clientAccess_;
+  BuildRequestHandler requestHandler_;
+  rc_ptr<Thread> waitThread_;                   // empty without a stop event
+  std::unique_ptr<Condition> eventsCondition_;  // null without a stop event
+  std::unique_ptr<Condition> waitThreadEnd_;    // lets the destructor end the wait thread
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MASTER_PROJECT_STUB_H_

@@ -1,0 +1,35 @@
+#ifndef KESTRUN_MASTER_RUNNING_TOOLS_H_
+#define KESTRUN_MASTER_RUNNING_TOOLS_H_
+
+#include <map>
+
+#include "master/build_job.h"
+#include "runtime/critical_section.h"
+#include "runtime/process.h"
+#include "runtime/rc_ptr.h"
+#include "runtime/types.h"
+
+namespace kestrun {
+
+// The tools that run, by the number of their job: the way in which one thread ends a tool that another waits for.
+//
+// Threads: a local build thread adds its tool once it has started and removes it once it has ended; the message thread
+// cancels jobs. Each holds the lock for its whole call, and none of them waits for a tool. Whichever comes first of Add
+// and Cancel, the tool of a cancelled job is ended: by Cancel if it is in the table, else by the thread that adds it.
+// The table shares the processes with those threads.
+class RunningTools {
+ public:
+  // False if the job has been cancelled; the caller is to end the tool then.
+  bool Add(const BuildJob& job, const rc_ptr<Process>& process);
+  void Remove(u32 jobId);
+  // Marks the job, and ends its tool with all its descendants if it runs. Does not wait for their end.
+  void Cancel(BuildJob& job);
+
+ private:
+  CriticalSection lock_;
+  std::map<u32, rc_ptr<Process>> tools_;  // guarded by lock_
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MASTER_RUNNING_TOOLS_H_

@@ -1,0 +1,24 @@
+#ifndef KESTRUN_MASTER_SERVER_H_
+#define KESTRUN_MASTER_SERVER_H_
+
+#include <map>
+#include <string>
+
+#include "master/build_job.h"
+#include "runtime/rc_ptr.h"
+
+namespace kestrun {
+
+// A place where jobs run. A master has one, which stands for this machine. Touched by the message thread only.
+class Server : public rc_base {
+ public:
+  explicit Server(const std::string& serverName) : name(serverName) {}
+
+  const std::string name;
+  std::map<u32, rc_ptr<BuildJob>> assignedJobs;  // handed to this server and not yet answered
+  u32 completedCount = 0;
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MASTER_SERVER_H_

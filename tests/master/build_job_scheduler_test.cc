@@ -1,0 +1,270 @@
+#include "master/build_job_scheduler.h"
+
+#include <gtest/gtest.h>
+
+#include <iterator>
+
+#include "recording_channel.h"
+#include "support/child.h"
+#include "support/names.h"
+
+namespace kestrun {
+namespace {
+
+using test::NumberOf;
+using test::RecordingChannel;
+using test::TextOf;
+
+// A scheduler with one local build thread, and its message thread played by the test.
+class SchedulerTest : public testing::Test {
+ protected:
+  SchedulerTest() { dispatcher_.AddClient(kMasterService, MakeDelegate(&SchedulerTest::OnMessage, this), 1); }
+
+  void OnMessage(rc_ptr<Message> message) { messages_.Push(message); }
+  rc_ptr<Message> NextMessage() {
+    rc_ptr<Message> message;
+    messages_.Pop(message, kNoLimit);
+    return message;
+  }
+
+  // A job that runs the test tool with these words.
+  rc_ptr<BuildJob> Job(u32 id, const std::string& project, const std::string& words = "exit 0") {
+    rc_ptr<BuildJob> job = new BuildJob(id);
+    job->projectName = project;
+    job->commandLine = "\"" + test::ProgramPath("test_tool") + "\" " + words;
+    job->workingDirectory = folder_.Path().string();
+    job->clientAddress = stub_->GetAddress();
+    return job;
+  }
+  void Add(const rc_ptr<BuildJob>& job) {
+    scheduler_.AddJob(job);
+    scheduler_.ScheduleIfPending();
+  }
+  // Takes the next result as the message thread does, and gives its job.
+  rc_ptr<BuildJob> Finish() {
+    const rc_ptr<Message> result = NextMessage();
+    EXPECT_EQ(result->GetType(), MSG_LOCAL_JOB_RESULT);
+    const rc_ptr<BuildJob> job = scheduler_.JobResult(
+        scheduler_.GetServer(), static_cast<u32>(NumberOf(result, SEG_JOB_ID)), NumberOf(result, SEG_EXIT_CODE),
+        TextOf(result, SEG_STDOUT), TextOf(result, SEG_STDERR), 0, NumberOf(result, SEG_ELAPSED));
+    if (job) scheduler_.JobCompleted(job);
+    return job;
+  }
+
+  test::TempFolder folder_;
+  IniFile settings_;
+  BlockingQueue<rc_ptr<Message>> messages_;
+  MessageDispatcher dispatcher_{"", 0, ""};
+  const rc_ptr<RecordingChannel> stub_ = RecordingChannel::Add(dispatcher_, test::UniqueName());
+  BuildJobScheduler scheduler_{1, &settings_, &dispatcher_};
+};
+
+TEST_F(SchedulerTest, RunsJobsInTheOrderOfTheirNumbersAndPostsWhatTheyDid) {
+  for (u32 id : {3u, 1u, 2u}) {
+    const std::string number = std::to_string(id);
+    scheduler_.AddJob(Job(id, "p", "print o" + number + " , error e" + number + " , exit " + number));
+  }
+  scheduler_.ScheduleIfPending();
+  for (i32 id = 1; id <= 3; ++id) {
+    const rc_ptr<Message> result = NextMessage();
+    EXPECT_EQ(result->GetType(), MSG_LOCAL_JOB_RESULT);
+    EXPECT_EQ(result->GetAddress().ToString(), "tcp:127.0.0.1/0");
+    EXPECT_EQ(NumberOf(result, SEG_JOB_ID), id);
+    EXPECT_EQ(NumberOf(result, SEG_EXIT_CODE), id);
+    EXPECT_EQ(TextOf(result, SEG_STDOUT), "o" + std::to_string(id) + "\n");
+    EXPECT_EQ(TextOf(result, SEG_STDERR), "e" + std::to_string(id) + "\n");
+    u64 startTime = 0;
+    EXPECT_TRUE(MessageReader(result).ReadLong(SEG_START_TIME, startTime));
+    EXPECT_GE(NumberOf(result, SEG_ELAPSED), 0);
+  }
+}
+
+TEST_F(SchedulerTest, SendsAJobsEchoTextBeforeItRuns) {
+  const rc_ptr<BuildJob> job = Job(1, "p");
+  job->echoText = "hello\r\n";
+  Add(job);
+  EXPECT_EQ(Finish(), job);
+  ASSERT_EQ(stub_->Count(), 1u);
+  const rc_ptr<Message> output = stub_->Next();
+  EXPECT_EQ(output->GetType(), MSG_BUILD_RESULT);
+  EXPECT_EQ(TextOf(output, SEG_STDOUT), "hello\r\n");
+  EXPECT_FALSE(output->FindSegment(SEG_EXIT_CODE));
+  EXPECT_EQ(job->echoText, "");
+}
+
+TEST_F(SchedulerTest, GivesMinusOneForAToolThatCannotStart) {
+  const rc_ptr<BuildJob> job = Job(1, "p");
+  job->commandLine = "\"" + folder_.File("missing.exe") + "\" ";
+  Add(job);
+  EXPECT_EQ(Finish(), job);
+  EXPECT_EQ(job->exitCode, -1);
+  EXPECT_EQ(job->state, JOB_FINISHED);
+}
+
+TEST_F(SchedulerTest, TakesOneResultForEachJob) {
+  const rc_ptr<BuildJob> job = Job(1, "p", "print x , exit 2");
+  Add(job);
+  EXPECT_EQ(job->state, JOB_SCHEDULED);
+  EXPECT_EQ(scheduler_.GetServer()->assignedJobs.count(1), 1u);
+  EXPECT_EQ(Finish(), job);
+  EXPECT_EQ(job->exitCode, 2);
+  EXPECT_EQ(job->stdoutText, "x\n");
+  EXPECT_EQ(scheduler_.GetServer()->assignedJobs.count(1), 0u);
+  EXPECT_EQ(scheduler_.GetServer()->completedCount, 1u);
+  bool finished = false;
+  EXPECT_FALSE(scheduler_.JobResult(scheduler_.GetServer(), 1, 0, "", "", 0, 0, &finished));
+  EXPECT_FALSE(scheduler_.JobResult(scheduler_.GetServer(), 99, 0, "", "", 0, 0, &finished));
+  EXPECT_FALSE(scheduler_.JobResult(nullptr, 1, 0, "", "", 0, 0, &finished));
+  EXPECT_FALSE(finished);
+  EXPECT_EQ(job->exitCode, 2);
+}
+
+TEST_F(SchedulerTest, EndsAnAnnouncedProjectOnceAllItsJobsAreDone) {
+  scheduler_.NewProject("p", 2, 0, stub_->GetAddress());
+  Add(Job(1, "p"));
+  Finish();
+  EXPECT_EQ(stub_->Count(), 0u);
+  Add(Job(2, "p"));
+  Finish();
+  ASSERT_EQ(stub_->Count(), 1u);
+  EXPECT_EQ(stub_->Next()->GetType(), MSG_PROJECT_COMPLETE);
+  Add(Job(3, "p"));
+  EXPECT_EQ(Finish()->project->totalJobs, 3u);
+  EXPECT_EQ(stub_->Count(), 0u);
+}
+
+TEST_F(SchedulerTest, LetsJobsOfAReplacedProjectEndWithTheirOwnRecord) {
+  const rc_ptr<BuildJob> old = Job(1, "p");
+  scheduler_.NewProject("p", 1, 0, stub_->GetAddress());
+  scheduler_.AddJob(old);
+  const rc_ptr<RecordingChannel> other = RecordingChannel::Add(dispatcher_, test::UniqueName());
+  scheduler_.NewProject("p", 1, 0, other->GetAddress());
+  Add(Job(2, "p"));
+  Finish();
+  EXPECT_EQ(stub_->Next()->GetType(), MSG_PROJECT_COMPLETE);
+  EXPECT_EQ(other->Count(), 0u);
+  Finish();
+  EXPECT_EQ(other->Next()->GetType(), MSG_PROJECT_COMPLETE);
+}
+
+TEST_F(SchedulerTest, StopsTheMasterForAJobWithoutAProject) {
+  const rc_ptr<BuildJob> job = Job(7, "lost");
+  testing::internal::CaptureStderr();
+  scheduler_.JobCompleted(job);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "KESTRUN: error: unknown project [lost] in build-job 7\n");
+  const rc_ptr<Message> stop = NextMessage();
+  EXPECT_EQ(stop->GetType(), MSG_STOP);
+  EXPECT_EQ(TextOf(stop, SEG_STOP_REASON), "Job is part of unknown project: lost");
+}
+
+TEST_F(SchedulerTest, MarksResultsThatAreNoReasonToStop) {
+  EXPECT_TRUE(scheduler_.SendResult(stub_, "o", "e", -1, true));
+  const rc_ptr<Message> marked = stub_->Next();
+  EXPECT_EQ(NumberOf(marked, SEG_EXIT_CODE), -1);
+  EXPECT_EQ(NumberOf(marked, SEG_KEEP_GOING), 1);
+  EXPECT_TRUE(scheduler_.SendResult(stub_, "o", "e", -1, false));
+  EXPECT_FALSE(stub_->Next()->FindSegment(SEG_KEEP_GOING));
+  EXPECT_FALSE(scheduler_.SendResult(nullptr, "o", "e", 0, false));
+  EXPECT_FALSE(scheduler_.SendOutput(nullptr, "o", "e"));
+}
+
+TEST_F(SchedulerTest, EndsAToolThatRunsLongerThanItsJobMay) {
+  settings_.SetBool("Extensions/EnforceJobTimeout", true);
+  BuildJobScheduler scheduler(6, &settings_, &dispatcher_);
+  const struct {
+    const char* words;
+    u32 seconds;
+    i32 code;
+    std::string out;
+    std::string err;
+  } cases[] = {
+      {"print a , hold", 5, 124, "a\n", "KESTRUN: error: job ran longer than 5 seconds and was ended\r\n"},
+      {"error b , hold", 5, 124, "", "b\nKESTRUN: error: job ran longer than 5 seconds and was ended\r\n"},
+      {"fill 0 1 , hold", 5, 124, "", "\r\r\nKESTRUN: error: job ran longer than 5 seconds and was ended\r\n"},
+      {"print c , exit 124", 3600, 124, "c\n", ""},
+      {"exit 2", 0, 2, "", ""},
+      {"exit 3", 0xFFFFFFFF, 3, "", ""},
+  };
+  for (u32 id = 0; id < std::size(cases); ++id) {
+    const rc_ptr<BuildJob> job = Job(id, "p", cases[id].words);
+    job->timeoutSeconds = cases[id].seconds;
+    scheduler.AddJob(job);
+  }
+  scheduler.ScheduleIfPending();
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const rc_ptr<Message> result = NextMessage();
+    const auto& c = cases[NumberOf(result, SEG_JOB_ID)];
+    EXPECT_EQ(NumberOf(result, SEG_EXIT_CODE), c.code) << c.words;
+    EXPECT_EQ(TextOf(result, SEG_STDOUT), c.out) << c.words;
+    EXPECT_EQ(TextOf(result, SEG_STDERR), c.err) << c.words;
+  }
+}
+
+TEST_F(SchedulerTest, EndsWhatAnOverdueToolStarted) {
+  settings_.SetBool("Extensions/EnforceJobTimeout", true);
+  BuildJobScheduler scheduler(1, &settings_, &dispatcher_);
+  const rc_ptr<BuildJob> job = Job(1, "p", "background session hold then hold");
+  job->timeoutSeconds = 5;
+  scheduler.AddJob(job);
+  scheduler.ScheduleIfPending();
+  const rc_ptr<Message> result = NextMessage();
+  EXPECT_EQ(NumberOf(result, SEG_EXIT_CODE), 124);
+  EXPECT_TRUE(test::ProcessEndsWithin(std::stoul(TextOf(result, SEG_STDOUT)), 5000));
+}
+
+TEST_F(SchedulerTest, CancelsTheJobsOfALostClientAndOfNoOther) {
+  settings_.SetBool("Extensions/CancelOrphanedJobs", true);
+  BuildJobScheduler scheduler(1, &settings_, &dispatcher_);
+  const rc_ptr<RecordingChannel> other = RecordingChannel::Add(dispatcher_, test::UniqueName());
+  const std::string mark = folder_.File("ran");
+  scheduler.NewProject("p", 4, 0, other->GetAddress());
+  // One may be running, one waits in the queue, one is not scheduled yet, and one comes from a client that is gone
+  // already. One of another client stands between them.
+  const rc_ptr<BuildJob> jobs[] = {Job(1, "p", "hold"), Job(2, "p", "create " + mark), Job(3, "p", "exit 6"),
+                                   Job(4, "p", "create " + mark), Job(5, "p", "create " + mark)};
+  jobs[2]->clientAddress = other->GetAddress();
+  jobs[4]->clientAddress = Address(Address::kIpc, test::UniqueName());
+  for (int i = 0; i < 3; ++i) scheduler.AddJob(jobs[i]);
+  scheduler.ScheduleIfPending();
+  scheduler.AddJob(jobs[3]);
+  scheduler.AddJob(jobs[4]);
+  scheduler.ClientGone(stub_->GetAddress());
+  scheduler.ScheduleIfPending();
+  for (i32 id = 1; id <= 5; ++id) {
+    const rc_ptr<Message> result = NextMessage();
+    ASSERT_EQ(NumberOf(result, SEG_JOB_ID), id);
+    const i32 code = NumberOf(result, SEG_EXIT_CODE);
+    EXPECT_EQ(code, id == 3 ? 6 : -1);
+    EXPECT_EQ(other->Count(), 0u);
+    scheduler.JobCompleted(scheduler.JobResult(scheduler.GetServer(), static_cast<u32>(id), code, "", "", 0, 0));
+  }
+  EXPECT_FALSE(Path(mark).Exists());
+  EXPECT_EQ(jobs[0]->project->completed.size(), 5u);
+  EXPECT_TRUE(scheduler.GetServer()->assignedJobs.empty());
+  EXPECT_EQ(other->Next()->GetType(), MSG_PROJECT_COMPLETE);
+}
+
+TEST_F(SchedulerTest, CountsAFinishedJobAndLetsItGo) {
+  settings_.SetBool("Extensions/DiscardOutput", true);
+  BuildJobScheduler scheduler(1, &settings_, &dispatcher_);
+  scheduler.NewProject("p", 2, 0, stub_->GetAddress());
+  for (u32 id : {1u, 2u}) {
+    EXPECT_EQ(stub_->Count(), 0u);
+    const rc_ptr<BuildJob> job = Job(id, "p", "print x");
+    job->environment = std::make_shared<const Environment>();
+    scheduler.AddJob(job);
+    scheduler.ScheduleIfPending();
+    const rc_ptr<Message> result = NextMessage();
+    ASSERT_EQ(scheduler.JobResult(scheduler.GetServer(), id, 0, TextOf(result, SEG_STDOUT), "e", 0, 0), job);
+    EXPECT_EQ(job->stdoutText, "x\n");
+    scheduler.JobCompleted(job);
+    EXPECT_EQ(job->stdoutText + job->stderrText, "");
+    EXPECT_FALSE(job->environment);
+    EXPECT_TRUE(job->project->completed.empty());
+    EXPECT_EQ(job->project->CompletedCount(), id);
+  }
+  EXPECT_EQ(stub_->Next()->GetType(), MSG_PROJECT_COMPLETE);
+}
+
+}  // namespace
+}  // namespace kestrun

@@ -1,0 +1,48 @@
+#include <gtest/gtest.h>
+
+#include "master/format_elapsed.h"
+#include "master/project.h"
+
+namespace kestrun {
+namespace {
+
+TEST(Project, MadeFromAJobGrowsWithEachJobAndEndsWheneverNoneIsOpen) {
+  const rc_ptr<BuildJob> first = new BuildJob(1);
+  const rc_ptr<BuildJob> second = new BuildJob(2);
+  Project project("", 0, 0);
+  EXPECT_TRUE(project.AddJob(first));
+  EXPECT_EQ(first->project, &project);
+  EXPECT_TRUE(project.AddJob(second));
+  EXPECT_EQ(project.totalJobs, 2u);
+  project.CompleteJob(first);
+  EXPECT_FALSE(project.IsFinished());
+  project.CompleteJob(second);
+  EXPECT_TRUE(project.IsFinished());
+}
+
+TEST(Project, AnnouncedWithJobsWaitsForThemAllAndForMore) {
+  const rc_ptr<BuildJob> jobs[] = {new BuildJob(1), new BuildJob(2), new BuildJob(3)};
+  Project project("p", 0, 2);
+  EXPECT_FALSE(project.AddJob(jobs[0]));
+  project.CompleteJob(jobs[0]);
+  EXPECT_FALSE(project.IsFinished());
+  EXPECT_FALSE(project.AddJob(jobs[1]));
+  EXPECT_TRUE(project.AddJob(jobs[2]));
+  EXPECT_EQ(project.totalJobs, 3u);
+  project.CompleteJob(jobs[1]);
+  EXPECT_FALSE(project.IsFinished());
+  project.CompleteJob(jobs[2]);
+  EXPECT_TRUE(project.IsFinished());
+}
+
+TEST(FormatElapsed, GrowsFromMillisecondsToMinutes) {
+  const struct {
+    u32 ms;
+    const char* text;
+  } cases[] = {{0, "0ms"},       {999, "999ms"},   {1000, "1s"},        {2500, "2.5s"},           {9999, "9.999s"},
+               {10000, "00:10"}, {65999, "01:05"}, {6000000, "100:00"}, {4294967295u, "71582:47"}};
+  for (const auto& c : cases) EXPECT_EQ(FormatElapsed(c.ms), c.text);
+}
+
+}  // namespace
+}  // namespace kestrun
