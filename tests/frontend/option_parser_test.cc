@@ -1,0 +1,169 @@
+#include "frontend/option_parser.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "platform/win32.h"
+#include "runtime/handle.h"
+#include "support/names.h"
+
+namespace kestrun {
+namespace {
+
+Options Parse(const std::string& text) {
+  Options options;
+  EXPECT_TRUE(ParseOptions(options, text, false)) << text;
+  return options;
+}
+
+bool Parses(const std::string& text, bool fromEnvironment = false) {
+  Options options;
+  return ParseOptions(options, text, fromEnvironment);
+}
+
+// Tokens as text: quoted ones in brackets, each with its position.
+std::string Show(const std::string& text) {
+  std::string shown;
+  for (const Token& token : TokenizeCommandLine(text).tokens) {
+    shown += (token.quoted ? "[" + token.text + "]" : token.text) + "@" + std::to_string(token.position) + " ";
+  }
+  return shown;
+}
+
+TEST(Tokenizer, SplitsAtWhitespaceOutsideQuotes) {
+  EXPECT_EQ(Show(""), "");
+  EXPECT_EQ(Show(" \t\r\n"), "@4 ");
+  EXPECT_EQ(Show("a  b "), "a@0 b@3 ");
+  EXPECT_EQ(Show(" \"a b\"\tc"), "[a b]@2 c@7 ");
+  EXPECT_EQ(Show("\"\" x"), "[]@1 x@3 ");
+}
+
+TEST(Tokenizer, EndsAQuotedTokenOnlyAtAQuoteBeforeWhitespaceOrTheEnd) {
+  EXPECT_EQ(Show("\"a\"b c\" d"), "[a\"b c]@1 d@8 ");
+  EXPECT_EQ(Show("\"a b"), "[a b]@1 ");
+  EXPECT_EQ(Show("x\"a b\""), "x\"a@0 b\"@4 ");
+  EXPECT_EQ(Show("a\\\" b"), "a\\\"@0 b@4 ");
+}
+
+TEST(ParseOptions, ReadsEveryOption) {
+  const Options options =
+      Parse("-v -t 5 -n \"my job\" -m # -s x.kjs -master -p proj -e -id 42 -k --help --version cl /c ##I:a.c");
+  EXPECT_EQ(options.timeoutSeconds, 300u);
+  EXPECT_EQ(options.name, "my job");
+  EXPECT_EQ(options.marker, "#");
+  EXPECT_EQ(options.scriptPath, "x.kjs");
+  EXPECT_TRUE(options.master);
+  EXPECT_EQ(options.project, "proj");
+  EXPECT_TRUE(options.expandEnvironment);
+  EXPECT_EQ(options.id, "42");
+  EXPECT_EQ(options.flags, 0x420u);
+  EXPECT_TRUE(options.showHelp);
+  EXPECT_TRUE(options.showVersion);
+  EXPECT_EQ(options.tool, "cl");
+  EXPECT_EQ(options.toolArgs, "/c $$I:a.c");
+}
+
+TEST(ParseOptions, HandsTheArgumentsOnAsTheyWereTyped) {
+  const struct {
+    const char* text;
+    const char* tool;
+    const char* arguments;
+  } cases[] = {
+      {"cl", "cl", ""},
+      {"cl  \"a b.c\"   -x ", "cl", "\"a b.c\"   -x "},
+      {"\"c:\\my tools\\cl\" /c", "c:\\my tools\\cl", "/c"},
+      {"cl --help -t", "cl", "--help -t"},
+      {"-chx cl a.c", "-chx", "cl a.c"},
+      {"-n x\"a b\" cl", "b\"", "cl"},
+      {"-V cl", "-V", "cl"},  // options are case-sensitive
+      {"\"\" a", "", "a"},
+      {"-n -v cl", "cl", ""},  // a value is the next token, whatever it looks like
+  };
+  for (const auto& c : cases) {
+    const Options options = Parse(c.text);
+    EXPECT_EQ(options.tool, c.tool) << c.text;
+    EXPECT_EQ(options.toolArgs, c.arguments) << c.text;
+  }
+}
+
+TEST(ParseOptions, TakesTheLastOfARepeatedOption) {
+  const Options options = Parse("-p a -t 1 -p b -t 2 cl");
+  EXPECT_EQ(options.project, "b");
+  EXPECT_EQ(options.timeoutSeconds, 120u);
+}
+
+TEST(ParseOptions, KeepsATimeoutThatIsTooLongForSecondsAtTheLongest) {
+  EXPECT_EQ(Parse("-t 71582788 cl").timeoutSeconds, 4294967280u);
+  EXPECT_EQ(Parse("-t 71582789 cl").timeoutSeconds, 0xFFFFFFFFu);
+  EXPECT_EQ(Parse("-t 99999999999999999999999 cl").timeoutSeconds, 0xFFFFFFFFu);
+}
+
+TEST(ParseOptions, FailsOnABadOrMissingValue) {
+  for (const char* text :
+       {"-t abc cl", "-t -5 cl", "-t \"\" cl", "cl_is_no_tool_here -t", "-t", "-v -n", "-es", "-m \"\" cl"}) {
+    const bool isTool = std::string(text).rfind("cl", 0) == 0;
+    EXPECT_EQ(Parses(text), isTool) << text;
+  }
+  EXPECT_FALSE(Parses("-m \"\"", true));
+}
+
+TEST(ParseOptions, NeedsAToolOrSomethingElseToDoOnTheCommandLineAlone) {
+  for (const char* text : {"--help", "--version", "-master", "-s x", " "}) EXPECT_TRUE(Parses(text)) << text;
+  for (const char* text : {"", "-v", "-p x", "-s \"\""}) EXPECT_FALSE(Parses(text)) << text;
+}
+
+TEST(ParseOptions, TakesNoToolFromTheEnvironment) {
+  for (const char* text : {"", "-v -k", "-s x", "-master"}) EXPECT_TRUE(Parses(text, true)) << text;
+  for (const char* text : {"cl", "-v cl", " ", "-chx"}) EXPECT_FALSE(Parses(text, true)) << text;
+}
+
+TEST(ParseOptions, OpensTheEventsThatItIsGivenTheNamesOf) {
+  const std::string name = test::UniqueName("event");
+  const UniqueHandle event(CreateEventA(nullptr, TRUE, FALSE, name.c_str()));
+  Options options;
+  ASSERT_TRUE(ParseOptions(options, "-master -es " + name + " -er no_such_event_" + name, false));
+  const UniqueHandle opened(options.stopEvent);
+  ASSERT_TRUE(opened);
+  EXPECT_EQ(options.readyEvent, nullptr);
+  EXPECT_EQ(options.finishEvent, nullptr);
+  SetEvent(opened.Get());
+  EXPECT_EQ(WaitForSingleObject(event.Get(), 0), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(opened.Get(), 0), WAIT_OBJECT_0);
+}
+
+class MergeTest : public testing::Test {
+ protected:
+  Options Merge(const std::string& environment, const std::string& commandLine) {
+    Options fromEnvironment;
+    Options result;
+    EXPECT_TRUE(ParseOptions(fromEnvironment, environment, true));
+    MergeOptions(result, fromEnvironment, Parse(commandLine));
+    return result;
+  }
+};
+
+TEST_F(MergeTest, PutsTheCommandLineOverTheEnvironment) {
+  const Options options = Merge("-v -t 1 -n env -id 1 -e -s env.kjs", "-k -n line -id 2 cl a");
+  EXPECT_EQ(options.flags, 0x420u);
+  EXPECT_EQ(options.timeoutSeconds, 60u);
+  EXPECT_EQ(options.name, "line");
+  EXPECT_EQ(options.id, "2");
+  EXPECT_TRUE(options.expandEnvironment);
+  EXPECT_EQ(options.scriptPath, "env.kjs");
+  EXPECT_EQ(options.tool, "cl");
+}
+
+TEST_F(MergeTest, TakesTheProjectFromTheCommandLineInAnyCase) {
+  EXPECT_EQ(Merge("-p env", "cl").project, "default");
+  EXPECT_EQ(Merge("-p env", "-p line cl").project, "line");
+}
+
+TEST_F(MergeTest, AppliesTheMarkerOfTheEnvironmentToTheCommandLine) {
+  EXPECT_EQ(Merge("-m #", "cl ##I:a.c").toolArgs, "$$I:a.c");
+  EXPECT_EQ(Merge("-m #", "-m ! cl !!I:a #").toolArgs, "$$I:a #");
+  EXPECT_EQ(Merge("-m #", "-m $ cl ##I:a.c").marker, "#");
+}
+
+}  // namespace
+}  // namespace kestrun
