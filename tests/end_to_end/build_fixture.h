@@ -1,0 +1,84 @@
+// A build for end-to-end tests: real masters and real clients, apart from every other build of the machine.
+//
+// Settings, log and (where the system allows it) named objects live in a folder of the test's own. Masters that are
+// still running when the test ends are killed.
+#ifndef KESTRUN_TESTS_END_TO_END_BUILD_FIXTURE_H_
+#define KESTRUN_TESTS_END_TO_END_BUILD_FIXTURE_H_
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "platform/win32.h"
+#include "support/child.h"
+#include "support/names.h"
+
+namespace kestrun::test {
+
+// A named event, closed with the object.
+class NamedEvent {
+ public:
+  explicit NamedEvent(bool manualReset = false, const std::string& name = UniqueName("e2e_event"));
+  ~NamedEvent();
+  NamedEvent(const NamedEvent&) = delete;
+  NamedEvent& operator=(const NamedEvent&) = delete;
+
+  const std::string& Name() const { return name_; }
+  void Signal() { SetEvent(handle_); }
+  void Reset() { ResetEvent(handle_); }
+  bool Wait(unsigned limitMs) { return WaitForSingleObject(handle_, limitMs) == WAIT_OBJECT_0; }
+  HANDLE Handle() const { return handle_; }
+
+ private:
+  std::string name_;
+  HANDLE handle_;
+};
+
+class Build : public testing::Test {
+ protected:
+  Build();
+  ~Build() override;
+
+  // The lines of [LocalSettings] for programs that start from now on; the log is on unless they say otherwise.
+  void WriteSettings(const std::string& lines);
+  // Starts a master and waits until it is ready. Fails the test if it ends before.
+  void StartMaster(const Words& moreOptions = {});
+  // Signals the stop event and gives the master's exit code.
+  int StopMaster();
+  Child& Master() { return *master_; }
+  NamedEvent& FinishEvent() { return finish_; }
+
+  // kestrun with this build's environment.
+  Child StartKestrun(const Words& words, ChildOptions options = {});
+  RunResult Kestrun(const Words& words, ChildOptions options = {}, unsigned limitMs = 60000);
+  // kestrun with test_tool as its tool.
+  RunResult Tool(const Words& toolWords, ChildOptions options = {});
+  Child StartTool(const Words& toolWords, ChildOptions options = {});
+  // kestrun -s with a script of this text; $TOOL in it becomes the test tool.
+  RunResult Script(std::string text, const Words& options = {}, unsigned limitMs = 60000);
+  std::string WriteScript(std::string text);
+
+  ChildOptions WithEnvironment(ChildOptions options) const;
+  // All that this build's processes have logged.
+  std::string LogText() const;
+  // How often TEXT occurs in the log.
+  int LogCount(const std::string& text) const;
+
+  TempFolder folder_;
+  std::string id_ = UniqueName("e2e");
+  const std::string tool_ = ProgramPath("test_tool");
+
+ private:
+  NamedEvent ready_{true};
+  NamedEvent stop_;
+  NamedEvent finish_;
+  std::unique_ptr<Child> master_;
+};
+
+// User and kernel time that a process has used so far, in milliseconds.
+unsigned long long CpuTimeMs(unsigned long pid);
+
+}  // namespace kestrun::test
+
+#endif  // KESTRUN_TESTS_END_TO_END_BUILD_FIXTURE_H_

@@ -1,0 +1,63 @@
+// A master and a client that says what no stub would.
+#include "build_fixture.h"
+#include "messaging/ipc_channel.h"
+#include "protocol/message_reader.h"
+#include "protocol/protocol.h"
+
+namespace kestrun::test {
+namespace {
+
+class RawClient : public Build {
+ protected:
+  void StartMasterAndConnect() {
+    StartMaster();
+    const rc_ptr<IpcSocket> socket = new IpcSocket;
+    ASSERT_TRUE(socket->Connect("zelvo_client_ipc_" + id_, 10000));
+    channel_ = new IpcChannel(socket);
+  }
+  static rc_ptr<Message> ToMaster(u32 type) { return new Message(type, kStubService, kMasterService); }
+  // Sends it and gives the exit code and the error text that come back.
+  std::string Answer(const rc_ptr<Message>& request) {
+    channel_->Send(request);
+    const rc_ptr<Message> result = channel_->Receive(20000);
+    if (!result) return "nothing";
+    i32 code = -1;
+    std::string errors;
+    MessageReader(result).ReadInt(SEG_EXIT_CODE, code);
+    MessageReader(result).ReadString(SEG_STDERR, errors);
+    return std::to_string(code) + " " + errors;
+  }
+
+  rc_ptr<IpcChannel> channel_;
+};
+
+TEST_F(RawClient, MeetsAMasterThatGoesOn) {
+  StartMasterAndConnect();
+  for (u32 type : {103u, u32{MSG_PROJECT_DETAILS}, u32{MSG_LOCAL_JOB_RESULT}}) channel_->Send(ToMaster(type));
+  rc_ptr<Message> request = ToMaster(MSG_BUILD_REQUEST);
+  request->AddString(SEG_TOOL, tool_);
+  EXPECT_EQ(Answer(request), "1 No such segment\r\n");
+  request = ToMaster(MSG_BUILD_REQUEST);
+  request->AddString(SEG_TOOL, tool_).AddString(SEG_ARGUMENTS, "error e , exit 4").AddString(SEG_WORKING_DIR, ".");
+  EXPECT_EQ(Answer(request), "4 e\n");
+  EXPECT_EQ(StopMaster(), 0);
+  // The result without an exit code.
+  EXPECT_NE(Master().Errors().find("No such segment: error=6"), std::string::npos);
+  EXPECT_EQ(LogCount("New Project (from script-stub)"), 0);
+}
+
+TEST_F(RawClient, EndsTheMasterWithTheReasonThatItGives) {
+  StartMasterAndConnect();
+  channel_->Send(ToMaster(MSG_STOP));
+  EXPECT_EQ(Master().Wait(), 0);
+  StartMasterAndConnect();
+  rc_ptr<Message> stop = ToMaster(MSG_STOP);
+  stop->AddString(SEG_STOP_REASON, "");
+  channel_->Send(stop);
+  EXPECT_EQ(Master().Wait(), 0);
+  EXPECT_EQ(LogCount(" reason:STOP command received\r\n"), 1);
+  EXPECT_EQ(LogCount(" reason:\r\n"), 1);
+}
+
+}  // namespace
+}  // namespace kestrun::test

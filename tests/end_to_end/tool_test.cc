@@ -1,0 +1,219 @@
+// One tool through a real master: exit codes, output, environment, and what becomes of processes left behind.
+#include <chrono>
+#include <filesystem>
+#include <sstream>
+#include <thread>
+
+#include "build_fixture.h"
+
+namespace kestrun::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+class ToolRun : public Build {
+ protected:
+  void SetUp() override { StartMaster(); }
+};
+
+TEST_F(ToolRun, PassesExitCodeAndBothStreams) {
+  for (const char* code : {"0", "1", "7", "255"}) {
+    const RunResult result = Tool({"print", "to stdout", ",", "error", "to stderr", ",", "exit", code});
+    EXPECT_EQ(result.exitCode, std::stoi(code));
+    EXPECT_EQ(result.output, "to stdout\n");
+    EXPECT_EQ(result.errors, "to stderr\n");
+  }
+  EXPECT_EQ(StopMaster(), 0);
+  EXPECT_EQ(LogCount("Build Job completed (OK)"), 1);
+  EXPECT_EQ(LogCount("Build Job completed (FAIL)"), 3);
+  EXPECT_EQ(LogCount(" failed_file:"), 3);
+}
+
+TEST_F(ToolRun, PassesArgumentsAsTheyWereTyped) {
+  const RunResult result =
+      Tool({"args", "", "a b", "quote\"inside", "back\\slash", "end\\", "\\\"", "  two  blanks  ", "$HOME", "*"});
+  EXPECT_EQ(result.output,
+            "[]\n[a b]\n[quote\"inside]\n[back\\slash]\n[end\\]\n[\\\"]\n[  two  blanks  ]\n[$HOME]\n[*]\n");
+}
+
+TEST_F(ToolRun, PassesEveryByteOfLargeOutput) {
+  constexpr std::size_t kBytes = 64u << 20;
+  const RunResult direct = test::Run({tool_, "fill", std::to_string(kBytes), std::to_string(kBytes)});
+  ASSERT_EQ(direct.output.size(), kBytes);
+  const RunResult result = Tool({"fill", std::to_string(kBytes), std::to_string(kBytes), ",", "exit", "3"});
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_TRUE(result.output == direct.output) << result.output.size() << " bytes";
+  EXPECT_TRUE(result.errors == direct.errors) << result.errors.size() << " bytes";
+}
+
+TEST_F(ToolRun, RunsTheToolWhereTheClientStands) {
+  std::filesystem::create_directories(folder_.Path() / "sub folder");
+  ChildOptions options;
+  options.workingDirectory = folder_.File("sub folder");
+  const RunResult result = Tool({"cwd"}, options);
+  EXPECT_EQ(std::filesystem::path(result.output.substr(0, result.output.find_last_not_of("\r\n") + 1)).filename(),
+            "sub folder");
+}
+
+TEST_F(ToolRun, GivesTheToolTheMastersEnvironmentAndAnEmptyInput) {
+  ChildOptions options;
+  options.environment["ONLY_THE_CLIENT_HAS_THIS"] = "1";
+  options.input = "some input";
+  const RunResult result = Tool({"env", "KESTRUN_ID", ",", "env", "ONLY_THE_CLIENT_HAS_THIS", ",", "input"}, options);
+  EXPECT_EQ(result.output, id_ + "\n(unset)\n0\n");
+}
+
+TEST_F(ToolRun, ServesAClientThatAToolStarts) {
+  const RunResult nested = Kestrun({ProgramPath("kestrun"), tool_, "print", "inner", ",", "exit", "5"});
+  EXPECT_EQ(nested.output, "inner\n");
+  EXPECT_EQ(nested.exitCode, 5);
+}
+
+TEST_F(ToolRun, DoesNotWaitForABackgroundProcessAndEndsIt) {
+  const auto start = Clock::now();
+  const RunResult result = Tool({"background", "plain", "hold", "then", "print", "done", ",", "exit", "7"});
+  EXPECT_EQ(result.exitCode, 7);
+  EXPECT_LT(Clock::now() - start, 20s);
+  const std::size_t end = result.output.find('\n');
+  ASSERT_NE(end, std::string::npos);
+  EXPECT_EQ(result.output.substr(end + 1), "done\n");
+  EXPECT_TRUE(ProcessEndsWithin(std::stoul(result.output), 5000));
+}
+
+TEST_F(ToolRun, GoesOnWhenAClientIsKilled) {
+  NamedEvent started;
+  NamedEvent release;
+  {
+    Child client = StartTool({"signal", started.Name(), ",", "await", release.Name()});
+    ASSERT_TRUE(started.Wait(20000));
+    client.Kill();
+  }
+  EXPECT_EQ(Tool({"exit", "4"}).exitCode, 4);
+  release.Signal();
+  EXPECT_EQ(StopMaster(), 0);
+}
+
+TEST_F(ToolRun, BuildsLocallyWhenTheMasterIsKilled) {
+  NamedEvent started;
+  NamedEvent release(true);
+  Child client =
+      StartTool({"signal", started.Name(), ",", "await", release.Name(), ",", "print", "tool ran", ",", "exit", "6"});
+  ASSERT_TRUE(started.Wait(20000));
+  const auto killed = Clock::now();
+  Master().Kill();
+  // The second start of the tool is the local one.
+  ASSERT_TRUE(started.Wait(20000));
+  EXPECT_LT(Clock::now() - killed, 3s);
+  release.Signal();
+  EXPECT_EQ(client.Wait(), 6);
+  EXPECT_EQ(client.Output(), "tool ran\n");
+  EXPECT_EQ(client.Errors(),
+            "KESTRUN: error: Error waiting for response from master\nKESTRUN: warning: building locally...\n");
+}
+
+TEST_F(ToolRun, EndsEverythingThatAToolStartedWhenTheMasterIsKilled) {
+  for (const char* mode : {"plain", "group", "session", "daemon"}) {
+    if (Master().EndsWithin(0)) StartMaster();
+    const std::string pids = UniqueName("pids");
+    NamedEvent started;
+    const std::string file = folder_.File(pids);
+    Child client = StartTool({"note", file, ",", "background", mode, "note", file, ",", "signal", started.Name(), ",",
+                              "hold", "then", "hold"});
+    ASSERT_TRUE(started.Wait(20000)) << mode;
+    client.Kill();
+    Master().Kill();
+    std::istringstream lines(folder_.Read(pids));
+    int seen = 0;
+    for (unsigned long pid = 0; lines >> pid; ++seen) EXPECT_TRUE(ProcessEndsWithin(pid, 5000)) << mode << ' ' << seen;
+    EXPECT_EQ(seen, 2) << mode;
+  }
+}
+
+TEST_F(ToolRun, AMasterWithNoWorkCostsNothing) {
+  Tool({"exit", "0"});
+  const unsigned long long before = CpuTimeMs(Master().Pid());
+  const auto start = Clock::now();
+  // What is measured is a span of real time.
+  std::this_thread::sleep_for(3s);
+  const unsigned long long used = CpuTimeMs(Master().Pid()) - before;
+  const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+  EXPECT_LT(used * 100, static_cast<unsigned long long>(passed)) << used << " ms of " << passed;
+}
+
+using Masters = Build;
+
+TEST_F(Masters, OnlyOneRunsAtATime) {
+  StartMaster();
+  NamedEvent stopped(true);
+  stopped.Signal();
+  // The last one is told to stop while it is ending by itself.
+  for (const Words& more : {Words{}, Words{"-es", stopped.Name()}}) {
+    Words words{"-master", "-id", UniqueName("other")};
+    words.insert(words.end(), more.begin(), more.end());
+    const RunResult second = Kestrun(words);
+    EXPECT_EQ(second.exitCode, 1);
+    EXPECT_EQ(second.errors, "KESTRUN: error: Another instance of Kestrun is already running.\n");
+  }
+  EXPECT_EQ(Tool({"exit", "9"}).exitCode, 9);
+  EXPECT_EQ(StopMaster(), 0);
+  StartMaster();
+  EXPECT_EQ(StopMaster(), 0);
+}
+
+TEST_F(Masters, HaveAsManyPlacesAsTheyCanServe) {
+  const struct {
+    const char* settings;
+    int places;
+    const char* errors;
+  } cases[] = {{"MaxStubs=int:0\nMaxConcurrentJobs=int:0\n", 30, ""},
+               {"MaxStubs=int:100\n", 62, "KESTRUN: warning: MaxStubs is 100, using 62\n"}};
+  for (const auto& c : cases) {
+    WriteSettings(c.settings);
+    StartMaster();
+    EXPECT_EQ(Tool({"exit", "5"}).exitCode, 5);
+    const HANDLE access = OpenSemaphoreA(SEMAPHORE_ALL_ACCESS, FALSE, ("zelvo_client_access_" + id_).c_str());
+    int places = 0;
+    while (WaitForSingleObject(access, 0) == WAIT_OBJECT_0) ++places;
+    CloseHandle(access);
+    EXPECT_EQ(places, c.places);
+    EXPECT_EQ(StopMaster(), 0);
+    EXPECT_EQ(Master().Errors(), c.errors);
+  }
+}
+
+TEST_F(Masters, GoOnAfterTheFinishEventAndEndOnTheStopEvent) {
+  StartMaster();
+  FinishEvent().Signal();
+  EXPECT_EQ(Tool({"exit", "2"}).exitCode, 2);
+  EXPECT_EQ(StopMaster(), 0);
+  EXPECT_GE(LogCount("Finished Jobs"), 2);
+  EXPECT_EQ(LogCount("reason:STOP event from parent process"), 1);
+}
+
+TEST_F(Masters, RunNoMoreToolsAtOnceThanTheSettingSays) {
+  WriteSettings("MaxConcurrentJobs=int:1\n");
+  StartMaster();
+  NamedEvent started;
+  NamedEvent release;
+  Child first = StartTool({"signal", started.Name(), ",", "await", release.Name(), ",", "print", "first"});
+  ASSERT_TRUE(started.Wait(20000));
+  Child second = StartTool({"signal", started.Name(), ",", "print", "second"});
+  // Two ticks of the master: time enough to start the second tool, were it allowed to.
+  EXPECT_FALSE(started.Wait(1200));
+  release.Signal();
+  EXPECT_EQ(first.Wait(), 0);
+  EXPECT_EQ(second.Wait(), 0);
+}
+
+TEST_F(Masters, ScheduleAtOnceWhenTheyAreEager) {
+  // Twenty jobs one after the other take twenty ticks of 500 ms, or none.
+  WriteSettings("\n[Extensions]\nEagerScheduling=bool:true\n");
+  StartMaster();
+  const auto start = Clock::now();
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(Tool({"exit", std::to_string(i)}).exitCode, i);
+  EXPECT_LT(Clock::now() - start, 8s);
+}
+
+}  // namespace
+}  // namespace kestrun::test
