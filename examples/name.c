@@ -1,0 +1,2 @@
+extern const char* const name;
+const char* const name = "a job script";
