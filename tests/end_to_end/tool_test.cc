@@ -207,12 +207,18 @@ TEST_F(Masters, RunNoMoreToolsAtOnceThanTheSettingSays) {
 }
 
 TEST_F(Masters, ScheduleAtOnceWhenTheyAreEager) {
-  // Twenty jobs one after the other take twenty ticks of 500 ms, or none.
+  // One after the other: each job of a master that is not eager waits for a tick, and they come every 500 ms.
+  const auto timeOfEightJobs = [this] {
+    StartMaster();
+    const auto start = Clock::now();
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(Tool({"exit", std::to_string(i)}).exitCode, i);
+    const auto time = Clock::now() - start;
+    EXPECT_EQ(StopMaster(), 0);
+    return time;
+  };
+  const auto byTheTick = timeOfEightJobs();
   WriteSettings("\n[Extensions]\nEagerScheduling=bool:true\n");
-  StartMaster();
-  const auto start = Clock::now();
-  for (int i = 0; i < 20; ++i) EXPECT_EQ(Tool({"exit", std::to_string(i)}).exitCode, i);
-  EXPECT_LT(Clock::now() - start, 8s);
+  EXPECT_LT(timeOfEightJobs(), byTheTick);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Many clients, and many jobs. Not on Windows yet: under Wine a client once could not be started (CreateProcess gave
-// error 1359), a job once ended with -1 and one run hung, for causes that are not known.
+// Many clients, and many jobs.
 #include <algorithm>
 #include <sstream>
 #include <string>

@@ -1,0 +1,6 @@
+# What holds within a span of real time is tested without other tests beside it.
+foreach(test ${end_to_end_tests_TESTS})
+  if(test MATCHES "AtOnce|CostsNothing|WhenTheMasterIsKilled|LeavesNothingBehind")
+    set_tests_properties("${test}" PROPERTIES RUN_SERIAL TRUE)
+  endif()
+endforeach()
