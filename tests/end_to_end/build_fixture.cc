@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 
 namespace kestrun::test {
@@ -42,7 +43,10 @@ Build::Build() {
 }
 
 Build::~Build() {
-  if (master_ && master_->EndsWithin(0) == false) master_->Kill();
+  if (!master_) return;
+  if (!master_->EndsWithin(0)) master_->Kill();
+  master_->Wait();
+  if (HasFailure()) std::cerr << "The master's errors:\n" << master_->Errors();
 }
 
 void Build::WriteSettings(const std::string& lines) {

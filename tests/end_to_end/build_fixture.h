@@ -76,8 +76,16 @@ class Build : public testing::Test {
   std::unique_ptr<Child> master_;
 };
 
+// What the caller of a process sees of an exit code: all of it on Windows, its low byte elsewhere.
+inline int Seen(int code) {
+  return Run({ProgramPath("test_tool"), "exit", std::to_string(code)}).exitCode;
+}
+
 // User and kernel time that a process has used so far, in milliseconds.
 unsigned long long CpuTimeMs(unsigned long pid);
+
+// True of Wine: on a busy machine it fails once in some thousand times to start a process, whoever asks (error 1359).
+bool RefusesProcesses();
 
 }  // namespace kestrun::test
 

@@ -3,4 +3,8 @@ foreach(test ${end_to_end_tests_TESTS})
   if(test MATCHES "AtOnce|CostsNothing|WhenTheMasterIsKilled|LeavesNothingBehind")
     set_tests_properties("${test}" PROPERTIES RUN_SERIAL TRUE)
   endif()
+  # As long as so many processes take: minutes under Wine or a sanitizer.
+  if(test MATCHES "^Load")
+    set_tests_properties("${test}" PROPERTIES TIMEOUT 600)
+  endif()
 endforeach()

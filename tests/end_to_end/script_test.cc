@@ -13,10 +13,6 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kStubFailure = 0x45504C56;
-// What the caller of a process sees of an exit code: all of it on Windows, its low byte elsewhere.
-int Seen(int code) {
-  return Run({ProgramPath("test_tool"), "exit", std::to_string(code)}).exitCode;
-}
 
 class ScriptRun : public Build {
  protected:
