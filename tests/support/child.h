@@ -42,6 +42,8 @@ struct ChildOptions {
 // A child that is still running when the object goes is killed.
 class Child {
  public:
+  struct State;  // of the running process, in child_state.h
+
   static Child Start(const Words& commandLine, const ChildOptions& options = {});
   static Child Self(const std::string& name, const Words& words = {}, const ChildOptions& options = {});
 
@@ -68,7 +70,6 @@ class Child {
   std::string Errors() const;
 
  private:
-  struct State;
   explicit Child(std::unique_ptr<State> state);
   std::unique_ptr<State> state_;
 };

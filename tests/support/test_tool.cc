@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/host.h"
 #include "platform/win32.h"
 
 namespace kestrun::test {
@@ -66,7 +67,8 @@ HANDLE OpenNamedEvent(const std::string& name) {
 std::size_t CountInput() {
   char block[4096];
   std::size_t total = 0;
-  for (std::size_t count = 0; (count = std::fread(block, 1, sizeof block, stdin)) > 0;) total += count;
+  DWORD count = 0;
+  while (ReadFile(GetStdHandle(STD_INPUT_HANDLE), block, sizeof block, &count, nullptr) && count > 0) total += count;
   return total;
 }
 
@@ -90,12 +92,12 @@ std::size_t RunCommand(const Words& words, std::size_t at) {
     return PrintLine(stdout, value != nullptr ? value : "(unset)"), at + 2;
   }
   if (command == "cwd") return PrintLine(stdout, std::filesystem::current_path().string()), at + 1;
-  if (command == "pid") return PrintLine(stdout, std::to_string(OwnProcessId())), at + 1;
+  if (command == "pid") return PrintLine(stdout, std::to_string(GetCurrentProcessId())), at + 1;
   if (command == "input") return PrintLine(stdout, std::to_string(CountInput())), at + 1;
   if (command == "await") return WaitForSingleObject(OpenNamedEvent(word(1)), INFINITE), at + 2;
   if (command == "signal") return SetEvent(OpenNamedEvent(word(1))), at + 2;
   if (command == "create") return std::ofstream(word(1)), at + 2;
-  if (command == "note") return std::ofstream(word(1), std::ios::app) << OwnProcessId() << '\n', at + 2;
+  if (command == "note") return std::ofstream(word(1), std::ios::app) << GetCurrentProcessId() << '\n', at + 2;
   if (command == "hold") Hold();
   if (command == "background") {
     const Words rest(words.begin() + static_cast<std::ptrdiff_t>(at) + 2, words.end());
@@ -128,6 +130,6 @@ int RunWords(const Words& words) {
 }  // namespace kestrun::test
 
 int main(int argc, char** argv) {
-  kestrun::test::BinaryStreams();
+  kestrun::platform::SetStandardStreamsBinary();
   return kestrun::test::RunWords({argv + 1, argv + argc});
 }

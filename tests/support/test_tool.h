@@ -7,8 +7,6 @@
 
 namespace kestrun::test {
 
-unsigned long OwnProcessId();
-void BinaryStreams();
 // Starts this program again in the background with WORDS; it keeps the standard streams. MODE is "plain", "group"
 // (a process group of its own), "session" (a session of its own) or "daemon" (forked twice in a new session); where
 // the system has no such thing the mode is "plain". Gives the new process's id.

@@ -1,7 +1,6 @@
 #include "support/child.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/syscall.h>
@@ -14,7 +13,7 @@
 #include <fstream>
 #include <thread>
 
-#include "support/child_output.h"
+#include "support/child_state.h"
 
 namespace kestrun::test {
 namespace {
@@ -68,47 +67,60 @@ bool IsZombie(pid_t pid) {
   return end != std::string::npos && end + 2 < text.size() && (text[end + 2] == 'Z' || text[end + 2] == 'X');
 }
 
-}  // namespace
+class PosixState : public Child::State {
+ public:
+  PosixState(pid_t pid, bool ownGroup, int input) : pid_(pid), ownGroup_(ownGroup), input_(input) {}
 
-struct Child::State {
-  pid_t pid = -1;
-  bool ownGroup = false;
-  bool reaped = false;
-  int status = 0;
-  int input = -1;
-  std::shared_ptr<ChildOutput> output = std::make_shared<ChildOutput>();
-  std::shared_ptr<ChildOutput> errors = std::make_shared<ChildOutput>();
-  std::vector<std::thread> threads;
-
-  bool TryReap() {
-    const pid_t result = waitpid(pid, &status, WNOHANG);
-    return result == pid || (result < 0 && errno == ECHILD);
+  unsigned long Pid() const override { return static_cast<unsigned long>(pid_); }
+  bool WriteInput(const std::string& text) override {
+    signal(SIGPIPE, SIG_IGN);
+    std::size_t sent = 0;
+    while (sent < text.size()) {
+      const ssize_t count = write(input_, text.data() + sent, text.size() - sent);
+      if (count <= 0) return false;
+      sent += static_cast<std::size_t>(count);
+    }
+    return true;
   }
-
-  bool Reap(unsigned limitMs) {
-    if (reaped || (reaped = TryReap())) return true;
+  void CloseInput() override {
+    if (input_ >= 0) close(input_);
+    input_ = -1;
+  }
+  void Kill() override { kill(pid_, SIGKILL); }
+  void Interrupt() override { kill(ownGroup_ ? -pid_ : pid_, SIGINT); }
+  bool EndsWithin(unsigned limitMs) override {
+    if (reaped_ || (reaped_ = TryReap())) return true;
     const auto deadline = Clock::now() + std::chrono::milliseconds(limitMs);
-    const int handle = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    const int handle = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
     pollfd wait{handle, POLLIN, 0};
-    for (;;) {
+    while (!reaped_) {
       const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
       if (left <= 0) break;
       // Without a descriptor for the process, look again every few milliseconds.
       poll(&wait, handle >= 0 ? 1 : 0, handle >= 0 ? static_cast<int>(left) : 5);
-      if ((reaped = TryReap())) break;
+      reaped_ = TryReap();
     }
     if (handle >= 0) close(handle);
-    return reaped;
+    return reaped_;
   }
+  int ExitCode() override { return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_); }
+
+ private:
+  bool TryReap() {
+    const pid_t result = waitpid(pid_, &status_, WNOHANG);
+    return result == pid_ || (result < 0 && errno == ECHILD);
+  }
+
+  const pid_t pid_;
+  const bool ownGroup_;
+  int input_;
+  bool reaped_ = false;
+  int status_ = 0;
 };
 
-Child::Child(std::unique_ptr<State> state) : state_(std::move(state)) {}
-Child::Child(Child&&) noexcept = default;
-Child& Child::operator=(Child&&) noexcept = default;
+}  // namespace
 
-Child Child::Start(const Words& commandLine, const ChildOptions& options) {
-  auto state = std::make_unique<State>();
-  state->ownGroup = options.ownGroup;
+std::unique_ptr<Child::State> Child::State::Start(const Words& commandLine, const ChildOptions& options) {
   const Pipe input = MakePipe();
   const Pipe output = MakePipe();
   const Pipe errors = MakePipe();
@@ -116,8 +128,8 @@ Child Child::Start(const Words& commandLine, const ChildOptions& options) {
   Words environment = EnvironmentWith(options);
   const std::vector<char*> argv = Pointers(words);
   const std::vector<char*> envp = Pointers(environment);
-  state->pid = fork();
-  if (state->pid == 0) {
+  const pid_t pid = fork();
+  if (pid == 0) {
     if (options.ownGroup) setpgid(0, 0);
     dup2(input.read, 0);
     if (!options.inheritOutput) {
@@ -131,79 +143,10 @@ Child Child::Start(const Words& commandLine, const ChildOptions& options) {
   close(input.read);
   close(output.write);
   close(errors.write);
-  state->input = input.write;
+  auto state = std::make_unique<PosixState>(pid, options.ownGroup, input.write);
   state->threads.emplace_back(Collect, output.read, state->output);
   state->threads.emplace_back(Collect, errors.read, state->errors);
-  Child child(std::move(state));
-  if (options.input) {
-    signal(SIGPIPE, SIG_IGN);
-    std::size_t sent = 0;
-    while (sent < options.input->size()) {
-      const ssize_t count = write(input.write, options.input->data() + sent, options.input->size() - sent);
-      if (count <= 0) break;
-      sent += static_cast<std::size_t>(count);
-    }
-    child.CloseInput();
-  }
-  return child;
-}
-
-Child::~Child() {
-  if (!state_) return;
-  if (!state_->reaped) Kill();
-  CloseInput();
-  // A descendant may hold an output open for longer than the child lived; the reader then outlives this object.
-  for (std::thread& thread : state_->threads) thread.detach();
-}
-
-unsigned long Child::Pid() const {
-  return static_cast<unsigned long>(state_->pid);
-}
-std::string Child::ReadLine() {
-  return state_->output->ReadLine();
-}
-std::string Child::Output() const {
-  return state_->output->All();
-}
-std::string Child::Errors() const {
-  return state_->errors->All();
-}
-
-void Child::Tell(const std::string& line) {
-  const std::string text = line + "\n";
-  signal(SIGPIPE, SIG_IGN);
-  EXPECT_EQ(write(state_->input, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-}
-
-void Child::CloseInput() {
-  if (state_->input >= 0) close(state_->input);
-  state_->input = -1;
-}
-
-void Child::Kill() {
-  if (state_->reaped) return;
-  kill(state_->pid, SIGKILL);
-  state_->Reap(60000);
-}
-
-void Child::Interrupt() {
-  kill(state_->ownGroup ? -state_->pid : state_->pid, SIGINT);
-}
-
-bool Child::EndsWithin(unsigned limitMs) {
-  return state_->Reap(limitMs);
-}
-
-int Child::Wait(unsigned limitMs) {
-  if (!state_->Reap(limitMs)) {
-    ADD_FAILURE() << "the child did not end within " << limitMs << " ms; its errors: " << Errors();
-    Kill();
-  }
-  for (std::thread& thread : state_->threads) {
-    if (thread.joinable()) thread.join();
-  }
-  state_->threads.clear();
-  return WIFEXITED(state_->status) ? WEXITSTATUS(state_->status) : 128 + WTERMSIG(state_->status);
+  return state;
 }
 
 unsigned long CurrentProcessId() {

@@ -18,12 +18,6 @@ namespace {
 
 }  // namespace
 
-unsigned long OwnProcessId() {
-  return static_cast<unsigned long>(getpid());
-}
-
-void BinaryStreams() {}
-
 unsigned long StartBackground(const std::string& mode, const std::vector<std::string>& words) {
   int ids[2];
   if (pipe(ids) != 0) return 0;

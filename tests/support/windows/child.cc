@@ -1,13 +1,12 @@
 #include "support/child.h"
 
-#include <gtest/gtest.h>
 #include <windows.h>
 
 #include <mutex>
 #include <stdexcept>
 #include <thread>
 
-#include "support/child_output.h"
+#include "support/child_state.h"
 
 namespace kestrun::test {
 namespace {
@@ -61,24 +60,39 @@ std::string EnvironmentBlock(const ChildOptions& options) {
   return block + '\0';
 }
 
-}  // namespace
+class WindowsState : public Child::State {
+ public:
+  WindowsState(const PROCESS_INFORMATION& process, HANDLE input)
+      : process_(process.hProcess), pid_(process.dwProcessId), input_(input) {}
+  ~WindowsState() override { CloseHandle(process_); }
 
-struct Child::State {
-  HANDLE process = nullptr;
-  DWORD pid = 0;
-  HANDLE input = nullptr;
-  std::shared_ptr<ChildOutput> output = std::make_shared<ChildOutput>();
-  std::shared_ptr<ChildOutput> errors = std::make_shared<ChildOutput>();
-  std::vector<std::thread> threads;
+  unsigned long Pid() const override { return pid_; }
+  bool WriteInput(const std::string& text) override {
+    DWORD sent = 0;
+    return WriteFile(input_, text.data(), static_cast<DWORD>(text.size()), &sent, nullptr);
+  }
+  void CloseInput() override {
+    if (input_ != nullptr) CloseHandle(input_);
+    input_ = nullptr;
+  }
+  void Kill() override { TerminateProcess(process_, 137); }
+  void Interrupt() override { GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, pid_); }
+  bool EndsWithin(unsigned limitMs) override { return WaitForSingleObject(process_, limitMs) == WAIT_OBJECT_0; }
+  int ExitCode() override {
+    DWORD code = 0;
+    GetExitCodeProcess(process_, &code);
+    return static_cast<int>(code);
+  }
 
-  bool Ended(unsigned limitMs) const { return WaitForSingleObject(process, limitMs) == WAIT_OBJECT_0; }
+ private:
+  const HANDLE process_;
+  const DWORD pid_;
+  HANDLE input_;
 };
 
-Child::Child(std::unique_ptr<State> state) : state_(std::move(state)) {}
-Child::Child(Child&&) noexcept = default;
-Child& Child::operator=(Child&&) noexcept = default;
+}  // namespace
 
-Child Child::Start(const Words& commandLine, const ChildOptions& options) {
+std::unique_ptr<Child::State> Child::State::Start(const Words& commandLine, const ChildOptions& options) {
   // A second child that starts between MakePipe and CloseHandle would inherit this one's ends.
   static std::mutex starting;
   std::lock_guard lock(starting);
@@ -104,79 +118,10 @@ Child Child::Start(const Words& commandLine, const ChildOptions& options) {
   CloseHandle(errors.write);
   if (!started) throw std::runtime_error("cannot start " + text + ": error " + std::to_string(error));
   CloseHandle(process.hThread);
-  auto state = std::make_unique<State>();
-  state->process = process.hProcess;
-  state->pid = process.dwProcessId;
-  state->input = input.write;
+  auto state = std::make_unique<WindowsState>(process, input.write);
   state->threads.emplace_back(Collect, output.read, state->output);
   state->threads.emplace_back(Collect, errors.read, state->errors);
-  Child child(std::move(state));
-  if (options.input) {
-    DWORD sent = 0;
-    WriteFile(child.state_->input, options.input->data(), static_cast<DWORD>(options.input->size()), &sent, nullptr);
-    child.CloseInput();
-  }
-  return child;
-}
-
-Child::~Child() {
-  if (!state_) return;
-  Kill();
-  CloseInput();
-  CloseHandle(state_->process);
-  for (std::thread& thread : state_->threads) thread.detach();
-}
-
-unsigned long Child::Pid() const {
-  return state_->pid;
-}
-std::string Child::ReadLine() {
-  return state_->output->ReadLine();
-}
-std::string Child::Output() const {
-  return state_->output->All();
-}
-std::string Child::Errors() const {
-  return state_->errors->All();
-}
-
-void Child::Tell(const std::string& line) {
-  const std::string text = line + "\n";
-  DWORD sent = 0;
-  EXPECT_TRUE(WriteFile(state_->input, text.data(), static_cast<DWORD>(text.size()), &sent, nullptr));
-}
-
-void Child::CloseInput() {
-  if (state_->input != nullptr) CloseHandle(state_->input);
-  state_->input = nullptr;
-}
-
-void Child::Kill() {
-  if (state_->Ended(0)) return;
-  TerminateProcess(state_->process, 137);
-  state_->Ended(60000);
-}
-
-void Child::Interrupt() {
-  GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, state_->pid);
-}
-
-bool Child::EndsWithin(unsigned limitMs) {
-  return state_->Ended(limitMs);
-}
-
-int Child::Wait(unsigned limitMs) {
-  if (!state_->Ended(limitMs)) {
-    ADD_FAILURE() << "the child did not end within " << limitMs << " ms; its errors: " << Errors();
-    Kill();
-  }
-  for (std::thread& thread : state_->threads) {
-    if (thread.joinable()) thread.join();
-  }
-  state_->threads.clear();
-  DWORD code = 0;
-  GetExitCodeProcess(state_->process, &code);
-  return static_cast<int>(code);
+  return state;
 }
 
 unsigned long CurrentProcessId() {

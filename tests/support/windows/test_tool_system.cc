@@ -1,23 +1,8 @@
 #include "support/test_tool.h"
 
-#include <fcntl.h>
-#include <io.h>
-
-#include <cstdio>
-
 #include "platform/win32.h"
 
 namespace kestrun::test {
-
-unsigned long OwnProcessId() {
-  return GetCurrentProcessId();
-}
-
-void BinaryStreams() {
-  _setmode(_fileno(stdin), _O_BINARY);
-  _setmode(_fileno(stdout), _O_BINARY);
-  _setmode(_fileno(stderr), _O_BINARY);
-}
 
 unsigned long StartBackground(const std::string&, const std::vector<std::string>& words) {
   char path[MAX_PATH];
