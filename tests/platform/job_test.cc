@@ -21,15 +21,10 @@ struct Family {
   }
 };
 
-constexpr char kFamilyWords[] =
-    "background plain hold then background group hold then background session hold then background daemon hold then ";
-
-Family StartFamily(const std::string& lastWords, DWORD flags = 0) {
+Family StartFamily(const std::string& lastWords) {
   Family family;
   family.job = MakeJob();
-  family.tool = StartTool(kFamilyWords + lastWords, {CREATE_SUSPENDED | flags});
-  EXPECT_TRUE(AssignProcessToJobObject(family.job, family.tool.process));
-  EXPECT_EQ(ResumeThread(family.tool.thread), 1u);
+  family.tool = StartToolIn(family.job, kFamilyWords + lastWords);
   for (int i = 0; i < 4; ++i) family.members.push_back(std::stoul(ReadLineFrom(family.tool.output)));
   for (const unsigned long pid : family.members) EXPECT_TRUE(ProcessExists(pid));
   family.members.push_back(family.tool.pid);

@@ -10,60 +10,6 @@
 namespace kestrun::test {
 namespace {
 
-DWORD WaitOnAnotherThread(HANDLE handle, DWORD timeoutMs) {
-  DWORD result = WAIT_FAILED;
-  std::thread([&] {
-    result = WaitForSingleObject(handle, timeoutMs);
-    if (result == WAIT_OBJECT_0) ReleaseMutex(handle);
-  }).join();
-  return result;
-}
-
-TEST(Mutex, IsTakenAndGivenBackByCount) {
-  ScopedHandle mutex = CreateMutexA(nullptr, TRUE, nullptr);
-  EXPECT_EQ(WaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
-  EXPECT_TRUE(ReleaseMutex(mutex));
-  EXPECT_EQ(WaitOnAnotherThread(mutex, 0), WAIT_TIMEOUT);
-  EXPECT_EQ(WaitOnAnotherThread(mutex, 20), WAIT_TIMEOUT);
-  EXPECT_TRUE(ReleaseMutex(mutex));
-  EXPECT_EQ(WaitOnAnotherThread(mutex, 0), WAIT_OBJECT_0);
-}
-
-TEST(Mutex, OnlyItsOwnerMayReleaseIt) {
-  ScopedHandle mutex = CreateMutexA(nullptr, TRUE, nullptr);
-  std::thread([&] {
-    EXPECT_FALSE(ReleaseMutex(mutex));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_OWNER});
-  }).join();
-  EXPECT_TRUE(ReleaseMutex(mutex));
-  EXPECT_FALSE(ReleaseMutex(mutex));
-  EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_OWNER});
-}
-
-TEST(Mutex, TwoHandlesOnANameAreOneMutex) {
-  const std::string name = UniqueName();
-  ScopedHandle first = CreateMutexA(nullptr, FALSE, name.c_str());
-  // Ownership at birth is for the one who makes it.
-  ScopedHandle second = CreateMutexA(nullptr, TRUE, name.c_str());
-  EXPECT_EQ(GetLastError(), DWORD{ERROR_ALREADY_EXISTS});
-  EXPECT_FALSE(ReleaseMutex(second));
-  EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_OBJECT_0);
-  EXPECT_TRUE(ReleaseMutex(second));
-}
-
-// The thread's handle is signalled only after its mutexes are abandoned, so no time limit is needed here.
-TEST(Mutex, IsAbandonedOnceByAThreadThatEnds) {
-  ScopedHandle mutex = CreateMutexA(nullptr, FALSE, nullptr);
-  ScopedHandle thread = CreateThread(
-      nullptr, 0, [](LPVOID handle) -> DWORD { return WaitForSingleObject(handle, INFINITE); },
-      static_cast<HANDLE>(mutex), 0, nullptr);
-  EXPECT_EQ(WaitForSingleObject(thread, INFINITE), WAIT_OBJECT_0);
-  EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_ABANDONED);
-  EXPECT_TRUE(ReleaseMutex(mutex));
-  EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
-  EXPECT_TRUE(ReleaseMutex(mutex));
-}
-
 KESTRUN_CHILD(OwnsMutexes) {
   ScopedHandle mutexes[2];
   for (std::size_t i = 0; i < words.size(); ++i) {

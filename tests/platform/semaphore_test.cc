@@ -12,34 +12,6 @@
 namespace kestrun::test {
 namespace {
 
-TEST(Semaphore, LetsAsManyInAsItsCount) {
-  ScopedHandle semaphore = CreateSemaphoreA(nullptr, 2, 2, nullptr);
-  EXPECT_EQ(WaitForSingleObject(semaphore, 0), WAIT_OBJECT_0);
-  EXPECT_EQ(WaitForSingleObject(semaphore, 0), WAIT_OBJECT_0);
-  EXPECT_EQ(WaitForSingleObject(semaphore, 0), WAIT_TIMEOUT);
-}
-
-TEST(Semaphore, ReleaseTellsThePreviousCountAndKeepsToTheMaximum) {
-  ScopedHandle semaphore = CreateSemaphoreA(nullptr, 1, 3, nullptr);
-  LONG previous = -1;
-  EXPECT_TRUE(ReleaseSemaphore(semaphore, 2, &previous));
-  EXPECT_EQ(previous, 1);
-  EXPECT_FALSE(ReleaseSemaphore(semaphore, 1, &previous));
-  EXPECT_EQ(GetLastError(), DWORD{ERROR_TOO_MANY_POSTS});
-  EXPECT_FALSE(ReleaseSemaphore(semaphore, 0x7FFFFFFF, nullptr));
-  // The failures changed nothing.
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(WaitForSingleObject(semaphore, 0), WAIT_OBJECT_0);
-  EXPECT_EQ(WaitForSingleObject(semaphore, 0), WAIT_TIMEOUT);
-}
-
-TEST(Semaphore, ImpossibleCountsAreRefused) {
-  const LONG counts[][2] = {{0, 0}, {-1, 1}, {2, 1}, {0, -1}};
-  for (const auto& [initial, maximum] : counts) {
-    EXPECT_FALSE(CreateSemaphoreA(nullptr, initial, maximum, nullptr)) << initial << " of " << maximum;
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
-  }
-}
-
 TEST(Semaphore, EachUnitSatisfiesExactlyOneWait) {
   constexpr int kConsumers = 6;
   constexpr int kUnits = 20000;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 
 #include "platform/win32.h"
 
@@ -25,45 +26,14 @@ TEST(TimeTest, DatesAndFileTimesConvertBothWays) {
     EXPECT_EQ(Ticks(time), c.ticks) << c.date.wYear;
     SYSTEMTIME back;
     ASSERT_TRUE(FileTimeToSystemTime(&time, &back));
-    EXPECT_EQ(back.wYear, c.date.wYear);
-    EXPECT_EQ(back.wMonth, c.date.wMonth);
-    EXPECT_EQ(back.wDay, c.date.wDay);
-    EXPECT_EQ(back.wDayOfWeek, c.date.wDayOfWeek);
-    EXPECT_EQ(back.wHour, c.date.wHour);
-    EXPECT_EQ(back.wMinute, c.date.wMinute);
-    EXPECT_EQ(back.wSecond, c.date.wSecond);
-    EXPECT_EQ(back.wMilliseconds, c.date.wMilliseconds);
+    EXPECT_EQ(std::memcmp(&back, &c.date, sizeof back), 0) << c.date.wYear;
   }
 }
 
-TEST(TimeTest, WhatIsNoDateIsRefused) {
-  const SYSTEMTIME kNoDates[] = {{2026, 2, 0, 30, 0, 0, 0, 0},   {2026, 13, 0, 1, 0, 0, 0, 0},
-                                 {2026, 1, 0, 0, 0, 0, 0, 0},    {2026, 1, 0, 1, 24, 0, 0, 0},
-                                 {2026, 1, 0, 1, 0, 0, 0, 1000}, {1600, 1, 0, 1, 0, 0, 0, 0}};
-  for (const SYSTEMTIME& date : kNoDates) {
-    FILETIME time;
-    EXPECT_FALSE(SystemTimeToFileTime(&date, &time)) << date.wYear << " " << date.wMonth << " " << date.wDay;
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-  }
+TEST(TimeTest, ATimeBeyondAllDatesIsRefused) {
   const FILETIME tooFar{0, 0x80000000};
   SYSTEMTIME date;
   EXPECT_FALSE(FileTimeToSystemTime(&tooFar, &date));
-}
-
-TEST(TimeTest, ClocksAgreeOnAPause) {
-  LARGE_INTEGER frequency, start, end;
-  ASSERT_TRUE(QueryPerformanceFrequency(&frequency));
-  const DWORD startTick = GetTickCount();
-  QueryPerformanceCounter(&start);
-  Sleep(60);
-  QueryPerformanceCounter(&end);
-  const DWORD ticks = GetTickCount() - startTick;
-  const double counted =
-      static_cast<double>(end.QuadPart - start.QuadPart) * 1000 / static_cast<double>(frequency.QuadPart);
-  // The tick count of some systems moves in steps of 16 ms.
-  EXPECT_GE(counted, 59.0);
-  EXPECT_GE(ticks, 44u);
-  EXPECT_LE(counted, ticks + 32.0);
 }
 
 TEST(TimeTest, LocalTimeIsTheSystemTimeInTheLocalZone) {

@@ -70,13 +70,11 @@ Tool StartProgram(const std::string& commandLine, const ToolSettings& settings) 
   startup.hStdInput = settings.sharesInput ? GetStdHandle(STD_INPUT_HANDLE) : HANDLE{input.read};
   startup.hStdOutput = output.write;
   startup.hStdError = errors.write;
-  std::string environment = settings.environmentBlock;
   std::string line = commandLine;
   PROCESS_INFORMATION information = {};
   Tool tool;
-  if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, settings.flags,
-                      environment.empty() ? nullptr : environment.data(), settings.workingDirectory, &startup,
-                      &information)) {
+  if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, settings.flags, nullptr, settings.workingDirectory,
+                      &startup, &information)) {
     tool.error = GetLastError();
     return tool;
   }
@@ -95,6 +93,13 @@ ScopedHandle MakeJob() {
   limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
   EXPECT_TRUE(SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits));
   return job;
+}
+
+Tool StartToolIn(const ScopedHandle& job, const std::string& words) {
+  Tool tool = StartTool(words, {CREATE_SUSPENDED});
+  EXPECT_TRUE(AssignProcessToJobObject(job, tool.process));
+  EXPECT_EQ(ResumeThread(tool.thread), 1u);
+  return tool;
 }
 
 }  // namespace kestrun::test

@@ -24,7 +24,6 @@ std::string ReadLineFrom(HANDLE pipe);
 
 struct ToolSettings {
   DWORD flags = 0;
-  std::string environmentBlock = {};  // with its last NUL; empty for the own environment
   const char* workingDirectory = nullptr;
   bool sharesInput = false;  // this process's standard input in place of a pipe
 };
@@ -59,6 +58,13 @@ Tool StartProgram(const std::string& commandLine, const ToolSettings& settings =
 
 // A job that ends with its last handle.
 ScopedHandle MakeJob();
+
+// The tool's words for one background child of each kind that the system has, all of them held; it prints their ids.
+inline constexpr char kFamilyWords[] =
+    "background plain hold then background group hold then background session hold then background daemon hold then ";
+
+// Started in the job from its first instruction.
+Tool StartToolIn(const ScopedHandle& job, const std::string& words);
 
 }  // namespace kestrun::test
 

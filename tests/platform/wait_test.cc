@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -12,10 +13,6 @@ namespace {
 
 ScopedHandle NewEvent(bool set = false) {
   return CreateEventA(nullptr, FALSE, set, nullptr);
-}
-
-DWORD WINAPI ReturnAtOnce(LPVOID) {
-  return 0;
 }
 
 TEST(Wait, TheLowestSignalledIndexWinsAndOnlyItIsUsedUp) {
@@ -53,18 +50,6 @@ TEST(Wait, ALimitIsKept) {
   EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, 50), WAIT_TIMEOUT);
   // A tick of the system's clock early is allowed, as on Windows.
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(65));
-}
-
-TEST(Wait, ForAllEndsWithTheLastThread) {
-  ScopedHandle gate = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-  ScopedHandle ended = CreateThread(nullptr, 0, ReturnAtOnce, nullptr, 0, nullptr);
-  ScopedHandle held = CreateThread(
-      nullptr, 0, [](LPVOID handle) -> DWORD { return WaitForSingleObject(handle, INFINITE); },
-      static_cast<HANDLE>(gate), 0, nullptr);
-  const HANDLE threads[] = {held, ended};
-  EXPECT_EQ(WaitForMultipleObjects(2, threads, TRUE, 20), WAIT_TIMEOUT);
-  SetEvent(gate);
-  EXPECT_EQ(WaitForMultipleObjects(2, threads, TRUE, INFINITE), WAIT_OBJECT_0);
 }
 
 TEST(Wait, SignalObjectAndWaitGivesUpAMutexAndAnEventKeepsTheAnswer) {
@@ -124,7 +109,28 @@ TEST(Wait, AMutexAndAThreadCanBeAmongSeveral) {
   EXPECT_EQ(WaitForMultipleObjects(2, ended, FALSE, INFINITE), WAIT_OBJECT_0 + 1);
   const HANDLE abandoned[] = {event, mutex};
   EXPECT_EQ(WaitForMultipleObjects(2, abandoned, FALSE, INFINITE), WAIT_ABANDONED_0 + 1);
+  EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0) << "it is abandoned once";
   EXPECT_TRUE(ReleaseMutex(mutex));
+  EXPECT_TRUE(ReleaseMutex(mutex));
+}
+
+TEST(Thread, ASuspendedOneRunsOnlyWhenResumed) {
+  static std::atomic<bool> ran;
+  ran = false;
+  ScopedHandle thread = CreateThread(
+      nullptr, 0,
+      [](LPVOID) -> DWORD {
+        ran = true;
+        return 0xFFFFFFF0u;
+      },
+      nullptr, CREATE_SUSPENDED, nullptr);
+  DWORD code = 0;
+  EXPECT_EQ(WaitForSingleObject(thread, 20), WAIT_TIMEOUT);
+  EXPECT_FALSE(ran);
+  EXPECT_EQ(ResumeThread(thread), 1u);
+  EXPECT_EQ(WaitForSingleObject(thread, INFINITE), WAIT_OBJECT_0);
+  EXPECT_TRUE(GetExitCodeThread(thread, &code));
+  EXPECT_EQ(code, 0xFFFFFFF0u);
 }
 
 }  // namespace

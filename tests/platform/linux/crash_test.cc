@@ -169,10 +169,5 @@ TEST(CrashTest, WithoutAnAnswerTheProcessDiesOfItsSignal) {
   }
 }
 
-TEST(CrashTest, TheFilterBeforeIsGivenBack) {
-  const LPTOP_LEVEL_EXCEPTION_FILTER first = SetUnhandledExceptionFilter(LookElsewhere);
-  EXPECT_EQ(SetUnhandledExceptionFilter(first), LookElsewhere);
-}
-
 }  // namespace
 }  // namespace kestrun::test

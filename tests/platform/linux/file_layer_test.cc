@@ -8,7 +8,6 @@
 
 #include "platform/host.h"
 #include "platform/linux/file_names.h"
-#include "platform/linux/wide_text.h"
 #include "platform/win32.h"
 #include "support/names.h"
 
@@ -126,21 +125,6 @@ TEST(FileLayerTest, FullPathsNeedNoDisk) {
       {"../x", "/x"}, {"./", "/cwd/"}, {"a/..", "/cwd"},      {"/a/..b", "/a/..b"},   {"/a/.b/...", "/a/.b/..."},
       {"", ""}};
   for (const auto& c : kCases) EXPECT_EQ(platform::LexicalFullPath(c.name, "/cwd"), c.full) << c.name;
-}
-
-TEST(FileLayerTest, WideTextKeepsEveryByte) {
-  std::mt19937 random(7);
-  for (int i = 0; i < 5000; ++i) {
-    std::string bytes(random() % 12, '\0');
-    for (char& byte : bytes) byte = static_cast<char>(random() % 4 == 0 ? random() : 0xC0 | (random() & 0x3F));
-    std::string back;
-    ASSERT_TRUE(platform::Narrow(platform::Widen(bytes), back));
-    ASSERT_EQ(back, bytes);
-  }
-  EXPECT_EQ(platform::Widen("\u20ac\U0001F600").size(), 2u);
-  std::string none;
-  EXPECT_FALSE(platform::Narrow(std::wstring(1, static_cast<wchar_t>(0xD800)), none));
-  EXPECT_FALSE(platform::Narrow(std::wstring(1, static_cast<wchar_t>(0x110000)), none));
 }
 
 }  // namespace

@@ -50,13 +50,7 @@ pid_t ParentOf(pid_t pid) {
 }
 
 Tool StartHeldFamily(const ScopedHandle& job) {
-  Tool tool = StartTool(
-      "background plain hold then background group hold then background session hold then background daemon hold then "
-      "print up hold",
-      {CREATE_SUSPENDED});
-  AssignProcessToJobObject(job, tool.process);
-  ResumeThread(tool.thread);
-  return tool;
+  return StartToolIn(job, std::string(kFamilyWords) + "print up hold");
 }
 
 KESTRUN_CHILD(OwnsOneFamily) {
@@ -146,9 +140,7 @@ TEST_F(Kill, AKilledZygoteIsReplaced) {
 // Runs a tool in a job of its own, and gives its supervisor, which is to take another tool once it is idle.
 pid_t RunToolUnderSupervisor() {
   const ScopedHandle job = MakeJob();
-  Tool tool = StartTool("print up input exit 5", {CREATE_SUSPENDED});
-  EXPECT_TRUE(AssignProcessToJobObject(job, tool.process));
-  ResumeThread(tool.thread);
+  Tool tool = StartToolIn(job, "print up input exit 5");
   EXPECT_EQ(ReadLineFrom(tool.output), "up");
   const pid_t supervisor = ParentOf(static_cast<pid_t>(tool.pid));
   tool.input = ScopedHandle();

@@ -178,16 +178,6 @@ TEST(Descriptors, AreAsManyAsTheSystemAllowsAndNoneIsInherited) {
   }
 }
 
-TEST(Handles, AreReusedLowestFirst) {
-  ScopedHandle first = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-  ScopedHandle second = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-  ScopedHandle third = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-  const HANDLE low = first;
-  second.Close();
-  first.Close();
-  EXPECT_EQ(ScopedHandle(CreateEventA(nullptr, FALSE, FALSE, nullptr)), low);
-}
-
 // Files may grow to 64 KiB here, so that a region of 128 KiB is one for which there is no room.
 KESTRUN_CHILD(HasNoRoom) {
   signal(SIGXFSZ, SIG_IGN);
@@ -203,11 +193,6 @@ KESTRUN_CHILD(HasNoRoom) {
 
 TEST(Regions, OneWithoutRoomIsAnErrorAndLeavesNothing) {
   EXPECT_EQ(Child::Self("HasNoRoom", {UniqueName()}).Wait(), 0);
-}
-
-TEST(Regions, OneBeyondAllMemoryIsRefusedAtOnce) {
-  EXPECT_FALSE(CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0x100000, 0, nullptr));
-  EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
 }
 
 }  // namespace
