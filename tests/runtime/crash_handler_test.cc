@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 #include <thread>
@@ -32,23 +31,6 @@ KESTRUN_CHILD(Crashes) {
   return 0;
 }
 
-std::uint32_t NumberAt(const std::string& bytes, std::size_t offset) {
-  std::uint32_t value = 0;
-  if (offset + sizeof value <= bytes.size()) std::memcpy(&value, bytes.data() + offset, sizeof value);
-  return value;
-}
-
-// How many threads the thread list of a minidump holds; 0 without such a list. The directory of streams has entries of
-// type, size and offset.
-std::uint32_t CountThreads(const std::string& minidump) {
-  constexpr std::uint32_t kThreadList = 3;
-  const std::uint32_t streams = NumberAt(minidump, 8);
-  for (std::uint32_t i = 0, entry = NumberAt(minidump, 12); i < streams; ++i, entry += 12) {
-    if (NumberAt(minidump, entry) == kThreadList) return NumberAt(minidump, NumberAt(minidump, entry + 8));
-  }
-  return 0;
-}
-
 class CrashHandler : public testing::TestWithParam<const char*> {};
 
 TEST_P(CrashHandler, LeavesADumpAndALineAndTheCode) {
@@ -61,14 +43,11 @@ TEST_P(CrashHandler, LeavesADumpAndALineAndTheCode) {
   EXPECT_NE(result.errors.find("Internal Exception: dump file written to " + dump), std::string::npos) << result.errors;
   const std::string bytes = folder.Read("zelvo-0.0.0.0.dmp");
   EXPECT_GT(bytes.size(), 1000u);
-  // A minidump where the system writes those, an ELF core elsewhere; what a core holds is the platform layer's to test.
+  // A minidump where the system writes those, an ELF core elsewhere.
   const bool isCore = bytes.substr(0, 4) ==
                       "\x7f"
                       "ELF";
   EXPECT_TRUE(isCore || bytes.substr(0, 4) == "MDMP");
-  if (!isCore) {
-    EXPECT_GE(CountThreads(bytes), 2u);
-  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Ways, CrashHandler, testing::Values("access", "exception"));

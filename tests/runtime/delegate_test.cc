@@ -85,11 +85,5 @@ TEST(Delegate, ClosureHoldsItsArgumentAndTheTargetItsOwnReference) {
   EXPECT_EQ(ends, 1);
 }
 
-TEST(Delegate, ExceptionOfTheTargetPasses) {
-  Adder adder;
-  Functor0<void>::Type thrower = MakeDelegate(&Adder::Throw, &adder);
-  EXPECT_THROW(thrower(), std::string);
-}
-
 }  // namespace
 }  // namespace kestrun

@@ -6,8 +6,11 @@
 
 #include "platform/win32.h"
 #include "runtime/environment.h"
+#include "runtime/error_text.h"
 #include "runtime/exception.h"
 #include "runtime/handle.h"
+#include "runtime/version.h"
+#include "support/expect_throw.h"
 #include "support/names.h"
 
 namespace kestrun {
@@ -42,13 +45,8 @@ TEST(TempFiles, AreNewAndEmptyAndInTheTemporaryFolder) {
 }
 
 TEST(TempFiles, AFolderThatCannotHoldOneEndsInAnException) {
-  try {
-    CreateTempFile("/no/such/folder/below");
-    FAIL() << "no exception";
-  } catch (const PLV::Exception& exception) {
-    EXPECT_EQ(exception.GetCode(), static_cast<i32>(ERROR_ALREADY_EXISTS));
-    EXPECT_STREQ(exception.what(), "Cannot create unique temp file name!");
-  }
+  test::ExpectThrow<PLV::Exception>([] { CreateTempFile("/no/such/folder/below"); },
+                                    "Cannot create unique temp file name!", ERROR_ALREADY_EXISTS);
 }
 
 TEST(Trees, AreDeletedWholeButLinksAreNotFollowed) {
@@ -70,6 +68,10 @@ TEST(ExpandEnvironment, ReplacesWhatIsDefinedAndKeepsTheRest) {
   const std::string name = test::UniqueName("KESTRUN_TEST");
   SetEnvironmentVariableA(name.c_str(), "value");
   EXPECT_EQ(ExpandEnvironment("<%" + name + "%|%" + name + "_none%|100%>"), "<value|%" + name + "_none%|100%>");
+  // What stands between two percent signs is a reference, whatever it was meant to be; a value is none.
+  EXPECT_EQ(ExpandEnvironment("100% %" + name + "%"), "100% %" + name + "%");
+  SetEnvironmentVariableA(name.c_str(), "v%x");
+  EXPECT_EQ(ExpandEnvironment("%" + name + "% %" + name + "%"), "v%x v%x");
   SetEnvironmentVariableA(name.c_str(), std::string(3000, 'x').c_str());
   const std::string tooLong = "%" + name + "%%" + name + "%";
   EXPECT_EQ(ExpandEnvironment(tooLong), tooLong);
@@ -101,6 +103,52 @@ TEST(AssertFailed, OnlyReports) {
   testing::internal::CaptureStderr();
   AssertFailed("a == b", "x.cc", 12);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "ASSERTION FAILED(a == b) at x.cc:12\n");
+}
+
+TEST(Environment, ABlockHoldsTheEntriesInKeyOrder) {
+  const std::unique_ptr<char[]> block = BuildEnvironmentBlock({{"b", "2"}, {"B", ""}, {"a", "x=y"}});
+  EXPECT_EQ(std::string(block.get(), 14), std::string("B=\0a=x=y\0b=2\0\0", 14));
+  EXPECT_EQ(BuildEnvironmentBlock({})[0], '\0');
+}
+
+TEST(Environment, ParsingEndsTheKeyAtTheFirstEqualsAndKeepsTheLastOfAKey) {
+  Environment environment{{"old", "kept"}};
+  ParseEnvironmentBlock("a=1\0noequals\0=C:=C:\\x\0=D:=D:\\y\0a=2=3\0\0", environment);
+  EXPECT_EQ(environment, (Environment{{"old", "kept"}, {"a", "2=3"}, {"", "D:=D:\\y"}}));
+}
+
+TEST(Environment, TheProcessSeesWhatItSets) {
+  const std::string name = test::UniqueName("KESTRUN_TEST");
+  std::string value = "untouched";
+  EXPECT_FALSE(GetEnvironmentValue(name, value));
+  EXPECT_EQ(value, "untouched");
+  // 255 characters are the most that fit without a second look.
+  for (const std::size_t length : {1, 255, 256, 257, 5000}) {
+    const std::string set(length, 'x');
+    ASSERT_TRUE(SetEnvironmentVariableA(name.c_str(), set.c_str()));
+    EXPECT_TRUE(GetEnvironmentValue(name, value));
+    EXPECT_EQ(value, set);
+    EXPECT_EQ(GetEnvironment()[name], set);
+  }
+  ASSERT_TRUE(SetEnvironmentVariableA(name.c_str(), nullptr));
+  EXPECT_FALSE(GetEnvironmentValue(name, value));
+}
+
+TEST(Version, AFileWithoutOneLeavesTheNumberAlone) {
+  const test::TempFolder folder;
+  VersionNumber version(9, 9, 9, 9);
+  EXPECT_FALSE(GetFileVersion(folder.File("missing"), version));
+  EXPECT_FALSE(GetFileVersion(folder.Write("text.exe", "no program at all"), version));
+  EXPECT_FALSE(GetFileVersion(folder.Write("short.exe", std::string("\x7f") + "ELF\x02\x01"), version));
+  EXPECT_EQ(version.ToString(), "9.9.9.9");
+}
+
+TEST(ErrorText, IsTheSystemsWithItsLineEnd) {
+  const std::string text = GetErrorText(2);
+  ASSERT_GT(text.size(), 2u);
+  EXPECT_EQ(text.substr(text.size() - 2), "\r\n");
+  EXPECT_NE(text, GetErrorText(5));
+  EXPECT_EQ(GetErrorText(0x2FFFFFFF), "");
 }
 
 }  // namespace
