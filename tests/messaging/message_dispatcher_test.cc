@@ -10,7 +10,6 @@
 #include "messaging/socket_channel.h"
 #include "runtime/blocking_queue.h"
 #include "runtime/thread.h"
-#include "support/child.h"
 #include "support/names.h"
 #include "transport/ipc_socket.h"
 #include "transport/socket.h"
@@ -88,6 +87,13 @@ class MessageDispatcherTest : public testing::Test {
     while (!socket->Connect(name_, kLongMs)) SwitchToThread();
     return new IpcChannel(socket);
   }
+  // The next message tells this of the channel.
+  void ExpectTold(u32 type, const Address& channel) {
+    const rc_ptr<Message> message = inbox_.Next();
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->GetType(), type);
+    EXPECT_EQ(message->GetAddress(), channel);
+  }
   void OnError(std::string text) { errors_.Push(text); }
   std::string NextError() {
     std::string text;
@@ -150,34 +156,8 @@ TEST_F(MessageDispatcherTest, ClosedChannelIsToldAfterItsMessages) {
   channel->Send(TextMessage("last"));
   channel.Reset();
   EXPECT_EQ(TextOf(inbox_.Next()), "last");
-  const rc_ptr<Message> closed = inbox_.Next();
-  ASSERT_TRUE(closed);
-  EXPECT_EQ(closed->GetType(), MessageDispatcher::kClosed);
-  EXPECT_EQ(closed->GetAddress(), address);
+  ExpectTold(MessageDispatcher::kClosed, address);
   EXPECT_FALSE(dispatcher_->FindChannel(address));
-}
-
-KESTRUN_CHILD(DispatcherClient) {
-  rc_ptr<IpcSocket> socket(new IpcSocket());
-  if (!socket->Connect(words[0], kLongMs)) return 1;
-  const rc_ptr<IpcChannel> channel(new IpcChannel(socket));
-  channel->Send(TextMessage("hello"));
-  test::AwaitLine();
-  return 0;
-}
-
-TEST_F(MessageDispatcherTest, KilledPeerIsTold) {
-  Start();
-  Connect();
-  EXPECT_EQ(inbox_.Next()->GetType(), MessageDispatcher::kClosed);
-  test::Child child = test::Child::Self("DispatcherClient", {name_});
-  const rc_ptr<Message> hello = inbox_.Next();
-  ASSERT_EQ(TextOf(hello), "hello");
-  child.Kill();
-  const rc_ptr<Message> closed = inbox_.Next();
-  ASSERT_TRUE(closed);
-  EXPECT_EQ(closed->GetType(), MessageDispatcher::kClosed);
-  EXPECT_EQ(closed->GetAddress(), hello->GetAddress());
 }
 
 TEST_F(MessageDispatcherTest, FrameThatIsNoMessageEndsItsChannelOnly) {
@@ -206,20 +186,14 @@ TEST_F(MessageDispatcherTest, SilenceIsAskedAboutAndThenEnds) {
   EXPECT_EQ(lively->GetSentType(), 0u);
   EXPECT_EQ(idle->GetSentType(), MessageDispatcher::kPing);
   EXPECT_EQ(limit->GetSentType(), MessageDispatcher::kPing);
-  const rc_ptr<Message> timedOut = inbox_.Next();
-  ASSERT_TRUE(timedOut);
-  EXPECT_EQ(timedOut->GetType(), MessageDispatcher::kTimedOut);
-  EXPECT_EQ(timedOut->GetAddress().GetText(), "gone");
+  ExpectTold(MessageDispatcher::kTimedOut, gone->GetAddress());
   EXPECT_TRUE(gone->isClosed);
   EXPECT_FALSE(idle->isClosed);
   EXPECT_FALSE(dispatcher_->CloseChannel(gone.Get()));
 
   EXPECT_TRUE(dispatcher_->CloseChannel(idle.Get()));
   EXPECT_TRUE(idle->isClosed);
-  const rc_ptr<Message> closed = inbox_.Next();
-  ASSERT_TRUE(closed);
-  EXPECT_EQ(closed->GetType(), MessageDispatcher::kClosed);
-  EXPECT_EQ(closed->GetAddress().GetText(), "idle");
+  ExpectTold(MessageDispatcher::kClosed, idle->GetAddress());
 }
 
 // Only what the wait loop serves takes up its places.
@@ -288,10 +262,7 @@ TEST_F(DispatcherSocketsTest, ServesTcp) {
   EXPECT_TRUE(dispatcher_->Send(got->GetAddress(), TextMessage("answer")));
   EXPECT_EQ(TextOf(channel->Receive(-1)), "answer");
   channel.Reset();
-  const rc_ptr<Message> closed = inbox_.Next();
-  ASSERT_TRUE(closed);
-  EXPECT_EQ(closed->GetType(), MessageDispatcher::kClosed);
-  EXPECT_EQ(closed->GetAddress(), got->GetAddress());
+  ExpectTold(MessageDispatcher::kClosed, got->GetAddress());
 }
 
 TEST_F(DispatcherSocketsTest, PortInUseEndsTheRun) {
