@@ -79,28 +79,6 @@ TEST_F(SchedulerTest, RunsJobsInTheOrderOfTheirNumbersAndPostsWhatTheyDid) {
   }
 }
 
-TEST_F(SchedulerTest, SendsAJobsEchoTextBeforeItRuns) {
-  const rc_ptr<BuildJob> job = Job(1, "p");
-  job->echoText = "hello\r\n";
-  Add(job);
-  EXPECT_EQ(Finish(), job);
-  ASSERT_EQ(stub_->Count(), 1u);
-  const rc_ptr<Message> output = stub_->Next();
-  EXPECT_EQ(output->GetType(), MSG_BUILD_RESULT);
-  EXPECT_EQ(TextOf(output, SEG_STDOUT), "hello\r\n");
-  EXPECT_FALSE(output->FindSegment(SEG_EXIT_CODE));
-  EXPECT_EQ(job->echoText, "");
-}
-
-TEST_F(SchedulerTest, GivesMinusOneForAToolThatCannotStart) {
-  const rc_ptr<BuildJob> job = Job(1, "p");
-  job->commandLine = "\"" + folder_.File("missing.exe") + "\" ";
-  Add(job);
-  EXPECT_EQ(Finish(), job);
-  EXPECT_EQ(job->exitCode, -1);
-  EXPECT_EQ(job->state, JOB_FINISHED);
-}
-
 TEST_F(SchedulerTest, TakesOneResultForEachJob) {
   const rc_ptr<BuildJob> job = Job(1, "p", "print x , exit 2");
   Add(job);

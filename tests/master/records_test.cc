@@ -20,21 +20,6 @@ TEST(Project, MadeFromAJobGrowsWithEachJobAndEndsWheneverNoneIsOpen) {
   EXPECT_TRUE(project.IsFinished());
 }
 
-TEST(Project, AnnouncedWithJobsWaitsForThemAllAndForMore) {
-  const rc_ptr<BuildJob> jobs[] = {new BuildJob(1), new BuildJob(2), new BuildJob(3)};
-  Project project("p", 0, 2);
-  EXPECT_FALSE(project.AddJob(jobs[0]));
-  project.CompleteJob(jobs[0]);
-  EXPECT_FALSE(project.IsFinished());
-  EXPECT_FALSE(project.AddJob(jobs[1]));
-  EXPECT_TRUE(project.AddJob(jobs[2]));
-  EXPECT_EQ(project.totalJobs, 3u);
-  project.CompleteJob(jobs[1]);
-  EXPECT_FALSE(project.IsFinished());
-  project.CompleteJob(jobs[2]);
-  EXPECT_TRUE(project.IsFinished());
-}
-
 TEST(FormatElapsed, GrowsFromMillisecondsToMinutes) {
   const struct {
     u32 ms;
