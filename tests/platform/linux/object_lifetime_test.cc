@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <ctime>
 #include <fstream>
@@ -81,73 +82,53 @@ KESTRUN_CHILD(ComesAndGoes) {
   }
 }
 
-// From `maybeFrom` to `maybeTo` the process may have held the object, from `surelyFrom` to `surelyTo` it did.
-struct Hold {
-  std::int64_t maybeFrom, surelyFrom, surelyTo, maybeTo;
-};
-
-struct Attempt {
-  std::int64_t from, to;
-  Step result;
+// What one process did with an object, from its wish to have it to its end with it. From `begin` to `closed` it may
+// have held the object; from `got` to `closing` it did, unless it found none.
+struct Life {
   std::size_t process;
+  Step result;  // kBeginGet if it was killed on the way
+  std::int64_t begin, got, closing, closed;
+
+  // True if the other one held the object during the whole attempt to get it.
+  bool IsSurelyWithin(const Life& other) const {
+    return other.result != kMissing && other.got < begin && got < other.closing;
+  }
+  // True if the other one may have held it at some moment of the attempt.
+  bool MayMeet(const Life& other) const {
+    return other.result != kMissing && other.begin <= got && begin <= other.closed;
+  }
 };
 
-struct Story {
-  std::vector<std::pair<std::size_t, Hold>> holds;
-  std::vector<Attempt> attempts;
-};
+// The lives of one object, those of a process in their order.
+using Story = std::vector<Life>;
 
 // Adds what one process did; `killed` is when it was told to die, and `gone` when it was known to be dead.
 void Read(const std::string& path, std::size_t process, std::int64_t killed, std::int64_t gone,
           Story (&stories)[kNames]) {
   std::ifstream file(path, std::ios::binary);
-  std::map<std::uint32_t, Hold> open;
-  std::map<std::uint32_t, std::int64_t> begun;
   Entry entry{};
   while (file.read(reinterpret_cast<char*>(&entry), sizeof entry)) {
     Story& story = stories[entry.name];
-    switch (entry.step) {
-      case kBeginGet:
-        begun[entry.name] = entry.time;
-        open[entry.name] = {entry.time, INT64_MAX, 0, gone};
-        break;
-      case kMissing:
-        story.attempts.push_back({begun[entry.name], entry.time, kMissing, process});
-        open.erase(entry.name);
-        break;
-      case kCreated:
-      case kOpened:
-        story.attempts.push_back({begun[entry.name], entry.time, entry.step, process});
-        open[entry.name].surelyFrom = entry.time;
-        open[entry.name].surelyTo = killed;
-        break;
-      case kBeginClose:
-        open[entry.name].surelyTo = entry.time;
-        break;
-      case kClosed:
-        open[entry.name].maybeTo = entry.time;
-        story.holds.emplace_back(process, open[entry.name]);
-        open.erase(entry.name);
-        break;
+    if (entry.step == kBeginGet) {
+      story.push_back({process, kBeginGet, entry.time, INT64_MAX, killed, gone});
+    } else if (entry.step == kBeginClose) {
+      story.back().closing = entry.time;
+    } else if (entry.step == kClosed) {
+      story.back().closed = entry.time;
+    } else {
+      story.back().result = entry.step;
+      story.back().got = entry.time;
     }
   }
-  for (const auto& [name, hold] : open) stories[name].holds.emplace_back(process, hold);
 }
 
-// True if somebody else held the object during the whole attempt.
-bool SurelyThere(const Story& story, const Attempt& attempt) {
-  for (const auto& [process, hold] : story.holds) {
-    if (process != attempt.process && hold.surelyFrom < attempt.from && attempt.to < hold.surelyTo) return true;
-  }
-  return false;
-}
-
-// True if somebody else may have held it at some moment of the attempt.
-bool MaybeThere(const Story& story, const Attempt& attempt) {
-  for (const auto& [process, hold] : story.holds) {
-    if (process != attempt.process && hold.maybeFrom <= attempt.to && attempt.from <= hold.maybeTo) return true;
-  }
-  return false;
+// Whether the result is one that the lives of the other processes allow.
+bool IsPossible(const Life& life, const Story& story) {
+  const auto others = [&](bool (Life::*test)(const Life&) const) {
+    return std::any_of(story.begin(), story.end(),
+                       [&](const Life& other) { return other.process != life.process && (life.*test)(other); });
+  };
+  return life.result == kOpened ? others(&Life::MayMeet) : !others(&Life::IsSurelyWithin);
 }
 
 TEST(ObjectLifetime, AnObjectExistsExactlyWhileSomebodyHoldsIt) {
@@ -179,18 +160,17 @@ TEST(ObjectLifetime, AnObjectExistsExactlyWhileSomebodyHoldsIt) {
     EXPECT_EQ(victim.child.Wait(), 128 + 9);
     Read(diary(victim.number), victim.number, killed, NowNs(), stories);
   }
-  std::size_t created = 0, opened = 0, missing = 0, wrong = 0;
+  std::map<Step, std::size_t> results;
+  std::size_t wrong = 0;
   for (const Story& story : stories) {
-    for (const Attempt& attempt : story.attempts) {
-      ++(attempt.result == kCreated ? created : attempt.result == kOpened ? opened : missing);
-      const bool fine = attempt.result == kOpened ? MaybeThere(story, attempt) : !SurelyThere(story, attempt);
-      if (!fine) ++wrong;
+    for (const Life& life : story) {
+      if (life.result == kBeginGet) continue;
+      ++results[life.result];
+      if (!IsPossible(life, story)) ++wrong;
     }
   }
-  EXPECT_EQ(wrong, 0u) << created << " created, " << opened << " opened, " << missing << " missing";
-  EXPECT_GT(created, 100u);
-  EXPECT_GT(opened, 100u);
-  EXPECT_GT(missing, 100u);
+  EXPECT_EQ(wrong, 0u);
+  for (const Step step : {kCreated, kOpened, kMissing}) EXPECT_GT(results[step], 100u) << step;
   for (std::uint32_t i = 0; i < kNames; ++i) {
     EXPECT_FALSE(OpenEventA(EVENT_ALL_ACCESS, FALSE, (name + std::to_string(i)).c_str()));
   }
