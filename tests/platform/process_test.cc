@@ -57,5 +57,92 @@ TEST(Process, WithoutAJobOutlivesItsParent) {
   }
 }
 
+// A tool in a job, with one child of each kind that the system has, all of them running.
+struct Family {
+  ScopedHandle job;
+  Tool tool;
+  std::vector<unsigned long> members;
+
+  bool AllEndWithin(unsigned limitMs) const {
+    bool all = true;
+    for (const unsigned long pid : members) all &= ProcessEndsWithin(pid, limitMs);
+    return all;
+  }
+};
+
+Family StartFamily(const std::string& lastWords) {
+  Family family;
+  family.job = MakeJob();
+  family.tool = StartToolIn(family.job, kFamilyWords + lastWords);
+  for (int i = 0; i < 4; ++i) family.members.push_back(std::stoul(ReadLineFrom(family.tool.output)));
+  for (const unsigned long pid : family.members) EXPECT_TRUE(ProcessExists(pid));
+  family.members.push_back(family.tool.pid);
+  return family;
+}
+
+TEST(Job, EndsEverythingInItWithItsLastHandle) {
+  Family family = StartFamily("hold");
+  family.job.Close();
+  EXPECT_TRUE(family.AllEndWithin(60000));
+  EXPECT_EQ(WaitForSingleObject(family.tool.process, 60000), static_cast<DWORD>(WAIT_OBJECT_0));
+}
+
+TEST(Job, EndsWhatAToolHasLeftBehind) {
+  Family family = StartFamily("exit 6");
+  EXPECT_EQ(family.tool.Wait(), 6u);
+  for (int i = 0; i < 4; ++i) EXPECT_TRUE(ProcessExists(family.members[static_cast<std::size_t>(i)]));
+  family.tool.process.Close();
+  family.job.Close();
+  EXPECT_TRUE(family.AllEndWithin(60000));
+}
+
+TEST(Job, GivesItsExitCodeWhenTerminated) {
+  Family family = StartFamily("hold");
+  EXPECT_TRUE(TerminateJobObject(family.job, 0xFFFFFFFF));
+  EXPECT_EQ(family.tool.Wait(), 0xFFFFFFFFu);
+  EXPECT_TRUE(family.AllEndWithin(60000));
+}
+
+TEST(Job, WithoutTheLimitLeavesItsProcessesAlone) {
+  const std::string name = UniqueName("go");
+  const ScopedHandle go(CreateEventA(nullptr, TRUE, FALSE, name.c_str()));
+  ScopedHandle job(CreateJobObjectA(nullptr, nullptr));
+  Tool tool = StartTool("await " + name + " print done exit 2", {CREATE_SUSPENDED});
+  EXPECT_TRUE(AssignProcessToJobObject(job, tool.process));
+  BOOL inJob = FALSE;
+  EXPECT_TRUE(IsProcessInJob(tool.process, job, &inJob));
+  EXPECT_TRUE(inJob);
+  ResumeThread(tool.thread);
+  job.Close();
+  SetEvent(go);
+  EXPECT_EQ(ReadLineFrom(tool.output), "done");
+  EXPECT_EQ(tool.Wait(), 2u);
+}
+
+TEST(Job, ClosedBeforeTheToolIsResumedEndsIt) {
+  ScopedHandle job = MakeJob();
+  Tool tool = StartTool("print ran", {CREATE_SUSPENDED});
+  EXPECT_TRUE(AssignProcessToJobObject(job, tool.process));
+  job.Close();
+  EXPECT_EQ(WaitForSingleObject(tool.process, 60000), static_cast<DWORD>(WAIT_OBJECT_0));
+  ResumeThread(tool.thread);
+  EXPECT_EQ(ReadToEnd(tool.output), "");
+}
+
+KESTRUN_CHILD(RunsFamilyInJob) {
+  Family family = StartFamily("hold");
+  for (const unsigned long pid : family.members) Say(std::to_string(pid));
+  AwaitLine();
+  return 0;
+}
+
+TEST(Job, EndsEverythingWhenItsOwnerIsKilled) {
+  Child owner = Child::Self("RunsFamilyInJob");
+  Family family;
+  for (int i = 0; i < 5; ++i) family.members.push_back(std::stoul(owner.ReadLine()));
+  owner.Kill();
+  EXPECT_TRUE(family.AllEndWithin(60000));
+}
+
 }  // namespace
 }  // namespace kestrun::test

@@ -8,7 +8,11 @@ namespace kestrun::test {
 
 Child::Child(std::unique_ptr<State> state) : state_(std::move(state)) {}
 Child::Child(Child&&) noexcept = default;
-Child& Child::operator=(Child&&) noexcept = default;
+// What this one had ends with the other one.
+Child& Child::operator=(Child&& other) noexcept {
+  state_.swap(other.state_);
+  return *this;
+}
 
 Child Child::Start(const Words& commandLine, const ChildOptions& options) {
   Child child(State::Start(commandLine, options));

@@ -62,7 +62,9 @@ Words EnvironmentWith(const ChildOptions& options) {
 
 bool IsZombie(pid_t pid) {
   std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-  const std::string text(std::istreambuf_iterator<char>(file), {});
+  std::string text;
+  // Gives nothing, and throws nothing, for a process that goes while it is read.
+  std::getline(file, text, '\0');
   const std::size_t end = text.rfind(')');
   return end != std::string::npos && end + 2 < text.size() && (text[end + 2] == 'Z' || text[end + 2] == 'X');
 }
