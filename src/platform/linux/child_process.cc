@@ -29,22 +29,22 @@ ChildRegistry& Registry() {
   return registry.get();
 }
 
-// Supervisors without a tool, by their control sockets. They end with this process.
+// They end with this process.
 class IdleSupervisors {
  public:
-  FileDescriptor Take(SessionKind session) {
+  IdleSupervisor Take(SessionKind session) {
     const std::lock_guard lock(mutex_);
-    std::vector<FileDescriptor>& idle = idle_[static_cast<std::size_t>(session)];
-    if (idle.empty()) return FileDescriptor();
-    FileDescriptor control = std::move(idle.back());
+    std::vector<IdleSupervisor>& idle = idle_[static_cast<std::size_t>(session)];
+    if (idle.empty()) return {};
+    IdleSupervisor taken = std::move(idle.back());
     idle.pop_back();
-    return control;
+    return taken;
   }
 
-  void Give(SessionKind session, FileDescriptor control) {
+  void Give(SessionKind session, IdleSupervisor supervisor) {
     const std::lock_guard lock(mutex_);
-    std::vector<FileDescriptor>& idle = idle_[static_cast<std::size_t>(session)];
-    if (idle.size() < kMost) idle.push_back(std::move(control));
+    std::vector<IdleSupervisor>& idle = idle_[static_cast<std::size_t>(session)];
+    if (idle.size() < kMost) idle.push_back(std::move(supervisor));
   }
 
  private:
@@ -52,7 +52,7 @@ class IdleSupervisors {
   static constexpr std::size_t kMost = 32;
 
   std::mutex mutex_;
-  std::vector<FileDescriptor> idle_[2];  // guarded by mutex_; by session kind
+  std::vector<IdleSupervisor> idle_[2];  // guarded by mutex_; by session kind
 };
 
 IdleSupervisors& Idle() {
@@ -77,87 +77,80 @@ struct StartDescriptors {
   explicit StartDescriptors(const ChildRequest& request) {
     values[count++] = request.workingDirectory.get();
     for (unsigned i = 0; i < 3; ++i) {
-      if (request.streams[i] < 0) continue;
+      if (!request.streams[i]) continue;
       streams |= 1u << i;
-      values[count++] = request.streams[i];
+      values[count++] = request.streams[i]->Descriptor();
     }
   }
 
   std::uint32_t streams = 0;
-  int values[kMaxStartDescriptors - 1];
+  int values[kMaxStartDescriptors];
   std::size_t count = 0;
 };
 
-// ToolHeader and text.
-std::string MakePayload(const ChildRequest& request) {
+// A kStart command with its text.
+std::string MakeStart(const ChildRequest& request, bool killOnClose, std::uint32_t streams) {
   const rlimit limit = OriginalDescriptorLimit();
-  ToolHeader header = {};
-  if (request.ownGroup) header.flags |= kToolOwnGroup;
-  header.nice = request.nice;
-  header.descriptorLimit = limit.rlim_cur;
-  header.descriptorMaximum = limit.rlim_max;
-  header.argumentCount = static_cast<std::uint32_t>(request.arguments.size());
-  header.variableCount = static_cast<std::uint32_t>(request.variables.size());
-  std::string text(sizeof header, '\0');
+  Command command = {};
+  command.kind = CommandKind::kStart;
+  ToolHeader& tool = command.tool;
+  tool.flags = (request.ownGroup ? kToolOwnGroup : 0u) | (killOnClose ? kToolKillOnClose : 0u);
+  tool.streams = streams;
+  tool.nice = request.nice;
+  tool.descriptorLimit = limit.rlim_cur;
+  tool.descriptorMaximum = limit.rlim_max;
+  tool.argumentCount = static_cast<std::uint32_t>(request.arguments.size());
+  tool.variableCount = static_cast<std::uint32_t>(request.variables.size());
+  std::string text(sizeof command, '\0');
   const auto append = [&text](const std::string& entry) { text.append(entry.c_str(), entry.size() + 1); };
   append(request.path);
   for (const std::string& entry : request.arguments) append(entry);
   for (const std::string& entry : request.variables) append(entry);
-  header.textSize = text.size() - sizeof header;
-  text.replace(0, sizeof header, reinterpret_cast<const char*>(&header), sizeof header);
+  tool.textSize = text.size() - sizeof command;
+  text.replace(0, sizeof command, reinterpret_cast<const char*>(&command), sizeof command);
   return text;
 }
 
-// The session of a zygote shares the processors with others as a whole, so its tools' priority is the session's too.
-int HandOver(const ChildRequest& request, int supervisorEnd) {
-  const StartDescriptors given(request);
-  int descriptors[kMaxStartDescriptors] = {supervisorEnd};
-  std::copy_n(given.values, given.count, descriptors + 1);
-  return SendToZygote(request.session, request.nice, StartMessage{given.streams}, descriptors, 1 + given.count);
-}
-
-bool ReceiveStarted(int control, Report& report) {
+bool ReceiveReady(int control, Report& report) {
   ssize_t count = 0;
   do {
     count = recv(control, &report, sizeof report, MSG_WAITALL);
   } while (count < 0 && errno == EINTR);
-  return count == sizeof report;
+  return count == sizeof report && report.kind == ReportKind::kReady;
 }
 
-// False if no idle supervisor took the tool: one that was killed meanwhile is dropped.
-bool AskIdleSupervisor(const ChildRequest& request, const std::string& payload, FileDescriptor& control,
-                       Report& report) {
-  control = Idle().Take(request.session);
-  if (!control) return false;
-  const StartDescriptors given(request);
-  const Command command{CommandKind::kStart, given.streams};
-  std::string message(reinterpret_cast<const char*>(&command), sizeof command);
-  message += payload;
-  for (; control; control = Idle().Take(request.session)) {
-    const ssize_t sent = SendDescriptors(control.get(), message.data(), message.size(), given.values, given.count);
-    if (sent <= 0) continue;
-    const std::size_t done = static_cast<std::size_t>(sent);
-    if (SendAll(control.get(), message.data() + done, message.size() - done) && ReceiveStarted(control.get(), report)) {
+// A supervisor that was killed, or lost the process that it had made for its next tool, has more to say or nothing at
+// all.
+bool IsWaiting(int control) {
+  char byte = 0;
+  return recv(control, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN;
+}
+
+// False if no idle supervisor is left; those that can't take a tool any more are dropped.
+bool FindIdleSupervisor(SessionKind session, IdleSupervisor& supervisor, Report& report) {
+  while ((supervisor = Idle().Take(session)).control) {
+    const int control = supervisor.control.get();
+    if (supervisor.zygote->IsAlive() && ReceiveReady(control, report) && report.error == 0 && IsWaiting(control)) {
       return true;
     }
   }
   return false;
 }
 
-// True with an answer; false when the helpers died over it, so that it can be tried again.
-bool AskForTool(const ChildRequest& request, const std::string& payload, FileDescriptor& control, Report& report) {
+// True with an answer; false when the helpers died over it, so that it can be tried again. The session of a zygote
+// shares the processors with others as a whole, so its tools' priority is the session's too.
+bool StartSupervisor(const ChildRequest& request, IdleSupervisor& supervisor, Report& report) {
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
     report.error = errno;
     return true;
   }
-  control = FileDescriptor(ends[0]);
+  supervisor.control = FileDescriptor(ends[0]);
   FileDescriptor supervisorEnd(ends[1]);
-  report.error = HandOver(request, supervisorEnd.get());
-  if (report.error != 0) return true;
+  supervisor.zygote = AskForSupervisor(request.session, request.nice, supervisorEnd.get(), report.error);
+  if (!supervisor.zygote) return true;
   supervisorEnd.Reset();
-  if (!SendAll(control.get(), payload.data(), payload.size())) return false;
-  return ReceiveStarted(control.get(), report);
+  return ReceiveReady(supervisor.control.get(), report);
 }
 
 DWORD ErrorOfStart(int error) {
@@ -168,31 +161,34 @@ DWORD ErrorOfStart(int error) {
 
 }  // namespace
 
-ExitNotice::ExitNotice() : event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-
 void ExitNotice::Set() {
-  set_.store(true, std::memory_order_release);
+  set_.store(true, std::memory_order_seq_cst);
+  const std::lock_guard lock(mutex_);
   if (event_) eventfd_write(event_.get(), 1);
 }
 
-std::shared_ptr<ChildProcess> ChildProcess::Start(const ChildRequest& request, DWORD& error) {
-  const std::string payload = MakePayload(request);
-  FileDescriptor control;
-  Report report = {};
-  bool answered = AskIdleSupervisor(request, payload, control, report);
-  for (int attempt = 0; attempt < 3 && !answered; ++attempt) answered = AskForTool(request, payload, control, report);
-  if (!answered) report.error = EAGAIN;
-  if (report.error != 0) {
-    error = ErrorOfStart(report.error);
+int ExitNotice::Descriptor() {
+  const std::lock_guard lock(mutex_);
+  if (!event_) event_.Reset(eventfd(IsSet() ? 1 : 0, EFD_CLOEXEC | EFD_NONBLOCK));
+  return event_.get();
+}
+
+std::shared_ptr<ChildProcess> ChildProcess::Start(ChildRequest request, DWORD& error) {
+  IdleSupervisor supervisor;
+  Report ready = {};
+  bool answered = FindIdleSupervisor(request.session, supervisor, ready);
+  for (int attempt = 0; attempt < 3 && !answered; ++attempt) answered = StartSupervisor(request, supervisor, ready);
+  if (!answered) ready.error = EAGAIN;
+  if (ready.error != 0) {
+    error = ErrorOfStart(ready.error);
     return nullptr;
   }
-  const int descriptor = control.get();
-  auto child = std::make_shared<ChildProcess>(request, report, std::move(control));
+  auto child = std::make_shared<ChildProcess>(std::move(request), ready, std::move(supervisor));
   {
     const std::lock_guard lock(Registry().mutex);
     Registry().children[child->pid()] = child;
   }
-  if (!child->exitNotice_->IsValid() || !WatchDescriptor(descriptor, child)) {
+  if (!WatchDescriptor(child->controlDescriptor_, child)) {
     error = ERROR_NOT_ENOUGH_MEMORY;
     return nullptr;
   }
@@ -205,15 +201,18 @@ std::shared_ptr<ChildProcess> ChildProcess::Find(pid_t pid) {
   return found != Registry().children.end() ? found->second.lock() : nullptr;
 }
 
-ChildProcess::ChildProcess(const ChildRequest& request, const Report& started, FileDescriptor control)
-    : ProcessObject(started.tool),
-      supervisor_(started.supervisor),
+ChildProcess::ChildProcess(ChildRequest request, const Report& ready, IdleSupervisor supervisor)
+    : ProcessObject(ready.tool),
+      supervisor_(ready.supervisor),
+      before_{ready.all.userUs, ready.all.kernelUs},
       session_(request.session),
-      before_{started.userTimeUs, started.kernelTimeUs},
       mayBeInterrupted_(request.mayBeInterrupted),
       exitNotice_(std::make_shared<ExitNotice>()),
+      zygote_(std::move(supervisor.zygote)),
+      controlDescriptor_(supervisor.control.get()),
       exitCode_(STILL_ACTIVE),
-      control_(std::move(control)) {}
+      control_(std::move(supervisor.control)),
+      request_(std::move(request)) {}
 
 ChildProcess::~ChildProcess() {
   const std::lock_guard lock(Registry().mutex);
@@ -222,22 +221,45 @@ ChildProcess::~ChildProcess() {
   if (found != Registry().children.end() && found->second.expired()) Registry().children.erase(found);
 }
 
-bool ChildProcess::SendCommands(const Command* commands, std::size_t count) {
-  return control_ && SendAll(control_.get(), commands, count * sizeof *commands);
-}
-
-bool ChildProcess::Send(CommandKind kind, DWORD value) {
-  const Command command{kind, value};
-  const std::lock_guard lock(mutex_);
-  return SendCommands(&command, 1);
+bool ChildProcess::SendCommand(CommandKind kind, DWORD value) {
+  Command command = {};
+  command.kind = kind;
+  command.value = value;
+  return control_ && SendAll(control_.get(), &command, sizeof command);
 }
 
 bool ChildProcess::LetRun() {
+  ChildRequest done;
   const std::lock_guard lock(mutex_);
   if (resumed_) return false;
   resumed_ = true;
-  const Command commands[] = {{CommandKind::kKillOnClose, killOnClose_}, {CommandKind::kResume, 0}};
-  SendCommands(commands, 2);
+  if (control_) SendStart();
+  // Our own write ends stay open until the end: nobody who reads is woken by the end of a pipe that the end of the
+  // child is going to tell of anyway.
+  done = std::move(request_);
+  for (int i = 1; i < 3; ++i) request_.streams[i] = std::move(done.streams[i]);
+  return true;
+}
+
+// A supervisor that is gone shows at the other end of the socket.
+void ChildProcess::SendStart() {
+  const StartDescriptors given(request_);
+  const std::string start = MakeStart(request_, killOnClose_, given.streams);
+  const ssize_t sent = SendDescriptors(control_.get(), start.data(), start.size(), given.values, given.count);
+  if (sent <= 0) return;
+  const std::size_t done = static_cast<std::size_t>(sent);
+  SendAll(control_.get(), start.data() + done, start.size() - done);
+}
+
+// Ends what was held back and has never run. False if it runs.
+bool ChildProcess::EndUnstarted(DWORD exitCode) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (resumed_) return false;
+    resumed_ = true;
+    if (control_) shutdown(control_.get(), SHUT_RDWR);
+  }
+  End(exitCode);
   return true;
 }
 
@@ -257,29 +279,32 @@ bool ChildProcess::IsInJob() const {
 void ChildProcess::SetKillOnClose(bool killOnClose) {
   const std::lock_guard lock(mutex_);
   killOnClose_ = killOnClose;
-  const Command command{CommandKind::kKillOnClose, killOnClose};
-  if (resumed_) SendCommands(&command, 1);
+  if (resumed_) SendCommand(CommandKind::kKillOnClose, killOnClose);
 }
 
-// The reaper still wants to hear of the tool's end, so that those who wait for it wake. A tool that may go on keeps its
+// Somebody still wants to hear of the tool's end, so that those who wait for it wake. A tool that may go on keeps its
 // supervisor for itself.
 void ChildProcess::CloseJob() {
+  if (EndUnstarted(128 + SIGKILL)) return;
   const std::lock_guard lock(mutex_);
   if (!control_) return;
-  const Command command{CommandKind::kCloseJob, 0};
-  if (killOnClose_ || !resumed_) {
-    SendCommands(&command, 1);
+  if (killOnClose_) {
+    SendCommand(CommandKind::kCloseJob, 0);
   } else {
     shutdown(control_.get(), SHUT_WR);
   }
 }
 
 bool ChildProcess::KillAll(DWORD exitCode) {
-  return Send(CommandKind::kKillAll, exitCode);
+  if (EndUnstarted(exitCode)) return true;
+  const std::lock_guard lock(mutex_);
+  return SendCommand(CommandKind::kKillAll, exitCode);
 }
 
 bool ChildProcess::SignalGroup(int signal) {
-  return mayBeInterrupted_ && !IsSignalled() && Send(CommandKind::kSignalGroup, static_cast<DWORD>(signal));
+  if (!mayBeInterrupted_ || IsSignalled()) return false;
+  const std::lock_guard lock(mutex_);
+  return SendCommand(CommandKind::kSignalGroup, static_cast<DWORD>(signal));
 }
 
 DWORD ChildProcess::ExitCode() const {
@@ -287,7 +312,9 @@ DWORD ChildProcess::ExitCode() const {
 }
 
 bool ChildProcess::Terminate(DWORD exitCode) {
-  if (!IsSignalled() && Send(CommandKind::kKillTool, exitCode)) return true;
+  if (EndUnstarted(exitCode)) return true;
+  const std::lock_guard lock(mutex_);
+  if (!IsSignalled() && SendCommand(CommandKind::kKillTool, exitCode)) return true;
   SetLastError(ERROR_ACCESS_DENIED);
   return false;
 }
@@ -299,39 +326,46 @@ bool ChildProcess::Times(ProcessTimes& times) const {
   return true;
 }
 
+// More than the end is of interest while a job may still have something to say about what the tool has left behind.
 bool ChildProcess::OnReadable() {
   Report report = {};
   ssize_t count = 0;
   do {
-    count = recv(control_.get(), &report, sizeof report, MSG_DONTWAIT);
+    count = recv(controlDescriptor_, &report, sizeof report, MSG_DONTWAIT);
   } while (count < 0 && errno == EINTR);
   if (count < 0 && errno == EAGAIN) return true;
-  if (count == sizeof report && report.kind == ReportKind::kEnded) {
-    const bool wanted = KeepTimes(report, ownTimes_);
-    End(report.exitCode);
-    return wanted;
-  }
-  if (count == sizeof report && report.kind == ReportKind::kEmpty) {
-    KeepTimes(report, treeTimes_);
+  bool goesOn = false;
+  if (count == sizeof report) {
     const std::lock_guard lock(mutex_);
-    isIdle_ = true;
+    isIdle_ = report.kind == ReportKind::kEmpty || report.isEmpty != 0;
+    if (report.kind == ReportKind::kEnded) ownTimes_ = {report.own.userUs, report.own.kernelUs};
+    if (isIdle_) treeTimes_ = {report.all.userUs, report.all.kernelUs};
+    goesOn = inJob_ && !isIdle_;
   }
-  // Without a report of the tool's end the supervisor was killed; the zygote kills what was below it.
-  End(128 + SIGKILL);
-  return false;
+  // Without a report the supervisor was killed; the zygote kills what was below it.
+  End(count == sizeof report ? report.exitCode : 128 + SIGKILL);
+  return goesOn;
 }
 
 void ChildProcess::OnLetGo() {
   const std::lock_guard lock(mutex_);
-  if (isIdle_) Idle().Give(session_, std::move(control_));
+  if (isIdle_) Idle().Give(session_, {std::move(control_), zygote_});
   control_.Reset();
 }
 
-// True while a job may still have something to say about what the tool has left behind.
-bool ChildProcess::KeepTimes(const Report& report, ProcessTimes& times) {
-  const std::lock_guard lock(mutex_);
-  times = ProcessTimes{report.userTimeUs, report.kernelTimeUs};
-  return inJob_;
+int ChildProcess::TakeOver() {
+  return UnwatchDescriptor(controlDescriptor_, this) ? controlDescriptor_ : -1;
+}
+
+bool ChildProcess::ServeReport() {
+  if (OnReadable()) return true;
+  OnLetGo();
+  return false;
+}
+
+void ChildProcess::GiveBack() {
+  // Who can't be watched is given up: its supervisor sees that, and does as if this process had died.
+  if (!WatchDescriptor(controlDescriptor_, shared_from_this())) OnLetGo();
 }
 
 ProcessTimes ChildProcess::TreeTimes(DWORD& active) const {
@@ -353,8 +387,13 @@ ProcessTimes ChildProcess::TreeTimes(DWORD& active) const {
 }
 
 void ChildProcess::End(DWORD exitCode) {
-  if (IsSignalled()) return;
-  exitCode_.store(exitCode, std::memory_order_release);
+  ChildRequest done;
+  {
+    const std::lock_guard lock(mutex_);
+    if (IsSignalled() || exitCode_.load(std::memory_order_relaxed) != STILL_ACTIVE) return;
+    exitCode_.store(exitCode, std::memory_order_release);
+    done = std::move(request_);
+  }
   exitNotice_->Set();
   Signal();
 }

@@ -18,6 +18,9 @@ namespace {
 // A reader of our output that has gone shows as a failed write, as it does on Windows.
 [[maybe_unused]] const auto kBrokenPipesAreErrors = signal(SIGPIPE, SIG_IGN);
 
+// How often a reader looks for the end of a child when the system has no descriptor left to tell of it.
+constexpr int kLookMs = 20;
+
 DWORD BytesWaiting(int descriptor) {
   int count = 0;
   return ioctl(descriptor, FIONREAD, &count) == 0 ? static_cast<DWORD>(count) : 0;
@@ -46,7 +49,9 @@ std::shared_ptr<ExitNotice> PipeFeeders::Running() const {
 void PipeReadEnd::AwaitDataOrEnd() {
   while (const std::shared_ptr<ExitNotice> running = feeders_->Running()) {
     pollfd wait[2] = {{Descriptor(), POLLIN, 0}, {running->Descriptor(), POLLIN, 0}};
-    if (poll(wait, 2, -1) > 0 && wait[0].revents != 0) return;
+    // poll skips a negative descriptor, and somebody has to look.
+    const int limitMs = wait[1].fd >= 0 ? -1 : kLookMs;
+    if (poll(wait, 2, limitMs) > 0 && wait[0].revents != 0) return;
   }
   if (!feeders_->IsEmpty()) remaining_ = BytesWaiting(Descriptor());
 }

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -43,13 +44,11 @@ class ThisProcess : public ProcessObject {
 // GetCurrentProcess must be known before anything asks for it.
 [[maybe_unused]] const bool kThisProcessKnown = (SetCurrentProcessObject(std::make_shared<ThisProcess>()), true);
 
-using Streams = std::shared_ptr<FileObject>[3];
-
 // A handle that is no file is taken for none, as a failed CreatePipe leaves one.
-void TakeStreams(const STARTUPINFOA& startup, Streams& streams) {
+void TakeStreams(const STARTUPINFOA& startup, ChildRequest& request) {
   const bool given = (startup.dwFlags & STARTF_USESTDHANDLES) != 0;
   const HANDLE handles[] = {startup.hStdInput, startup.hStdOutput, startup.hStdError};
-  for (int i = 0; i < 3; ++i) streams[i] = given ? LookUp<FileObject>(handles[i]) : StandardStream(i);
+  for (int i = 0; i < 3; ++i) request.streams[i] = given ? LookUp<FileObject>(handles[i]) : StandardStream(i);
 }
 
 int NiceOfClass(DWORD flags) {
@@ -96,13 +95,12 @@ DWORD PrepareRequest(LPCSTR application, LPCSTR commandLine, DWORD flags, LPCVOI
 
 // Who keeps our own standard input keeps our terminal, and then must stay in our session and our group: in another
 // group, a read from the terminal would stop it.
-void PlaceInSession(DWORD flags, const Streams& streams, ChildRequest& request) {
+void PlaceInSession(DWORD flags, ChildRequest& request) {
   const bool detached = (flags & (CREATE_NEW_CONSOLE | DETACHED_PROCESS)) != 0;
-  const bool sharesInput = streams[0] != nullptr && streams[0] == StandardStream(0);
+  const bool sharesInput = request.streams[0] != nullptr && request.streams[0] == StandardStream(0);
   request.session = sharesInput && !detached ? SessionKind::kShared : SessionKind::kOwn;
   request.mayBeInterrupted = (flags & CREATE_NEW_PROCESS_GROUP) != 0;
   request.ownGroup = request.session == SessionKind::kOwn || request.mayBeInterrupted;
-  for (int i = 0; i < 3; ++i) request.streams[i] = streams[i] ? streams[i]->Descriptor() : -1;
 }
 
 bool GiveHandles(const std::shared_ptr<ChildProcess>& child, PROCESS_INFORMATION& information) {
@@ -118,10 +116,8 @@ bool GiveHandles(const std::shared_ptr<ChildProcess>& child, PROCESS_INFORMATION
   return true;
 }
 
-void LinkOutputs(const Streams& streams, const ChildProcess& child) {
-  for (int i = 1; i < 3; ++i) {
-    if (auto* const pipe = dynamic_cast<PipeWriteEnd*>(streams[i].get())) pipe->feeders().Add(child.exitNotice());
-  }
+void LinkOutput(FileObject* stream, const ChildProcess& child) {
+  if (auto* const pipe = dynamic_cast<PipeWriteEnd*>(stream)) pipe->feeders().Add(child.exitNotice());
 }
 
 }  // namespace
@@ -134,12 +130,13 @@ BOOL CreateProcessA(LPCSTR applicationName, LPSTR commandLine, LPSECURITY_ATTRIB
                     LPPROCESS_INFORMATION processInformation) {
   ChildRequest request;
   DWORD error = PrepareRequest(applicationName, commandLine, creationFlags, environment, currentDirectory, request);
-  Streams streams;
+  std::shared_ptr<FileObject> outputs[2];
   std::shared_ptr<ChildProcess> child;
   if (error == ERROR_SUCCESS) {
-    TakeStreams(*startupInfo, streams);
-    PlaceInSession(creationFlags, streams, request);
-    child = ChildProcess::Start(request, error);
+    TakeStreams(*startupInfo, request);
+    PlaceInSession(creationFlags, request);
+    std::copy_n(request.streams + 1, 2, outputs);
+    child = ChildProcess::Start(std::move(request), error);
   }
   if (!child) {
     SetLastError(error);
@@ -149,7 +146,7 @@ BOOL CreateProcessA(LPCSTR applicationName, LPSTR commandLine, LPSECURITY_ATTRIB
     child->KillAll(0);
     return FALSE;
   }
-  LinkOutputs(streams, *child);
+  for (const auto& output : outputs) LinkOutput(output.get(), *child);
   if ((creationFlags & CREATE_SUSPENDED) == 0) child->LetRun();
   return TRUE;
 }

@@ -27,9 +27,9 @@ bool ReadProcessStat(pid_t pid, ProcessStat& stat) {
   long childUser = 0, childKernel = 0;
   unsigned long long start = 0;
   const int fields =
-      std::sscanf(end + 1, " %c %d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu %ld %ld %*d %*d %*d %*d %llu",
-                  &stat.state, &stat.parent, &user, &kernel, &childUser, &childKernel, &start);
-  if (fields != 7) return false;
+      std::sscanf(end + 1, " %c %d %d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu %ld %ld %*d %*d %*d %*d %llu",
+                  &stat.state, &stat.parent, &stat.group, &user, &kernel, &childUser, &childKernel, &start);
+  if (fields != 8) return false;
   stat.userTicks = user;
   stat.kernelTicks = kernel;
   stat.childUserTicks = static_cast<std::uint64_t>(childUser);

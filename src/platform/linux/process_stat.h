@@ -15,6 +15,7 @@ namespace kestrun::platform {
 struct ProcessStat {
   char state;  // 'Z' for one that has ended and was not waited for
   pid_t parent;
+  pid_t group;
   std::uint64_t userTicks;
   std::uint64_t kernelTicks;
   std::uint64_t childUserTicks;  // of children that were waited for, with theirs

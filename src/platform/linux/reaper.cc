@@ -30,6 +30,15 @@ class Reaper {
     return false;
   }
 
+  bool Unwatch(int descriptor, const ReaperClient* client) {
+    const std::lock_guard lock(mutex_);
+    const auto found = clients_.find(descriptor);
+    if (found == clients_.end() || found->second.get() != client || served_ == client) return false;
+    epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, descriptor, nullptr);
+    clients_.erase(found);
+    return true;
+  }
+
  private:
   // No signal is for this thread: the program's own threads handle them.
   bool Start() {
@@ -63,15 +72,21 @@ class Reaper {
     }
   }
 
+  // The descriptor may be watched no more by the time that its event is looked at.
   void Serve(int descriptor) {
     std::shared_ptr<ReaperClient> client;
     {
       const std::lock_guard lock(mutex_);
-      client = clients_[descriptor];
+      const auto found = clients_.find(descriptor);
+      if (found == clients_.end()) return;
+      client = found->second;
+      served_ = client.get();
     }
-    if (client->OnReadable()) return;
+    const bool goesOn = client->OnReadable();
     {
       const std::lock_guard lock(mutex_);
+      served_ = nullptr;
+      if (goesOn) return;
       epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, descriptor, nullptr);
       clients_.erase(descriptor);
     }
@@ -81,14 +96,23 @@ class Reaper {
   std::mutex mutex_;
   bool started_ = false;                                  // guarded by mutex_
   std::map<int, std::shared_ptr<ReaperClient>> clients_;  // guarded by mutex_
+  const ReaperClient* served_ = nullptr;                  // guarded by mutex_
   FileDescriptor epoll_;                                  // constant once started
 };
+
+Reaper& TheReaper() {
+  static NeverDestroyed<Reaper> reaper;
+  return reaper.get();
+}
 
 }  // namespace
 
 bool WatchDescriptor(int descriptor, std::shared_ptr<ReaperClient> client) {
-  static NeverDestroyed<Reaper> reaper;
-  return reaper.get().Watch(descriptor, std::move(client));
+  return TheReaper().Watch(descriptor, std::move(client));
+}
+
+bool UnwatchDescriptor(int descriptor, const ReaperClient* client) {
+  return TheReaper().Unwatch(descriptor, client);
 }
 
 }  // namespace kestrun::platform

@@ -24,6 +24,10 @@ class ReaperClient {
 // that is free can come back as another client's. False with errno set if the thread can't be had.
 bool WatchDescriptor(int descriptor, std::shared_ptr<ReaperClient> client);
 
+// Takes a client away without its OnLetGo, so that the caller serves it from here on. False if the reaper is just
+// serving it, or has let it go.
+bool UnwatchDescriptor(int descriptor, const ReaperClient* client);
+
 }  // namespace kestrun::platform
 
 #endif  // KESTRUN_PLATFORM_LINUX_REAPER_H_

@@ -1,10 +1,10 @@
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <vector>
 
 #include "platform/linux/helper_protocol.h"
@@ -39,25 +40,48 @@ std::uint64_t Microseconds(const timeval& time) {
   return static_cast<std::uint64_t>(time.tv_sec) * 1000000 + static_cast<std::uint64_t>(time.tv_usec);
 }
 
-// What to run, in the form that execve takes.
-class ToolImage {
+UsedTime UsedTimeOf(const rusage& usage) {
+  return {Microseconds(usage.ru_utime), Microseconds(usage.ru_stime)};
+}
+
+// Of all children that have been waited for, with theirs.
+UsedTime UsedByAll() {
+  rusage usage = {};
+  getrusage(RUSAGE_CHILDREN, &usage);
+  return UsedTimeOf(usage);
+}
+
+// What to run and with what, once it has come. Used again and again, so that its memory is there already.
+class ToolStart {
  public:
+  // Waits for a kStart; false when none is to come.
   bool Receive(int control) {
-    if (!ReceiveAll(control, &header_, sizeof header_)) return false;
-    text_.resize(header_.textSize + 1);
-    if (!ReceiveAll(control, text_.data(), header_.textSize)) return false;
-    char* at = text_.data();
-    path_ = Take(at);
-    for (std::uint32_t i = 0; i < header_.argumentCount; ++i) arguments_.push_back(Take(at));
-    for (std::uint32_t i = 0; i < header_.variableCount; ++i) variables_.push_back(Take(at));
-    arguments_.push_back(nullptr);
-    variables_.push_back(nullptr);
-    return true;
+    Command command = {};
+    std::size_t count = 0;
+    do {
+      const ssize_t length = ReceiveDescriptors(control, &command, sizeof command, descriptors_, count);
+      if (length < 0 && errno == EINTR) continue;
+      if (length <= 0) return false;
+      const std::size_t received = static_cast<std::size_t>(length);
+      if (!ReceiveAll(control, reinterpret_cast<char*>(&command) + received, sizeof command - received)) return false;
+    } while (command.kind != CommandKind::kStart);
+    header_ = command.tool;
+    return count == 1 + static_cast<std::size_t>(std::popcount(header_.streams & 7u)) && ReceiveText(control);
   }
 
   const ToolHeader& header() const { return header_; }
 
-  [[noreturn]] void Execute() const {
+  bool EnterWorkingDirectory() const { return fchdir(descriptors_[0]) == 0; }
+
+  void PlaceStreams() const {
+    std::size_t next = 1;
+    for (int i = 0; i < 3; ++i) {
+      // The helper's own three are /dev/null.
+      if ((header_.streams & (1u << i)) != 0) dup2(descriptors_[next++], i);
+    }
+  }
+
+  void Execute() const {
     timespec pause{0, 1000000};
     do {
       execve(path_, arguments_.data(), variables_.data());
@@ -68,161 +92,154 @@ class ToolImage {
       pause.tv_nsec *= 2;
     } while (pause.tv_nsec < 300000000);
     dprintf(STDERR_FILENO, "KESTRUN: error: cannot run %s: %s\n", path_, std::strerror(errno));
-    _exit(127);
   }
 
  private:
-  char* Take(char*& at) const {
+  static constexpr std::size_t kKeptText = 256 * 1024;
+
+  bool ReceiveText(int control) {
+    if (text_.capacity() > kKeptText) std::vector<char>().swap(text_);
+    text_.resize(header_.textSize + 1);
+    if (!ReceiveAll(control, text_.data(), header_.textSize)) return false;
+    text_.back() = '\0';
+    char* at = text_.data();
+    path_ = Take(at);
+    TakeAll(at, header_.argumentCount, arguments_);
+    TakeAll(at, header_.variableCount, variables_);
+    return true;
+  }
+
+  static char* Take(char*& at) {
     char* const start = at;
     at += std::strlen(at) + 1;
     return start;
   }
 
+  static void TakeAll(char*& at, std::uint32_t count, std::vector<char*>& entries) {
+    entries.clear();
+    for (std::uint32_t i = 0; i < count; ++i) entries.push_back(Take(at));
+    entries.push_back(nullptr);
+  }
+
   ToolHeader header_ = {};
+  int descriptors_[kMaxStartDescriptors];
   std::vector<char> text_;
   const char* path_ = nullptr;
   std::vector<char*> arguments_;
   std::vector<char*> variables_;
 };
 
-void ResetSignals() {
-  // The C library won't touch the two signals that it keeps for itself, which posix_spawn leaves ignored.
-  const unsigned long defaultAction[4] = {};
-  for (int number = 1; number < NSIG; ++number) syscall(SYS_rt_sigaction, number, defaultAction, nullptr, NSIG / 8);
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
-}
-
-// What a tool is started with, besides the text. Owns the descriptors; -1 in `streams` is /dev/null.
-struct ToolPlace {
-  ToolPlace(std::uint32_t given, const int* descriptors) : workingDirectory(descriptors[0]) {
-    std::size_t next = 1;
-    for (unsigned i = 0; i < 3; ++i) streams[i] = (given & (1u << i)) != 0 ? descriptors[next++] : -1;
-  }
-
-  void Close() const {
-    close(workingDirectory);
-    for (const int stream : streams) {
-      if (stream >= 0) close(stream);
-    }
-  }
-
-  int workingDirectory;
-  int streams[3];
-};
-
-void PlaceStreams(const int (&streams)[3]) {
-  for (int i = 0; i < 3; ++i) {
-    // The helper's own three are /dev/null.
-    if (streams[i] >= 0) dup2(streams[i], i);
-  }
-}
-
-// Between fork and exec: waits at the gate, so that the tool does nothing until it is let go.
-[[noreturn]] void BecomeTool(const ToolImage& image, int gate, const ToolPlace& place) {
-  const ToolHeader& header = image.header();
-  if ((header.flags & kToolOwnGroup) != 0) setpgid(0, 0);
-  if (header.nice != 0) setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, 0) + header.nice);
-  const rlimit limit{header.descriptorLimit, header.descriptorMaximum};
-  setrlimit(RLIMIT_NOFILE, &limit);
-  const bool inFolder = fchdir(place.workingDirectory) == 0;
-  PlaceStreams(place.streams);
-  ResetSignals();
-  char go = 0;
-  ssize_t count = 0;
-  do {
-    count = read(gate, &go, 1);
-  } while (count < 0 && errno == EINTR);
-  if (count != 1) _exit(127);
-  if (!inFolder) {
-    dprintf(STDERR_FILENO, "KESTRUN: error: cannot enter the working directory\n");
-    _exit(127);
-  }
-  image.Execute();
-}
-
-// One tool and everything below it, from its start until nothing is left.
-class Supervision {
+// Runs one tool after the other, each with everything below it until nothing is left.
+//
+// The process that is to be the tool shares this one's memory until it becomes the tool, and this one stands still for
+// so long: so it costs no copy, and leaves here what the supervisor has to know.
+class Supervisor {
  public:
-  explicit Supervision(int control) : control_(control) { getrusage(RUSAGE_CHILDREN, &before_); }
+  explicit Supervisor(int control) : control_(control) {
+    sigprocmask(SIG_SETMASK, nullptr, &whileWaiting_);
+    sigdelset(&whileWaiting_, SIGCHLD);
+  }
 
-  void Run(const ToolPlace& place) {
-    StartTool(place);
-    sigset_t none;
-    sigemptyset(&none);
-    while (!empty_) {
-      // poll skips a negative descriptor.
-      pollfd wait{closed_ ? -1 : control_, POLLIN, 0};
-      const int ready = ppoll(&wait, 1, nullptr, &none);
-      NoticeChildren();
-      if (ready > 0) ReceiveCommand();
-      if (closed_ && ended_) Outlast();
-    }
+  [[noreturn]] void Run() {
+    do {
+      before_ = UsedByAll();
+      ended_ = killed_ = isLetGo_ = false;
+      StartTool();
+      if (!isLetGo_) OutliveUnusedTool();
+      while (isLeft_) {
+        // poll skips a negative descriptor.
+        pollfd wait{closed_ ? -1 : control_, POLLIN, 0};
+        const int ready = ppoll(&wait, 1, nullptr, &whileWaiting_);
+        ReapAll();
+        if (isLeft_ && ready > 0) ReceiveCommand();
+      }
+    } while (!closed_);
+    _exit(0);
   }
 
  private:
-  void StartTool(const ToolPlace& place) {
-    ToolImage image;
-    if (!image.Receive(control_)) _exit(0);
+  // Returns when the process has become the tool, or has ended before.
+  void StartTool() {
+    // Here and not on the heap: what watches over memory in a test build knows this stack.
+    alignas(16) char stack[kStackSize];
+    tool_ = clone(&Supervisor::BecomeTool, std::end(stack), CLONE_VM | CLONE_VFORK | SIGCHLD, this);
+    isLeft_ = tool_ > 0;
+    if (isLeft_) return;
     Report report = {};
-    report.kind = ReportKind::kStarted;
-    report.supervisor = getpid();
-    report.userTimeUs = Microseconds(before_.ru_utime);
-    report.kernelTimeUs = Microseconds(before_.ru_stime);
-    int gate[2];
-    if (pipe2(gate, O_CLOEXEC) == 0) tool_ = fork();
-    if (tool_ == 0) {
-      close(control_);
-      close(gate[1]);
-      BecomeTool(image, gate[0], place);
-    }
-    report.error = tool_ < 0 ? errno : 0;
-    report.tool = tool_;
-    if (tool_ < 0) {
-      Send(report);
-      _exit(0);
-    }
-    ownGroup_ = (image.header().flags & kToolOwnGroup) != 0;
-    // The child does the same: whoever comes first, the group exists when somebody asks for it.
-    if (ownGroup_) setpgid(tool_, tool_);
-    close(gate[0]);
-    gate_ = gate[1];
-    place.Close();
+    report.kind = ReportKind::kReady;
+    report.error = errno;
     Send(report);
+    _exit(0);
+  }
+
+  static int BecomeTool(void* self) {
+    static_cast<Supervisor*>(self)->AwaitAndRunTool();
+    return 127;
+  }
+
+  // In the tool's process.
+  void AwaitAndRunTool() {
+    // Who has no supervisor is not to become a tool any more.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    Report report = {};
+    report.kind = ReportKind::kReady;
+    report.tool = getpid();
+    report.supervisor = getppid();
+    report.all = before_;
+    Send(report);
+    if (!start_.Receive(control_) || getppid() != report.supervisor) return;
+    isLetGo_ = true;
+    const ToolHeader& header = start_.header();
+    killOnClose_ = (header.flags & kToolKillOnClose) != 0;
+    ownGroup_ = (header.flags & kToolOwnGroup) != 0;
+    if (ownGroup_) setpgid(0, 0);
+    if (header.nice != 0) setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, 0) + header.nice);
+    const rlimit limit{header.descriptorLimit, header.descriptorMaximum};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    const bool inFolder = start_.EnterWorkingDirectory();
+    start_.PlaceStreams();
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (inFolder) {
+      start_.Execute();
+    } else {
+      dprintf(STDERR_FILENO, "KESTRUN: error: cannot enter the working directory\n");
+    }
+  }
+
+  // The socket has ended, or somebody has killed what was still to become a tool.
+  [[noreturn]] void OutliveUnusedTool() {
+    while (waitpid(tool_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    _exit(0);
   }
 
   void Send(const Report& report) const { send(control_, &report, sizeof report, MSG_NOSIGNAL); }
 
-  // The tool that has ended is left unwaited for, so that its id, which is its group's too, stays its own.
-  void NoticeChildren() {
-    siginfo_t info = {};
-    while (info.si_pid = 0, waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0) {
-      if (info.si_pid == tool_) {
-        NoticeTool();
-        return;
-      }
-      waitpid(info.si_pid, nullptr, WNOHANG);
-    }
-  }
-
-  void NoticeTool() {
-    if (ended_) return;
-    siginfo_t info = {};
-    rusage usage = {};
-    if (syscall(SYS_waitid, P_PID, tool_, &info, WEXITED | WNOHANG | WNOWAIT, &usage) != 0 || info.si_pid != tool_) {
-      return;
-    }
-    ReportEnd(info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status, usage);
-  }
-
-  void ReportEnd(int exitCode, const rusage& usage) {
-    ended_ = true;
+  // Takes note of all that have ended, and reports when that changes something.
+  void ReapAll() {
+    bool toolHasEnded = false;
     Report report = {};
-    report.kind = ReportKind::kEnded;
-    report.exitCode = killed_ ? killCode_ : static_cast<std::uint32_t>(exitCode);
-    report.userTimeUs = Microseconds(usage.ru_utime);
-    report.kernelTimeUs = Microseconds(usage.ru_stime);
+    pid_t pid = 0;
+    do {
+      int status = 0;
+      rusage usage = {};
+      pid = wait4(-1, &status, WNOHANG, &usage);
+      if (pid != tool_ || ended_) continue;
+      toolHasEnded = ended_ = true;
+      report.exitCode = WIFEXITED(status) ? static_cast<std::uint32_t>(WEXITSTATUS(status))
+                                          : 128 + static_cast<std::uint32_t>(WTERMSIG(status));
+      if (killed_) report.exitCode = killCode_;
+      report.own = UsedTimeOf(usage);
+    } while (pid > 0 || (pid < 0 && errno == EINTR));
+    isLeft_ = pid == 0;
+    if (!toolHasEnded && isLeft_) return;
+    report.kind = toolHasEnded ? ReportKind::kEnded : ReportKind::kEmpty;
+    report.isEmpty = !isLeft_;
+    report.all = UsedByAll();
+    report.all.userUs -= before_.userUs;
+    report.all.kernelUs -= before_.kernelUs;
     Send(report);
   }
 
@@ -230,9 +247,6 @@ class Supervision {
     Command command = {};
     if (!ReceiveAll(control_, &command, sizeof command)) return OnClose();
     switch (command.kind) {
-      case CommandKind::kResume:
-        OpenGate();
-        break;
       case CommandKind::kKillOnClose:
         killOnClose_ = command.value != 0;
         break;
@@ -255,113 +269,60 @@ class Supervision {
     }
   }
 
-  void OpenGate() {
-    if (resumed_) return;
-    resumed_ = true;
-    // A tool that is dead already has no gate left to open.
-    [[maybe_unused]] const ssize_t written = write(gate_, "", 1);
-    CloseGate();
-  }
-
-  void CloseGate() {
-    if (gate_ >= 0) close(gate_);
-    gate_ = -1;
-  }
-
   void SetKillCode(std::uint32_t code) {
-    NoticeTool();
     if (ended_ || killed_) return;
     killed_ = true;
     killCode_ = code;
   }
 
+  // What is not to be ended is outlived: to leave now would hand it to the zygote, which takes it for the remains of a
+  // killed supervisor.
   void OnClose() {
-    if (!resumed_ || killOnClose_) KillAll();
     closed_ = true;
-  }
-
-  // Nobody asks any more and nothing is to be ended. To leave now would hand what is left to the zygote, which takes it
-  // for the remains of a killed supervisor.
-  [[noreturn]] void Outlast() {
-    while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
-    }
-    _exit(0);
+    if (killOnClose_) KillAll();
   }
 
   // Children that die hand theirs to this process before the signal about them comes, so to kill all children at each
   // death reaches everything. The pauses are for a child that can't be killed at once.
   void KillAll() {
-    if (ownGroup_) kill(-tool_, SIGKILL);
-    kill(tool_, SIGKILL);
+    if (!ended_) {
+      if (ownGroup_) kill(-tool_, SIGKILL);
+      kill(tool_, SIGKILL);
+    }
     sigset_t child;
     sigemptyset(&child);
     sigaddset(&child, SIGCHLD);
     int pauseMs = 10;
-    while (ReapAll()) {
-      KillChildren(nullptr, 0);
+    for (ReapAll(); isLeft_; ReapAll()) {
+      KillChildren(ownGroup_ ? tool_ : 0, nullptr, 0);
       const timespec pause{pauseMs / 1000, (pauseMs % 1000) * 1000000L};
       pauseMs = sigtimedwait(&child, nullptr, &pause) == SIGCHLD ? 10 : std::min(pauseMs * 2, kMaxKillPauseMs);
     }
-    Report report = {};
-    report.kind = ReportKind::kEmpty;
-    rusage usage = {};
-    getrusage(RUSAGE_CHILDREN, &usage);
-    report.userTimeUs = Microseconds(usage.ru_utime) - Microseconds(before_.ru_utime);
-    report.kernelTimeUs = Microseconds(usage.ru_stime) - Microseconds(before_.ru_stime);
-    CloseGate();
-    empty_ = true;
-    Send(report);
   }
 
-  // False once there is no child left.
-  bool ReapAll() {
-    while (true) {
-      int status = 0;
-      rusage usage = {};
-      const pid_t pid = wait4(-1, &status, WNOHANG, &usage);
-      if (pid == 0) return true;
-      if (pid < 0) return errno == EINTR;
-      if (pid == tool_ && !ended_) ReportEnd(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), usage);
-    }
-  }
+  static constexpr std::size_t kStackSize = 64 * 1024;
 
   const int control_;
-  rusage before_ = {};  // of all tools before
-  pid_t tool_ = -1;
-  int gate_ = -1;
-  bool ownGroup_ = false;
-  bool resumed_ = false;
-  bool ended_ = false;
+  sigset_t whileWaiting_;
   bool closed_ = false;
-  bool empty_ = false;
+  ToolStart start_;
+  // Of the present tool.
+  UsedTime before_ = {};  // what was used before it
+  pid_t tool_ = -1;
+  bool isLetGo_ = false;  // has been told what it is to be
+  bool ownGroup_ = false;
   bool killOnClose_ = false;
+  bool ended_ = false;   // and was waited for, so that its id may come to be another process's
+  bool isLeft_ = false;  // it, or something that it has left behind
   bool killed_ = false;
   std::uint32_t killCode_ = 0;
 };
 
-// Waits, idle, for the next tool. False when none is to come.
-bool ReceiveStart(int control, Command& command, int (&descriptors)[kMaxStartDescriptors]) {
-  while (true) {
-    std::size_t count = 0;
-    const ssize_t length = ReceiveDescriptors(control, &command, sizeof command, descriptors, count);
-    if (length < 0 && errno == EINTR) continue;
-    if (length != sizeof command) return false;
-    if (command.kind != CommandKind::kStart) continue;
-    return count == 1 + static_cast<std::size_t>(std::popcount(command.value & 7u));
-  }
-}
-
 }  // namespace
 
-void RunSupervisor(std::int32_t zygote, int control, std::uint32_t streams, const int* descriptors) {
+void RunSupervisor(int control) {
   prctl(PR_SET_CHILD_SUBREAPER, 1);
-  Supervision(control).Run(ToolPlace(streams, descriptors));
-  Command command = {};
-  int next[kMaxStartDescriptors];
-  while (ReceiveStart(control, command, next) && getppid() == zygote) {
-    Supervision(control).Run(ToolPlace(command.value, next));
-  }
-  _exit(0);
+  Supervisor(control).Run();
 }
 
 }  // namespace kestrun::platform

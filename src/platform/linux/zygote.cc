@@ -19,9 +19,6 @@
 namespace kestrun::platform {
 namespace {
 
-// What a terminal or a shutdown sends to whole groups: a helper outlives it, and ends when its work does.
-constexpr int kIgnoredSignals[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU};
-
 void CloseAllBut(int descriptor) {
 #ifdef SYS_close_range
   if (syscall(SYS_close_range, descriptor + 1, ~0U, 0) == 0) return;
@@ -42,27 +39,31 @@ void SetAutogroupNice(int nice) {
 
 // SIGCHLD interrupts ppoll and nothing else: it is blocked outside of it.
 void PrepareSignals() {
-  for (const int number : kIgnoredSignals) signal(number, SIG_IGN);
+  // The C library won't touch the two signals that it keeps for itself, which posix_spawn leaves ignored.
+  const unsigned long defaultAction[4] = {};
+  for (int number = 1; number < NSIG; ++number) syscall(SYS_rt_sigaction, number, defaultAction, nullptr, NSIG / 8);
   struct sigaction action = {};
   action.sa_handler = [](int) {};
   sigaction(SIGCHLD, &action, nullptr);
-  sigset_t child;
-  sigemptyset(&child);
-  sigaddset(&child, SIGCHLD);
-  sigprocmask(SIG_SETMASK, &child, nullptr);
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGCHLD);
+  for (const int number : kBlockedSignals) sigaddset(&blocked, number);
+  sigprocmask(SIG_SETMASK, &blocked, nullptr);
 }
 
-class Zygote {
+class ZygoteLoop {
  public:
-  explicit Zygote(int socket) : socket_(socket) {}
+  explicit ZygoteLoop(int socket) : socket_(socket) {}
 
   [[noreturn]] void Run() {
-    sigset_t none;
-    sigemptyset(&none);
+    sigset_t whileWaiting;
+    sigprocmask(SIG_SETMASK, nullptr, &whileWaiting);
+    sigdelset(&whileWaiting, SIGCHLD);
     while (true) {
       // poll skips a negative descriptor.
       pollfd wait{connected_ ? socket_ : -1, POLLIN, 0};
-      const int ready = ppoll(&wait, 1, nullptr, &none);
+      const int ready = ppoll(&wait, 1, nullptr, &whileWaiting);
       ReapChildren();
       if (!connected_ && supervisors_.empty() && !HasChildren()) _exit(0);
       if (ready > 0) ReceiveRequest();
@@ -85,14 +86,14 @@ class Zygote {
       if (supervisor == supervisors_.end() || WIFSIGNALED(status)) orphans = true;
       if (supervisor != supervisors_.end()) supervisors_.erase(supervisor);
     }
-    if (orphans) KillChildren(supervisors_.data(), supervisors_.size());
+    if (orphans) KillChildren(0, supervisors_.data(), supervisors_.size());
   }
 
   void ReceiveRequest() {
-    StartMessage message = {};
+    SupervisorRequest request = {};
     int descriptors[kMaxStartDescriptors];
     std::size_t count = 0;
-    const ssize_t length = ReceiveDescriptors(socket_, &message, sizeof message, descriptors, count);
+    const ssize_t length = ReceiveDescriptors(socket_, &request, sizeof request, descriptors, count);
     if (length < 0 && (errno == EINTR || errno == EAGAIN || errno == EMFILE || errno == ENOBUFS)) return;
     if (length <= 0) {
       connected_ = false;
@@ -100,27 +101,24 @@ class Zygote {
       if (supervisors_.empty() && !HasChildren()) _exit(0);
       return;
     }
-    if (length == sizeof message && count >= 2) {
-      StartSupervisor(message, descriptors);
-    }
+    if (length == sizeof request && request.magic == kSupervisorMagic && count == 1) StartSupervisor(descriptors[0]);
     for (std::size_t i = 0; i < count; ++i) close(descriptors[i]);
   }
 
-  void StartSupervisor(const StartMessage& message, const int (&descriptors)[kMaxStartDescriptors]) {
-    const pid_t self = getpid();
+  void StartSupervisor(int control) {
     const pid_t pid = fork();
     if (pid == 0) {
       close(socket_);
-      RunSupervisor(self, descriptors[0], message.streams, descriptors + 1);
+      RunSupervisor(control);
     }
     if (pid > 0) {
       supervisors_.push_back(pid);
       return;
     }
     Report report = {};
-    report.kind = ReportKind::kStarted;
+    report.kind = ReportKind::kReady;
     report.error = errno;
-    send(descriptors[0], &report, sizeof report, MSG_NOSIGNAL);
+    send(control, &report, sizeof report, MSG_NOSIGNAL);
   }
 
   const int socket_;
@@ -143,7 +141,7 @@ void RunZygote(int socket) {
     setsid();
     if (hello.autogroupNice > 0) SetAutogroupNice(hello.autogroupNice);
   }
-  Zygote(socket).Run();
+  ZygoteLoop(socket).Run();
 }
 
 ssize_t ReceiveDescriptors(int socket, void* data, std::size_t size, int (&descriptors)[kMaxStartDescriptors],
@@ -166,9 +164,8 @@ ssize_t ReceiveDescriptors(int socket, void* data, std::size_t size, int (&descr
   return length;
 }
 
-bool KillChildren(const std::int32_t* spared, std::size_t count) {
+void KillChildren(std::int32_t group, const std::int32_t* spared, std::size_t count) {
   const pid_t self = getpid();
-  bool found = false;
   ProcessList list;
   for (pid_t pid = list.IsValid() ? list.Next() : 0; pid != 0; pid = list.Next()) {
     ProcessStat stat;
@@ -177,10 +174,9 @@ bool KillChildren(const std::int32_t* spared, std::size_t count) {
         std::find(spared, spared + count, pid) != spared + count) {
       continue;
     }
-    found = true;
+    if (group != 0 && stat.group == group) kill(-group, SIGKILL);
     kill(pid, SIGKILL);
   }
-  return found;
 }
 
 }  // namespace kestrun::platform

@@ -1,6 +1,7 @@
 #include "platform/linux/zygote_client.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -76,11 +77,10 @@ int SpawnHelper(int socket, pid_t& pid) {
   return posix_spawn(&pid, "/proc/self/exe", &settings.actions, &settings.attributes, arguments, environ);
 }
 
-// One running zygote. When the last user lets go of it, it ends once nothing is left below it.
-class Connection {
+class Connection : public Zygote {
  public:
   Connection(FileDescriptor socket, pid_t pid) : socket_(std::move(socket)), pid_(pid) {}
-  ~Connection() { waitpid(pid_, nullptr, WNOHANG); }
+  ~Connection() override { waitpid(pid_, nullptr, WNOHANG); }
 
   static std::shared_ptr<Connection> Start(SessionKind session, int autogroupNice, int& error) {
     int ends[2];
@@ -100,9 +100,15 @@ class Connection {
     return nullptr;
   }
 
+  bool IsAlive() const override {
+    pollfd state{socket_.get(), 0, 0};
+    return poll(&state, 1, 0) == 0;
+  }
+
   // 0, or an errno: EPIPE or ECONNRESET when the zygote is gone.
-  int Send(const StartMessage& message, const int* descriptors, std::size_t count) {
-    return SendDescriptors(socket_.get(), &message, sizeof message, descriptors, count) < 0 ? errno : 0;
+  int AskForSupervisor(int control) {
+    const SupervisorRequest request{kSupervisorMagic};
+    return SendDescriptors(socket_.get(), &request, sizeof request, &control, 1) < 0 ? errno : 0;
   }
 
  private:
@@ -112,18 +118,17 @@ class Connection {
 
 class Zygotes {
  public:
-  int Send(SessionKind session, int autogroupNice, const StartMessage& message, const int* descriptors,
-           std::size_t count) {
-    int error = 0;
+  std::shared_ptr<Zygote> AskForSupervisor(SessionKind session, int autogroupNice, int control, int& error) {
     std::shared_ptr<Connection> failed;
     for (int attempt = 0; attempt < 3; ++attempt) {
       const std::shared_ptr<Connection> connection = Get(session, autogroupNice, failed, error);
-      if (!connection) return error;
-      error = connection->Send(message, descriptors, count);
-      if (error != EPIPE && error != ECONNRESET) return error;
+      if (!connection) return nullptr;
+      error = connection->AskForSupervisor(control);
+      if (error == 0) return connection;
+      if (error != EPIPE && error != ECONNRESET) return nullptr;
       failed = connection;
     }
-    return error;
+    return nullptr;
   }
 
  private:
@@ -162,10 +167,9 @@ ssize_t SendDescriptors(int socket, const void* data, std::size_t size, const in
   return sent;
 }
 
-int SendToZygote(SessionKind session, int autogroupNice, const StartMessage& message, const int* descriptors,
-                 std::size_t count) {
+std::shared_ptr<Zygote> AskForSupervisor(SessionKind session, int autogroupNice, int control, int& error) {
   static NeverDestroyed<Zygotes> zygotes;
-  return zygotes.get().Send(session, autogroupNice, message, descriptors, count);
+  return zygotes.get().AskForSupervisor(session, autogroupNice, control, error);
 }
 
 }  // namespace kestrun::platform

@@ -158,12 +158,25 @@ pid_t FindReusedSupervisor() {
   return 0;
 }
 
+// The process that an idle supervisor has made for its next tool, or is about to make.
+pid_t NextToolOf(pid_t supervisor) {
+  for (;;) {
+    for (const auto& [pid, stat] : platform::DescendantsOf(supervisor)) {
+      if (pid != supervisor) return pid;
+    }
+  }
+}
+
 TEST_F(Kill, ASupervisorThatDiesWhileIdleCostsNothing) {
   for (int round = 0; round < 10; ++round) {
     const pid_t supervisor = FindReusedSupervisor();
     ASSERT_GT(supervisor, 1);
+    const pid_t next = NextToolOf(supervisor);
     kill(supervisor, SIGKILL);
-    // It may still be dying when it is asked.
+    // Until then it may still be given a tool, which would die with it.
+    for (const pid_t pid : {supervisor, next}) {
+      ASSERT_TRUE(ProcessEndsWithin(static_cast<unsigned long>(pid), 60000));
+    }
     EXPECT_NE(RunToolUnderSupervisor(), supervisor);
   }
 }
