@@ -16,7 +16,8 @@ namespace kestrun {
 namespace {
 
 constexpr int kOverdueCode = 124;
-constexpr u32 kJobFlags = Process::PRIORITY_BELOW_NORMAL | Process::PIPE_STDIN | Process::OWN_JOB;
+constexpr u32 kJobFlags = Process::PRIORITY_BELOW_NORMAL | Process::PIPE_STDIN | Process::PIPE_STDOUT |
+                          Process::PIPE_STDERR | Process::OWN_JOB;
 
 std::string ContentOf(const MemoryStream& stream) {
   return std::string(reinterpret_cast<const char*>(stream.GetData()), stream.GetSize());
@@ -104,11 +105,11 @@ void BuildJobScheduler::SkipJob(BuildJob& job, const Address& localAddress) {
 
 BuildJobScheduler::ToolEnd BuildJobScheduler::RunTool(const BuildJob& job, const rc_ptr<Process>& process,
                                                       MemoryStream* out, MemoryStream* err) {
-  if (process->Run(job.commandLine, out, err, kJobFlags, nullptr, 0, true) != 0) return {-1, false};
+  if (!process->Start(job.commandLine, kJobFlags, nullptr, 0)) return {-1, false};
   if (!runningTools_.Add(job, process)) process->Kill();
   const u32 limitMs = WaitLimitMs(job);
   u32 code = static_cast<u32>(-1);
-  const bool isOverdue = !process->Wait(limitMs, &code) && limitMs != kNoLimit;
+  const bool isOverdue = !process->Collect(out, err, limitMs, &code) && limitMs != kNoLimit;
   if (isOverdue) process->Terminate();
   runningTools_.Remove(job.id);
   return {isOverdue ? kOverdueCode : static_cast<int>(code), isOverdue};

@@ -1,4 +1,4 @@
-// Two things around the standard streams of a child that each system does in its own way.
+// What each system does in its own way around the standard streams of a child.
 #ifndef KESTRUN_PLATFORM_CHILD_IO_H_
 #define KESTRUN_PLATFORM_CHILD_IO_H_
 
@@ -33,6 +33,26 @@ class OnlyStandardHandles {
 // Calls a thread back from a read that it is blocked in; the read fails with ERROR_OPERATION_ABORTED. No effect if
 // the thread is in no read at that moment, nor where a read from a child's pipe ends with the child by itself.
 void InterruptRead(HANDLE thread);
+
+// Where the bytes of a child's output go.
+class OutputSink {
+ public:
+  virtual ~OutputSink() = default;
+  virtual void Take(const char* bytes, DWORD count) = 0;
+};
+
+struct ChildOutput {
+  HANDLE pipe;
+  OutputSink* sink;
+};
+
+// Waits for the end of a child and reads its outputs meanwhile, all on the calling thread: WAIT_OBJECT_0 once it has
+// ended and the sinks have all that it wrote, whoever else still holds the pipes; WAIT_TIMEOUT if that takes longer,
+// and then the next call goes on. One call at a time for one child.
+//
+// WAIT_FAILED with ERROR_NOT_SUPPORTED where the system can't wait for a process and for pipes at once, or the handles
+// are of another kind: the caller then has a thread for each pipe.
+DWORD CollectOutput(HANDLE process, const ChildOutput* outputs, DWORD count, DWORD timeoutMs);
 
 }  // namespace kestrun::platform
 

@@ -38,6 +38,8 @@ class PipeStream : public FileStream {
   u32 GetAvailable() override;
   u32 GetPosition() override { return 0; }
   bool Seek(u32) override { return false; }
+
+  using FileStream::GetHandle;
 };
 
 }  // namespace kestrun

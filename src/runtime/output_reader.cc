@@ -2,16 +2,10 @@
 
 #include <algorithm>
 
-#include "platform/child_io.h"
-
 namespace kestrun {
 
 void OutputReader::operator()() {
-  if (!ReadUntilFinish()) return;
-  try {
-    ReadWhatIsThere();
-  } catch (const StreamException&) {
-  }
+  if (ReadUntilFinish()) ReadWhatIsThere();
 }
 
 // False at the end of the pipe, true when the child has ended before it.
@@ -25,20 +19,21 @@ bool OutputReader::ReadUntilFinish() {
     }
     EndRead();
     if (count == 0) break;
-    Pass(buffer, count);
+    Take(buffer, count);
   }
   Lock lock(lock_);
   return childHasEnded_;
 }
 
 // Not "until there is nothing more": a descendant that keeps writing would never let that happen.
-void OutputReader::ReadWhatIsThere() {
+void OutputReader::ReadWhatIsThere() try {
   char buffer[kBufferSize];
   for (u32 left = pipe_->GetAvailable(); left > 0;) {
     const u32 count = pipe_->Read(buffer, std::min(left, kBufferSize));
-    Pass(buffer, count);
+    Take(buffer, count);
     left -= std::min(left, count);
   }
+} catch (const StreamException&) {
 }
 
 bool OutputReader::BeginRead() {
@@ -52,7 +47,7 @@ void OutputReader::EndRead() {
   isReading_ = false;
 }
 
-void OutputReader::Pass(const char* bytes, u32 count) {
+void OutputReader::Take(const char* bytes, DWORD count) {
   if (!destination_) return;
   try {
     destination_->Write(bytes, count);
@@ -61,7 +56,8 @@ void OutputReader::Pass(const char* bytes, u32 count) {
   }
 }
 
-void OutputReader::Finish(Thread& thread) {
+void OutputReader::Finish(Thread* thread) {
+  if (thread == nullptr) return ReadWhatIsThere();
   {
     Lock lock(lock_);
     childHasEnded_ = true;
@@ -69,7 +65,8 @@ void OutputReader::Finish(Thread& thread) {
   // Mostly the pipe ends with the child, and the first wait is all. The interruption misses a reader that is between
   // its announcement and the system's read, so it is repeated.
   constexpr u32 kLongestPauseMs = 64;
-  for (u32 pauseMs = 1; !thread.Wait(pauseMs); pauseMs = std::min(pauseMs * 2, kLongestPauseMs)) InterruptRead(thread);
+  for (u32 pauseMs = 1; !thread->Wait(pauseMs); pauseMs = std::min(pauseMs * 2, kLongestPauseMs))
+    InterruptRead(*thread);
 }
 
 // Under the lock, so that the reader cannot leave its read and be hit in the middle of something else.

@@ -1,11 +1,13 @@
-// The thread body that drains one pipe of a child into a stream.
+// Drains one pipe of a child into a stream: the body of a thread, or the sink of a thread that serves all pipes of the
+// child.
 //
-// It ends with the pipe. Since a descendant of the child may hold the pipe's other end for as long as it likes, the
-// owner calls Finish once the child itself has ended: everything that the child wrote is in the pipe then, so the
-// reader takes what is there at that moment and stops, whoever still writes.
+// As a thread body it ends with the pipe. Since a descendant of the child may hold the pipe's other end for as long as
+// it likes, the owner calls Finish once the child itself has ended: everything that the child wrote is in the pipe
+// then, so the reader takes what is there at that moment and stops, whoever still writes.
 #ifndef KESTRUN_RUNTIME_OUTPUT_READER_H_
 #define KESTRUN_RUNTIME_OUTPUT_READER_H_
 
+#include "platform/child_io.h"
 #include "runtime/critical_section.h"
 #include "runtime/delegate.h"
 #include "runtime/rc_ptr.h"
@@ -15,9 +17,9 @@
 namespace kestrun {
 
 // Holds its two streams for as long as it lives; the destination may be null, which drops the bytes. The reader
-// thread is the only one to touch the streams. A StreamException of the destination drops all that follows, so that
-// the child never stalls on a full pipe.
-class OutputReader : public Functor0<void>::_DelegateBase {
+// thread, or the one that serves it, is the only one to touch the streams. A StreamException of the destination drops
+// all that follows, so that the child never stalls on a full pipe.
+class OutputReader : public Functor0<void>::_DelegateBase, public platform::OutputSink {
  public:
   OutputReader(const rc_ptr<Stream>& pipe, const rc_ptr<Stream>& destination)
       : pipe_(pipe), destination_(destination) {}
@@ -25,9 +27,12 @@ class OutputReader : public Functor0<void>::_DelegateBase {
   // The body of the reader thread.
   void operator()() override;
 
-  // From another thread, when the child has ended: waits until the reader has taken what the pipe holds. `thread` is
-  // the one that runs this reader.
-  void Finish(Thread& thread);
+  // In place of a thread body.
+  void Take(const char* bytes, DWORD count) override;
+
+  // When the child has ended: waits until the reader has taken what the pipe holds. `thread` is the one that runs this
+  // reader; without one the caller does it.
+  void Finish(Thread* thread);
 
  private:
   static constexpr u32 kBufferSize = 8192;
@@ -37,7 +42,6 @@ class OutputReader : public Functor0<void>::_DelegateBase {
   bool BeginRead();
   void EndRead();
   void InterruptRead(Thread& thread);
-  void Pass(const char* bytes, u32 count);
 
   rc_ptr<Stream> pipe_;
   rc_ptr<Stream> destination_;

@@ -130,9 +130,11 @@ class Process::SharedHandle : public rc_base {
   UniqueHandle handle_;
 };
 
-struct Process::ReaderThread {
+struct Process::PipeReader {
+  const char* name;
+  HANDLE pipe;
   rc_ptr<OutputReader> reader;
-  rc_ptr<Thread> thread;
+  rc_ptr<Thread> thread = nullptr;  // until it has one
 };
 
 struct Process::ChildPipes {
@@ -250,37 +252,84 @@ void Process::TakePipes(ChildPipes& pipes) {
 int Process::Run(const std::string& commandLine, Stream* out, Stream* err, u32 flags, const Environment* environment,
                  u32 affinityMask, bool noWait) {
   if (!Start(commandLine, flags | PIPE_STDOUT | PIPE_STDERR, environment, affinityMask)) return -1;
-  if (!StartReader("stdout", stdout_, out) || !StartReader("stderr", stderr_, err)) {
-    // A child that nobody listens to would stall.
-    Terminate();
-    return -1;
-  }
-  if (noWait) return 0;
   u32 code = static_cast<u32>(-1);
-  Wait(kNoLimit, &code);
-  return static_cast<int>(code);
+  if (!noWait) {
+    Collect(out, err, kNoLimit, &code);
+    return static_cast<int>(code);
+  }
+  if (StartWithReaders(out, err)) return 0;
+  // A child that nobody listens to would stall.
+  Terminate();
+  return -1;
 }
 
-bool Process::StartReader(const char* name, const rc_ptr<Stream>& pipe, Stream* destination) {
-  if (!pipe) return true;
-  ReaderThread started{new OutputReader(pipe, destination), new Thread(name)};
-  if (!started.thread->Start(rc_ptr<Functor0<void>::_DelegateBase>(started.reader))) return false;
+bool Process::StartWithReaders(Stream* out, Stream* err) {
   Lock lock(readersLock_);
-  readers_.push_back(std::move(started));
+  AddReader("stdout", stdout_, out);
+  AddReader("stderr", stderr_, err);
+  return StartReaders();
+}
+
+bool Process::Collect(Stream* out, Stream* err, u32 timeoutMs, u32* exitCode) {
+  {
+    Lock lock(readersLock_);
+    AddReader("stdout", stdout_, out);
+    AddReader("stderr", stderr_, err);
+    hasIdleReaders_ = true;
+  }
+  return Wait(timeoutMs, exitCode);
+}
+
+void Process::AddReader(const char* name, const rc_ptr<Stream>& pipe, Stream* destination) {
+  if (pipe)
+    readers_.push_back({name, static_cast<PipeStream&>(*pipe).GetHandle(), new OutputReader(pipe, destination)});
+}
+
+bool Process::StartReaders() {
+  for (PipeReader& reader : readers_) {
+    rc_ptr<Thread> thread = new Thread(reader.name);
+    if (!thread->Start(rc_ptr<Functor0<void>::_DelegateBase>(reader.reader))) return false;
+    reader.thread = thread;
+  }
   return true;
+}
+
+// Whoever comes first does the readers' work, and the others wait for the child alone.
+DWORD Process::AwaitEnd(HANDLE process, u32 timeoutMs) {
+  if (hasIdleReaders_.exchange(false)) {
+    const DWORD outcome = CollectAll(process, timeoutMs);
+    if (outcome != WAIT_FAILED) return outcome;
+  }
+  return WaitForSingleObject(process, timeoutMs);
+}
+
+// WAIT_FAILED where threads do it instead.
+DWORD Process::CollectAll(HANDLE process, u32 timeoutMs) {
+  Lock lock(readersLock_);
+  std::vector<platform::ChildOutput> outputs;
+  for (const PipeReader& reader : readers_) outputs.push_back({reader.pipe, reader.reader.Get()});
+  const DWORD outcome = platform::CollectOutput(process, outputs.data(), static_cast<DWORD>(outputs.size()), timeoutMs);
+  if (outcome == WAIT_OBJECT_0) {
+    readers_.clear();
+  } else if (outcome == WAIT_TIMEOUT) {
+    hasIdleReaders_ = true;
+  } else if (!StartReaders()) {
+    Kill();
+  }
+  return outcome;
 }
 
 // Whoever comes second waits for the first, so that nobody goes on before the output is complete.
 void Process::FinishReaders() {
   Lock lock(readersLock_);
-  for (const ReaderThread& reader : readers_) reader.reader->Finish(*reader.thread);
+  for (const PipeReader& reader : readers_) reader.reader->Finish(reader.thread.Get());
   readers_.clear();
 }
 
 bool Process::Wait(u32 timeoutMs, u32* exitCode) {
   const rc_ptr<SharedHandle> process = GetProcessHandle();
   if (!process) return false;
-  const DWORD outcome = WaitForSingleObject(process->Get(), timeoutMs);
+  const DWORD outcome = AwaitEnd(process->Get(), timeoutMs);
   if (outcome == WAIT_TIMEOUT || outcome == WAIT_FAILED) {
     exitCode_ = GetLastError();
     return false;

@@ -73,13 +73,19 @@ class Process : public rc_base {
   // forbids them; without a job the child still runs.
   bool Start(const std::string& commandLine, u32 flags, const Environment* environment, u32 affinityMask);
 
-  // Start with pipes for standard output and error, one reader thread for each, and the wait. Gives the exit code; -1
-  // if the child could not be started or waited for; 0 at once with `noWait`. When it returns after a wait, the
-  // streams hold all that the child wrote and are not written any more, even if a descendant still holds the pipes.
-  // A null stream drops the output, as does one from the moment when it throws StreamException. The streams are shared
-  // with the reader threads, so they must be held by rc_ptr; the two are written on two threads at once.
+  // Start with pipes for standard output and error, and Collect without a limit. Gives the exit code; -1 if the child
+  // could not be started or waited for; 0 at once with `noWait`, where a reader thread for each pipe goes on. When it
+  // returns after a wait, the streams hold all that the child wrote and are not written any more, even if a descendant
+  // still holds the pipes. A null stream drops the output, as does one from the moment when it throws StreamException.
+  // The streams are shared with reader threads, so they must be held by rc_ptr; the two may be written on two threads
+  // at once.
   int Run(const std::string& commandLine, Stream* out, Stream* err, u32 flags, const Environment* environment,
           u32 affinityMask, bool noWait);
+
+  // To be called once, after a Start with pipes for both outputs: waits for the child as Wait does, and brings what it
+  // writes to the two streams, as Run does. Where the system allows it the calling thread does all of that. After the
+  // time limit the next Wait, also that of Terminate, goes on with it; until then nobody takes what the child writes.
+  bool Collect(Stream* out, Stream* err, u32 timeoutMs, u32* exitCode);
 
   // 0 sends Ctrl-C, 1 Ctrl-Break to the child's process group; anything else, or no child yet, is false.
   bool SendCtrlEvent(int event);
@@ -112,14 +118,18 @@ class Process : public rc_base {
 
  private:
   class SharedHandle;
-  struct ReaderThread;
+  struct PipeReader;
   struct ChildPipes;
 
   bool LaunchSuspended(const std::string& commandLine, u32 flags, const Environment* environment,
                        const ChildPipes& pipes, PROCESS_INFORMATION& child);
   void PutInJob(HANDLE process);
   void TakePipes(ChildPipes& pipes);
-  bool StartReader(const char* name, const rc_ptr<Stream>& pipe, Stream* destination);
+  void AddReader(const char* name, const rc_ptr<Stream>& pipe, Stream* destination);
+  bool StartReaders();
+  bool StartWithReaders(Stream* out, Stream* err);
+  DWORD AwaitEnd(HANDLE process, u32 timeoutMs);
+  DWORD CollectAll(HANDLE process, u32 timeoutMs);
   void FinishReaders();
   rc_ptr<SharedHandle> GetProcessHandle();
 
@@ -137,8 +147,9 @@ class Process : public rc_base {
   rc_ptr<SharedHandle> process_;  // guarded by handleLock_; shared with those who wait, so that Close harms nobody
   UniqueHandle job_;              // guarded by handleLock_
 
-  CriticalSection readersLock_;        // held while the readers are waited for
-  std::vector<ReaderThread> readers_;  // guarded by readersLock_
+  CriticalSection readersLock_;              // held while the readers are waited for, or their work is done
+  std::vector<PipeReader> readers_;          // guarded by readersLock_
+  std::atomic<bool> hasIdleReaders_{false};  // readers without a thread, whose work nobody does at present
 };
 
 }  // namespace kestrun

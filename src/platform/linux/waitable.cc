@@ -1,5 +1,6 @@
 #include "platform/linux/waitable.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 
@@ -16,6 +17,13 @@ constexpr DWORD kSliceMs = 1000;
 
 constexpr std::int64_t kNsPerMs = 1'000'000;
 constexpr std::int64_t kNsPerSecond = 1'000'000'000;
+
+timespec TimespecOf(std::int64_t ns) {
+  timespec time{};
+  time.tv_sec = static_cast<time_t>(ns / kNsPerSecond);
+  time.tv_nsec = static_cast<long>(ns % kNsPerSecond);
+  return time;
+}
 
 }  // namespace
 
@@ -36,10 +44,11 @@ Deadline Deadline::OrAfter(DWORD sliceMs) const {
 }
 
 timespec Deadline::ToTimespec() const {
-  timespec time{};
-  time.tv_sec = static_cast<time_t>(ns_ / kNsPerSecond);
-  time.tv_nsec = static_cast<long>(ns_ % kNsPerSecond);
-  return time;
+  return TimespecOf(ns_);
+}
+
+timespec Deadline::Left() const {
+  return TimespecOf(IsNever() ? ns_ : std::max(ns_ - Now(), std::int64_t{0}));
 }
 
 std::int64_t Deadline::Now() {

@@ -32,6 +32,8 @@ class Deadline {
   // This deadline, or sliceMs from now if that comes first.
   Deadline OrAfter(DWORD sliceMs) const;
   timespec ToTimespec() const;
+  // As a span from now; 0 if it has passed.
+  timespec Left() const;
 
  private:
   static constexpr std::int64_t kNever = INT64_MAX;

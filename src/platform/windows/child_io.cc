@@ -64,4 +64,10 @@ void InterruptRead(HANDLE thread) {
   CancelSynchronousIo(thread);
 }
 
+// An anonymous pipe can't be waited for.
+DWORD CollectOutput(HANDLE /*process*/, const ChildOutput* /*outputs*/, DWORD /*count*/, DWORD /*timeoutMs*/) {
+  SetLastError(ERROR_NOT_SUPPORTED);
+  return WAIT_FAILED;
+}
+
 }  // namespace kestrun::platform
