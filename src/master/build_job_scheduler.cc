@@ -1,6 +1,7 @@
 #include "master/build_job_scheduler.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "master/local_time.h"
 #include "master/master_log.h"
@@ -18,6 +19,13 @@ rc_ptr<Message> OutputMessage(const std::string& stdoutText, const std::string& 
   rc_ptr<Message> message = new Message(MSG_BUILD_RESULT, kMasterService, kStubService);
   message->AddString(SEG_STDOUT, stdoutText).AddString(SEG_STDERR, stderrText);
   return message;
+}
+
+// Sends what stands for the end of a job, behind its output.
+bool SendEnd(MessageChannel& channel, const rc_ptr<Message>& message, i32 exitCode, bool keepGoing) {
+  message->AddI32(SEG_EXIT_CODE, exitCode);
+  if (keepGoing) message->AddU32(SEG_KEEP_GOING, 1);
+  return channel.Send(message);
 }
 
 }  // namespace
@@ -88,8 +96,8 @@ void BuildJobScheduler::NewProject(const std::string& name, u32 totalJobs, u32 f
 }
 
 rc_ptr<BuildJob> BuildJobScheduler::JobResult(const rc_ptr<Server>& server, u32 id, i32 exitCode,
-                                              const std::string& stdoutText, const std::string& stderrText,
-                                              u64 /*startTime*/, i32 elapsedMs, bool* finished) {
+                                              std::string stdoutText, std::string stderrText, u64 /*startTime*/,
+                                              i32 elapsedMs, bool* finished) {
   if (!server) {
     WriteMasterLog(Log::Error, "No server specified for  build result", {LogField("client_key", id)});
     return nullptr;
@@ -106,8 +114,8 @@ rc_ptr<BuildJob> BuildJobScheduler::JobResult(const rc_ptr<Server>& server, u32 
   activeJobs_.erase(found);
   ForgetClientOf(*job);
   job->exitCode = exitCode;
-  job->stdoutText = stdoutText;
-  job->stderrText = stderrText;
+  job->stdoutText = std::move(stdoutText);
+  job->stderrText = std::move(stderrText);
   LogOutcome(*job, elapsedMs);
   if (finished != nullptr) *finished = true;
   ++server->completedCount;
@@ -177,11 +185,18 @@ void BuildJobScheduler::ProjectFinished(Project& project) {
 
 bool BuildJobScheduler::SendResult(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText,
                                    const std::string& stderrText, i32 exitCode, bool keepGoing) {
+  return channel && SendEnd(*channel, OutputMessage(stdoutText, stderrText), exitCode, keepGoing);
+}
+
+bool BuildJobScheduler::PassResultOn(const rc_ptr<MessageChannel>& channel, const Message& localResult, i32 exitCode,
+                                     bool keepGoing) {
   if (!channel) return false;
-  const rc_ptr<Message> message = OutputMessage(stdoutText, stderrText);
-  message->AddI32(SEG_EXIT_CODE, exitCode);
-  if (keepGoing) message->AddU32(SEG_KEEP_GOING, 1);
-  return channel->Send(message);
+  const rc_ptr<Message> message = new Message(MSG_BUILD_RESULT, kMasterService, kStubService);
+  for (const u32 type : {SEG_STDOUT, SEG_STDERR}) {
+    const rc_ptr<Message::Segment> output = localResult.FindSegment(type);
+    message->AddSegment(output ? output.Get() : Message::Segment::FromString(type, "").Get());
+  }
+  return SendEnd(*channel, message, exitCode, keepGoing);
 }
 
 bool BuildJobScheduler::SendOutput(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText,

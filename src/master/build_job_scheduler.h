@@ -58,8 +58,8 @@ class BuildJobScheduler {
 
   // Records how a job ended. Gives the job, or an empty pointer if the server is empty, the number unknown, or the
   // result the second one for its job. `finished`, if not null, becomes true when the job is given.
-  rc_ptr<BuildJob> JobResult(const rc_ptr<Server>& server, u32 id, i32 exitCode, const std::string& stdoutText,
-                             const std::string& stderrText, u64 startTime, i32 elapsedMs, bool* finished = nullptr);
+  rc_ptr<BuildJob> JobResult(const rc_ptr<Server>& server, u32 id, i32 exitCode, std::string stdoutText,
+                             std::string stderrText, u64 startTime, i32 elapsedMs, bool* finished = nullptr);
   // The job's result has gone out: it moves to the finished ones, or is let go with DiscardOutput, and its project ends
   // if it was the last.
   void JobCompleted(const rc_ptr<BuildJob>& job);
@@ -70,6 +70,8 @@ class BuildJobScheduler {
   // sending failed.
   bool SendResult(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText, const std::string& stderrText,
                   i32 exitCode, bool keepGoing);
+  // The same with the output as it stands in a MSG_LOCAL_JOB_RESULT, which is not copied for it.
+  bool PassResultOn(const rc_ptr<MessageChannel>& channel, const Message& localResult, i32 exitCode, bool keepGoing);
   bool SendOutput(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText, const std::string& stderrText);
 
   // Ends the local build threads; queued jobs are never run. Waits for running tools for 30 s at most, then ends the

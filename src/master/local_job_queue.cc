@@ -19,10 +19,6 @@ constexpr int kOverdueCode = 124;
 constexpr u32 kJobFlags = Process::PRIORITY_BELOW_NORMAL | Process::PIPE_STDIN | Process::PIPE_STDOUT |
                           Process::PIPE_STDERR | Process::OWN_JOB;
 
-std::string ContentOf(const MemoryStream& stream) {
-  return std::string(reinterpret_cast<const char*>(stream.GetData()), stream.GetSize());
-}
-
 void LogJob(const BuildJob& job, const std::string& message, const Log::Fields& more = {}) {
   Log::Fields fields{{"project_name", job.projectName}};
   fields.insert(fields.end(), more.begin(), more.end());
@@ -30,20 +26,26 @@ void LogJob(const BuildJob& job, const std::string& message, const Log::Fields& 
 }
 
 rc_ptr<Message> ResultMessage(const Address& localAddress, const BuildJob& job, const EventTimer& timer, int code,
-                              const std::string& stdoutText, const std::string& stderrText) {
+                              const rc_ptr<MemoryStream>& out, const rc_ptr<MemoryStream>& err) {
   rc_ptr<Message> result = new Message(localAddress, MSG_LOCAL_JOB_RESULT, kMasterService, kMasterService);
   result->AddI32(SEG_JOB_ID, static_cast<i32>(job.id))
       .AddI32(SEG_EXIT_CODE, code)
-      .AddString(SEG_STDOUT, stdoutText)
-      .AddString(SEG_STDERR, stderrText)
+      .AddContent(SEG_STDOUT, out)
+      .AddContent(SEG_STDERR, err)
       .AddU64(SEG_START_TIME, timer.GetStartTime())
       .AddI32(SEG_ELAPSED, static_cast<i32>(timer.GetElapsed()));
   return result;
 }
 
-void AddOverdueLine(std::string& text, u32 seconds) {
-  if (!text.empty() && text.back() != '\n') text += "\r\n";
+rc_ptr<MemoryStream> TextStream(std::string text) {
+  return new MemoryStream(text.data(), static_cast<u32>(text.size()), false);
+}
+
+void AddOverdueLine(MemoryStream& output, u32 seconds) {
+  const u32 size = output.GetSize();
+  std::string text = size > 0 && output.GetData()[size - 1] != '\n' ? "\r\n" : "";
   text += "KESTRUN: error: job ran longer than " + std::to_string(seconds) + " seconds and was ended\r\n";
+  if (output.Append(text.data(), static_cast<u32>(text.size())) == 0) throw StreamException("Out of memory");
 }
 
 }  // namespace
@@ -83,12 +85,11 @@ void BuildJobScheduler::RunJob(BuildJob& job, const Address& localAddress) {
   LogJob(job, "process for job complete", {LogField("exit_code", static_cast<u32>(end.exitCode))});
   rc_ptr<Message> result;
   try {
-    std::string errors = ContentOf(*err);
-    if (end.isOverdue) AddOverdueLine(errors, job.timeoutSeconds);
-    result = ResultMessage(localAddress, job, timer, end.exitCode, ContentOf(*out), errors);
+    if (end.isOverdue) AddOverdueLine(*err, job.timeoutSeconds);
+    result = ResultMessage(localAddress, job, timer, end.exitCode, out, err);
   } catch (const std::exception& e) {
     // More output than a segment or the memory can hold: the job fails, and the stub is told why.
-    result = ResultMessage(localAddress, job, timer, -1, "", std::string(e.what()) + "\r\n");
+    result = ResultMessage(localAddress, job, timer, -1, TextStream(""), TextStream(std::string(e.what()) + "\r\n"));
   }
   dispatcher_->Post(result, false);
   LogJob(job, "Posting job result back to main thread", {{"local_addr", localAddress.ToString()}});
@@ -100,7 +101,7 @@ void BuildJobScheduler::SkipJob(BuildJob& job, const Address& localAddress) {
   EventTimer timer("event timer");
   timer.Start();
   timer.Stop();
-  dispatcher_->Post(ResultMessage(localAddress, job, timer, -1, "", ""), false);
+  dispatcher_->Post(ResultMessage(localAddress, job, timer, -1, TextStream(""), TextStream("")), false);
 }
 
 BuildJobScheduler::ToolEnd BuildJobScheduler::RunTool(const BuildJob& job, const rc_ptr<Process>& process,

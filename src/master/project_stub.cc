@@ -1,5 +1,6 @@
 #include "master/project_stub.h"
 
+#include <utility>
 #include <vector>
 
 #include "master/format_elapsed.h"
@@ -169,11 +170,11 @@ void ProjectStub::OnJobResult(const rc_ptr<Message>& message) {
   const rc_ptr<Server> server = scheduler_.GetServer();
   if (!server) return;
   const rc_ptr<BuildJob> job =
-      scheduler_.JobResult(server, jobId, exitCode, stdoutText, stderrText, startTime, elapsedMs);
+      scheduler_.JobResult(server, jobId, exitCode, std::move(stdoutText), std::move(stderrText), startTime, elapsedMs);
   if (!job) return;
   if (exitCode != 0) failedJobs_[jobId] = job;
-  scheduler_.SendResult(dispatcher_.FindChannel(job->clientAddress), job->stdoutText, job->stderrText, job->exitCode,
-                        (job->flags & FLAG_KEEP_GOING) != 0);
+  scheduler_.PassResultOn(dispatcher_.FindChannel(job->clientAddress), *message, job->exitCode,
+                          (job->flags & FLAG_KEEP_GOING) != 0);
   scheduler_.JobCompleted(job);
 }
 

@@ -58,6 +58,11 @@ Message& Message::AddText(u32 type, const char* value) {
   return *this;
 }
 
+Message& Message::AddContent(u32 type, const rc_ptr<MemoryStream>& value) {
+  segments_.push_back(Segment::FromContent(type, value));
+  return *this;
+}
+
 Message& Message::AddU8(u32 type, u8 value) {
   segments_.push_back(Segment::FromU8(type, value));
   return *this;

@@ -76,6 +76,7 @@ class Message : public rc_base {
   Message& AddString(u32 type, const std::string& value);
   Message& AddPath(u32 type, const Path& value);
   Message& AddText(u32 type, const char* value);
+  Message& AddContent(u32 type, const rc_ptr<MemoryStream>& value);
   Message& AddU8(u32 type, u8 value);
   Message& AddI32(u32 type, i32 value);
   Message& AddU32(u32 type, u32 value);
@@ -112,6 +113,8 @@ class Message::Segment : public rc_base {
   static rc_ptr<Segment> FromString(u32 type, const std::string& value);
   static rc_ptr<Segment> FromPath(u32 type, const Path& value);
   static rc_ptr<Segment> FromText(u32 type, const char* value);
+  // The stream's content: the stream itself if it is large, and it must not change any more then.
+  static rc_ptr<Segment> FromContent(u32 type, const rc_ptr<MemoryStream>& value);
   static rc_ptr<Segment> FromU8(u32 type, u8 value);
   static rc_ptr<Segment> FromI32(u32 type, i32 value);
   static rc_ptr<Segment> FromU32(u32 type, u32 value);

@@ -80,6 +80,15 @@ rc_ptr<Message::Segment> Message::Segment::FromText(u32 type, const char* value)
   return FromString(type, value);
 }
 
+rc_ptr<Message::Segment> Message::Segment::FromContent(u32 type, const rc_ptr<MemoryStream>& value) {
+  const u32 length = value->GetSize();
+  if (length <= kSharedDataLimit) return new Segment(type, std::as_const(*value).GetData(), length);
+  CheckLength(length, "Invalid (too long) segment-length;2");
+  rc_ptr<Segment> segment(new Segment(type));
+  segment->content_ = value;
+  return segment;
+}
+
 rc_ptr<Message::Segment> Message::Segment::FromU8(u32 type, u8 value) {
   return FromBytes(type, value);
 }
