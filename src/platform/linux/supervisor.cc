@@ -19,6 +19,10 @@
 
 #include "platform/linux/helper_protocol.h"
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace kestrun::platform {
 namespace {
 
@@ -163,6 +167,10 @@ class Supervisor {
     // Here and not on the heap: what watches over memory in a test build knows this stack.
     alignas(16) char stack[kStackSize];
     tool_ = clone(&Supervisor::BecomeTool, std::end(stack), CLONE_VM | CLONE_VFORK | SIGCHLD, this);
+#ifdef __SANITIZE_ADDRESS__
+    // Nobody returned from the calls that were made there, so their marks are still on it.
+    __asan_unpoison_memory_region(stack, sizeof stack);
+#endif
     isLeft_ = tool_ > 0;
     if (isLeft_) return;
     Report report = {};
@@ -215,7 +223,9 @@ class Supervisor {
     _exit(0);
   }
 
-  void Send(const Report& report) const { send(control_, &report, sizeof report, MSG_NOSIGNAL); }
+  void Send(const Report& report) const {
+    send(control_, &report, sizeof report, MSG_NOSIGNAL);
+  }
 
   // Takes note of all that have ended, and reports when that changes something.
   void ReapAll() {
