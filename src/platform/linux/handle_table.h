@@ -51,7 +51,7 @@ bool ReleaseHandle(HANDLE handle);
 // What the pseudo handle -1 stands for. Set once, before threads use it; until then -1 can't be looked up.
 void SetCurrentProcessObject(std::shared_ptr<Object> object);
 
-// The table's first handle raises the soft limit of descriptors to the hard one, since each named object costs one.
+// The table's first handle raises the soft limit of descriptors to the hard one, since a master needs many.
 // This is the limit as the user had it, which is what a tool should be started with.
 rlimit OriginalDescriptorLimit();
 

@@ -134,7 +134,7 @@ HANDLE MapNamedRegion(std::uint64_t size, const char* name) {
 HANDLE MapAnonymousRegion(std::uint64_t size) {
   FileDescriptor file(memfd_create("kestrun", MFD_CLOEXEC));
   if (!file) return Fail(Win32ErrorFromErrno(errno));
-  const int error = ReserveSpace(file.get(), RoundUpToPage(size));
+  const int error = ReserveSpace(file.get(), 0, RoundUpToPage(size));
   if (error != 0) return Fail(Win32ErrorFromErrno(error));
   const HANDLE handle = AllocateHandle(std::make_shared<Mapping>(std::move(file), RoundUpToPage(size), true));
   if (handle) SetLastError(ERROR_SUCCESS);
@@ -154,7 +154,7 @@ HANDLE MapDiskFile(HANDLE handle, DWORD protect, std::uint64_t size) {
   if (size == 0) return Fail(ERROR_FILE_INVALID);
   if (size > fileSize) {
     if (!writable) return Fail(ERROR_NOT_ENOUGH_MEMORY);
-    const int error = ReserveSpace(file->Descriptor(), size);
+    const int error = ReserveSpace(file->Descriptor(), 0, size);
     if (error != 0) return Fail(Win32ErrorFromErrno(error));
   }
   FileDescriptor own(fcntl(file->Descriptor(), F_DUPFD_CLOEXEC, 0));
@@ -199,7 +199,7 @@ LPVOID MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWORD offse
   const auto length = static_cast<std::size_t>(bytes != 0 ? bytes : object->size() - offset);
   void* address = object->Map(offset, length, writable ? PROT_READ | PROT_WRITE : PROT_READ);
   if (address == MAP_FAILED) return Fail(Win32ErrorFromErrno(errno));
-  // See named_object.cc: a child must not keep the file's locks alive.
+  // See object_table.cc: a child must not keep the file's locks alive.
   madvise(address, length, MADV_DONTFORK);
   Views::Get().Add(address, {length, writable});
   return address;

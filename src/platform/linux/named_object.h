@@ -1,53 +1,23 @@
-// Objects that the processes of one user find by name.
-//
-// Each is a file in the object folder whose first page is the ObjectHeader; the data of a mapping follows on the next
-// page. Two bytes of the file serve as locks that the kernel drops when their holder dies, whatever way it dies:
-//
-//   byte 0, the gate: held for a moment by whoever creates, opens or closes the object; no lock spans two objects.
-//   byte 1, held:     locked for reading by each handle, each of which opens the file for itself.
-//
-// So an object exists exactly while some process has a handle on it. A file that nobody holds is what a killed process
-// left behind; it is never taken up again but removed, and a new one made. Locks go with the open file description,
-// which a forked child shares: between fork and exec nothing of this layer may be called.
+// Objects that the processes of one user find by name, each an entry of the folder's table (object_table.h). The data
+// of a mapping is a file of its own.
 #ifndef KESTRUN_PLATFORM_LINUX_NAMED_OBJECT_H_
 #define KESTRUN_PLATFORM_LINUX_NAMED_OBJECT_H_
 
-#include <pthread.h>
-#include <sys/stat.h>
-
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 
 #include "platform/linux/file_descriptor.h"
-#include "platform/linux/object.h"
+#include "platform/linux/object_table.h"
 #include "platform/linux/waitable.h"
 
 namespace kestrun::platform {
-
-constexpr std::size_t kObjectHeaderSize = 4096;
-
-// The state of an object; of one without a name too, which then lies in the memory of the process.
-struct ObjectHeader {
-  std::atomic<std::uint32_t> magic;  // written last, read first
-  std::uint32_t kind;
-  std::uint32_t parameter;  // event: 1 for manual reset; semaphore: the maximum
-  std::uint32_t nameLength;
-  std::uint64_t dataSize;  // of a mapping
-  char name[264];          // with the mark of its name space
-  alignas(64) WaitState state;
-  alignas(64) pthread_mutex_t mutex;     // of a mutex
-  std::atomic<std::uint32_t> abandoned;  // of a mutex: its owner's thread ended in good order
-};
-static_assert(sizeof(ObjectHeader) <= kObjectHeaderSize);
 
 // One handle's hold on a named object. Move-free; usually in a unique_ptr. Release may run while other threads are in
 // the other members.
 class NamedObject {
  public:
-  // Called once while nobody else can see the new object, whose header is zero but for kind, name and size.
-  using Initialise = std::function<void(ObjectHeader&)>;
+  using Initialise = ObjectTable::Initialise;
 
   // A new object, or the one that bears the name: `existed` tells. Null with the last error set: ERROR_INVALID_HANDLE
   // if the name belongs to another kind.
@@ -73,34 +43,22 @@ class NamedObject {
   void* MapData(std::uint64_t offset, std::size_t length, int protection);
 
  private:
-  NamedObject(std::string leaf, FileDescriptor file, std::shared_ptr<ObjectHeader> memory)
-      : leaf_(std::move(leaf)), file_(std::move(file)), memory_(std::move(memory)) {}
+  NamedObject(ObjectTable& table, ObjectTable::Found found)
+      : table_(table), slot_(found.slot), data_(std::move(found.data)), memory_(std::move(found.memory)) {}
 
-  struct Request;
-  enum class Step { kAgain, kFailed, kCreated, kOpened };
-  static std::unique_ptr<NamedObject> Find(const Request& request, bool* existed);
-  static Step Try(const Request& request, std::unique_ptr<NamedObject>* result);
-  static Step Join(const Request& request, FileDescriptor file, const struct stat& status,
-                   std::unique_ptr<NamedObject>* result);
-  static bool Describes(const ObjectHeader& header, const Request& request, const struct stat& status);
-  static Step Make(const Request& request, FileDescriptor file, const struct stat& status,
-                   std::unique_ptr<NamedObject>* result);
+  static std::unique_ptr<NamedObject> Find(const char* name, ObjectTable::Request request, bool* existed);
 
-  const std::string leaf_;
+  ObjectTable& table_;
+  const unsigned slot_;
   std::mutex lock_;
-  FileDescriptor file_;  // guarded by lock_
+  bool isReleased_ = false;  // guarded by lock_
+  FileDescriptor data_;      // guarded by lock_
   const std::shared_ptr<ObjectHeader> memory_;
 };
 
-// The leaf of the file for a name, and the name with the mark of its name space in front: plain names and "Global\"
-// ones differ, "Local\" ones are plain. Two full names share a leaf only where a hash of very long ones collides. False
-// with the last error set for a name that can't be.
-bool ObjectFileName(const char* name, std::string* leaf, std::string* fullName);
-
-// The locks, for those who look after the folder. The gate waits only if told to; false when it isn't free.
-bool TakeGate(int fd, bool wait);
-void DropAllLocks(int fd);
-bool IsHeldByOthers(int fd);
+// A name as it stands in the table: plain names and "Global\" ones differ, "Local\" ones are plain. False with the last
+// error set for a name that can't be.
+bool FullObjectName(const char* name, std::string* fullName);
 
 // An event, mutex or semaphore, with a name or without.
 class StoredWaitable : public Waitable {

@@ -1,6 +1,5 @@
 #include "platform/linux/object_folder.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -10,13 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <memory>
 #include <mutex>
 #include <system_error>
 
 #include "platform/linux/base_api.h"
-#include "platform/linux/named_object.h"
 #include "platform/linux/never_destroyed.h"
+#include "platform/linux/object_table.h"
 
 namespace kestrun::platform {
 
@@ -114,15 +112,6 @@ bool SweepIsDue(int folder) {
   return stamp && futimens(stamp.get(), nullptr) == 0;
 }
 
-bool RemoveIfStale(int folder, const char* leaf) {
-  FileDescriptor file(OpenIn(folder, leaf, 0));
-  if (!file || !TakeGate(file.get(), false)) return false;
-  const bool stale = !IsHeldByOthers(file.get());
-  if (stale) UnlinkObjectFile(leaf, file.get());
-  DropAllLocks(file.get());
-  return stale;
-}
-
 }  // namespace
 
 FileDescriptor OpenObjectFile(const std::string& leaf, int flags) {
@@ -138,21 +127,17 @@ FileDescriptor OpenObjectFile(const std::string& leaf, int flags) {
   return FileDescriptor(fd);
 }
 
-int ReserveSpace(int fd, std::uint64_t size) {
+int ReserveSpace(int fd, std::uint64_t offset, std::uint64_t size) {
   int error;
   do {
-    error = posix_fallocate(fd, 0, static_cast<off_t>(size));
+    error = posix_fallocate(fd, static_cast<off_t>(offset), static_cast<off_t>(size));
   } while (error == EINTR);
   return error;
 }
 
-void UnlinkObjectFile(const std::string& leaf, int fd) {
+void RemoveObjectFile(const std::string& leaf) {
   const int folder = ObjectFolder::Get().Descriptor();
-  struct stat byName {};
-  struct stat byDescriptor {};
-  if (folder < 0 || fstatat(folder, leaf.c_str(), &byName, AT_SYMLINK_NOFOLLOW) != 0) return;
-  if (fstat(fd, &byDescriptor) != 0) return;
-  if (byName.st_ino == byDescriptor.st_ino && byName.st_dev == byDescriptor.st_dev) unlinkat(folder, leaf.c_str(), 0);
+  if (folder >= 0) unlinkat(folder, leaf.c_str(), 0);
 }
 
 void SweepNowAndThen() {
@@ -162,26 +147,8 @@ void SweepNowAndThen() {
   time_t last = lastLook.load(std::memory_order_relaxed);
   if (now.tv_sec - last < kSweepIntervalSeconds || !lastLook.compare_exchange_strong(last, now.tv_sec)) return;
   const int folder = ObjectFolder::Get().Descriptor();
-  if (folder >= 0 && SweepIsDue(folder)) SweepObjectFolder();
-}
-
-int SweepObjectFolder() {
-  const int folder = ObjectFolder::Get().Descriptor();
-  if (folder < 0) return 0;
-  // A descriptor of its own: reading moves the position in it.
-  const int list = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* directory = list < 0 ? nullptr : fdopendir(list);
-  if (!directory) {
-    if (list >= 0) close(list);
-    return 0;
-  }
-  int removed = 0;
-  while (const dirent* entry = readdir(directory)) {
-    // The layer's own files begin with ".", objects don't.
-    if (entry->d_name[0] != '.' && RemoveIfStale(folder, entry->d_name)) ++removed;
-  }
-  closedir(directory);
-  return removed;
+  if (folder < 0 || !SweepIsDue(folder)) return;
+  if (ObjectTable* const table = ObjectTable::Current()) table->Sweep();
 }
 
 }  // namespace kestrun::platform

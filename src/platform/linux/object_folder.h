@@ -19,19 +19,15 @@ namespace kestrun::platform {
 // is given, it is made again.
 FileDescriptor OpenObjectFile(const std::string& leaf, int flags);
 
-// Makes the file `size` bytes long and takes the memory for them now, so that a full file system is an error here and
-// not a fatal signal at a later store. 0 or an errno value.
-int ReserveSpace(int fd, std::uint64_t size);
+// Gives the file room for `size` bytes from `offset` on and takes the memory for them now, so that a full file system
+// is an error here and not a fatal signal at a later store. 0 or an errno value.
+int ReserveSpace(int fd, std::uint64_t offset, std::uint64_t size);
 
-// Removes the file if its name still stands for the file behind `fd`.
-void UnlinkObjectFile(const std::string& leaf, int fd);
+void RemoveObjectFile(const std::string& leaf);
 
-// Removes the files whose holders are all gone, if nobody in the folder has done so for a minute. They can't be opened
-// any more, so this only gives back their memory. Cheap enough to be called with each new object.
+// Takes away what dead processes left, if nobody in the folder has done so for a minute. It can't be opened any more,
+// so this only gives back its memory. Cheap enough to be called with each new object.
 void SweepNowAndThen();
-
-// The same at once. Gives the number of files removed.
-int SweepObjectFolder();
 
 }  // namespace kestrun::platform
 

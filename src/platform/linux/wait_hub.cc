@@ -1,7 +1,5 @@
 #include "platform/linux/wait_hub.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <bit>
@@ -11,7 +9,7 @@
 
 #include "platform/linux/futex.h"
 #include "platform/linux/never_destroyed.h"
-#include "platform/linux/object_folder.h"
+#include "platform/linux/object_table.h"
 
 namespace kestrun::platform {
 
@@ -19,19 +17,14 @@ namespace {
 
 constexpr unsigned kMachineHubs = 64;
 constexpr unsigned kCommonHub = kMachineHubs - 1;
-constexpr std::size_t kPageSize = kMachineHubs * sizeof(HubWord);
-static_assert(kPageSize == 4096);
-
-// The leading "." can't begin the file of an object.
-constexpr const char* kHubFile = ".hubs";
 
 constexpr std::uint64_t kProcessMark = 1;
 constexpr std::uint64_t kMachineMark = 2;
 
 HubWord processHub{};
 
-// The shared page and this process's place in it. The file stays in the folder for good: all processes must see the
-// same page. A process that cannot have it is without it until it ends.
+// The hubs in the table of objects and this process's place among them: those of the first table that the process
+// enters. A process that cannot have one is without it until it ends.
 class MachineHubs {
  public:
   static MachineHubs& Get() {
@@ -52,24 +45,14 @@ class MachineHubs {
  private:
   friend class NeverDestroyed<MachineHubs>;
 
-  MachineHubs() : file_(OpenObjectFile(kHubFile, O_CREAT)) {
-    if (!file_ || ReserveSpace(file_.get(), kPageSize) != 0) return;
-    void* page = mmap(nullptr, kPageSize, PROT_READ | PROT_WRITE, MAP_SHARED, file_.get(), 0);
-    if (page == MAP_FAILED) return;
-    madvise(page, kPageSize, MADV_DONTFORK);
-    page_ = static_cast<HubWord*>(page);
-  }
+  MachineHubs() : table_(ObjectTable::Current()), page_(table_ ? table_->hubs() : nullptr) {}
 
-  // A lock on byte i of the file is the claim on hub i; it ends with the process.
+  // The claim on a hub ends with the process.
   void Claim() {
     const auto start = static_cast<unsigned>(getpid()) % kCommonHub;
     for (unsigned i = 0; i < kCommonHub; ++i) {
       const unsigned hub = (start + i) % kCommonHub;
-      struct flock lock {};
-      lock.l_type = F_WRLCK;
-      lock.l_start = static_cast<off_t>(hub);
-      lock.l_len = 1;
-      if (fcntl(file_.get(), F_OFD_SETLK, &lock) != 0) continue;
+      if (!table_->ClaimHub(hub)) continue;
       // What an earlier owner left when it was killed asleep.
       page_[hub].sleepers.store(0, std::memory_order_seq_cst);
       claimed_ = hub;
@@ -78,8 +61,8 @@ class MachineHubs {
     claimedSoFar_.store(static_cast<int>(claimed_), std::memory_order_release);
   }
 
-  FileDescriptor file_;
-  HubWord* page_ = nullptr;
+  ObjectTable* const table_;
+  HubWord* const page_;
   std::once_flag claimOnce_;
   unsigned claimed_ = kCommonHub;
   std::atomic<int> claimedSoFar_{-1};

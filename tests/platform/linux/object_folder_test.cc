@@ -21,10 +21,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Tries to create an event and tells the error.
+HANDLE MakeRegion(const char* name) {
+  return CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, name);
+}
+
+// Tries to create regions, each of which has a file, and tells the error.
 KESTRUN_CHILD(CreatesInFolder) {
-  ScopedHandle first = CreateEventA(nullptr, FALSE, FALSE, "first");
-  ScopedHandle second = CreateEventA(nullptr, FALSE, FALSE, "second");
+  ScopedHandle first = MakeRegion("first");
+  ScopedHandle second = MakeRegion("second");
   Say(std::to_string(GetLastError()));
   AwaitLine();
   return first ? 0 : 1;
@@ -50,12 +54,12 @@ class ObjectFolder : public testing::Test {
     return names;
   }
 
-  void LeaveStaleFiles() {
+  void LeaveStaleObjects() {
     Child holder = Child::Self("CreatesInFolder", {}, InFolder());
     ASSERT_EQ(holder.ReadLine(), "0");
     holder.Kill();
     holder.Wait();
-    ASSERT_EQ(Files(), (std::vector<std::string>{"l-first", "l-second"}));
+    ASSERT_EQ(Files().size(), 2u);
   }
 
   TempFolder folder_;
@@ -95,13 +99,28 @@ TEST_F(ObjectFolder, OneThatOthersCouldReachIsRefusedWithOneLineThatTellsWhy) {
 }
 
 TEST_F(ObjectFolder, AStaleObjectIsNeverTakenUpAgain) {
-  LeaveStaleFiles();
+  LeaveStaleObjects();
   Child next = Child::Self("CreatesInFolder", {}, InFolder());
   EXPECT_EQ(next.ReadLine(), std::to_string(ERROR_SUCCESS)) << "the dead object came back";
+  EXPECT_EQ(Files().size(), 2u) << "nobody else lives here, so that nothing of the dead should be left";
+}
+
+// Enters the folder and stays.
+KESTRUN_CHILD(LivesInFolder) {
+  ScopedHandle event = CreateEventA(nullptr, FALSE, FALSE, "bystander");
+  Say("ready");
+  AwaitLine();
+  return event ? 0 : 1;
+}
+
+KESTRUN_CHILD(UsesFolder) {
+  return ScopedHandle(CreateEventA(nullptr, FALSE, FALSE, "other")) ? 0 : 1;
 }
 
 TEST_F(ObjectFolder, IsSweptWhenNobodyHasDoneSoForAMinute) {
-  LeaveStaleFiles();
+  Child bystander = Child::Self("LivesInFolder", {}, InFolder());
+  ASSERT_EQ(bystander.ReadLine(), "ready");
+  LeaveStaleObjects();
   const std::string stamp = Objects() + "/.sweep";
   ASSERT_TRUE(fs::exists(stamp));
   const auto useOnce = [&] { EXPECT_EQ(Child::Self("UsesFolder", {}, InFolder()).Wait(), 0); };
@@ -110,10 +129,6 @@ TEST_F(ObjectFolder, IsSweptWhenNobodyHasDoneSoForAMinute) {
   fs::last_write_time(stamp, fs::file_time_type::clock::now() - std::chrono::seconds(90));
   useOnce();
   EXPECT_TRUE(Files().empty());
-}
-
-KESTRUN_CHILD(UsesFolder) {
-  return ScopedHandle(CreateEventA(nullptr, FALSE, FALSE, "other")) ? 0 : 1;
 }
 
 TEST_F(ObjectFolder, ASweepLeavesWhatIsInUse) {
@@ -178,8 +193,10 @@ TEST(Descriptors, AreAsManyAsTheSystemAllowsAndNoneIsInherited) {
   }
 }
 
-// Files may grow to 64 KiB here, so that a region of 128 KiB is one for which there is no room.
+// Files may grow to 64 KiB here, so that a region of 128 KiB is one for which there is no room. The first object has
+// brought in what all of them need.
 KESTRUN_CHILD(HasNoRoom) {
+  ScopedHandle event = CreateEventA(nullptr, FALSE, FALSE, "event");
   signal(SIGXFSZ, SIG_IGN);
   const rlimit limit{65536, 65536};
   setrlimit(RLIMIT_FSIZE, &limit);
