@@ -1,4 +1,4 @@
-#include <iostream>
+#include <cstdio>
 #include <string>
 
 #include "messaging/ipc_channel.h"
@@ -20,8 +20,8 @@ MessageChannel* ConnectTcp(const SocketAddress& address, u32 timeoutMs) {
     const rc_ptr<Socket> socket(new TcpSocket(address, timeoutMs));
     return new SocketChannel(socket.Get(), true);
   } catch (const SocketException& failure) {
-    std::cerr << std::string("SocketException:") + failure.what() + " error=" + std::to_string(failure.GetCode()) +
-                     "\n";
+    const std::string error = std::to_string(failure.GetCode());
+    std::fprintf(stderr, "SocketException:%s error=%s\n", failure.what(), error.c_str());
     return nullptr;
   }
 }

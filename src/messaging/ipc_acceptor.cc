@@ -1,6 +1,6 @@
 #include "messaging/ipc_acceptor.h"
 
-#include <iostream>
+#include <cstdio>
 #include <utility>
 
 namespace kestrun {
@@ -31,9 +31,9 @@ bool IpcAcceptor::HandleEvent() {
   if (socket->GetAvailable() == 0) return true;
   const rc_ptr<IpcSocket> connection(socket->Accept());
   if (!connection) {
-    std::cerr << "IpcAcceptor - IpcSocket::Accept() return NULL!\n";
+    std::fputs("IpcAcceptor - IpcSocket::Accept() return NULL!\n", stderr);
   } else if (factory_ && !factory_(connection.Get())) {
-    std::cerr << "IpcAcceptor : factory-function failed!\n";
+    std::fputs("IpcAcceptor : factory-function failed!\n", stderr);
   }
   return true;
 }

@@ -1,6 +1,6 @@
 #include "messaging/socket_acceptor.h"
 
-#include <iostream>
+#include <cstdio>
 #include <utility>
 
 #include "transport/socket.h"
@@ -39,7 +39,7 @@ bool SocketAcceptor::HandleEvent() {
   if (descriptor == Socket::kInvalidDescriptor) throw SocketException(WSAENOTSOCK, "accept() failed");
   // Our reference, so that a connection that nobody takes is closed.
   const rc_ptr<TcpSocket> connection(new TcpSocket(descriptor));
-  if (factory_ && !factory_(connection.Get())) std::cerr << "SocketAcceptor : factory-function failed!\n";
+  if (factory_ && !factory_(connection.Get())) std::fputs("SocketAcceptor : factory-function failed!\n", stderr);
   return true;
 }
 

@@ -1,7 +1,7 @@
 #include "transport/handle_count.h"
 
 #include <atomic>
-#include <iostream>
+#include <cstdio>
 #include <string>
 
 namespace kestrun {
@@ -23,7 +23,7 @@ static_assert(sizeof(ObjectBasicInformation) == 56);
 
 void Report(const std::string& what) {
   const DWORD error = GetLastError();
-  std::cerr << "***** IpcSocket: " + what + ", err = " + std::to_string(error) + "\n";
+  std::fprintf(stderr, "***** IpcSocket: %s, err = %s\n", what.c_str(), std::to_string(error).c_str());
 }
 
 NtQueryObjectFunction FindEntryPoint() {

@@ -30,6 +30,14 @@ constexpr u32 kLookMs = 50;
 constexpr size_t kMaxConnectionName = 127;
 constexpr size_t kMaxListeningName = kMaxConnectionName - 11;
 
+// Each step of an introduction is a matter of some microseconds, less than it takes to fall asleep and be woken. So
+// either side looks whether the other is done before it sleeps, and leaves the processor to whoever wants it meanwhile.
+template <class IsDone>
+void LookAround(const IsDone& isDone) {
+  constexpr int kLooks = 200;
+  for (int i = 0; i < kLooks && !isDone(); ++i) SwitchToThread();
+}
+
 bool LeavesRoomForConnectionNames(const std::string& name) {
   return name.size() <= kMaxListeningName;
 }
@@ -64,21 +72,29 @@ bool IpcSocket::Connect(const std::string& name, u32 timeoutMs) {
 }
 
 bool IpcSocket::Introduce(std::string& connectionName, u32 timeoutMs) {
-  return SendRequest(timeoutMs) && ReadReply(connectionName, timeoutMs);
+  return SendRequest() && ReadReply(connectionName, timeoutMs);
 }
 
-bool IpcSocket::SendRequest(u32 timeoutMs) {
+bool IpcSocket::SendRequest() {
   const Lock input(inputLock_);
   const Lock output(outputLock_);
   if (output_ == nullptr) return false;
-  const MutexLock toListener(&output_->GetLock());
-  const MutexLock fromListener(&input_->GetLock());
-  input_->Discard();
-  output_->Discard();
-  return output_->Write(&kRequest, 1, timeoutMs) == 1;
+  {
+    const MutexLock toListener(&output_->GetLock());
+    const MutexLock fromListener(&input_->GetLock());
+    input_->Discard();
+    output_->Discard();
+    if (output_->WriteQuietly(&kRequest, 1) != 1) return false;
+  }
+  output_->WakeReader();
+  return true;
 }
 
 bool IpcSocket::ReadReply(std::string& connectionName, u32 timeoutMs) {
+  LookAround([this] {
+    const Lock lock(inputLock_);
+    return input_ == nullptr || !input_->SeemsEmpty();
+  });
   char reply[kReplySize] = {};
   const u32 count = ReadRing(reply, sizeof reply, timeoutMs);
   if (count <= kReplyHeaderSize || reply[0] != kReply) return false;
@@ -117,6 +133,7 @@ std::unique_ptr<IpcSocket> IpcSocket::ServeRequest(Condition& changed, Mutex& co
   const std::string connectionName = name_ + "." + std::to_string(++connectionCounter_);
   auto connection = std::make_unique<IpcSocket>();
   if (!connection->CreateRegion(connectionName) || !SendReply(connectionName)) return nullptr;
+  LookAround([&connection] { return connection->WasJoined(); });
   const u32 start = GetTickCount();
   while (!connection->WasJoined()) {
     const bool isOver = GetTickCount() - start >= kStepMs || HasNewerRequest() || IsConnectorGone(connectLock);
@@ -136,11 +153,15 @@ bool IpcSocket::SendReply(const std::string& connectionName) {
   const Lock input(inputLock_);
   const Lock output(outputLock_);
   if (output_ == nullptr) return false;
-  const MutexLock fromConnector(&input_->GetLock());
-  const MutexLock toConnector(&output_->GetLock());
-  if (input_->GetUsed() > 0) return false;
-  output_->Discard();
-  return output_->Write(reply, length, kStepMs) == length;
+  {
+    const MutexLock fromConnector(&input_->GetLock());
+    const MutexLock toConnector(&output_->GetLock());
+    if (input_->GetUsed() > 0) return false;
+    output_->Discard();
+    if (output_->WriteQuietly(reply, length) != length) return false;
+  }
+  output_->WakeReader();
+  return true;
 }
 
 bool IpcSocket::HasNewerRequest() {

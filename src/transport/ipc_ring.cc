@@ -82,42 +82,57 @@ void IpcRing::Detach() {
 }
 
 u32 IpcRing::Write(const void* source, u32 length, u32 timeoutMs) {
+  const u8* const data = static_cast<const u8*>(source);
+  u32 written = 0;
+  do {
+    written += WriteQuietly(data + written, length - written);
+    if (header_ == nullptr || isInterrupted_ || isCorrupt_) break;
+    WakeReader();
+  } while (written < length && WaitForRoom(timeoutMs));
+  return written;
+}
+
+u32 IpcRing::WriteQuietly(const void* source, u32 length) {
   if (header_ == nullptr) return 0;
   const MutexLock locked(&lock_);
-  const u8* next = static_cast<const u8*>(source);
-  u32 remaining = length;
   Indices indices{};
-  while (remaining > 0 && !isInterrupted_) {
-    if (!ReadIndices(indices)) return length - remaining;
-    if (indices.Free() > 0) {
-      const u32 count = CopyIn(next, remaining, indices);
-      next += count;
-      remaining -= count;
-      continue;
-    }
-    WakeReader();
-    if (!notFull_.Wait(lock_, timeoutMs) && (!ReadIndices(indices) || indices.Free() == 0)) break;
-  }
-  if (ReadIndices(indices) && indices.Used() > 0) WakeReader();
-  return length - remaining;
+  if (isInterrupted_ || !ReadIndices(indices)) return 0;
+  return CopyIn(static_cast<const u8*>(source), length, indices);
+}
+
+// A reader that made room before the wait has left the event set.
+bool IpcRing::WaitForRoom(u32 timeoutMs) {
+  if (WaitForHandle(GetNotFullHandle(), timeoutMs)) return true;
+  const MutexLock locked(&lock_);
+  Indices indices{};
+  return ReadIndices(indices) && indices.Free() > 0;
 }
 
 u32 IpcRing::Read(void* target, u32 length, u32 timeoutMs) {
   if (header_ == nullptr) return 0;
-  const MutexLock locked(&lock_);
-  Indices indices{};
+  u32 count = 0;
+  {
+    const MutexLock locked(&lock_);
+    Indices indices{};
+    if (!WaitForBytes(indices, timeoutMs)) return 0;
+    count = CopyOut(static_cast<u8*>(target), length, indices);
+    if (indices.Free() == 0) return count;
+  }
+  WakeWriter();
+  return count;
+}
+
+// With the lock held, which is free while it waits. True when there is something to return, be it nothing.
+bool IpcRing::WaitForBytes(Indices& indices, u32 timeoutMs) {
   for (;;) {
-    if (isInterrupted_ || !ReadIndices(indices)) return 0;
+    if (isInterrupted_ || !ReadIndices(indices)) return false;
     const u16 generation = ReadGeneration();
     if (indices.Used() > 0 || generation != generation_) {
       generation_ = generation;
-      break;
+      return true;
     }
-    if (!notEmpty_.Wait(lock_, timeoutMs)) return 0;
+    if (!notEmpty_.Wait(lock_, timeoutMs)) return false;
   }
-  const u32 count = CopyOut(static_cast<u8*>(target), length, indices);
-  if (indices.Free() > 0) WakeWriter();
-  return count;
 }
 
 void IpcRing::Interrupt() {
@@ -140,6 +155,10 @@ u32 IpcRing::GetUsed() {
   const MutexLock locked(&lock_);
   Indices indices{};
   return ReadIndices(indices) ? indices.Used() : 0;
+}
+
+bool IpcRing::SeemsEmpty() const {
+  return header_ == nullptr || Load(header_->writeIndex) == Load(header_->readIndex);
 }
 
 u32 IpcRing::GetAttachCount() const {

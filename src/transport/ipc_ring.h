@@ -19,9 +19,11 @@
 // The memory can be written by the process at the other end, so nothing in it is trusted: the capacity is read once,
 // when attaching, and indices that do not fit it make the ring corrupt. A corrupt ring moves no more bytes.
 //
+// Whoever has changed the ring wakes the other end once the lock is free: woken earlier it would only come to wait for
+// the lock.
+//
 // Threads: one reader and one writer may be inside at once, Interrupt comes from any thread, Detach only while nobody
-// else is inside. Operations that take the
-// ring's lock wait for it without limit.
+// else is inside. Operations that take the ring's lock wait for it without limit.
 #ifndef KESTRUN_TRANSPORT_IPC_RING_H_
 #define KESTRUN_TRANSPORT_IPC_RING_H_
 
@@ -56,6 +58,9 @@ class IpcRing {
   // a wait ran out or the ring is corrupt; those written stand.
   u32 Write(const void* source, u32 length, u32 timeoutMs);
 
+  // Writes what there is room for, without a wait, and leaves it to the caller to wake the reader. Returns its length.
+  u32 WriteQuietly(const void* source, u32 length);
+
   // Blocks while the ring is empty, for at most timeoutMs, and returns what is there, up to length. Returns 0 on a
   // timeout, on a corrupt ring, and at once when it finds the ring empty after some end has detached; the next call
   // waits again.
@@ -66,6 +71,8 @@ class IpcRing {
 
   // Bytes that wait to be read.
   u32 GetUsed();
+  // The same as a glance, without the lock: what it tells may have changed already.
+  bool SeemsEmpty() const;
   u32 GetAttachCount() const;
   // How often an end has attached since the ring was made, modulo 65536.
   u16 GetAttachTotal() const;
@@ -90,6 +97,8 @@ class IpcRing {
   struct Indices;
 
   bool ReadIndices(Indices& out);
+  bool WaitForRoom(u32 timeoutMs);
+  bool WaitForBytes(Indices& indices, u32 timeoutMs);
   u16 ReadGeneration() const;
   u8* Data() const;
   void Attach();

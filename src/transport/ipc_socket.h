@@ -105,7 +105,7 @@ class IpcSocket : public rc_base {
 
   // The connector's part of an introduction.
   bool Introduce(std::string& connectionName, u32 timeoutMs);
-  bool SendRequest(u32 timeoutMs);
+  bool SendRequest();
   bool ReadReply(std::string& connectionName, u32 timeoutMs);
 
   // The listener's part.
