@@ -74,11 +74,7 @@ void Log::Shutdown() {
 
 Log::Log(const std::string& mutexName, const Path& directory, const std::string& prefix, const Path& singleFile,
          bool cleanUp)
-    : directory_(directory),
-      prefix_(prefix),
-      singleFile_(singleFile),
-      cleanUp_(cleanUp),
-      mutex_(mutexName.c_str(), EveryoneAccess().GetAttributes()) {}
+    : directory_(directory), prefix_(prefix), singleFile_(singleFile), cleanUp_(cleanUp), mutexName_(mutexName) {}
 
 void Log::SetDayClock(std::time_t (*clock)()) {
   dayClock = clock != nullptr ? clock : SystemDayClock;
@@ -90,6 +86,7 @@ void Log::SetDebug(bool debug) {
 
 void Log::SetEnabled(bool enabled) {
   Lock lock(lock_);
+  if (!mutex_) mutex_ = std::make_unique<Mutex>(mutexName_.c_str(), EveryoneAccess().GetAttributes());
   enabled_ = enabled;
   Open();
   hasFile_ = file_.IsValid();
@@ -142,16 +139,15 @@ void Log::OpenToday() {
 }
 
 void Log::Write(int level, int component, const std::string& message, const Fields& fields) {
-  if (level == Debug && !debug_) return;
+  if (!enabled_ || !hasFile_ || (level == Debug && !debug_)) return;
   SYSTEMTIME now;
   GetLocalTime(&now);
   std::string record = LevelWord(level) + ": [" + ComponentWord(component) + "] " + message + kLineEnd;
   record += " time:" + FormatTime(now) + kLineEnd;
   for (const auto& [key, value] : fields) record.append(" ").append(key).append(":").append(value).append(kLineEnd);
-  if (!enabled_ || !hasFile_) return;
-  if (!mutex_.Lock(kMutexLimitMs)) return;
+  if (!mutex_->Lock(kMutexLimitMs)) return;
   Append(record);
-  mutex_.Unlock();
+  mutex_->Unlock();
 }
 
 void Log::Append(const std::string& record) {

@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -84,12 +85,14 @@ class Log {
   const std::string prefix_;
   const Path singleFile_;
   const bool cleanUp_;
+  const std::string mutexName_;
 
   std::atomic<bool> enabled_{false};
   std::atomic<bool> debug_{false};
   std::atomic<bool> hasFile_{false};
 
-  Mutex mutex_;           // the cross-process lock; held by writers before lock_
+  // The cross-process lock; held by writers before lock_. Made before the file, since most logs are never enabled.
+  std::unique_ptr<Mutex> mutex_;
   CriticalSection lock_;  // what follows; SetEnabled takes it alone
   UniqueFile file_;
   int currentDay_ = -1;

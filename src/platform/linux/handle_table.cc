@@ -14,7 +14,7 @@ namespace kestrun::platform {
 
 namespace {
 
-constexpr std::uint32_t kSlotsPerChunk = 256;
+constexpr std::uint32_t kSlotsPerChunk = 64;
 constexpr std::uint32_t kChunks = 1024;
 constexpr std::uint32_t kNoSlot = UINT32_MAX;
 

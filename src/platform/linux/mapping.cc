@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -243,8 +244,10 @@ void GetSystemInfo(SYSTEM_INFO* information) {
   *information = {};
   information->dwPageSize = static_cast<DWORD>(PageSize());
   information->dwAllocationGranularity = information->dwPageSize;
-  const long processors = sysconf(_SC_NPROCESSORS_ONLN);
-  information->dwNumberOfProcessors = processors < 1 ? 1 : static_cast<DWORD>(processors);
+  // The C library would look it up in a file.
+  cpu_set_t processors;
+  const bool isKnown = sched_getaffinity(0, sizeof processors, &processors) == 0;
+  information->dwNumberOfProcessors = isKnown ? static_cast<DWORD>(CPU_COUNT(&processors)) : 1;
   information->dwActiveProcessorMask = information->dwNumberOfProcessors >= sizeof(DWORD_PTR) * 8
                                            ? ~DWORD_PTR{0}
                                            : (DWORD_PTR{1} << information->dwNumberOfProcessors) - 1;

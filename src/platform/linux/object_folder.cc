@@ -24,12 +24,19 @@ constexpr const char* kFolderVariable = "KESTRUN_OBJECT_DIR";
 constexpr const char* kSweepStamp = ".sweep";
 constexpr time_t kSweepIntervalSeconds = 60;
 
-// Why a folder can't serve; empty if it can. It is never followed through a link.
-std::string FaultOf(const std::string& path) {
+// It is never followed through a link.
+int OpenFolder(const std::string& path) {
+  return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+// Why a folder can't serve, be it that it could not be opened; empty if it can.
+std::string FaultOf(const std::string& path, int fd) {
+  const int error = errno;
   struct stat status {};
-  if (lstat(path.c_str(), &status) != 0) return std::strerror(errno);
+  if ((fd >= 0 ? fstat(fd, &status) : lstat(path.c_str(), &status)) != 0) return std::strerror(errno);
   if (S_ISLNK(status.st_mode)) return "it is a symbolic link";
   if (!S_ISDIR(status.st_mode)) return "it is not a directory";
+  if (fd < 0) return std::strerror(error);
   if (status.st_uid != geteuid()) return "it belongs to another user";
   if ((status.st_mode & 0777) != 0700) return "its mode is not 0700";
   return "";
@@ -57,11 +64,16 @@ class ObjectFolder {
     const int current = fd_.load(std::memory_order_relaxed);
     if (current != stale) return current;
     if (path_.empty()) path_ = Choose();
-    if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) return Refuse(std::strerror(errno));
-    const std::string fault = FaultOf(path_);
-    if (!fault.empty()) return Refuse(fault);
-    const int fd = open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return Refuse(std::strerror(errno));
+    int fd = OpenFolder(path_);
+    if (fd < 0 && errno == ENOENT) {
+      if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) return Refuse(std::strerror(errno));
+      fd = OpenFolder(path_);
+    }
+    const std::string fault = FaultOf(path_, fd);
+    if (!fault.empty()) {
+      if (fd >= 0) close(fd);
+      return Refuse(fault);
+    }
     // The old descriptor stays open: another thread may be about to use it.
     fd_.store(fd, std::memory_order_release);
     return fd;
@@ -73,7 +85,7 @@ class ObjectFolder {
     const std::string leaf = "/kestrun-" + std::to_string(geteuid());
     const std::string shared = "/dev/shm" + leaf;
     // An existing folder settles it, even one that will be refused: it must not be possible to push a user aside.
-    if (mkdir(shared.c_str(), 0700) == 0 || errno == EEXIST) return shared;
+    if (access(shared.c_str(), F_OK) == 0 || mkdir(shared.c_str(), 0700) == 0 || errno == EEXIST) return shared;
     const char* temporary = std::getenv("TMPDIR");
     return (temporary && *temporary ? std::string(temporary) : "/tmp") + leaf;
   }

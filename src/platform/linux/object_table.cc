@@ -18,7 +18,7 @@ namespace kestrun::platform {
 namespace {
 
 constexpr unsigned kMaxObjects = 8192;
-constexpr unsigned kBuckets = 512;
+constexpr unsigned kBuckets = 128;
 constexpr unsigned kHubs = 64;
 constexpr unsigned kSlotsAtOnce = 32;
 constexpr std::size_t kPage = 4096;
@@ -144,7 +144,7 @@ struct ObjectTable::Shared {
   std::atomic<std::uint32_t> firstFree;  // perhaps; where a search begins
   alignas(kPage) HubWord hubs[kHubs];
   Bucket buckets[kBuckets];
-  std::atomic<std::uint8_t> littered[kMaxProcesses];
+  alignas(kPage) std::atomic<std::uint8_t> littered[kMaxProcesses];
   std::atomic<std::uint64_t> states[kMaxObjects];  // SlotState
   alignas(kPage) Slot slots[kMaxObjects];
 };
@@ -204,12 +204,16 @@ ObjectTable* ObjectTable::Enter() {
     if (memory == MAP_FAILED) return FailWith(errno), nullptr;
     // A mapping keeps the file's locks alive like a descriptor does, so a forked child must not get it.
     madvise(memory, sizeof(Shared), MADV_DONTFORK);
+    // What most processes use, in one call in place of a fault a page; a kernel that can't is as good.
+    madvise(memory, offsetof(Shared, states) + kPage, MADV_POPULATE_WRITE);
     table.reset(new ObjectTable(std::move(file), static_cast<Shared*>(memory)));
     if (!IsLockedElsewhere(table->file_.get(), kPlaceBytes, kMaxProcesses)) {
       const std::size_t slots = size > kFixedPart ? (size - kFixedPart) / sizeof(Slot) : 0;
       table->shared_->reserved = static_cast<std::uint32_t>(std::min<std::size_t>(slots, kMaxObjects));
       table->StartAnew();
     }
+    const std::size_t inUse = std::min<std::size_t>(table->shared_->used, kSlotsAtOnce) * sizeof(Slot);
+    madvise(table->shared_->slots, inUse, MADV_POPULATE_WRITE);
     if (table->ClaimPlace()) return table.release();
     munmap(memory, sizeof(Shared));
     return nullptr;

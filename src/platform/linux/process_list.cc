@@ -1,4 +1,5 @@
 // Other processes: their ids, their names, and handles on them.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 
 #include "platform/linux/child_process.h"
 #include "platform/linux/command_line.h"
+#include "platform/linux/file_descriptor.h"
 #include "platform/linux/handle_table.h"
 #include "platform/linux/process_api.h"
 #include "platform/linux/process_stat.h"
@@ -90,9 +92,12 @@ DWORD CopyName(const std::string& name, LPSTR buffer, DWORD size) {
 
 std::vector<std::string> OwnArguments() {
   std::vector<std::string> arguments;
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen("/proc/self/cmdline", "re"), &std::fclose);
+  const FileDescriptor file(open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC));
   std::string text;
-  for (int c = 0; stream && (c = std::fgetc(stream.get())) != EOF;) text += static_cast<char>(c);
+  char block[4096];
+  for (ssize_t count; file && (count = read(file.get(), block, sizeof block)) > 0;) {
+    text.append(block, static_cast<std::size_t>(count));
+  }
   for (std::size_t at = 0; at < text.size(); at += arguments.back().size() + 1) arguments.emplace_back(&text[at]);
   return arguments;
 }

@@ -65,9 +65,12 @@ DWORD CheckContent(const std::string& path) {
 }  // namespace
 
 std::string OwnProgramFile() {
-  char path[PATH_MAX];
-  const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
-  return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : std::string();
+  static const std::string name = [] {
+    char path[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
+    return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : std::string();
+  }();
+  return name;
 }
 
 std::string FindProgram(const std::string& name) {

@@ -106,6 +106,13 @@ std::optional<VS_FIXEDFILEINFO> ReadVersion(const std::string& name) {
   return ReadSegments<Elf32_Ehdr, Elf32_Phdr>(file);
 }
 
+// What the thread has last asked the size of: the question that follows is for the same program.
+struct LastAnswer {
+  std::string name;
+  std::optional<VS_FIXEDFILEINFO> info;
+};
+thread_local LastAnswer lastAnswer;
+
 }  // namespace
 }  // namespace kestrun::platform
 
@@ -113,13 +120,15 @@ using namespace kestrun::platform;
 
 DWORD GetFileVersionInfoSizeA(LPCSTR fileName, LPDWORD handle) {
   if (handle != nullptr) *handle = 0;
-  if (ReadVersion(fileName)) return sizeof(VS_FIXEDFILEINFO);
+  lastAnswer = {fileName, ReadVersion(fileName)};
+  if (lastAnswer.info) return sizeof(VS_FIXEDFILEINFO);
   SetLastError(ERROR_RESOURCE_TYPE_NOT_FOUND);
   return 0;
 }
 
 BOOL GetFileVersionInfoA(LPCSTR fileName, DWORD, DWORD size, LPVOID data) {
-  const std::optional<VS_FIXEDFILEINFO> info = ReadVersion(fileName);
+  const std::optional<VS_FIXEDFILEINFO> info = lastAnswer.name == fileName ? lastAnswer.info : ReadVersion(fileName);
+  lastAnswer = {};
   if (!info || size < sizeof *info) {
     SetLastError(info ? ERROR_INSUFFICIENT_BUFFER : ERROR_RESOURCE_TYPE_NOT_FOUND);
     return FALSE;
