@@ -77,13 +77,7 @@ class Console {
     for (const int number : kConsoleSignals) sigdelset(&others, number);
     pthread_sigmask(SIG_SETMASK, &others, &before);
     pthread_t thread;
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    // There from the start of the process: to map one takes longer than to start the thread.
-    alignas(64) static char stack[256 * 1024];
-    pthread_attr_setstack(&attributes, stack, sizeof stack);
-    const int error = pthread_create(&thread, &attributes, &Console::ThreadMain, this);
-    pthread_attr_destroy(&attributes);
+    const int error = pthread_create(&thread, nullptr, &Console::ThreadMain, this);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (error != 0) return false;
     pthread_detach(thread);

@@ -17,11 +17,11 @@ TEST_F(Interrupt, EndsAMasterWithOne) {
 
 TEST_F(Interrupt, EndsAClientWithItsLocalToolOrWithoutOne) {
   StartMaster();
-  NamedEvent started;
+  NamedEvent started, waits;
   const std::string pids = UniqueName("pids");
   Child client = StartTool({"note", folder_.File(pids), ",", "signal", started.Name(), ",", "hold"});
-  Child waiting = StartTool({"signal", started.Name(), ",", "hold"});
-  ASSERT_TRUE(started.Wait(20000) && started.Wait(20000));
+  Child waiting = StartTool({"signal", waits.Name(), ",", "hold"});
+  ASSERT_TRUE(started.Wait(20000) && waits.Wait(20000));
   waiting.Interrupt();
   EXPECT_EQ(waiting.Wait(), 1);
   EXPECT_EQ(waiting.Errors(), "");
