@@ -521,7 +521,7 @@ void ObjectTable::Free(unsigned slot) {
 }
 
 std::string ObjectTable::DataFile(unsigned slot) const {
-  return "data-" + Hex(shared_->serial) + "-" + std::to_string(slot);
+  return ".data-" + Hex(shared_->serial) + "-" + std::to_string(slot);
 }
 
 std::size_t ObjectTable::BucketOf(std::string_view name) {

@@ -48,7 +48,7 @@ class ObjectFolder : public testing::Test {
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(Objects())) {
       const std::string name = entry.path().filename();
-      if (name[0] != '.') names.push_back(name);
+      if (name.starts_with(".data-")) names.push_back(name);
     }
     std::sort(names.begin(), names.end());
     return names;
