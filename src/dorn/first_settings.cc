@@ -23,7 +23,8 @@ void WriteFirstSettings() {
   settings.SetInt("LocalSettings/MaxConcurrentJobs", platform::UsableProcessors());
   settings.SetInt("LocalSettings/MaxStubs", kMaxStubs);
   settings.SetBool("LocalSettings/LoggingEnabled", true);
-  for (const char* name : {"EagerScheduling", "CancelOrphanedJobs", "EnforceJobTimeout", "DiscardOutput"}) {
+  for (const char* name :
+       {"EagerScheduling", "CancelOrphanedJobs", "EnforceJobTimeout", "DiscardOutput", "ReclaimPlaces"}) {
     settings.SetBool(std::string("Extensions/") + name, true);
   }
   const std::string name = GetFullPath(file).ToString();

@@ -7,7 +7,7 @@ namespace kestrun::dorn {
 
 namespace {
 
-constexpr std::size_t kLongestId = 100;
+constexpr std::size_t kLongestId = 99;
 
 // The id becomes part of the names of kernel objects and stands on the master's command line.
 bool IsUsableId(const std::string& id) {
@@ -30,7 +30,7 @@ bool ParseOptions(const std::vector<std::string>& arguments, Options& options, s
     } else if (word == "--id") {
       options.id = ++at < arguments.size() ? arguments[at] : std::string();
       if (!IsUsableId(options.id)) {
-        error = "--id wants 1 to 100 letters, digits, \".\", \"_\" or \"-\"";
+        error = "--id wants 1 to 99 letters, digits, \".\", \"_\" or \"-\"";
         return false;
       }
     } else if (word == "--") {

@@ -7,12 +7,14 @@
 #include "master/local_time.h"
 #include "master/master_log.h"
 #include "protocol/message_reader.h"
+#include "protocol/names.h"
 #include "protocol/protocol.h"
 #include "runtime/event_timer.h"
 #include "runtime/executable_search.h"
 #include "runtime/handle.h"
 #include "runtime/version.h"
 #include "stubs/console.h"
+#include "transport/ipc_socket.h"
 #include "transport/local_host.h"
 #include "transport/socket_stream.h"
 
@@ -66,12 +68,11 @@ rc_ptr<Message> OwnMessage(u32 type) {
 ProjectStub::ProjectStub(IniFile& settings, const Options& options)
     : StubBase(settings, options),
       startDirectory_(GetWorkingDirectory()),
-      dispatcher_(GetLocalHostName(), 0, "zelvo_client_ipc_" + id_),
+      dispatcher_(GetLocalHostName(), 0, GetListeningName(id_)),
       scheduler_(settings.GetInt("LocalSettings/MaxConcurrentJobs", kDefaultMaxConcurrentJobs), &settings,
                  &dispatcher_),
       requestHandler_(&settings, options, &dispatcher_, MakeJobListener(settings)) {
-  const std::string accessName = "zelvo_client_access_" + id_;
-  clientAccess_ = std::make_unique<Semaphore>(static_cast<i32>(ReadMaxStubs(settings)), accessName.c_str());
+  OpenPlaces(settings);
   dispatcher_.AddErrorListener(MakeDelegate(&ProjectStub::OnDispatcherError, this));
   dispatcher_.AddReactorErrorListener(MakeDelegate(&ProjectStub::OnReactorError, this));
   dispatcher_.AddClient(kMasterService, MakeDelegate(&ProjectStub::HandleMessage, this), 1);
@@ -89,6 +90,17 @@ ProjectStub::~ProjectStub() {
   // that a message touches.
   const Lock lock(handlingLock_);
   isEnding_ = true;
+}
+
+// Without its keeper a master admits clients all the same.
+void ProjectStub::OpenPlaces(IniFile& settings) {
+  clientAccess_ = std::make_unique<Semaphore>(static_cast<i32>(ReadMaxStubs(settings)), GetAccessName(id_).c_str());
+  if (!settings.GetBool("Extensions/ReclaimPlaces", false)) return;
+  try {
+    placeKeeper_ = std::make_unique<PlaceKeeper>(id_, *clientAccess_);
+  } catch (const SystemException& e) {
+    WriteMasterLog(Log::Warning, "Places of lost stubs are not returned", {{"error_msg", e.what()}});
+  }
 }
 
 void ProjectStub::StartWaitThread() {
@@ -220,9 +232,21 @@ void ProjectStub::OnProjectDetails(const rc_ptr<Message>& message) {
 }
 
 void ProjectStub::OnStarted() {
+  if (!CheckListener()) {
+    StopBuild(1, "No listener");
+    return;
+  }
   isStarted_ = true;
   if (options_.readyEvent != nullptr) SetEvent(options_.readyEvent);
   OnTick();
+}
+
+bool ProjectStub::CheckListener() {
+  if (dispatcher_.IsListening()) return true;
+  const std::size_t longest = IpcSocket::kMaxListeningName - GetListeningName("").size();
+  PrintError(id_.size() > longest ? "the id is too long, it may have " + std::to_string(longest) + " bytes: " + id_
+                                  : "cannot listen for clients, another process still uses the id " + id_);
+  return false;
 }
 
 // Unless the scheduler cancels them, the jobs of a stub that goes away run to their end, and their results find no

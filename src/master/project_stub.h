@@ -9,6 +9,7 @@
 
 #include "master/build_job_scheduler.h"
 #include "master/build_request_handler.h"
+#include "master/place_keeper.h"
 #include "messaging/message_dispatcher.h"
 #include "runtime/critical_section.h"
 #include "runtime/path.h"
@@ -55,6 +56,9 @@ class ProjectStub : public StubBase {
   void StartWaitThread();
   // Empty unless the settings ask for eager scheduling.
   Functor0<void>::Type MakeJobListener(IniFile& settings);
+  void OpenPlaces(IniFile& settings);
+  // False, after an error line, where no client could ever reach this master.
+  bool CheckListener();
   void OnDispatcherError(std::string text);
   void OnReactorError(std::string text);
   void LogFinished(u32 elapsedMs);
@@ -68,6 +72,7 @@ class ProjectStub : public StubBase {
   std::map<u32, rc_ptr<BuildJob>> failedJobs_;  // message thread; read by Run once that thread has ended
   BuildJobScheduler scheduler_;
   std::unique_ptr<Semaphore> clientAccess_;
+  std::unique_ptr<PlaceKeeper> placeKeeper_;  // null unless the settings ask for it
   BuildRequestHandler requestHandler_;
   rc_ptr<Thread> waitThread_;                   // empty without a stop event
   std::unique_ptr<Condition> eventsCondition_;  // null without a stop event

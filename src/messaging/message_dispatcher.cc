@@ -84,6 +84,7 @@ bool MessageDispatcher::OpenIpcRoad() {
   const rc_ptr<IpcAcceptor> acceptor(new IpcAcceptor(ipcName_,
                                                      MakeDelegate(&MessageDispatcher::OnNewIpcConnection, this),
                                                      MakeDelegate(&MessageDispatcher::HasRoom, this)));
+  isListening_ = acceptor->IsListening();
   if (reactor_.Register(acceptor.Get())) return true;
   ReportError("Could not register IpcAcceptor");
   return false;

@@ -91,6 +91,9 @@ class MessageDispatcher {
   // 0 after a Stop, -1 after an error, which the error listeners were told.
   int Run();
   void Stop();
+  // False if the name for clients of this machine could not be had: Run goes on without that road. From the time on
+  // that the clients are told of the start.
+  bool IsListening() const { return isListening_; }
   // Closes all channels and what listens. After Run.
   void Close();
 
@@ -131,6 +134,7 @@ class MessageDispatcher {
   const u16 port_;
   rc_ptr<Reactor::EventHandler> socketAcceptor_;
   const std::string ipcName_;
+  bool isListening_ = false;  // constant once Run has opened its roads
   CriticalSection clientsLock_;
   std::vector<rc_ptr<Client>> clients_;  // guarded by clientsLock_
   CriticalSection channelsLock_;

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "protocol/message_reader.h"
+#include "protocol/names.h"
 #include "protocol/protocol.h"
 #include "runtime/environment.h"
 #include "runtime/log.h"
@@ -26,10 +27,6 @@ constexpr int kCtrlBreak = 1;
 
 CompilerStub::CompilerStub(IniFile& settings, const Options& options, const Path& toolPath)
     : StubBase(settings, options), project_(options.project), jobName_(options.name), toolPath_(toolPath) {}
-
-CompilerStub::~CompilerStub() {
-  if (admitted_) ReleaseSemaphore(clientAccess_.Get(), 1, nullptr);
-}
 
 int CompilerStub::Run() {
   ReadProject();
@@ -78,17 +75,18 @@ void CompilerStub::ReadProject() {
 }
 
 bool CompilerStub::OpenClientAccess() {
-  const std::string name = "zelvo_client_access_" + id_;
-  clientAccess_.Reset(OpenSemaphoreA(SEMAPHORE_ALL_ACCESS, FALSE, name.c_str()));
-  return clientAccess_.IsValid();
+  return place_.Open(id_, settings_.GetBool("Extensions/ReclaimPlaces", false));
 }
 
 bool CompilerStub::WaitForAccess(const WaitTexts& texts, const WaitLimits& limits) {
   Log* const log = Log::Get();
   for (u32 waitedMs = 0;;) {
-    const DWORD result = WaitForSingleObject(clientAccess_.Get(), limits.sliceMs);
-    admitted_ = result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
-    if (admitted_) return true;
+    const ClientPlace::Outcome outcome = place_.Wait(limits.sliceMs);
+    if (outcome == ClientPlace::Outcome::kAdmitted) return true;
+    if (outcome == ClientPlace::Outcome::kMasterGone) {
+      PrintError("the master instance of Kestrun has ended - aborting...");
+      return false;
+    }
     WriteStandardError(texts.stillWaiting + "\n");
     const std::pair<std::string, std::string> field(texts.fieldName, texts.fieldValue);
     if (log != nullptr) log->Write(Log::Warning, Log::STUB, "Still waiting for client access", {field});
@@ -132,7 +130,7 @@ bool CompilerStub::Connect() {
   if (GetChannel()) return true;
   rc_ptr<IpcSocket> socket = new IpcSocket;
   const u32 timeoutMs = settings_.GetInt("LocalSettings/IpcTimeout", kDefaultIpcTimeoutMs);
-  if (!socket->Connect("zelvo_client_ipc_" + id_, timeoutMs)) {
+  if (!socket->Connect(GetListeningName(id_), timeoutMs)) {
     const std::string count = std::to_string(CountProcesses("kestrun.exe"));
     WriteStandardError("There are currently " + count + " instances of kestrun.exe running.\n");
     return false;

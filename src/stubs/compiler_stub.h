@@ -8,9 +8,9 @@
 #include "messaging/ipc_channel.h"
 #include "messaging/message.h"
 #include "runtime/critical_section.h"
-#include "runtime/handle.h"
 #include "runtime/path.h"
 #include "runtime/process.h"
+#include "stubs/client_place.h"
 #include "stubs/stub_base.h"
 
 // A macro of the system's headers, and the name of one of our functions.
@@ -26,7 +26,7 @@ namespace kestrun {
 class CompilerStub : public StubBase {
  public:
   CompilerStub(IniFile& settings, const Options& options, const Path& toolPath);
-  ~CompilerStub() override;
+  ~CompilerStub() override = default;
 
   int Run() override;
   void Stop(const std::string& reason) override;
@@ -44,9 +44,10 @@ class CompilerStub : public StubBase {
   void ReadProject();
   // False, with an error line, where the working directory has a name that no request can carry (260 bytes or more).
   static bool HasNamedDirectory();
-  // Opens the master's semaphore. False if there is no master.
+  // False if there is no master.
   bool OpenClientAccess();
-  // Waits in slices, with a word after each that was in vain. False if the time is over.
+  // Waits in slices, with a word after each that was in vain. False, after an error line, if the time is over or the
+  // master has gone.
   struct WaitLimits {
     u32 sliceMs = 120000;
     u32 totalMs = 3600000;
@@ -76,9 +77,8 @@ class CompilerStub : public StubBase {
   int RunLocally();
   void AddEnvironment(Message& request);
 
-  const Path toolPath_;        // constant after construction; empty in a script stub
-  UniqueHandle clientAccess_;  // main thread only, as is the flag
-  bool admitted_ = false;
+  const Path toolPath_;  // constant after construction; empty in a script stub
+  ClientPlace place_;    // main thread only
   // One tree of segments for all the requests of this process: most of a request is the environment.
   std::vector<rc_ptr<Message::Segment>> environment_;
 

@@ -28,7 +28,7 @@ constexpr u32 kLookMs = 50;
 // The length of a connection's name travels as a signed byte; the name is that of the listener, a full stop and up to
 // ten digits.
 constexpr size_t kMaxConnectionName = 127;
-constexpr size_t kMaxListeningName = kMaxConnectionName - 11;
+static_assert(IpcSocket::kMaxListeningName == kMaxConnectionName - 11);
 
 // Each step of an introduction is a matter of some microseconds, less than it takes to fall asleep and be woken. So
 // either side looks whether the other is done before it sleeps, and leaves the processor to whoever wants it meanwhile.
@@ -39,7 +39,7 @@ void LookAround(const IsDone& isDone) {
 }
 
 bool LeavesRoomForConnectionNames(const std::string& name) {
-  return name.size() <= kMaxListeningName;
+  return name.size() <= IpcSocket::kMaxListeningName;
 }
 
 }  // namespace

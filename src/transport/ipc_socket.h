@@ -60,7 +60,10 @@ class IpcSocket : public rc_base {
   IpcSocket();
   ~IpcSocket() override;
 
-  // False if the name is in use, or so long that names of connections would not stay below 128 bytes.
+  // Bytes of a listening name, so that names of connections stay below 128.
+  static constexpr size_t kMaxListeningName = 116;
+
+  // False if the name is in use or too long.
   bool Listen(const std::string& name);
 
   // Waits for a request, without limit while the socket listens and none is there, and serves it: 5 s at most, and no
