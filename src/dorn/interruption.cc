@@ -11,6 +11,7 @@ namespace {
 constexpr DWORD kLongestEndMs = 5000;
 
 std::atomic<HANDLE> interrupted{nullptr};
+std::atomic<DWORD> firstType{CTRL_C_EVENT};
 
 }  // namespace
 
@@ -20,7 +21,12 @@ Interruption::Interruption() : event_(CreateEventA(nullptr, TRUE, FALSE, nullptr
   SetConsoleCtrlHandler(OnControlEvent, TRUE);
 }
 
+bool Interruption::HasReachedAll() const {
+  return firstType == CTRL_C_EVENT;
+}
+
 BOOL WINAPI Interruption::OnControlEvent(DWORD type) {
+  if (WaitForSingleObject(interrupted, 0) != WAIT_OBJECT_0) firstType = type;
   SetEvent(interrupted);
   if (type >= CTRL_CLOSE_EVENT) Sleep(kLongestEndMs);
   return TRUE;

@@ -19,6 +19,8 @@ class Interruption {
 
   // Signalled from the first control event on.
   HANDLE GetHandle() const { return event_.Get(); }
+  // True if the terminal has told the build command as well: for Ctrl-C, not for a signal to this process.
+  bool HasReachedAll() const;
   bool HasHappened() const { return WaitForSingleObject(event_.Get(), 0) == WAIT_OBJECT_0; }
 
  private:

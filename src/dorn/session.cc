@@ -6,6 +6,7 @@
 #include "dorn/master.h"
 #include "dorn/program_search.h"
 #include "dorn/report.h"
+#include "platform/host.h"
 #include "platform/win32.h"
 #include "runtime/process.h"
 
@@ -24,19 +25,22 @@ std::string MakeId() {
 }
 
 // Runs the build command on the terminal of this process until it ends. Ctrl-C reaches it from the terminal by
-// itself; if it does not end on that, it is ended by force. Its background processes end with it.
-int RunBuild(const Path& program, const std::vector<std::string>& command, HANDLE interruption) {
+// itself, any other end is passed on; if it does not end on that, it is ended by force. Its background processes end
+// with it.
+int RunBuild(const Path& program, const std::vector<std::string>& command, const Interruption& interruption) {
   const rc_ptr<Process> build = new Process("");
   build->SetApplicationPath(program);
   if (!build->Start(JoinArguments(command), Process::OWN_JOB | Process::SHOW_WINDOW, nullptr, 0)) {
     return kExitCannotStart;
   }
   const UniqueHandle ended = build->GetWaitHandle();
-  const HANDLE handles[] = {ended.Get(), interruption};
-  if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0 &&
-      WaitForSingleObject(ended.Get(), kBuildGraceMs) != WAIT_OBJECT_0) {
-    build->Terminate();
-    return kExitInterrupted;
+  const HANDLE handles[] = {ended.Get(), interruption.GetHandle()};
+  if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0) {
+    if (!interruption.HasReachedAll()) platform::AskToEnd(build->GetProcessId());
+    if (WaitForSingleObject(ended.Get(), kBuildGraceMs) != WAIT_OBJECT_0) {
+      build->Terminate();
+      return kExitInterrupted;
+    }
   }
   u32 code = static_cast<u32>(kExitFailure);
   build->Wait(kNoLimit, &code);
@@ -70,7 +74,7 @@ int RunSession(const Options& options) {
     case Master::Start::kReady:
       break;
   }
-  const int code = RunBuild(program, options.command, interruption.GetHandle());
+  const int code = RunBuild(program, options.command, interruption);
   if (interruption.HasHappened()) {
     master.Stop(kInterruptedStopLimitMs, nullptr);
   } else {

@@ -132,7 +132,8 @@ void BuildJobScheduler::ForgetClientOf(const BuildJob& job) {
 void BuildJobScheduler::LogOutcome(const BuildJob& job, i32 elapsedMs) {
   const u64 end = LocalTimeMs();
   const u64 start = end - static_cast<u64>(std::max(elapsedMs, 0));
-  WriteMasterLog(Log::Info, std::string("Build Job completed ") + (job.exitCode == 0 ? "(OK)" : "(FAIL)"),
+  const char* const outcome = job.exitCode == 0 ? "(OK)" : job.isCancelled ? "(CANCELLED)" : "(FAIL)";
+  WriteMasterLog(Log::Info, std::string("Build Job completed ") + outcome,
                  {{"project", job.project != nullptr ? job.project->name : job.projectName},
                   LogField("client_key", job.id),
                   LogField("result", static_cast<u32>(job.exitCode)),

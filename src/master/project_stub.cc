@@ -27,6 +27,8 @@ constexpr const char* kEventsCondition = "PLOVR2_WAIT_FOR_EVENTS_CONDITION";
 constexpr u32 kDefaultMaxConcurrentJobs = 30;
 constexpr u32 kDefaultMaxStubs = 30;
 constexpr u32 kMostStubs = MessageDispatcher::kMaxIpcChannels;
+// What the last record of the log lists where memory is to stay flat.
+constexpr std::size_t kMostFailures = 1000;
 constexpr u32 kSocketWriteLimitMs = 30000;
 constexpr u32 kTickMs = 500;
 constexpr u32 kShutdownPauseMs = 500;
@@ -69,6 +71,7 @@ ProjectStub::ProjectStub(IniFile& settings, const Options& options)
     : StubBase(settings, options),
       startDirectory_(GetWorkingDirectory()),
       dispatcher_(GetLocalHostName(), 0, GetListeningName(id_)),
+      failures_(settings.GetBool("Extensions/DiscardOutput", false) ? kMostFailures : FailureList::kNoBound),
       scheduler_(settings.GetInt("LocalSettings/MaxConcurrentJobs", kDefaultMaxConcurrentJobs), &settings,
                  &dispatcher_),
       requestHandler_(&settings, options, &dispatcher_, MakeJobListener(settings)) {
@@ -128,7 +131,7 @@ int ProjectStub::Run() {
 
 void ProjectStub::LogFinished(u32 elapsedMs) {
   Log::Fields fields{{"elapsed_time", FormatElapsed(elapsedMs)}};
-  for (const auto& [id, job] : failedJobs_) fields.emplace_back("failed_file", job->commandLine);
+  failures_.AddTo(fields);
   WriteMasterLog(Log::Info, "========== Client Build Finished ==========", fields);
 }
 
@@ -184,7 +187,8 @@ void ProjectStub::OnJobResult(const rc_ptr<Message>& message) {
   const rc_ptr<BuildJob> job =
       scheduler_.JobResult(server, jobId, exitCode, std::move(stdoutText), std::move(stderrText), startTime, elapsedMs);
   if (!job) return;
-  if (exitCode != 0) failedJobs_[jobId] = job;
+  // Nobody waits for a cancelled job: its end says nothing about the build.
+  if (exitCode != 0 && !job->isCancelled) failures_.Add(jobId, job->commandLine);
   scheduler_.PassResultOn(dispatcher_.FindChannel(job->clientAddress), *message, job->exitCode,
                           (job->flags & FLAG_KEEP_GOING) != 0);
   scheduler_.JobCompleted(job);

@@ -3,12 +3,12 @@
 #define KESTRUN_MASTER_PROJECT_STUB_H_
 
 #include <atomic>
-#include <map>
 #include <memory>
 #include <string>
 
 #include "master/build_job_scheduler.h"
 #include "master/build_request_handler.h"
+#include "master/failure_list.h"
 #include "master/place_keeper.h"
 #include "messaging/message_dispatcher.h"
 #include "runtime/critical_section.h"
@@ -69,7 +69,7 @@ class ProjectStub : public StubBase {
   CriticalSection handlingLock_;  // held while a message is handled
   bool isEnding_ = false;         // guarded by handlingLock_: the destructor has come, messages are dropped
   MessageDispatcher dispatcher_;
-  std::map<u32, rc_ptr<BuildJob>> failedJobs_;  // message thread; read by Run once that thread has ended
+  FailureList failures_;  // message thread; read by Run once that thread has ended
   BuildJobScheduler scheduler_;
   std::unique_ptr<Semaphore> clientAccess_;
   std::unique_ptr<PlaceKeeper> placeKeeper_;  // null unless the settings ask for it

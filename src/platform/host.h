@@ -38,9 +38,17 @@ std::FILE* OpenStdio(const std::string& name, const char* mode);
 // Processors that this process may really use: affinity and, where there is one, the cgroup quota. At least 1.
 unsigned UsableProcessors();
 
+// Asks a child of this process to end, as a user does who ends it from outside (SIGTERM). False where the system has
+// no way to ask one process alone, or if there is no such child.
+bool AskToEnd(DWORD childId);
+
 // A handle as the int that the reactor keeps, and back. Handles have 32 significant bits on every system.
-inline int HandleToInt(HANDLE handle) { return static_cast<int>(reinterpret_cast<std::intptr_t>(handle)); }
-inline HANDLE IntToHandle(int value) { return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(value)); }
+inline int HandleToInt(HANDLE handle) {
+  return static_cast<int>(reinterpret_cast<std::intptr_t>(handle));
+}
+inline HANDLE IntToHandle(int value) {
+  return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(value));
+}
 
 }  // namespace kestrun::platform
 

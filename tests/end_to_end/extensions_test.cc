@@ -40,7 +40,9 @@ TEST_F(Extensions, EndTheToolsOfAClientThatIsKilled) {
   EXPECT_EQ(Tool({"exit", "4"}).exitCode, 4);
   EXPECT_EQ(StopMaster(), 0);
   EXPECT_EQ(LogCount("Jobs of a lost stub cancelled"), 4);
-  EXPECT_EQ(LogCount("Build Job completed (FAIL)"), 5);
+  EXPECT_EQ(LogCount("Build Job completed (CANCELLED)"), 4);
+  EXPECT_EQ(LogCount("Build Job completed (FAIL)"), 1);
+  EXPECT_EQ(LogCount(" failed_file:"), 1);
 }
 
 TEST_F(Extensions, NeverStartTheQueuedJobsOfAClientThatIsKilled) {

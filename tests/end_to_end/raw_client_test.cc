@@ -59,5 +59,17 @@ TEST_F(RawClient, EndsTheMasterWithTheReasonThatItGives) {
   EXPECT_EQ(LogCount(" reason:\r\n"), 1);
 }
 
+TEST_F(RawClient, MeetsNoMasterThatCouldNotHearIt) {
+  EXPECT_EQ(Kestrun({"-master", "-id", std::string(100, 'i')}).errors,
+            "KESTRUN: error: the id is too long, it may have 99 bytes: " + std::string(100, 'i') + "\n");
+  const rc_ptr<IpcSocket> inTheWay = new IpcSocket;
+  ASSERT_TRUE(inTheWay->Listen("zelvo_client_ipc_" + id_));
+  NamedEvent ready;
+  const RunResult master = Kestrun({"-master", "-er", ready.Name()});
+  EXPECT_EQ(master.exitCode, 1);
+  EXPECT_NE(master.errors.find("cannot listen for clients"), std::string::npos);
+  EXPECT_FALSE(ready.Wait(0));
+}
+
 }  // namespace
 }  // namespace kestrun::test

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/host.h"
 #include "platform/linux/child_process.h"
 #include "platform/linux/never_destroyed.h"
 #include "platform/linux/process_api.h"
@@ -131,6 +132,13 @@ Console& TheConsole() {
 }
 
 }  // namespace
+
+// A child that has ended keeps its id until this process lets go of it.
+bool AskToEnd(DWORD childId) {
+  const std::shared_ptr<ChildProcess> child = ChildProcess::Find(static_cast<pid_t>(childId));
+  return child && kill(static_cast<pid_t>(childId), SIGTERM) == 0;
+}
+
 }  // namespace kestrun::platform
 
 using namespace kestrun::platform;

@@ -46,4 +46,9 @@ unsigned UsableProcessors() {
   return static_cast<unsigned>(std::popcount(own));
 }
 
+// A console tells all the processes in it.
+bool AskToEnd(DWORD) {
+  return false;
+}
+
 }  // namespace kestrun::platform
