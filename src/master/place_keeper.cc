@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "master/master_log.h"
+#include "protocol/names.h"
 #include "transport/handle_count.h"
 
 namespace kestrun {
@@ -19,10 +20,11 @@ bool IsSameClient(u64 one, u64 other) {
 
 }  // namespace
 
-PlaceKeeper::PlaceKeeper(const std::string& id, Semaphore& access)
-    : id_(id), access_(access), keeper_(GetKeeperName(id).c_str()), call_(GetCallName(id).c_str()) {
+PlaceKeeper::PlaceKeeper(const std::string& id, u32 places)
+    : id_(id), keeper_(GetKeeperName(id).c_str()), call_(GetCallName(id).c_str()) {
   if (!keeper_.Lock(kKeeperMs)) throw SyncException("another master keeps the places of " + id);
   try {
+    access_ = std::make_unique<Semaphore>(static_cast<i32>(places), GetAccessName(id).c_str());
     OpenTable();
     AdoptGranted();
     thread_ = new Thread("Place keeper");
@@ -59,13 +61,13 @@ void PlaceKeeper::AdoptGranted() {
     if (Enter(i, word)) {
       records_[i].isGranted = true;
     } else {
-      access_.Release();
+      access_->Release();
     }
   }
 }
 
 void PlaceKeeper::Serve() {
-  const HANDLE handles[] = {end_.GetHandle(), call_.GetHandle(), access_.GetHandle()};
+  const HANDLE handles[] = {end_.GetHandle(), call_.GetHandle(), access_->GetHandle()};
   u32 lastLook = GetTickCount();
   LookAtSlots();
   for (;;) {
@@ -132,7 +134,7 @@ void PlaceKeeper::GrantOne() {
     }
     Leave(slot);
   }
-  access_.Release();
+  access_->Release();
 }
 
 bool PlaceKeeper::Enter(u32 slot, u64 word) {
@@ -148,7 +150,7 @@ bool PlaceKeeper::Enter(u32 slot, u64 word) {
 // Frees the slot if it is still that client's.
 void PlaceKeeper::Leave(u32 slot) {
   Record& record = records_[slot];
-  if (record.isGranted) access_.Release();
+  if (record.isGranted) access_->Release();
   std::erase(waiting_, slot);
   record.client.Reset();
   record.isGranted = false;

@@ -25,12 +25,12 @@ namespace kestrun {
 // nothing is taken from them. Clients are served in the order in which they are found.
 //
 // Threads: one, "Place keeper", which owns the records. Construction and destruction on one thread, which owns the
-// mutex by which clients see that the master lives; the semaphore outlives this object.
+// mutex by which clients see that the master lives.
 class PlaceKeeper {
  public:
-  // A table that clients of an earlier master of this id still hold is carried on, with the places granted in it.
-  // Throws SystemException where the objects can't be had.
-  PlaceKeeper(const std::string& id, Semaphore& access);
+  // Makes the semaphore, too. A table that clients of an earlier master of this id still hold is carried on, with the
+  // places granted in it. Throws SystemException where the objects can't be had.
+  PlaceKeeper(const std::string& id, u32 places);
   ~PlaceKeeper();
   PlaceKeeper(const PlaceKeeper&) = delete;
   PlaceKeeper& operator=(const PlaceKeeper&) = delete;
@@ -54,8 +54,9 @@ class PlaceKeeper {
   void Leave(u32 slot);
 
   const std::string id_;
-  Semaphore& access_;
   Mutex keeper_;
+  // After the mutex: a client that finds the semaphore and a mutex that nobody owns takes the master for dead.
+  std::unique_ptr<Semaphore> access_;
   Condition call_;
   Condition end_;
   std::unique_ptr<MappedFile> region_;

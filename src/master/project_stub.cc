@@ -95,15 +95,18 @@ ProjectStub::~ProjectStub() {
   isEnding_ = true;
 }
 
-// Without its keeper a master admits clients all the same.
+// Without a keeper a master admits clients all the same.
 void ProjectStub::OpenPlaces(IniFile& settings) {
-  clientAccess_ = std::make_unique<Semaphore>(static_cast<i32>(ReadMaxStubs(settings)), GetAccessName(id_).c_str());
-  if (!settings.GetBool("Extensions/ReclaimPlaces", false)) return;
-  try {
-    placeKeeper_ = std::make_unique<PlaceKeeper>(id_, *clientAccess_);
-  } catch (const SystemException& e) {
-    WriteMasterLog(Log::Warning, "Places of lost stubs are not returned", {{"error_msg", e.what()}});
+  const u32 places = ReadMaxStubs(settings);
+  if (settings.GetBool("Extensions/ReclaimPlaces", false)) {
+    try {
+      placeKeeper_ = std::make_unique<PlaceKeeper>(id_, places);
+      return;
+    } catch (const SystemException& e) {
+      WriteMasterLog(Log::Warning, "Places of lost stubs are not returned", {{"error_msg", e.what()}});
+    }
   }
+  clientAccess_ = std::make_unique<Semaphore>(static_cast<i32>(places), GetAccessName(id_).c_str());
 }
 
 void ProjectStub::StartWaitThread() {

@@ -71,8 +71,9 @@ class ProjectStub : public StubBase {
   MessageDispatcher dispatcher_;
   FailureList failures_;  // message thread; read by Run once that thread has ended
   BuildJobScheduler scheduler_;
+  // One of the two: the places as they are, or with somebody who keeps them.
   std::unique_ptr<Semaphore> clientAccess_;
-  std::unique_ptr<PlaceKeeper> placeKeeper_;  // null unless the settings ask for it
+  std::unique_ptr<PlaceKeeper> placeKeeper_;
   BuildRequestHandler requestHandler_;
   rc_ptr<Thread> waitThread_;                   // empty without a stop event
   std::unique_ptr<Condition> eventsCondition_;  // null without a stop event

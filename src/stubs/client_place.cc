@@ -1,6 +1,7 @@
 #include "stubs/client_place.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "protocol/names.h"
 
@@ -30,30 +31,34 @@ bool IsKept(HANDLE keeper) {
 bool ClientPlace::Open(const std::string& id, bool usesTable) {
   access_.Reset(OpenSemaphoreA(SEMAPHORE_ALL_ACCESS, FALSE, GetAccessName(id).c_str()));
   if (!access_) return false;
-  if (usesTable && !Ask(id)) request_.reset();
+  if (!usesTable) return true;
+  UniqueHandle keeper(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, GetKeeperName(id).c_str()));
+  if (!keeper) return true;
+  // Left by a master that died, and kept by its other clients: nobody would ever admit this one.
+  if (!IsKept(keeper.Get())) return false;
+  request_ = MakeRequest(id);
+  if (!request_) return true;
+  request_->keeper = std::move(keeper);
+  SetEvent(request_->call.Get());
   return true;
 }
 
-bool ClientPlace::Ask(const std::string& id) {
-  request_ = std::make_unique<Request>();
-  Request& request = *request_;
-  request.keeper.Reset(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, GetKeeperName(id).c_str()));
-  if (!request.keeper || !IsKept(request.keeper.Get())) return false;
-  request.call.Reset(OpenEventA(EVENT_ALL_ACCESS, FALSE, GetCallName(id).c_str()));
-  if (!request.call) return false;
+std::unique_ptr<ClientPlace::Request> ClientPlace::MakeRequest(const std::string& id) {
+  auto request = std::make_unique<Request>();
+  request->call.Reset(OpenEventA(EVENT_ALL_ACCESS, FALSE, GetCallName(id).c_str()));
+  if (!request->call) return nullptr;
   try {
-    request.region = std::make_unique<MappedFile>(GetTableName(id), 0, false);
-    request.view = request.region->CreateView(0, MappedFile::kWholeSize, true);
+    request->region = std::make_unique<MappedFile>(GetTableName(id), 0, false);
+    request->view = request->region->CreateView(0, MappedFile::kWholeSize, true);
   } catch (const MappedFileException&) {
-    return false;
+    return nullptr;
   }
-  if (request.view->GetSize() < PlaceTable::kSize) return false;
-  request.word = MakePlaceWord(GetCurrentProcessId(), MakeStamp(), PlaceState::kAsking);
+  if (request->view->GetSize() < PlaceTable::kSize) return nullptr;
+  request->word = MakePlaceWord(GetCurrentProcessId(), MakeStamp(), PlaceState::kAsking);
   // There before the word is: the master takes a word without its event for that of a client that has gone.
-  request.answer.Reset(CreateEventA(nullptr, FALSE, FALSE, GetPlaceName(id, request.word).c_str()));
-  if (!request.answer || GetLastError() == ERROR_ALREADY_EXISTS || !TakeSlot(request)) return false;
-  SetEvent(request.call.Get());
-  return true;
+  request->answer.Reset(CreateEventA(nullptr, FALSE, FALSE, GetPlaceName(id, request->word).c_str()));
+  const bool isNew = GetLastError() != ERROR_ALREADY_EXISTS;
+  return request->answer && isNew && TakeSlot(*request) ? std::move(request) : nullptr;
 }
 
 // Clients that start at once begin at different slots.

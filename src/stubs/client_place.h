@@ -28,7 +28,8 @@ class ClientPlace {
   ClientPlace(const ClientPlace&) = delete;
   ClientPlace& operator=(const ClientPlace&) = delete;
 
-  // False if there is no master. `usesTable`: whether to look for a table.
+  // False if there is no master, or none any more (which is seen with a table only). `usesTable`: whether to look for a
+  // table.
   bool Open(const std::string& id, bool usesTable);
   // May be called again after kTimeOver; the client keeps its turn meanwhile. That the master has gone is seen only
   // with a table, after a second at most.
@@ -45,8 +46,9 @@ class ClientPlace {
     std::atomic<u64>* slot = nullptr;
     u64 word = 0;  // as it was when the client asked
   };
-  bool Ask(const std::string& id);
-  bool TakeSlot(Request& request);
+  // A request that is complete up to the slot, or null.
+  static std::unique_ptr<Request> MakeRequest(const std::string& id);
+  static bool TakeSlot(Request& request);
   bool IsGranted() const;
 
   UniqueHandle access_;
