@@ -14,6 +14,7 @@ namespace kestrun {
 namespace {
 
 constexpr u32 kThreadsEndMs = 30000;
+constexpr u32 kStopLookMs = 500;
 
 rc_ptr<Message> OutputMessage(const std::string& stdoutText, const std::string& stderrText) {
   rc_ptr<Message> message = new Message(MSG_BUILD_RESULT, kMasterService, kStubService);
@@ -209,8 +210,15 @@ void BuildJobScheduler::Stop() {
   stopped_ = true;
   for (std::size_t i = 0; i < localThreads_.size(); ++i) localQueue_.PushFront(nullptr);
   for (const rc_ptr<Thread>& thread : localThreads_) thread->SetPriority(THREAD_PRIORITY_ABOVE_NORMAL);
-  // The jobs' objects close with the process, which ends the tools that are still running.
-  if (!Thread::WaitAll(localThreads_, kThreadsEndMs)) ExitProcess(1);
+  const u32 start = GetTickCount();
+  while (!Thread::WaitAll(localThreads_, kStopLookMs)) {
+    // Nobody hears of lost clients any more: the thread that would be told may be this one.
+    if (cancelsOrphans_) {
+      runningTools_.CancelWhere([this](const BuildJob& job) { return !dispatcher_->FindChannel(job.clientAddress); });
+    }
+    // The jobs' objects close with the process, which ends the tools that are still running.
+    if (GetTickCount() - start >= kThreadsEndMs) ExitProcess(1);
+  }
 }
 
 }  // namespace kestrun

@@ -92,7 +92,7 @@ class BuildJobScheduler {
     int exitCode;
     bool isOverdue;  // ended because it ran longer than its job's limit
   };
-  ToolEnd RunTool(const BuildJob& job, const rc_ptr<Process>& process, MemoryStream* out, MemoryStream* err);
+  ToolEnd RunTool(BuildJob& job, const rc_ptr<Process>& process, MemoryStream* out, MemoryStream* err);
   u32 WaitLimitMs(const BuildJob& job) const;
 
   std::map<u32, rc_ptr<BuildJob>> pendingJobs_;   // accepted and not yet handed to the queue

@@ -104,8 +104,8 @@ void BuildJobScheduler::SkipJob(BuildJob& job, const Address& localAddress) {
   dispatcher_->Post(ResultMessage(localAddress, job, timer, -1, TextStream(""), TextStream("")), false);
 }
 
-BuildJobScheduler::ToolEnd BuildJobScheduler::RunTool(const BuildJob& job, const rc_ptr<Process>& process,
-                                                      MemoryStream* out, MemoryStream* err) {
+BuildJobScheduler::ToolEnd BuildJobScheduler::RunTool(BuildJob& job, const rc_ptr<Process>& process, MemoryStream* out,
+                                                      MemoryStream* err) {
   if (!process->Start(job.commandLine, kJobFlags, nullptr, 0)) return {-1, false};
   if (!runningTools_.Add(job, process)) process->Kill();
   const u32 limitMs = WaitLimitMs(job);

@@ -44,6 +44,7 @@ class Build : public testing::Test {
   void WriteSettings(const std::string& lines);
   // Starts a master and waits until it is ready. Fails the test if it ends before.
   void StartMaster(const Words& moreOptions = {});
+  void SignalStop() { stop_.Signal(); }
   // Signals the stop event and gives the master's exit code.
   int StopMaster();
   Child& Master() { return *master_; }

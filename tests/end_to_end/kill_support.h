@@ -19,8 +19,8 @@ void KillProcess(unsigned long pid);
 // How long random kills may go on: 0 is until their number is reached.
 extern const unsigned kRandomKillLimitMs;
 
-// The named objects in the folder that no process holds any more have gone with this call. What is left, one a line;
-// always empty where the system itself does that.
+// The named objects in the folder that no process holds any more have gone with this call. What is left but the events
+// of tests, one a line; always empty where the system itself does that.
 std::string NamedObjectsLeft(const std::string& folder);
 
 // How many processes run with KESTRUN_ID=ID in the environment that they were started with; 0 where the system does

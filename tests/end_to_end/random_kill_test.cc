@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kPlaces = 6;
 constexpr std::size_t kClients = 5;
-constexpr unsigned kKillsBetweenCounts = 25;
+constexpr unsigned kKillsBetweenCounts = 40;
 
 unsigned ReadNumber(const char* variable, unsigned otherwise) {
   const char* const text = std::getenv(variable);
@@ -122,7 +122,7 @@ class RandomKills : public Build {
         Bury(i);
         continue;
       }
-      if (client.release && Random(4) == 0) Release(client);
+      if (client.release && Random(12) == 0) Release(client);
       ++i;
     }
     while (clients_.size() < kClients) clients_.push_back(StartClient());

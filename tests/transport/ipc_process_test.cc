@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "connector.h"
 #include "ipc_ends.h"
 #include "platform/host.h"
 #include "runtime/mapped_file.h"
@@ -20,6 +21,7 @@ namespace kestrun {
 namespace {
 
 using test::Child;
+using test::Connector;
 using test::IpcEnds;
 using test::kLongMs;
 using test::ReadText;
@@ -109,44 +111,6 @@ TEST_F(IpcProcesses, KilledServerEndsABlockedReader) {
 }
 
 // Connectors that die in their introduction ---------------------------------------------------------------------------
-
-// A connector made of the parts, so that it can stop after any of its steps.
-class Connector {
- public:
-  explicit Connector(const std::string& name) : name_(name) {}
-
-  void TakeTurn() { turn_ = std::make_unique<NamedMutexLock>(name_ + ".lck"); }
-  void Attach() { Open(name_); }
-  void Ask() {
-    const u8 request = 1;
-    toListener_->Write(&request, 1, kLongMs);
-  }
-  void TakeReply() {
-    char reply[512] = {};
-    fromListener_->Read(reply, sizeof reply, kLongMs);
-    Open(reply + 2);
-  }
-  void AwaitReply() {
-    while (fromListener_->GetUsed() == 0) SwitchToThread();
-  }
-
- private:
-  void Open(const std::string& name) {
-    file_.push_back(std::make_unique<MappedFile>(name, 0, false));
-    view_.push_back(file_.back()->CreateView(0, MappedFile::kWholeSize, true));
-    u8* base = static_cast<u8*>(view_.back()->GetData());
-    toListener_ = new IpcRing(base, name + ".c2s");
-    fromListener_ = new IpcRing(base + 0x10000, name + ".s2c");
-  }
-
-  const std::string name_;
-  std::unique_ptr<NamedMutexLock> turn_;
-  std::vector<std::unique_ptr<MappedFile>> file_;
-  std::vector<rc_ptr<MappedFile::ViewImpl>> view_;
-  // Never deleted: this process is killed with them attached.
-  IpcRing* toListener_ = nullptr;
-  IpcRing* fromListener_ = nullptr;
-};
 
 // Does as many steps as it is told, says so and waits for its death.
 KESTRUN_CHILD(DyingConnector) {

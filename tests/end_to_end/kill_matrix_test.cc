@@ -1,0 +1,312 @@
+// Who is killed, and where it stands at that moment: a client, its master, a tool, a background process or dorn, at
+// each step of a client's life. Afterwards no process of that job is left, all places are back, the work of another
+// client is untouched, and the next one is served.
+#include <functional>
+#include <vector>
+
+#include "connector.h"
+#include "kill_support.h"
+#include "messaging/ipc_channel.h"
+#include "protocol/names.h"
+#include "protocol/protocol.h"
+#include "stubs/client_place.h"
+#include "transport/ipc_stream_adapter.h"
+
+namespace kestrun::test {
+namespace {
+
+constexpr int kPlaces = 4;
+
+// A client made of the parts. It is admitted, goes as far as it is told, says so and stays there.
+// Words: the master's id; the step; for those with a job the tool and its arguments.
+KESTRUN_CHILD(StandsStill) {
+  ClientPlace place;
+  if (!place.Open(words[0], true) || place.Wait(kKillLimitMs) != ClientPlace::Outcome::kAdmitted) return 1;
+  const std::string name = GetListeningName(words[0]);
+  const std::string step = words[1];
+  if (step.rfind("introduction ", 0) == 0) {
+    Connector connector(name);
+    const int steps = step.back() - '0';
+    if (steps > 0) connector.TakeTurn();
+    if (steps > 1) connector.Attach();
+    if (steps > 2) connector.Ask();
+    if (steps > 3) connector.AwaitReply();
+    if (steps > 4) connector.TakeReply();
+    Say("there");
+    AwaitLine();
+    return 0;
+  }
+  const rc_ptr<IpcSocket> socket = new IpcSocket;
+  if (!socket->Connect(name, kKillLimitMs)) return 2;
+  if (step == "half a request") {
+    IpcSocket::StreamAdapter stream(socket);
+    stream.Write("\xE8\3\0\0head of a message", 20);
+  }
+  if (words.size() > 2) {
+    // Not destroyed: it would take away what comes back.
+    auto* const channel = new IpcChannel(socket);
+    channel->AddRef();
+    const rc_ptr<Message> request = new Message(MSG_BUILD_REQUEST, kStubService, kMasterService);
+    request->AddString(SEG_TOOL, words[2]).AddString(SEG_ARGUMENTS, words[3]).AddString(SEG_WORKING_DIR, ".");
+    if (!channel->Send(request)) return 3;
+  }
+  if (step == "half a result") {
+    char part[100];
+    if (socket->Read(part, sizeof part, kNoLimit).count == 0) return 4;
+  }
+  Say("there");
+  AwaitLine();
+  return 0;
+}
+
+class KillMatrix : public Build {
+ protected:
+  // A client at some step, with what its job holds and how the step is left behind once somebody is dead.
+  struct Scene {
+    Child client;
+    std::function<void()> after = [] {};
+  };
+
+  void StartWork() {
+    WriteSettings("MaxStubs=int:" + std::to_string(kPlaces) +
+                  "\nMaxConcurrentJobs=int:2\n\n[Extensions]\nEagerScheduling=bool:true\n"
+                  "CancelOrphanedJobs=bool:true\nReclaimPlaces=bool:true\n");
+    StartMaster();
+  }
+
+  Child StartStill(Words words) {
+    words.insert(words.begin(), id_);
+    Child child = Child::Self("StandsStill", words, WithEnvironment({}));
+    EXPECT_EQ(child.ReadLine(), "there") << words[1];
+    return child;
+  }
+  // The client of a tool that waits for `release`, with a background process that waits for `never`.
+  Child StartRunning(bool isReal) {
+    NamedEvent started;
+    const std::string arguments = "background session await " + never_->Name() + " then signal " + started.Name() +
+                                  " , await " + release_->Name();
+    std::istringstream stream(arguments);
+    const Words words{std::istream_iterator<std::string>(stream), {}};
+    Child child = isReal ? StartTool(words) : StartStill({"job", tool_, arguments});
+    EXPECT_TRUE(started.Wait(kKillLimitMs));
+    EXPECT_TRUE(BecomesTrue([&] { return never_->IsHeld() && release_->IsHeld(); }));
+    return child;
+  }
+
+  // Until the client of this id is at this state of asking for a place.
+  void AwaitPlaceState(unsigned long pid, PlaceState state) {
+    MappedFile region(GetTableName(id_), 0, false);
+    const auto view = region.CreateView(0, MappedFile::kWholeSize, true);
+    const auto& slots = static_cast<PlaceTable*>(view->GetData())->slots;
+    EXPECT_TRUE(BecomesTrue([&] {
+      return std::any_of(std::begin(slots), std::end(slots),
+                         [&](u64 word) { return word >> 32 == pid && GetPlaceState(word) == state; });
+    }));
+  }
+
+  Scene WaitingForAPlace() {
+    const std::shared_ptr<Semaphore> access(new Semaphore(kPlaces, GetAccessName(id_).c_str()));
+    auto taken = std::make_shared<int>(0);
+    while (access->Wait(0)) ++*taken;
+    Scene scene{StartTool({"exit", "0"})};
+    AwaitPlaceState(scene.client.Pid(), PlaceState::kAsking);
+    scene.after = [access, taken] {
+      for (; *taken > 0; --*taken) access->Release();
+    };
+    return scene;
+  }
+  Scene BeforeItConnects() {
+    const std::shared_ptr<NamedMutexLock> turn(new NamedMutexLock(GetListeningName(id_) + ".lck"));
+    Scene scene{StartTool({"exit", "0"})};
+    AwaitPlaceState(scene.client.Pid(), PlaceState::kGranted);
+    scene.after = [held = std::make_shared<std::shared_ptr<NamedMutexLock>>(turn)] { held->reset(); };
+    return scene;
+  }
+  Scene Queued() {
+    const int scheduled = LogCount("Scheduled build-job");
+    auto occupant = std::make_shared<Child>(StartRunning(true));
+    Scene scene{StartStill({"job", tool_, "signal " + neverStarted_.Name()})};
+    EXPECT_TRUE(BecomesTrue([&] { return LogCount("Scheduled build-job") == scheduled + 2; }));
+    scene.after = [this, occupant] {
+      release_->Signal();
+      occupant->Wait();
+      EXPECT_FALSE(neverStarted_.Wait(0));
+    };
+    return scene;
+  }
+
+  // Every step that a client of a running master can stand at.
+  std::vector<std::pair<std::string, std::function<Scene()>>> Steps() {
+    std::vector<std::pair<std::string, std::function<Scene()>>> steps{
+        {"waiting for a place", [this] { return WaitingForAPlace(); }},
+        {"admitted", [this] { return BeforeItConnects(); }},
+    };
+    for (const char* name : {"introduction 1", "introduction 2", "introduction 3", "introduction 4", "introduction 5",
+                             "idle", "half a request"}) {
+      steps.emplace_back(name, [this, name] { return Scene{StartStill({name})}; });
+    }
+    steps.emplace_back("queued", [this] { return Queued(); });
+    steps.emplace_back("running", [this] { return Scene{StartRunning(false)}; });
+    steps.emplace_back("half a result", [this] {
+      return Scene{StartStill({"half a result", tool_, "fill 2000000 1000"})};
+    });
+    return steps;
+  }
+
+  void NewTethers() {
+    release_ = std::make_unique<Tether>();
+    never_ = std::make_unique<Tether>();
+  }
+  void ExpectJobGone() {
+    EXPECT_TRUE(BecomesTrue([&] { return !never_->IsHeld() && !release_->IsHeld(); }));
+  }
+  // No process and no name of a build that is over.
+  void ExpectNothingLeft() {
+    EXPECT_TRUE(BecomesTrue([&] { return CountProcessesOf(id_) == 0; }));
+    EXPECT_EQ(NamedObjectsLeft(*WithEnvironment({}).environment["KESTRUN_OBJECT_DIR"]), "");
+    EXPECT_EQ(OpenSemaphoreA(SYNCHRONIZE, FALSE, GetAccessName(id_).c_str()), nullptr);
+    EXPECT_EQ(OpenMutexA(SYNCHRONIZE, FALSE, GetKeeperName(id_).c_str()), nullptr);
+    EXPECT_EQ(OpenFileMappingA(FILE_MAP_READ, FALSE, GetListeningName(id_).c_str()), nullptr);
+    EXPECT_EQ(OpenEventA(SYNCHRONIZE, FALSE, "Global\\dorn_kr_project_stub"), nullptr);
+  }
+  unsigned long NotedId(const std::string& file) const { return std::stoul(folder_.Read(file)); }
+
+  std::unique_ptr<Tether> release_;
+  std::unique_ptr<Tether> never_;
+  NamedEvent neverStarted_;
+};
+
+TEST_F(KillMatrix, AClientAtEachStep) {
+  StartWork();
+  NamedEvent started;
+  NamedEvent release;
+  Child bystander =
+      StartTool({"signal", started.Name(), ",", "await", release.Name(), ",", "print", "untouched", ",", "exit", "3"});
+  ASSERT_TRUE(started.Wait(kKillLimitMs));
+  for (const auto& [name, arrange] : Steps()) {
+    SCOPED_TRACE(name);
+    NewTethers();
+    Scene scene = arrange();
+    scene.client.Kill();
+    scene.after();
+    ExpectJobGone();
+    PlaceCount(id_).Expect(kPlaces - 1);
+    EXPECT_EQ(Tool({"exit", "4"}).exitCode, 4);
+  }
+  release.Signal();
+  EXPECT_EQ(bystander.Wait(), 3);
+  EXPECT_EQ(bystander.Output(), "untouched\n");
+  PlaceCount(id_).Expect(kPlaces);
+  EXPECT_EQ(StopMaster(), 0);
+  ExpectNothingLeft();
+}
+
+TEST_F(KillMatrix, AMasterWithAClientAtEachStep) {
+  for (const auto& [name, arrange] : Steps()) {
+    SCOPED_TRACE(name);
+    StartWork();
+    NewTethers();
+    Scene scene = arrange();
+    Master().Kill();
+    // Its own tools end with it; a client that takes over its job holds them again until it is told to end.
+    if (name != "queued") ExpectJobGone();
+    release_->Signal();
+    scene.after();
+    scene.client.CloseInput();
+    scene.client.Wait();
+    ExpectJobGone();
+  }
+  StartWork();
+  EXPECT_EQ(Tool({"exit", "4"}).exitCode, 4);
+  PlaceCount(id_).Expect(kPlaces);
+  EXPECT_EQ(StopMaster(), 0);
+  ExpectNothingLeft();
+}
+
+TEST_F(KillMatrix, AToolOrItsBackgroundProcess) {
+  StartWork();
+  for (const bool killsTool : {true, false}) {
+    NewTethers();
+    NamedEvent started;
+    const std::string tool = UniqueName("tool");
+    const std::string background = UniqueName("background");
+    Child client = StartTool({"background",
+                              "session",
+                              "note",
+                              folder_.File(background),
+                              ",",
+                              "await",
+                              never_->Name(),
+                              "then",
+                              "note",
+                              folder_.File(tool),
+                              ",",
+                              "fill",
+                              "100000",
+                              "50000",
+                              ",",
+                              "signal",
+                              started.Name(),
+                              ",",
+                              "await",
+                              release_->Name(),
+                              ",",
+                              "exit",
+                              "6"});
+    ASSERT_TRUE(started.Wait(kKillLimitMs));
+    ASSERT_TRUE(BecomesTrue([&] { return never_->IsHeld(); }));
+    KillProcess(NotedId(killsTool ? tool : background));
+    if (!killsTool) {
+      EXPECT_TRUE(BecomesTrue([&] { return !never_->IsHeld(); }));
+      release_->Signal();
+    }
+    EXPECT_EQ(client.Wait(), killsTool ? 137 : 6);
+    ExpectJobGone();
+    EXPECT_EQ(client.Errors().size(), 50000u);  // what it wrote until then
+    PlaceCount(id_).Expect(kPlaces);
+  }
+  EXPECT_EQ(StopMaster(), 0);
+  ExpectNothingLeft();
+}
+
+// A master that has been told to stop waits for the tool that runs.
+TEST_F(KillMatrix, SomebodyWhileTheMasterStops) {
+  for (const bool killsMaster : {false, true}) {
+    StartWork();
+    NewTethers();
+    Child client = StartRunning(false);
+    const int stops = LogCount("Build Stopped");
+    SignalStop();
+    ASSERT_TRUE(BecomesTrue([&] { return LogCount("Build Stopped") > stops; }));
+    if (killsMaster) {
+      Master().Kill();
+    } else {
+      client.Kill();
+      // With its tool gone it need not wait any longer.
+      EXPECT_EQ(Master().Wait(20000), 0);
+    }
+    ExpectJobGone();
+    client.CloseInput();
+    client.Wait();
+    ExpectNothingLeft();
+  }
+}
+
+// The build command holds the one place; a client beside it, which does not end with dorn, waits for it.
+TEST_F(KillMatrix, DornWithAClientThatWaitsForAPlace) {
+  WriteSettings("MaxStubs=int:1\n\n[Extensions]\nReclaimPlaces=bool:true\n");
+  NamedEvent started;
+  Child dorn = Child::Start({ProgramPath("dorn"), "--id", id_, ProgramPath("kestrun"), tool_, "signal", started.Name(),
+                             ",", "background", "session", "await", neverStarted_.Name(), "then", "hold"},
+                            WithEnvironment({}));
+  ASSERT_TRUE(started.Wait(kKillLimitMs)) << dorn.Errors();
+  Child waiting = StartTool({"exit", "0"});
+  AwaitPlaceState(waiting.Pid(), PlaceState::kAsking);
+  dorn.Kill();
+  EXPECT_EQ(waiting.Wait(), 1);
+  EXPECT_EQ(waiting.Errors(), "KESTRUN: error: the master instance of Kestrun has ended - aborting...\n");
+  ExpectNothingLeft();
+}
+
+}  // namespace
+}  // namespace kestrun::test
