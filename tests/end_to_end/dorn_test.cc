@@ -28,7 +28,8 @@ TEST_F(Dorn, WritesAFirstSettingsFileAndKeepsOneThatIsThere) {
   EXPECT_NE(first.errors.find("Zelvo.ini"), std::string::npos);
   const std::string written = folder_.Read("common/DORN/Zelvo.ini");
   EXPECT_NE(written.find("MaxConcurrentJobs=int:"), std::string::npos);
-  for (const char* name : {"EagerScheduling", "CancelOrphanedJobs", "EnforceJobTimeout", "DiscardOutput"}) {
+  for (const char* name :
+       {"EagerScheduling", "CancelOrphanedJobs", "EnforceJobTimeout", "DiscardOutput", "ReclaimPlaces"}) {
     EXPECT_NE(written.find(std::string(name) + "=bool:true"), std::string::npos) << name;
   }
 
