@@ -155,12 +155,26 @@ class RandomKills : public Build {
 
   void KillOne() {
     const u32 choice = Random(100);
-    const std::size_t index = Random(static_cast<u32>(clients_.size()));
     if (choice < 2) return KillMaster();
-    if (choice < 50 && std::any_of(clients_.begin(), clients_.end(), [&](Client& c) { return KillToolOf(c); })) return;
+    if (choice < 25) return KillTool();
+    if (choice < 50) AwaitCompletion();
+    const std::size_t index = Random(static_cast<u32>(clients_.size()));
     clients_[index].child.Kill();
     ++clientKills_;
     Bury(index);
+  }
+
+  // So that work is done between the kills, however slow the machine is.
+  void AwaitCompletion() {
+    const unsigned before = completed_;
+    EXPECT_TRUE(BecomesTrue([&] { return KeepWorking(), completed_ > before; }));
+  }
+
+  void KillTool() {
+    EXPECT_TRUE(BecomesTrue([&] {
+      KeepWorking();
+      return std::any_of(clients_.begin(), clients_.end(), [&](Client& client) { return KillToolOf(client); });
+    }));
   }
 
   // The tool of a client that waits is there until it is released, and so is its background process.
