@@ -127,7 +127,11 @@ class KillMatrix : public Build {
     auto occupant = std::make_shared<Child>(StartRunning(true));
     Scene scene{StartStill({"job", tool_, "signal " + neverStarted_.Name()})};
     EXPECT_TRUE(BecomesTrue([&] { return LogCount("Scheduled build-job") == scheduled + 2; }));
-    scene.after = [this, occupant] {
+    const int cancelled = LogCount("Jobs of a lost stub cancelled");
+    scene.after = [this, occupant, cancelled] {
+      // A master that lives has noticed before it has a thread for the job.
+      EXPECT_TRUE(
+          BecomesTrue([&] { return LogCount("Jobs of a lost stub cancelled") > cancelled || Master().EndsWithin(0); }));
       release_->Signal();
       occupant->Wait();
       EXPECT_FALSE(neverStarted_.Wait(0));

@@ -13,7 +13,7 @@ TEST_F(Dorn, LeavesNothingBehindAfterAnInterrupt) {
 }
 
 // The build command hears of it and ends by itself: dorn passes its exit code, where one ended by force gives 130.
-TEST_F(Dorn, EndsTheBuildInOrderWhenItAloneIsToldToEnd) {
+TEST_F(Dorn, LeavesNothingBehindWhenItAloneIsToldToEnd) {
   RunningBuild build = StartBuild();
   kill(static_cast<pid_t>(build.dorn.Pid()), SIGTERM);
   ExpectAllGone(build);
