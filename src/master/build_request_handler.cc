@@ -42,9 +42,9 @@ bool HasEnvironment(const Message& request, const Environment& environment) {
 
 }  // namespace
 
-BuildRequestHandler::BuildRequestHandler(IniFile* settings, const Options& options, MessageDispatcher* dispatcher,
+BuildRequestHandler::BuildRequestHandler(IniFile*, const Options& options, MessageDispatcher* dispatcher,
                                          Functor0<void>::Type onJob)
-    : dispatcher_(dispatcher), settings_(settings), options_(options), onJob_(std::move(onJob)) {
+    : dispatcher_(dispatcher), options_(options), onJob_(std::move(onJob)) {
   rc_ptr<Thread> thread = new Thread("BuildRequestThread");
   if (thread->Start(MakeDelegate(&BuildRequestHandler::HandleRequests, this))) threads_.push_back(thread);
 }

@@ -52,7 +52,6 @@ class BuildRequestHandler {
   void Refuse(const Message& request, const std::string& reason);
 
   MessageDispatcher* const dispatcher_;
-  IniFile* const settings_;
   const Options options_;
   const Functor0<void>::Type onJob_;
   BlockingQueue<rc_ptr<Message>> requests_;  // an empty pointer ends the thread

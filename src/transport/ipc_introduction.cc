@@ -98,8 +98,9 @@ bool IpcSocket::ReadReply(std::string& connectionName, u32 timeoutMs) {
   char reply[kReplySize] = {};
   const u32 count = ReadRing(reply, sizeof reply, timeoutMs);
   if (count <= kReplyHeaderSize || reply[0] != kReply) return false;
-  const int length = static_cast<signed char>(reply[1]);
-  if (length <= 0 || static_cast<u32>(length) + kReplyHeaderSize > count) return false;
+  const int announced = static_cast<signed char>(reply[1]);
+  const u32 length = announced > 0 ? static_cast<u32>(announced) : 0;
+  if (length == 0 || length + kReplyHeaderSize > count) return false;
   reply[kReplyHeaderSize + length] = '\0';
   connectionName = reply + kReplyHeaderSize;
   return true;

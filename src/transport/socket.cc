@@ -41,10 +41,9 @@ int WaitUntilWritable(SOCKET descriptor, u32 timeoutMs) {
 
 }  // namespace
 
-Socket::Socket(int family, int type)
-    : descriptor_(static_cast<u32>(Create(family, type))), family_(family), type_(type) {}
+Socket::Socket(int family, int type) : descriptor_(static_cast<u32>(Create(family, type))), type_(type) {}
 
-Socket::Socket(u32 descriptor, int family, int type) : descriptor_(descriptor), family_(family), type_(type) {
+Socket::Socket(u32 descriptor, int, int type) : descriptor_(descriptor), type_(type) {
   if (descriptor == kInvalidDescriptor) throw SocketException("Bad socket handle passed to Socket ctor");
 }
 

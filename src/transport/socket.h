@@ -83,7 +83,6 @@ class Socket : public rc_base {
   CriticalSection addressLock_;
   SocketAddress peerAddress_;  // guarded by addressLock_
   std::atomic<u32> descriptor_;
-  const int family_;
   const int type_;
   SocketAddress localAddress_;                    // guarded by addressLock_
   std::atomic<bool> isBroadcastEnabled_ = false;  // never goes back to false

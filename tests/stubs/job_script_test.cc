@@ -4,79 +4,15 @@
 
 #include <random>
 
+#include "slow_script.h"
 #include "support/child.h"
 
 namespace kestrun {
 namespace {
 
-// Jobs as text, so that a failure can be read: echo{tool|arguments} for each.
-std::string Show(const std::vector<ScriptJob>& jobs) {
-  std::string shown;
-  for (const ScriptJob& job : jobs) shown += job.echoText + "{" + job.tool + "|" + job.arguments + "}";
-  return shown;
-}
 std::string Jobs(const std::string& text) {
-  return Show(ParseJobScript(text));
+  return test::ShowJobs(ParseJobScript(text));
 }
-
-// A slow reading of the line rules, one character at a time.
-class SlowScript {
- public:
-  explicit SlowScript(const std::string& text) : text_(text) {}
-
-  std::string Show() {
-    while (SkipLineEnds()) {
-      std::string line = TakePiece();
-      while (!line.empty() && line.back() == '\\' && position_ < text_.size()) {
-        line.back() = ' ';
-        SkipLineEnds();
-        line += TakePiece();
-      }
-      Classify(line);
-    }
-    return shown_;
-  }
-
- private:
-  bool IsLineEnd() const { return text_[position_] == '\r' || text_[position_] == '\n'; }
-  bool SkipLineEnds() {
-    while (position_ < text_.size() && IsLineEnd()) ++position_;
-    return position_ < text_.size();
-  }
-  std::string TakePiece() {
-    std::string piece;
-    while (position_ < text_.size() && !IsLineEnd()) piece += text_[position_++];
-    return piece;
-  }
-  static void DropBlanks(std::string& line) {
-    while (!line.empty() && (line[0] == ' ' || line[0] == '\t')) line.erase(0, 1);
-  }
-  void Classify(std::string line) {
-    DropBlanks(line);
-    if (line.empty() || line[0] == '#' || line[0] == ';') return;
-    if (line.substr(0, 4) == "echo") {
-      line.erase(0, 4);
-      DropBlanks(line);
-      echo_ += line + "\r\n";
-      return;
-    }
-    const char end = line[0] == '"' ? '"' : ' ';
-    if (end == '"') line.erase(0, 1);
-    std::string tool;
-    while (!line.empty() && line[0] != end) {
-      tool += line[0];
-      line.erase(0, 1);
-    }
-    if (!line.empty()) line.erase(0, 1);
-    shown_ += echo_ + "{" + tool + "|" + line + "}";
-    echo_.clear();
-  }
-
-  const std::string text_;
-  std::size_t position_ = 0;
-  std::string echo_;
-  std::string shown_;
-};
 
 TEST(JobScript, HoldsNoJobsWithoutJobLines) {
   for (const char* text : {"", "\r\n\n", "# cl a\n;cl b\n \t# c\n", "echo only\n", " \t \n"}) {
@@ -113,7 +49,7 @@ TEST(JobScript, AgreesWithASlowReadingOfTheRules) {
   for (int round = 0; round < 20000; ++round) {
     std::string text;
     for (auto i = random() % 14; i > 0; --i) text += pieces[random() % std::size(pieces)];
-    ASSERT_EQ(Jobs(text), SlowScript(text).Show()) << testing::PrintToString(text);
+    ASSERT_EQ(Jobs(text), test::SlowScript(text).Show()) << testing::PrintToString(text);
   }
 }
 

@@ -5,48 +5,10 @@
 #include <random>
 
 #include "../tool_process.h"
+#include "slow_split.h"
 
 namespace kestrun::platform {
 namespace {
-
-using Words = std::vector<std::string>;
-
-// The rules for one argument, spelled out character by character: how many backslashes stand before each quote decides.
-std::string SlowArgument(const std::string& text, std::size_t& at) {
-  std::string argument;
-  bool quoted = false;
-  for (; at < text.size(); ++at) {
-    std::size_t backslashes = 0;
-    while (at + backslashes < text.size() && text[at + backslashes] == '\\') ++backslashes;
-    const bool beforeQuote = at + backslashes < text.size() && text[at + backslashes] == '"';
-    if (backslashes > 0) {
-      argument += std::string(beforeQuote ? backslashes / 2 : backslashes, '\\');
-      at += backslashes;
-      if (!beforeQuote || backslashes % 2 == 0) {
-        --at;
-        continue;
-      }
-      argument += '"';
-    } else if (text[at] == '"' && quoted && text.compare(at, 2, "\"\"") == 0) {
-      argument += '"';
-      ++at;
-    } else if (text[at] == '"') {
-      quoted = !quoted;
-    } else if (!quoted && (text[at] == ' ' || text[at] == '\t')) {
-      break;
-    } else {
-      argument += text[at];
-    }
-  }
-  return argument;
-}
-
-Words SlowSplit(const std::string& text) {
-  Words words{"p"};
-  std::size_t at = 1;
-  while ((at = text.find_first_not_of(" \t", at)) != std::string::npos) words.push_back(SlowArgument(text, at));
-  return words;
-}
 
 class Generator {
  public:

@@ -1,0 +1,18 @@
+// Command lines as programs split them: like the slow reading of the rules, and what was joined is split into what it
+// was.
+//
+// Input: a line; and the same bytes as arguments, each up to the byte 0xFF.
+#include "fuzz_input.h"
+#include "platform/linux/command_line.h"
+#include "platform/linux/slow_split.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const kestrun::u8* data, std::size_t size) {
+  using namespace kestrun;
+  using namespace kestrun::platform;
+  const std::string line = "p " + fuzz::Input(data, size).Rest();
+  FUZZ_REQUIRE(SplitCommandLine(line) == SlowSplit(line));
+  Words words{"a program"};
+  for (fuzz::Input input(data, size); !input.IsEmpty();) words.push_back(input.Piece());
+  FUZZ_REQUIRE(SplitCommandLine(JoinCommandLine(words)) == words);
+  return 0;
+}
