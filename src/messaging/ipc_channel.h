@@ -23,7 +23,7 @@ class IpcChannel : public MessageChannel {
   std::int64_t GetLastActivity() override;
   bool ReadInto(MemoryStream& buffer, int timeoutMs) override;
 
- private:
+ protected:
   const rc_ptr<IpcSocket> socket_;
 };
 

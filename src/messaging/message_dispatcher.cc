@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "messaging/ipc_acceptor.h"
-#include "messaging/ipc_channel.h"
+#include "messaging/served_ipc_channel.h"
 #include "runtime/log.h"
 #include "runtime/thread.h"
 
@@ -90,14 +90,21 @@ bool MessageDispatcher::OpenIpcRoad() {
   return false;
 }
 
-// A client may give its place to the next one before its own channel is seen to have ended.
+// A client may give its place to the next one before its own channel is seen to have ended. Whoever holds a place and
+// says nothing keeps it only while there are others.
 bool MessageDispatcher::HasRoom() {
   static_assert(kMaxIpcChannels == MAXIMUM_WAIT_OBJECTS - 2);
   const Lock lock(channelsLock_);
   const auto count = std::count_if(channels_.begin(), channels_.end(), [](const auto& entry) {
     return entry.second->GetHandleType() == Reactor::kWaitable;
   });
-  return count < std::ptrdiff_t{kMaxIpcChannels};
+  if (count < std::ptrdiff_t{kMaxIpcChannels}) return true;
+  // One at a time; the next pass, a second from now at most, sees its place free.
+  for (const auto& entry : channels_) {
+    auto* const channel = dynamic_cast<ServedIpcChannel*>(entry.second.Get());
+    if (channel != nullptr && channel->GiveWay()) break;
+  }
+  return false;
 }
 
 void MessageDispatcher::RunWaitLoop() {
@@ -204,7 +211,7 @@ void MessageDispatcher::TellClients(u32 type, const Address& address) {
 
 bool MessageDispatcher::OnNewIpcConnection(IpcSocket* socket) {
   if (socket == nullptr) return false;
-  if (RegisterChannel(new IpcChannel(socket))) return true;
+  if (RegisterChannel(new ServedIpcChannel(socket))) return true;
   ReportError("Could not register IpcChannel in OnNewIpcConnection()");
   return false;
 }

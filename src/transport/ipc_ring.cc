@@ -161,6 +161,13 @@ bool IpcRing::SeemsEmpty() const {
   return header_ == nullptr || Load(header_->writeIndex) == Load(header_->readIndex);
 }
 
+u32 IpcRing::GetFree() {
+  if (header_ == nullptr) return 0;
+  const MutexLock locked(&lock_);
+  Indices indices{};
+  return ReadIndices(indices) ? indices.Free() : 0;
+}
+
 u32 IpcRing::GetAttachCount() const {
   return header_ != nullptr ? Load(header_->attachCount) : 0;
 }

@@ -73,6 +73,8 @@ class IpcRing {
   u32 GetUsed();
   // The same as a glance, without the lock: what it tells may have changed already.
   bool SeemsEmpty() const;
+  // Bytes that a Write would take without a wait.
+  u32 GetFree();
   u32 GetAttachCount() const;
   // How often an end has attached since the ring was made, modulo 65536.
   u16 GetAttachTotal() const;

@@ -167,6 +167,11 @@ u32 IpcSocket::GetAvailable() {
   return input_ != nullptr ? input_->GetUsed() : 0;
 }
 
+u32 IpcSocket::GetRoom() {
+  const Lock lock(outputLock_);
+  return output_ != nullptr ? output_->GetFree() : 0;
+}
+
 u32 IpcSocket::GetAttachCount() {
   const Lock lock(isAccepting_ ? inputLock_ : outputLock_);
   const auto& ring = isAccepting_ ? input_ : output_;

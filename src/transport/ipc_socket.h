@@ -92,6 +92,10 @@ class IpcSocket : public rc_base {
 
   // Bytes that can be read without a wait.
   u32 GetAvailable();
+  // Bytes that can be written without a wait. Waits for a writer that is under way.
+  u32 GetRoom();
+  // Takes the peer for gone: the next read, write or wait handle request finds it so.
+  void GiveUp() { LosePeer(); }
   // Ends attached to the ring that the connector writes; 0 without one.
   u32 GetAttachCount();
   const std::string& GetName() const { return name_; }

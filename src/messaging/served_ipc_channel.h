@@ -1,0 +1,55 @@
+// The master's end of a client's channel: whatever the client does or does not do, nobody else waits for it.
+//
+// Send never waits for the client to read. What finds room in the ring goes out on the caller's thread; once a message
+// finds none, it and those behind it are queued, and a thread of the channel's own sends them in order and ends with
+// the last. The queue has no bound: it holds what the client's own jobs have put out. A true result means sent or
+// queued.
+//
+// Close gives up what is queued. It waits for that thread, which the closing of the socket ends at once.
+#ifndef KESTRUN_MESSAGING_SERVED_IPC_CHANNEL_H_
+#define KESTRUN_MESSAGING_SERVED_IPC_CHANNEL_H_
+
+#include <atomic>
+#include <deque>
+
+#include "messaging/ipc_channel.h"
+#include "runtime/critical_section.h"
+#include "runtime/thread.h"
+
+namespace kestrun {
+
+class ServedIpcChannel : public IpcChannel {
+ public:
+  // The socket was accepted just now.
+  explicit ServedIpcChannel(rc_ptr<IpcSocket> socket);
+  ~ServedIpcChannel() override;
+
+  bool Send(rc_ptr<Message> message) override;
+  bool Register(Reactor* reactor, MessageDelegate delegate) override;
+  void Close() override;
+
+  // For when places run out: ends a connection that has stood for some seconds and has not brought one message, as if
+  // its client had gone. True if it was such a one. From any thread; waits for nothing.
+  bool GiveWay();
+
+ private:
+  void OnMessage(rc_ptr<Message> message, MessageChannel* channel);
+  bool FindsRoom(const Message& message);
+  bool Queue(const rc_ptr<Message>& message);
+  void SendQueued();
+  rc_ptr<Message> NextQueued();
+
+  const u32 acceptedAt_;  // by the tick count
+  std::atomic<bool> hasSpoken_{false};
+  MessageDelegate delegate_;
+  CriticalSection queueLock_;  // taken before everything of the transport; not held while that waits
+  // Guarded by queueLock_.
+  bool isClosed_ = false;
+  bool isSending_ = false;
+  std::deque<rc_ptr<Message>> queue_;
+  rc_ptr<Thread> sender_;  // the last one that was started; it may have ended
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MESSAGING_SERVED_IPC_CHANNEL_H_
