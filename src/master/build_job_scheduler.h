@@ -41,12 +41,16 @@ namespace kestrun {
 // table of running tools, which has a lock of its own, and a job's mark that it is cancelled.
 class BuildJobScheduler {
  public:
-  // Starts the local build threads; 0 counts as 1. The dispatcher outlives the scheduler.
+  // Starts the local build threads; 0 counts as 1, and those that the system refuses are done without. The dispatcher
+  // outlives the scheduler.
   BuildJobScheduler(u32 maxConcurrentJobs, IniFile* settings, MessageDispatcher* dispatcher);
   // Stops the threads if Stop has not.
   ~BuildJobScheduler();
   BuildJobScheduler(const BuildJobScheduler&) = delete;
   BuildJobScheduler& operator=(const BuildJobScheduler&) = delete;
+
+  // False if not one could be started.
+  bool HasThreads() const { return !localThreads_.empty(); }
 
   void AddJob(const rc_ptr<BuildJob>& job);
   void ScheduleIfPending();

@@ -33,6 +33,9 @@ class BuildRequestHandler {
   BuildRequestHandler(const BuildRequestHandler&) = delete;
   BuildRequestHandler& operator=(const BuildRequestHandler&) = delete;
 
+  // False if the thread could not be started: nothing will become a job.
+  bool HasThread() const { return !threads_.empty(); }
+
   // Never blocks. From the message thread.
   void SubmitRequest(const rc_ptr<Message>& request);
   // The next job that is ready, or an empty pointer; never waits. From the message thread.

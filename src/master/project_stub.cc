@@ -22,6 +22,7 @@ namespace kestrun {
 
 namespace {
 
+constexpr const char* kNoThreads = "The master cannot start its threads: too little memory, or too many processes.";
 constexpr const char* kInstanceEvent = "Global\\dorn_kr_project_stub";
 constexpr const char* kEventsCondition = "PLOVR2_WAIT_FOR_EVENTS_CONDITION";
 constexpr u32 kDefaultMaxConcurrentJobs = 30;
@@ -78,10 +79,11 @@ ProjectStub::ProjectStub(IniFile& settings, const Options& options)
   OpenPlaces(settings);
   dispatcher_.AddErrorListener(MakeDelegate(&ProjectStub::OnDispatcherError, this));
   dispatcher_.AddReactorErrorListener(MakeDelegate(&ProjectStub::OnReactorError, this));
-  dispatcher_.AddClient(kMasterService, MakeDelegate(&ProjectStub::HandleMessage, this), 1);
+  hasThreads_ = dispatcher_.AddClient(kMasterService, MakeDelegate(&ProjectStub::HandleMessage, this), 1) &&
+                scheduler_.HasThreads() && requestHandler_.HasThread();
   SocketStream::SetDefaultTimeout(kSocketWriteLimitMs);
   SetEnvironmentVariableA("KESTRUN_ID", id_.c_str());
-  if (options_.stopEvent != nullptr) StartWaitThread();
+  if (options_.stopEvent != nullptr && !StartWaitThread()) hasThreads_ = false;
 }
 
 ProjectStub::~ProjectStub() {
@@ -109,11 +111,13 @@ void ProjectStub::OpenPlaces(IniFile& settings) {
   clientAccess_ = std::make_unique<Semaphore>(static_cast<i32>(places), GetAccessName(id_).c_str());
 }
 
-void ProjectStub::StartWaitThread() {
+bool ProjectStub::StartWaitThread() {
   eventsCondition_ = std::make_unique<Condition>(kEventsCondition);
   waitThreadEnd_ = std::make_unique<Condition>();
   rc_ptr<Thread> thread = new Thread("WaitForEventsThread");
-  if (thread->Start(MakeDelegate(&ProjectStub::WaitForEvents, this))) waitThread_ = thread;
+  if (!thread->Start(MakeDelegate(&ProjectStub::WaitForEvents, this))) return false;
+  waitThread_ = thread;
+  return true;
 }
 
 int ProjectStub::Run() {
@@ -122,10 +126,15 @@ int ProjectStub::Run() {
     PrintError("Another instance of Kestrun is already running.");
     return 1;
   }
+  if (!hasThreads_) {
+    PrintError(kNoThreads);
+    return 1;
+  }
   EventTimer timer("event timer");
   timer.Start();
   WriteMasterLog(Log::Info, "========== Client Build Started ==========", {{"version", OwnVersion()}});
-  dispatcher_.Run();
+  // An error of the dispatcher is in the log; this one is for whoever started the master.
+  if (dispatcher_.Run() != 0) PrintError("The dispatcher has ended with an error.");
   dispatcher_.Close();
   timer.Stop();
   LogFinished(timer.GetElapsed());

@@ -32,7 +32,8 @@ class ProjectStub : public StubBase {
   ProjectStub(IniFile& settings, const Options& options);
   ~ProjectStub() override;
 
-  // 1 if another master runs already; otherwise 0 after a stop that was asked for, 1 after one for an error.
+  // 1 if another master runs already, or if the threads of this one could not be started; otherwise 0 after a stop that
+  // was asked for, 1 after one for an error.
   int Run() override;
   void Stop(const std::string& reason) override;
 
@@ -53,7 +54,7 @@ class ProjectStub : public StubBase {
   void StopBuild(int code, const std::string& reason);
   void Shutdown();
   void WaitForEvents();
-  void StartWaitThread();
+  bool StartWaitThread();
   // Empty unless the settings ask for eager scheduling.
   Functor0<void>::Type MakeJobListener(IniFile& settings);
   void OpenPlaces(IniFile& settings);
@@ -67,6 +68,7 @@ class ProjectStub : public StubBase {
   std::atomic<i32> exitCode_{0};
   std::atomic<bool> isStarted_{false};
   CriticalSection handlingLock_;  // held while a message is handled
+  bool hasThreads_ = true;        // constant after construction
   bool isEnding_ = false;         // guarded by handlingLock_: the destructor has come, messages are dropped
   MessageDispatcher dispatcher_;
   FailureList failures_;  // message thread; read by Run once that thread has ended

@@ -9,9 +9,7 @@ constexpr u32 kStopLimitMs = 60000;
 }  // namespace
 
 MessageDispatcher::Client::Client(u32 id, MessageHandler handler, u32 threads)
-    : id_(id), handler_(std::move(handler)), pool_("MessageDispatcher::Client") {
-  pool_.Start(threads);
-}
+    : id_(id), handler_(std::move(handler)), pool_("MessageDispatcher::Client"), hasThreads_(pool_.Start(threads)) {}
 
 MessageDispatcher::Client::~Client() {
   Stop();

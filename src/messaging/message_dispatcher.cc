@@ -40,6 +40,7 @@ MessageDispatcher::~MessageDispatcher() {
 
 bool MessageDispatcher::AddClient(u32 id, MessageHandler handler, u32 threads) {
   const rc_ptr<Client> client(new Client(id, std::move(handler), threads));
+  if (!client->HasThreads()) return false;
   const Lock lock(clientsLock_);
   clients_.push_back(client);
   return true;
@@ -63,16 +64,20 @@ int MessageDispatcher::Run() {
   if (!OpenSocketRoad() || !OpenIpcRoad()) return -1;
   reactor_.AddCloseListener(MakeDelegate(&MessageDispatcher::OnHandlerClosed, this));
   const rc_ptr<Thread> waitLoop(new Thread("Wait loop"));
-  waitLoop->Start(MakeDelegate(&MessageDispatcher::RunWaitLoop, this));
   const rc_ptr<Thread> init(new Thread("dispatcher init"));
-  init->Start(MakeDelegate(&MessageDispatcher::Announce, this));
+  const bool hasThreads = waitLoop->Start(MakeDelegate(&MessageDispatcher::RunWaitLoop, this)) &&
+                          init->Start(MakeDelegate(&MessageDispatcher::Announce, this));
+  if (!hasThreads) {
+    ReportError("Could not start the threads of the dispatcher");
+    reactor_.Stop();
+  }
   const bool isStopped = reactor_.RunSelectLoop(kLoopTimeoutMs);
   reactor_.Stop();
   ended_.Signal();
   waitLoop->Wait(kNoLimit);
   init->Wait(kNoLimit);
   StopAllActivity();
-  return isStopped ? 0 : -1;
+  return isStopped && hasThreads ? 0 : -1;
 }
 
 void MessageDispatcher::Stop() {

@@ -76,7 +76,8 @@ class MessageDispatcher {
   MessageDispatcher(const MessageDispatcher&) = delete;
   MessageDispatcher& operator=(const MessageDispatcher&) = delete;
 
-  // Before Run. A handler that throws a SystemException is reported by its pool, which goes on.
+  // Before Run. A handler that throws a SystemException is reported by its pool, which goes on. False if its threads
+  // can't be had.
   virtual bool AddClient(u32 id, MessageHandler handler, u32 threads);
   // By UDP, where there is a socket for it; otherwise nothing.
   virtual void Broadcast(rc_ptr<Message> message, u16 port);
@@ -150,6 +151,7 @@ class MessageDispatcher::Client : public rc_base {
   ~Client() override;
 
   u32 GetId() const { return id_; }
+  bool HasThreads() const { return hasThreads_; }
   // At the back of the queue.
   void Enqueue(const rc_ptr<Message>& message);
   // What still waits is dropped. False if a handler is not done within 60 s.
@@ -159,6 +161,7 @@ class MessageDispatcher::Client : public rc_base {
   const u32 id_;
   const MessageHandler handler_;
   ThreadPool<Functor0<void>::Type> pool_;
+  const bool hasThreads_;
 };
 
 // Posts a message when its time has come. The reactor owns it and lets go of it once it has fired.

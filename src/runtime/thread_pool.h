@@ -37,8 +37,8 @@ class ThreadPool {
   // ends the process or keeps the pool.
   virtual ~ThreadPool() { Stop(kStopTimeoutMs); }
 
-  // Called once, before the first Queue.
-  void Start(u32 threadCount);
+  // Called once, before the first Queue. False if the system has refused a worker; those that it gave run.
+  bool Start(u32 threadCount);
 
   // An urgent item goes ahead of all that have not begun. Always true.
   bool Queue(Item item, bool urgent);
@@ -67,14 +67,16 @@ class ThreadPool {
 };
 
 template <class Item>
-void ThreadPool<Item>::Start(u32 threadCount) {
+bool ThreadPool<Item>::Start(u32 threadCount) {
   hasWorkers_ = threadCount > 0;
+  bool isComplete = true;
   auto work = MakeDelegate(&ThreadPool::Work, this);
   for (int index = 0; index < static_cast<int>(threadCount); ++index) {
     rc_ptr<Thread> worker(CreateWorker(index));
-    worker->Start(MakeClosure(work, index), Thread::kNormalPriority);
+    if (!worker->Start(MakeClosure(work, index), Thread::kNormalPriority)) isComplete = false;
     threads_.push_back(worker);
   }
+  return isComplete;
 }
 
 template <class Item>

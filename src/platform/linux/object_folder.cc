@@ -58,6 +58,11 @@ class ObjectFolder {
   // After ENOENT for a file that was to be made: the folder itself may be gone. `stale` is the descriptor used.
   int OpenAgain(int stale) { return Open(stale); }
 
+  void ReportUnusable(const std::string& cause) {
+    std::lock_guard<std::mutex> guard(lock_);
+    Refuse(cause);
+  }
+
  private:
   int Open(int stale) {
     std::lock_guard<std::mutex> guard(lock_);
@@ -137,6 +142,10 @@ FileDescriptor OpenObjectFile(const std::string& leaf, int flags) {
   }
   if (fd < 0) SetLastError(Win32ErrorFromErrno(errno));
   return FileDescriptor(fd);
+}
+
+void ReportUnusableFolder(const std::string& cause) {
+  ObjectFolder::Get().ReportUnusable(cause);
 }
 
 int ReserveSpace(int fd, std::uint64_t offset, std::uint64_t size) {

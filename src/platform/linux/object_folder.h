@@ -19,6 +19,9 @@ namespace kestrun::platform {
 // is given, it is made again.
 FileDescriptor OpenObjectFile(const std::string& leaf, int flags);
 
+// A line on the standard error stream that names the folder and says why it can't serve; the first cause only.
+void ReportUnusableFolder(const std::string& cause);
+
 // Gives the file room for `size` bytes from `offset` on and takes the memory for them now, so that a full file system
 // is an error here and not a fatal signal at a later store. 0 or an errno value.
 int ReserveSpace(int fd, std::uint64_t offset, std::uint64_t size);

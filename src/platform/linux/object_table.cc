@@ -100,6 +100,7 @@ std::string Hex(std::uint64_t value) {
 }
 
 bool FailWith(int error) {
+  if (error == ENOSPC) ReportUnusableFolder(std::strerror(error));
   SetLastError(Win32ErrorFromErrno(error));
   return false;
 }
@@ -194,7 +195,12 @@ ObjectTable* ObjectTable::Enter() {
     std::unique_ptr<ObjectTable> table;
     const Gate gate(file.get());
     struct stat status {};
-    if (!gate || fstat(file.get(), &status) != 0) return FailWith(errno), nullptr;
+    if (!gate || fstat(file.get(), &status) != 0) {
+      const int error = errno;
+      // Not every file system has these locks, nor every sandbox.
+      if (!gate) ReportUnusableFolder(std::string("its files cannot be locked: ") + std::strerror(error));
+      return FailWith(error), nullptr;
+    }
     if (status.st_nlink == 0) continue;
     const auto size = static_cast<std::size_t>(status.st_size);
     const int error = size < kFixedPart ? ReserveSpace(file.get(), 0, kFixedPart) : 0;

@@ -1,0 +1,28 @@
+// Narrower surroundings than a program is used to, laid around a command by the process that then becomes it.
+#ifndef KESTRUN_TESTS_END_TO_END_LINUX_SURROUNDINGS_H_
+#define KESTRUN_TESTS_END_TO_END_LINUX_SURROUNDINGS_H_
+
+#include <string>
+
+#include "support/child.h"
+
+namespace kestrun::test {
+
+// The command line that runs COMMAND in the surroundings of these words, which are applied in their order:
+//
+//   refuse:NUMBER[:COMMAND]=ERROR   the system call of this number fails with ERROR; with COMMAND only where that is
+//   its
+//                                   second argument
+//   processes=0                     no process can be made any more, threads can
+//   files=N  memory=N               the limits of open files, and of address space in bytes
+//   mount:FOLDER=SIZE               a temporary file system of SIZE bytes in the place of FOLDER; read-only if SIZE is
+//   0 user=N                          another user and group, with no privileges
+//
+// Ends with 77 and the reason if the system does not let us.
+Words Within(const Words& surroundings, const Words& command);
+
+inline constexpr int kNotPossible = 77;
+
+}  // namespace kestrun::test
+
+#endif  // KESTRUN_TESTS_END_TO_END_LINUX_SURROUNDINGS_H_

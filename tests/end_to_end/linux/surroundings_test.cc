@@ -1,0 +1,119 @@
+// A whole build where the system gives less than usual: it works, if more slowly, or it ends with a cause.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "../dorn_fixture.h"
+#include "surroundings.h"
+
+namespace kestrun::test {
+namespace {
+
+class Surroundings : public Dorn {
+ protected:
+  // A build of one job within the surroundings: dorn, its master, and a client.
+  RunResult RunBuild(const Words& surroundings, const ChildOptions& more = {}) {
+    ChildOptions options = Environment();
+    for (const auto& [name, value] : more.environment) options.environment[name] = value;
+    return test::Run(
+        Within(surroundings, {ProgramPath("dorn"), ProgramPath("kestrun"), tool_, "print", "built", ",", "exit", "7"}),
+        options);
+  }
+  static std::string Refuse(long call, int error) {
+    return "refuse:" + std::to_string(call) + "=" + std::to_string(error);
+  }
+  static void ExpectWorks(const RunResult& result, const char* what) {
+    EXPECT_EQ(result.exitCode, 7) << what << ": " << result.errors;
+    EXPECT_EQ(result.output, "built\n") << what;
+    EXPECT_EQ(result.errors, "") << what;
+  }
+  // Ended by itself, neither by a signal nor because somebody waited in vain for it, and said why.
+  static void ExpectFails(const RunResult& result, const std::string& cause, const std::string& what) {
+    EXPECT_NE(result.exitCode, 0) << what;
+    EXPECT_FALSE(result.exitCode > 128 && result.exitCode < 160) << what << ": " << result.exitCode;
+    EXPECT_EQ(result.errors.find("did not become ready"), std::string::npos) << what;
+    EXPECT_NE(result.errors.find(cause), std::string::npos) << what << ": " << result.errors;
+  }
+  static void ExpectWorksOrFails(const RunResult& result, const std::string& cause, const std::string& what) {
+    if (result.exitCode != 7 || result.output != "built\n") ExpectFails(result, cause, what);
+  }
+};
+
+TEST_F(Surroundings, WithoutNewSystemCallsOrPrioritiesItWorks) {
+  for (const int error : {ENOSYS, EPERM}) {
+    ExpectWorks(RunBuild({Refuse(SYS_pidfd_open, error), Refuse(SYS_close_range, error),
+                          Refuse(449 /* futex_waitv */, error), Refuse(SYS_setpriority, EPERM)}),
+                std::to_string(error).c_str());
+  }
+}
+
+TEST_F(Surroundings, WhereFilesCannotBeLockedItSaysSo) {
+  const auto refuse = [](int command) {
+    return "refuse:" + std::to_string(SYS_fcntl) + ":" + std::to_string(command) + "=" + std::to_string(EINVAL);
+  };
+  ExpectFails(RunBuild({refuse(F_OFD_SETLK), refuse(F_OFD_SETLKW)}), "its files cannot be locked: Invalid argument",
+              "");
+}
+
+TEST_F(Surroundings, AFewOpenFilesAreEnough) {
+  ExpectWorks(RunBuild({"files=256"}), "256");
+  for (const char* count : {"64", "40", "24", "12", "6"}) {
+    ExpectWorksOrFails(RunBuild({std::string("files=") + count}), "failed", count);
+  }
+}
+
+TEST_F(Surroundings, WhereNoProcessCanBeMadeItSaysSo) {
+  ExpectFails(RunBuild({"processes=0"}), "failed with error 8", "");
+}
+
+TEST_F(Surroundings, WithTooLittleMemoryItSaysSo) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers need more address space than any limit";
+#endif
+  for (const char* megabytes : {"600", "300", "200", "100", "60", "30"}) {
+    ExpectWorksOrFails(RunBuild({std::string("memory=") + megabytes + "000000"}), "error", megabytes);
+  }
+}
+
+TEST_F(Surroundings, AFullObjectFolderIsNamed) {
+  const std::string folder = folder_.File("tiny");
+  std::filesystem::create_directory(folder);
+  ChildOptions more;
+  more.environment["KESTRUN_OBJECT_DIR"] = folder + "/objects";
+  // From one in which nothing finds room, over those that hold no connection or just one.
+  for (const int kilobytes : {4, 16, 40, 80, 200, 300, 400, 500}) {
+    const std::string size = std::to_string(kilobytes * 1024);
+    const RunResult result = RunBuild({"mount:" + folder + "=" + size}, more);
+    if (result.exitCode == kNotPossible) GTEST_SKIP() << result.errors;
+    ExpectWorksOrFails(result, folder + "/objects for named objects: No space left on device", size);
+  }
+}
+
+TEST_F(Surroundings, TemporaryFolders) {
+  ChildOptions more;
+  more.environment["TMPDIR"] = "/dev/null";
+  ExpectWorks(RunBuild({}, more), "no temporary folder");
+  more.environment["TMPDIR"] = folder_.File("");
+  more.environment["KESTRUN_OBJECT_DIR"] = std::nullopt;
+  const RunResult result = RunBuild({"mount:/dev/shm=0"}, more);
+  if (result.exitCode == kNotPossible) GTEST_SKIP() << result.errors;
+  ExpectWorks(result, "/dev/shm read-only");
+  EXPECT_TRUE(std::filesystem::is_directory(folder_.File("kestrun-" + std::to_string(geteuid()))));
+  more.environment["TMPDIR"] = "/dev/null";
+  ExpectFails(RunBuild({"mount:/dev/shm=0"}, more), "/dev/null/kestrun-", "neither of the two");
+}
+
+TEST_F(Surroundings, AFullDiskUnderTheLog) {
+  ChildOptions more;
+  more.environment["KESTRUN_LOG"] = "/dev/full";
+  ExpectWorks(RunBuild({}, more), "/dev/full");
+  more.environment["KESTRUN_LOG"] = "/dev/null/log";
+  ExpectWorks(RunBuild({}, more), "/dev/null/log");
+}
+
+}  // namespace
+}  // namespace kestrun::test
