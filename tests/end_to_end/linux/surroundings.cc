@@ -8,12 +8,19 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <fstream>
 #include <iostream>
+
+#ifndef CLONE_NEWTIME
+#define CLONE_NEWTIME 0x80
+#endif
 
 namespace kestrun::test {
 namespace {
@@ -93,6 +100,23 @@ bool BecomeUser(unsigned id) {
   return setgroups(0, nullptr) == 0 && setresgid(id, id, id) == 0 && setresuid(id, id, id) == 0;
 }
 
+// The clock of a time name space, which only processes that are made after it see: the command is one, and this process
+// stays to pass its exit code on.
+bool SetTicks(unsigned long milliseconds) {
+  timespec now{};
+  if (clock_gettime(CLOCK_MONOTONIC, &now) != 0 || unshare(CLONE_NEWTIME) != 0) return false;
+  const long seconds = static_cast<long>(milliseconds / 1000) - now.tv_sec - 1;
+  const long nanoseconds = static_cast<long>(milliseconds % 1000) * 1'000'000 - now.tv_nsec + 1'000'000'000;
+  std::ofstream offsets("/proc/self/timens_offsets");
+  offsets << "monotonic " << seconds + nanoseconds / 1'000'000'000 << ' ' << nanoseconds % 1'000'000'000 << std::endl;
+  if (!offsets) return false;
+  const pid_t child = fork();
+  if (child <= 0) return child == 0;
+  int status = 0;
+  waitpid(child, &status, 0);
+  _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+}
+
 bool Apply(const Rule& rule) {
   if (rule.name == "refuse") return Refuse(rule.detail, static_cast<unsigned>(rule.value));
   if (rule.name == "processes") return RefuseProcesses();
@@ -100,6 +124,7 @@ bool Apply(const Rule& rule) {
   if (rule.name == "memory") return Limit(RLIMIT_AS, rule.value);
   if (rule.name == "mount") return Mount(rule.detail, rule.value);
   if (rule.name == "user") return BecomeUser(static_cast<unsigned>(rule.value));
+  if (rule.name == "ticks") return SetTicks(rule.value);
   errno = EINVAL;
   return false;
 }

@@ -10,13 +10,13 @@ namespace kestrun::test {
 
 // The command line that runs COMMAND in the surroundings of these words, which are applied in their order:
 //
-//   refuse:NUMBER[:COMMAND]=ERROR   the system call of this number fails with ERROR; with COMMAND only where that is
-//   its
-//                                   second argument
-//   processes=0                     no process can be made any more, threads can
-//   files=N  memory=N               the limits of open files, and of address space in bytes
-//   mount:FOLDER=SIZE               a temporary file system of SIZE bytes in the place of FOLDER; read-only if SIZE is
-//   0 user=N                          another user and group, with no privileges
+//   refuse:N=ERROR            the system call N fails with ERROR
+//   refuse:N:COMMAND=ERROR    the same where COMMAND is its second argument
+//   processes=0               no process can be made any more, threads can
+//   files=N  memory=N         the limits of open files, and of address space in bytes
+//   mount:FOLDER=SIZE         a new file system of SIZE bytes on FOLDER; read-only if SIZE is 0
+//   user=N                    another user and group, with no privileges
+//   ticks=N                   a system that has run for N milliseconds so far
 //
 // Ends with 77 and the reason if the system does not let us.
 Words Within(const Words& surroundings, const Words& command);

@@ -115,5 +115,15 @@ TEST_F(Surroundings, AFullDiskUnderTheLog) {
   ExpectWorks(RunBuild({}, more), "/dev/null/log");
 }
 
+TEST_F(Surroundings, ATickCountThatWrapsIsNotNoticed) {
+  // The wrap comes two seconds from now: the master is up by then, and the first job goes on beyond it.
+  const std::string ticks = "ticks=" + std::to_string((1ull << 32) - 2000);
+  const std::string kestrun = ProgramPath("kestrun");
+  const std::string build = kestrun + " /bin/sleep 3 && " + kestrun + " " + tool_ + " print built , exit 7";
+  const RunResult result = test::Run(Within({ticks}, {ProgramPath("dorn"), "/bin/sh", "-c", build}), Environment());
+  if (result.exitCode == kNotPossible) GTEST_SKIP() << result.errors;
+  ExpectWorks(result, "");
+}
+
 }  // namespace
 }  // namespace kestrun::test
