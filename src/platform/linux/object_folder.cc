@@ -1,6 +1,7 @@
 #include "platform/linux/object_folder.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -23,6 +24,10 @@ namespace {
 constexpr const char* kFolderVariable = "KESTRUN_OBJECT_DIR";
 constexpr const char* kSweepStamp = ".sweep";
 constexpr time_t kSweepIntervalSeconds = 60;
+
+// A file that would grow beyond the user's limit is an error of the call, as on a full disk, and does not end the
+// process. Tools start with every signal at its default.
+[[maybe_unused]] const auto kFilesTooLargeAreErrors = signal(SIGXFSZ, SIG_IGN);
 
 // It is never followed through a link.
 int OpenFolder(const std::string& path) {

@@ -100,7 +100,7 @@ std::string Hex(std::uint64_t value) {
 }
 
 bool FailWith(int error) {
-  if (error == ENOSPC) ReportUnusableFolder(std::strerror(error));
+  if (error == ENOSPC || error == EFBIG) ReportUnusableFolder(std::strerror(error));
   SetLastError(Win32ErrorFromErrno(error));
   return false;
 }

@@ -122,6 +122,7 @@ bool Apply(const Rule& rule) {
   if (rule.name == "processes") return RefuseProcesses();
   if (rule.name == "files") return Limit(RLIMIT_NOFILE, rule.value);
   if (rule.name == "memory") return Limit(RLIMIT_AS, rule.value);
+  if (rule.name == "filesize") return Limit(RLIMIT_FSIZE, rule.value);
   if (rule.name == "mount") return Mount(rule.detail, rule.value);
   if (rule.name == "user") return BecomeUser(static_cast<unsigned>(rule.value));
   if (rule.name == "ticks") return SetTicks(rule.value);

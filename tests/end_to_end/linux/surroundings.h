@@ -14,6 +14,7 @@ namespace kestrun::test {
 //   refuse:N:COMMAND=ERROR    the same where COMMAND is its second argument
 //   processes=0               no process can be made any more, threads can
 //   files=N  memory=N         the limits of open files, and of address space in bytes
+//   filesize=N                the limit of a file's size in bytes
 //   mount:FOLDER=SIZE         a new file system of SIZE bytes on FOLDER; read-only if SIZE is 0
 //   user=N                    another user and group, with no privileges
 //   ticks=N                   a system that has run for N milliseconds so far

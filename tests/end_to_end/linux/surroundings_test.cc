@@ -79,6 +79,12 @@ TEST_F(Surroundings, WithTooLittleMemoryItSaysSo) {
   }
 }
 
+TEST_F(Surroundings, FilesThatMayNotGrowAreNamedOrDoneWithout) {
+  for (const char* bytes : {"0", "1024", "8192", "65536", "200000"}) {
+    ExpectWorksOrFails(RunBuild({std::string("filesize=") + bytes}), "for named objects: File too large", bytes);
+  }
+}
+
 TEST_F(Surroundings, AFullObjectFolderIsNamed) {
   const std::string folder = folder_.File("tiny");
   std::filesystem::create_directory(folder);
