@@ -2,6 +2,8 @@
 #ifndef KESTRUN_FUZZ_FUZZ_INPUT_H_
 #define KESTRUN_FUZZ_FUZZ_INPUT_H_
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -65,7 +67,10 @@ class Input {
 inline const std::filesystem::path& Folder() {
   static const struct Owned {
     Owned() {
-      std::string pattern = (std::filesystem::temp_directory_path() / "kestrun_fuzz_XXXXXX").string();
+      // In memory where there is such a place.
+      const bool hasShm = access("/dev/shm", W_OK) == 0;
+      const std::filesystem::path parent = hasShm ? "/dev/shm" : std::filesystem::temp_directory_path();
+      std::string pattern = (parent / "kestrun_fuzz_XXXXXX").string();
       FUZZ_REQUIRE(mkdtemp(pattern.data()) != nullptr);
       path = pattern;
       setenv("KESTRUN_OBJECT_DIR", (path / "objects").c_str(), 1);

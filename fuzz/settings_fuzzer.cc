@@ -66,7 +66,10 @@ extern "C" int LLVMFuzzerTestOneInput(const kestrun::u8* data, std::size_t size)
   again.Load(path);
   const bool isSame = text.find("[default]") == std::string::npos || text.find('/') == std::string::npos;
   for (const std::string& key : KeysOf(text)) {
-    if (isSame && !Show(settings, key).empty()) FUZZ_REQUIRE(Show(settings, key) == Show(again, key));
+    if (!isSame || Show(settings, key) == Show(again, key)) continue;
+    std::fprintf(stderr, "'%s': '%s', again '%s'\n", key.c_str(), Show(settings, key).c_str(),
+                 Show(again, key).c_str());
+    std::abort();
   }
   return 0;
 }

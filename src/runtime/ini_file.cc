@@ -48,7 +48,8 @@ std::string ToText(const IniValue& value) {
     case IniValue::kBool:
       return value.boolValue ? "bool:true" : "bool:false";
     case IniValue::kInt:
-      return "int:" + std::to_string(value.intValue);
+      // With a sign, as it is read.
+      return "int:" + std::to_string(static_cast<i32>(value.intValue));
     default:
       return "string:" + value.stringValue;
   }

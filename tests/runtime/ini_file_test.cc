@@ -70,13 +70,13 @@ TEST_F(IniFileTest, AMalformedLineKeepsItsSectionAndWhatFollowsOut) {
 
 TEST_F(IniFileTest, SavingWritesEverythingAndItReadsBack) {
   ASSERT_TRUE(Load("# gone after saving\n[Zoo]\nb=bool:false\n"));
-  settings_.SetInt("Zoo/a", 7);
+  settings_.SetInt("Zoo/a", static_cast<u32>(-7));
   settings_.SetString("plain", "a:b");
   EXPECT_TRUE(settings_.Save());
-  EXPECT_EQ(folder_.Read("Zelvo.ini"), "[Zoo]\r\nb=bool:false\r\na=int:7\r\n\r\n[default]\r\nplain=string:a:b\r\n");
+  EXPECT_EQ(folder_.Read("Zelvo.ini"), "[Zoo]\r\nb=bool:false\r\na=int:-7\r\n\r\n[default]\r\nplain=string:a:b\r\n");
   IniFile again;
   EXPECT_TRUE(again.Load(Path(folder_.File("Zelvo.ini"))));
-  EXPECT_EQ(again.GetInt("Zoo/a", 0), 7u);
+  EXPECT_EQ(again.GetInt("Zoo/a", 0), static_cast<u32>(-7));
   EXPECT_EQ(again.GetString("plain", ""), "a:b");
 }
 
