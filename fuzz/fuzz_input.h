@@ -2,8 +2,6 @@
 #ifndef KESTRUN_FUZZ_FUZZ_INPUT_H_
 #define KESTRUN_FUZZ_FUZZ_INPUT_H_
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -67,10 +65,7 @@ class Input {
 inline const std::filesystem::path& Folder() {
   static const struct Owned {
     Owned() {
-      // In memory where there is such a place.
-      const bool hasShm = access("/dev/shm", W_OK) == 0;
-      const std::filesystem::path parent = hasShm ? "/dev/shm" : std::filesystem::temp_directory_path();
-      std::string pattern = (parent / "kestrun_fuzz_XXXXXX").string();
+      std::string pattern = (std::filesystem::temp_directory_path() / "kestrun_fuzz_XXXXXX").string();
       FUZZ_REQUIRE(mkdtemp(pattern.data()) != nullptr);
       path = pattern;
       setenv("KESTRUN_OBJECT_DIR", (path / "objects").c_str(), 1);
