@@ -67,9 +67,9 @@ class KillMatrix : public Build {
     std::function<void()> after = [] {};
   };
 
-  void StartWork() {
-    WriteSettings("MaxStubs=int:" + std::to_string(kPlaces) +
-                  "\nMaxConcurrentJobs=int:2\n\n[Extensions]\nEagerScheduling=bool:true\n"
+  void StartWork(int jobsAtOnce = 1) {
+    WriteSettings("MaxStubs=int:" + std::to_string(kPlaces) + "\nMaxConcurrentJobs=int:" + std::to_string(jobsAtOnce) +
+                  "\n\n[Extensions]\nEagerScheduling=bool:true\n"
                   "CancelOrphanedJobs=bool:true\nReclaimPlaces=bool:true\n");
     StartMaster();
   }
@@ -181,7 +181,7 @@ class KillMatrix : public Build {
 };
 
 TEST_F(KillMatrix, AClientAtEachStep) {
-  StartWork();
+  StartWork(2);
   NamedEvent started;
   NamedEvent release;
   Child bystander =

@@ -198,7 +198,7 @@ TEST(ProcessList, FindsThisProcessByItsName) {
   const std::string leaf = std::filesystem::path(test::ProgramPath("")).filename().string();
   const std::string base = std::filesystem::path(leaf).stem().string();
   EXPECT_GE(CountProcesses(leaf), 1);
-  EXPECT_GE(CountProcesses(base), CountProcesses(leaf));
+  EXPECT_GE(CountProcesses(base), 1);
   EXPECT_GE(CountProcesses(base + ".exe"), 1);
   EXPECT_TRUE(FindProcess(base));
   EXPECT_EQ(CountProcesses(test::UniqueName("nobody")), 0);

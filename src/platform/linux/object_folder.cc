@@ -41,8 +41,8 @@ std::string FaultOf(const std::string& path, int fd) {
   if ((fd >= 0 ? fstat(fd, &status) : lstat(path.c_str(), &status)) != 0) return std::strerror(errno);
   if (S_ISLNK(status.st_mode)) return "it is a symbolic link";
   if (!S_ISDIR(status.st_mode)) return "it is not a directory";
-  if (fd < 0) return std::strerror(error);
   if (status.st_uid != geteuid()) return "it belongs to another user";
+  if (fd < 0) return std::strerror(error);
   if ((status.st_mode & 0777) != 0700) return "its mode is not 0700";
   return "";
 }
