@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 #include "platform/linux/never_destroyed.h"
 #include "platform/linux/object_folder.h"
@@ -176,7 +177,10 @@ ObjectTable* ObjectTable::Current() {
   table = current.load(std::memory_order_acquire);
   if (table && !table->IsRemoved()) return table;
   table = Enter();
-  if (table) current.store(table, std::memory_order_release);
+  if (!table) return nullptr;
+  static NeverDestroyed<std::vector<ObjectTable*>> entered;
+  entered.get().push_back(table);
+  current.store(table, std::memory_order_release);
   return table;
 }
 

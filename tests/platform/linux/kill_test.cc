@@ -44,6 +44,18 @@ bool AllMarkedEndWithin(const std::string& mark, unsigned limitMs) {
   return true;
 }
 
+// True once somebody has waited for each of them, which a zombie with threads that still run does not allow.
+bool AreWaitedForWithin(std::initializer_list<pid_t> pids, unsigned limitMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+  for (const pid_t pid : pids) {
+    while (kill(pid, 0) == 0) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  }
+  return true;
+}
+
 pid_t ParentOf(pid_t pid) {
   platform::ProcessStat stat = {};
   return platform::ReadProcessStat(pid, stat) ? stat.parent : 0;
@@ -173,10 +185,9 @@ TEST_F(Kill, ASupervisorThatDiesWhileIdleCostsNothing) {
     ASSERT_GT(supervisor, 1);
     const pid_t next = NextToolOf(supervisor);
     kill(supervisor, SIGKILL);
-    // Until then it may still be given a tool, which would die with it.
-    for (const pid_t pid : {supervisor, next}) {
-      ASSERT_TRUE(ProcessEndsWithin(static_cast<unsigned long>(pid), 60000));
-    }
+    // Until the last thread of both has gone, and with it their end of the socket, it may still be given a tool, which
+    // would die with it.
+    ASSERT_TRUE(AreWaitedForWithin({supervisor, next}, 60000));
     EXPECT_NE(RunToolUnderSupervisor(), supervisor);
   }
 }
