@@ -41,10 +41,10 @@ TEST_F(ToolRun, PassesEveryByteOfLargeOutput) {
   constexpr std::size_t kBytes = 64u << 20;
   const RunResult direct = test::Run({tool_, "fill", std::to_string(kBytes), std::to_string(kBytes)});
   ASSERT_EQ(direct.output.size(), kBytes);
-  const RunResult result = Tool({"fill", std::to_string(kBytes), std::to_string(kBytes), ",", "exit", "3"});
-  EXPECT_EQ(result.exitCode, 3);
-  EXPECT_TRUE(result.output == direct.output) << result.output.size() << " bytes";
-  EXPECT_TRUE(result.errors == direct.errors) << result.errors.size() << " bytes";
+  Child client = StartTool({"fill", std::to_string(kBytes), std::to_string(kBytes), ",", "exit", "3"});
+  EXPECT_EQ(client.Wait(550000), 3);
+  EXPECT_TRUE(client.Output() == direct.output) << client.Output().size() << " bytes";
+  EXPECT_TRUE(client.Errors() == direct.errors) << client.Errors().size() << " bytes";
 }
 
 TEST_F(ToolRun, RunsTheToolWhereTheClientStands) {
