@@ -10,6 +10,7 @@
 #include "protocol/message_reader.h"
 #include "protocol/protocol.h"
 #include "runtime/blocking_queue.h"
+#include "support/message_text.h"
 
 namespace kestrun::test {
 
@@ -51,11 +52,6 @@ class RecordingChannel : public MessageChannel {
   BlockingQueue<rc_ptr<Message>> sent_;
 };
 
-inline std::string TextOf(const rc_ptr<Message>& message, u32 segment) {
-  std::string text = "(none)";
-  MessageReader(message).ReadString(segment, text);
-  return text;
-}
 inline i32 NumberOf(const rc_ptr<Message>& message, u32 segment) {
   i32 number = 0xDEAD;
   MessageReader(message).ReadInt(segment, number);

@@ -11,6 +11,7 @@
 #include "protocol/message_reader.h"
 #include "protocol/protocol.h"
 #include "runtime/sync.h"
+#include "support/message_text.h"
 #include "support/names.h"
 #include "transport/ipc_socket.h"
 
@@ -60,11 +61,6 @@ class FakeMaster {
   rc_ptr<IpcChannel> channel_;
 };
 
-inline std::string TextOf(const rc_ptr<Message>& message, u32 segment) {
-  std::string text = "(none)";
-  MessageReader(message).ReadString(segment, text);
-  return text;
-}
 inline u32 NumberOf(const rc_ptr<Message>& message, u32 segment) {
   u32 number = 0xDEAD;
   MessageReader(message).ReadUnsigned(segment, number);
