@@ -251,15 +251,20 @@ void ChildProcess::SendStart() {
   SendAll(control_.get(), start.data() + done, start.size() - done);
 }
 
-// Ends what was held back and has never run. False if it runs.
+// Ends what was held back and has never run. False if it runs. Its exit code stands before its supervisor is let go:
+// whoever serves the reports takes the end of the socket for a supervisor that was killed.
 bool ChildProcess::EndUnstarted(DWORD exitCode) {
+  bool isFirst = false;
+  ChildRequest done;
   {
     const std::lock_guard lock(mutex_);
     if (resumed_) return false;
     resumed_ = true;
+    isFirst = SetExitCode(exitCode);
     if (control_) shutdown(control_.get(), SHUT_RDWR);
+    done = std::move(request_);
   }
-  End(exitCode);
+  if (isFirst) TellEnd();
   return true;
 }
 
@@ -386,16 +391,26 @@ ProcessTimes ChildProcess::TreeTimes(DWORD& active) const {
   return total;
 }
 
+// With mutex_ held. False if it has ended before.
+bool ChildProcess::SetExitCode(DWORD exitCode) {
+  if (exitCode_.load(std::memory_order_relaxed) != STILL_ACTIVE) return false;
+  exitCode_.store(exitCode, std::memory_order_release);
+  return true;
+}
+
+void ChildProcess::TellEnd() {
+  exitNotice_->Set();
+  Signal();
+}
+
 void ChildProcess::End(DWORD exitCode) {
   ChildRequest done;
   {
     const std::lock_guard lock(mutex_);
-    if (IsSignalled() || exitCode_.load(std::memory_order_relaxed) != STILL_ACTIVE) return;
-    exitCode_.store(exitCode, std::memory_order_release);
+    if (!SetExitCode(exitCode)) return;
     done = std::move(request_);
   }
-  exitNotice_->Set();
-  Signal();
+  TellEnd();
 }
 
 }  // namespace kestrun::platform

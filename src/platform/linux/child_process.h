@@ -100,6 +100,8 @@ class ChildProcess : public ProcessObject, public ReaperClient, public std::enab
   bool SendCommand(CommandKind kind, DWORD value);
   bool EndUnstarted(DWORD exitCode);
   void SendStart();
+  bool SetExitCode(DWORD exitCode);
+  void TellEnd();
   void End(DWORD exitCode);
 
   const pid_t supervisor_;
