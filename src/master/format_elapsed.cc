@@ -1,23 +1,22 @@
 #include "master/format_elapsed.h"
 
-#include <iomanip>
-#include <sstream>
+#include <cstdio>
 
 namespace kestrun {
 
 std::string FormatElapsed(u32 ms) {
   constexpr u32 kSecond = 1000;
   constexpr u32 kTenSeconds = 10000;
-  std::ostringstream text;
+  char text[32];
   if (ms < kSecond) {
-    text << ms << "ms";
+    std::snprintf(text, sizeof text, "%ums", ms);
   } else if (ms < kTenSeconds) {
-    text << static_cast<float>(ms / 1000.0) << "s";
+    std::snprintf(text, sizeof text, "%gs", ms / 1000.0);
   } else {
     const u32 seconds = ms / kSecond;
-    text << std::setfill('0') << std::setw(2) << seconds / 60 << ":" << std::setw(2) << seconds % 60;
+    std::snprintf(text, sizeof text, "%02u:%02u", seconds / 60, seconds % 60);
   }
-  return text.str();
+  return text;
 }
 
 }  // namespace kestrun
