@@ -71,7 +71,8 @@ bool Reactor::RegisterWaitable(EventHandler* handler) {
   if ((handler->GetEvents() & kWrite) != 0) return false;
   Lock lock(waitableLock_);
   waitable_.insert(handler);
-  SetEvent(wakeEvent_.Get());
+  // The wait loop itself comes to its next pass anyway.
+  if (waitLoop_ != GetCurrentThreadId()) SetEvent(wakeEvent_.Get());
   return true;
 }
 
@@ -107,10 +108,11 @@ bool Reactor::RunSelectLoop(int timeoutMs) {
 }
 
 bool Reactor::RunWaitLoop(int timeoutMs) {
-  while (IsRunning()) {
-    if (WaitForOneEvent(timeoutMs) < 0) return false;
-  }
-  return true;
+  waitLoop_ = GetCurrentThreadId();
+  bool isWell = true;
+  while (isWell && IsRunning()) isWell = WaitForOneEvent(timeoutMs) >= 0;
+  waitLoop_ = 0;
+  return isWell;
 }
 
 int Reactor::SelectOnce(int timeoutMs) {

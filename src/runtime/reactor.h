@@ -12,6 +12,7 @@
 #ifndef KESTRUN_RUNTIME_REACTOR_H_
 #define KESTRUN_RUNTIME_REACTOR_H_
 
+#include <atomic>
 #include <set>
 #include <string>
 #include <utility>
@@ -151,6 +152,8 @@ class Reactor {
   const u16 firstWakeupPort_;
   // Ends a pass of the wait loop.
   UniqueHandle wakeEvent_;
+  // The thread that runs the wait loop; 0 while none does.
+  std::atomic<DWORD> waitLoop_{0};
   // Ends a pass of the select loop while it has no sockets.
   UniqueHandle idleEvent_;
 };
