@@ -131,6 +131,7 @@ void BuildJobScheduler::ForgetClientOf(const BuildJob& job) {
 }
 
 void BuildJobScheduler::LogOutcome(const BuildJob& job, i32 elapsedMs) {
+  if (!IsMasterLogOpen()) return;
   const u64 end = LocalTimeMs();
   const u64 start = end - static_cast<u64>(std::max(elapsedMs, 0));
   const char* const outcome = job.exitCode == 0 ? "(OK)" : job.isCancelled ? "(CANCELLED)" : "(FAIL)";
@@ -161,12 +162,14 @@ void BuildJobScheduler::JobCompleted(const rc_ptr<BuildJob>& job) {
   } else {
     project.CompleteJob(job);
   }
-  WriteMasterLog(Log::Info, "Job completed in project",
-                 {{"project", project.name},
-                  LogField("total_jobs", project.totalJobs),
-                  LogField("jobs_received", project.receivedJobs),
-                  LogField("jobs_pending", project.pending.size()),
-                  LogField("jobs_completed", project.CompletedCount())});
+  if (IsMasterLogOpen()) {
+    WriteMasterLog(Log::Info, "Job completed in project",
+                   {{"project", project.name},
+                    LogField("total_jobs", project.totalJobs),
+                    LogField("jobs_received", project.receivedJobs),
+                    LogField("jobs_pending", project.pending.size()),
+                    LogField("jobs_completed", project.CompletedCount())});
+  }
   if (project.IsFinished()) ProjectFinished(project);
 }
 

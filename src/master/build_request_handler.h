@@ -20,12 +20,14 @@
 namespace kestrun {
 
 // One thread, "BuildRequestThread", turns each request into a BuildJob and leaves it in a queue, from which the message
-// thread fetches it. Job numbers follow the order of the requests. A request that can't become a job is refused: its
-// stub gets exit code 1 and the reason, and the scheduler hears nothing of it.
+// thread fetches it. Where somebody listens for jobs that are ready, a request that finds the thread idle is parsed at
+// once instead, by whoever submits it: that is sooner than the thread would be awake. Job numbers follow the order of
+// the requests. A request that can't become a job is refused: its stub gets exit code 1 and the reason, and the
+// scheduler hears nothing of it.
 class BuildRequestHandler {
  public:
-  // Starts the thread. Settings and dispatcher outlive the handler. `onJob`, if it is not empty, is called on the
-  // thread each time that a job has become ready.
+  // Starts the thread. Settings and dispatcher outlive the handler. `onJob`, if it is not empty, is called each time
+  // that a job has become ready, on the thread that has parsed it.
   BuildRequestHandler(IniFile* settings, const Options& options, MessageDispatcher* dispatcher,
                       Functor0<void>::Type onJob = {});
   // Stops the thread if Stop has not.
@@ -36,7 +38,7 @@ class BuildRequestHandler {
   // False if the thread could not be started: nothing will become a job.
   bool HasThread() const { return !threads_.empty(); }
 
-  // Never blocks. From the message thread.
+  // Waits for nobody. From the message thread.
   void SubmitRequest(const rc_ptr<Message>& request);
   // The next job that is ready, or an empty pointer; never waits. From the message thread.
   rc_ptr<BuildJob> NextJob();
@@ -47,6 +49,7 @@ class BuildRequestHandler {
 
  private:
   void HandleRequests();
+  void HandleRequest(const rc_ptr<Message>& request);
   rc_ptr<BuildJob> ParseRequest(const rc_ptr<Message>& request);
   rc_ptr<BuildJob> CreateJob(const std::string& tool, const std::string& arguments, const Path& workingDirectory,
                              const std::shared_ptr<const Environment>& environment, u32 flags,
@@ -58,10 +61,11 @@ class BuildRequestHandler {
   const Options options_;
   const Functor0<void>::Type onJob_;
   BlockingQueue<rc_ptr<Message>> requests_;  // an empty pointer ends the thread
+  std::atomic<u32> unhandled_{0};            // requests that the thread is to handle or handles
   std::vector<rc_ptr<Thread>> threads_;      // constant after construction
   BlockingQueue<rc_ptr<BuildJob>> jobs_;
-  u32 nextJobId_ = 0;                                   // number of the last job; the thread's own
-  std::shared_ptr<const Environment> lastEnvironment_;  // the thread's own
+  u32 nextJobId_ = 0;                                   // number of the last job; whoever parses
+  std::shared_ptr<const Environment> lastEnvironment_;  // whoever parses
   std::atomic<bool> stopped_{false};
 };
 

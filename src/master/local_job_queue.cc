@@ -19,10 +19,11 @@ constexpr int kOverdueCode = 124;
 constexpr u32 kJobFlags = Process::PRIORITY_BELOW_NORMAL | Process::PIPE_STDIN | Process::PIPE_STDOUT |
                           Process::PIPE_STDERR | Process::OWN_JOB;
 
-void LogJob(const BuildJob& job, const std::string& message, const Log::Fields& more = {}) {
+void LogJob(const BuildJob& job, const char* message, const Log::Fields& more = {}) {
+  if (!IsMasterLogOpen()) return;
   Log::Fields fields{{"project_name", job.projectName}};
   fields.insert(fields.end(), more.begin(), more.end());
-  WriteMasterLog(Log::Info, "Local job queue: " + message, fields);
+  WriteMasterLog(Log::Info, std::string("Local job queue: ") + message, fields);
 }
 
 rc_ptr<Message> ResultMessage(const Address& localAddress, const BuildJob& job, const EventTimer& timer, int code,

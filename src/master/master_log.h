@@ -14,6 +14,12 @@ inline void WriteMasterLog(Log::Level level, const std::string& message, const L
   if (Log* log = Log::Get()) log->Write(level, Log::CLIENT, message, fields);
 }
 
+// False where records go nowhere. Those of each job are not made then.
+inline bool IsMasterLogOpen() {
+  const Log* log = Log::Get();
+  return log != nullptr && log->IsOpen();
+}
+
 inline std::pair<std::string, std::string> LogField(const char* name, u64 value) {
   return {name, std::to_string(value)};
 }

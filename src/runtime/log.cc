@@ -139,7 +139,7 @@ void Log::OpenToday() {
 }
 
 void Log::Write(int level, int component, const std::string& message, const Fields& fields) {
-  if (!enabled_ || !hasFile_ || (level == Debug && !debug_)) return;
+  if (!IsOpen() || (level == Debug && !debug_)) return;
   SYSTEMTIME now;
   GetLocalTime(&now);
   std::string record = LevelWord(level) + ": [" + ComponentWord(component) + "] " + message + kLineEnd;

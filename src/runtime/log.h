@@ -53,6 +53,9 @@ class Log {
   // Debug records are dropped unless this is set.
   void SetDebug(bool debug);
 
+  // False where Write would write nothing: a caller may save itself the making of a record.
+  bool IsOpen() const { return enabled_ && hasFile_; }
+
   // Unknown levels print as "?", unknown components as "COMPONENT=" and the number. Never throws.
   void Write(int level, int component, const std::string& message, const Fields& fields = {});
 
