@@ -13,6 +13,7 @@
 
 #include "transport/handle_count.h"
 #include "transport/ipc_socket.h"
+#include "transport/lookout.h"
 
 namespace kestrun {
 
@@ -29,14 +30,6 @@ constexpr u32 kLookMs = 50;
 // ten digits.
 constexpr size_t kMaxConnectionName = 127;
 static_assert(IpcSocket::kMaxListeningName == kMaxConnectionName - 11);
-
-// Each step of an introduction is a matter of some microseconds, less than it takes to fall asleep and be woken. So
-// either side looks whether the other is done before it sleeps, and leaves the processor to whoever wants it meanwhile.
-template <class IsDone>
-void LookAround(const IsDone& isDone) {
-  constexpr int kLooks = 200;
-  for (int i = 0; i < kLooks && !isDone(); ++i) SwitchToThread();
-}
 
 bool LeavesRoomForConnectionNames(const std::string& name) {
   return name.size() <= IpcSocket::kMaxListeningName;
@@ -91,7 +84,8 @@ bool IpcSocket::SendRequest() {
 }
 
 bool IpcSocket::ReadReply(std::string& connectionName, u32 timeoutMs) {
-  LookAround([this] {
+  // Each step of an introduction is a matter of some microseconds.
+  Lookout(Lookout::kMostLooks).Await([this] {
     const Lock lock(inputLock_);
     return input_ == nullptr || !input_->SeemsEmpty();
   });
@@ -134,7 +128,7 @@ std::unique_ptr<IpcSocket> IpcSocket::ServeRequest(Condition& changed, Mutex& co
   const std::string connectionName = name_ + "." + std::to_string(++connectionCounter_);
   auto connection = std::make_unique<IpcSocket>();
   if (!connection->CreateRegion(connectionName) || !SendReply(connectionName)) return nullptr;
-  LookAround([&connection] { return connection->WasJoined(); });
+  Lookout(Lookout::kMostLooks).Await([&connection] { return connection->WasJoined(); });
   const u32 start = GetTickCount();
   while (!connection->WasJoined()) {
     const bool isOver = GetTickCount() - start >= kStepMs || HasNewerRequest() || IsConnectorGone(connectLock);

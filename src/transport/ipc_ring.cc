@@ -20,15 +20,14 @@ struct IpcRing::Indices {
 
   u32 Used() const { return read > write ? write + capacity - read : write - read; }
   u32 Free() const { return capacity - 1 - Used(); }
-  // What lies in one piece from the read index, and what is free in one piece from the write index.
-  u32 UsedInOnePiece() const { return read > write ? capacity - read : write - read; }
-  u32 FreeInOnePiece() const {
-    if (write < read) return read - write - 1;
-    return capacity - write - (read == 0 ? 1 : 0);
-  }
 };
 
 namespace {
+
+// What is copied under the lock: up to here another turn at the lock would take longer than the copying.
+constexpr u32 kSmallBlock = 512;
+// What is copied between two turns at the lock.
+constexpr u32 kPiece = 0x4000;
 
 // The header lies in memory that another process reads and writes.
 template <class T>
@@ -88,51 +87,89 @@ u32 IpcRing::Write(const void* source, u32 length, u32 timeoutMs) {
     written += WriteQuietly(data + written, length - written);
     if (header_ == nullptr || isInterrupted_ || isCorrupt_) break;
     WakeReader();
-  } while (written < length && WaitForRoom(timeoutMs));
+  } while (written < length && WaitForRoom(length - written, timeoutMs));
   return written;
 }
 
 u32 IpcRing::WriteQuietly(const void* source, u32 length) {
   if (header_ == nullptr) return 0;
-  const MutexLock locked(&lock_);
+  const u8* const data = static_cast<const u8*>(source);
   Indices indices{};
-  if (isInterrupted_ || !ReadIndices(indices)) return 0;
-  return CopyIn(static_cast<const u8*>(source), length, indices);
+  {
+    const MutexLock locked(&lock_);
+    if (isInterrupted_ || !ReadIndices(indices)) return 0;
+    const u32 count = std::min(length, indices.Free());
+    if (count <= kSmallBlock) {
+      CopyIn(data, count, indices);
+      Store(header_->writeIndex, indices.write);
+      return count;
+    }
+  }
+  return WriteInPieces(data, length, indices);
+}
+
+// Without the lock, which is taken for a look at the indices between two pieces: what is free stays free, since nobody
+// but this end fills it. The reader may take the first piece while the next one is copied.
+u32 IpcRing::WriteInPieces(const u8* source, u32 length, Indices& indices) {
+  u32 written = 0;
+  while (const u32 count = std::min({length - written, indices.Free(), kPiece})) {
+    CopyIn(source + written, count, indices);
+    written += count;
+    const MutexLock locked(&lock_);
+    Store(header_->writeIndex, indices.write);
+    if (!ReadIndices(indices)) break;
+  }
+  return written;
 }
 
 // A reader that made room before the wait has left the event set.
-bool IpcRing::WaitForRoom(u32 timeoutMs) {
+bool IpcRing::WaitForRoom(u32 wanted, u32 timeoutMs) {
+  if (timeoutMs > 0 && writerLookout_.Await([&] { return SeemsToHaveRoom(std::min(wanted, kPiece)); })) return true;
   if (WaitForHandle(GetNotFullHandle(), timeoutMs)) return true;
-  const MutexLock locked(&lock_);
-  Indices indices{};
-  return ReadIndices(indices) && indices.Free() > 0;
+  return GetFree() > 0;
 }
 
+// A writer that wrote before the wait has left the event set.
 u32 IpcRing::Read(void* target, u32 length, u32 timeoutMs) {
   if (header_ == nullptr) return 0;
   u32 count = 0;
-  {
-    const MutexLock locked(&lock_);
-    Indices indices{};
-    if (!WaitForBytes(indices, timeoutMs)) return 0;
-    count = CopyOut(static_cast<u8*>(target), length, indices);
-    if (indices.Free() == 0) return count;
-  }
-  WakeWriter();
-  return count;
+  do {
+    if (timeoutMs > 0) readerLookout_.Await([this] { return SeemsToHaveNews(); });
+    if (ReadWhatIsThere(static_cast<u8*>(target), length, count)) return count;
+  } while (WaitForHandle(GetNotEmptyHandle(), timeoutMs));
+  return 0;
 }
 
-// With the lock held, which is free while it waits. True when there is something to return, be it nothing.
-bool IpcRing::WaitForBytes(Indices& indices, u32 timeoutMs) {
-  for (;;) {
-    if (isInterrupted_ || !ReadIndices(indices)) return false;
+// True when there is something to return, be it nothing.
+bool IpcRing::ReadWhatIsThere(u8* target, u32 length, u32& count) {
+  Indices indices{};
+  {
+    const MutexLock locked(&lock_);
+    if (isInterrupted_ || !ReadIndices(indices)) return true;
     const u16 generation = ReadGeneration();
-    if (indices.Used() > 0 || generation != generation_) {
-      generation_ = generation;
-      return true;
+    if (indices.Used() == 0 && generation == generation_) return false;
+    generation_ = generation;
+    count = std::min(length, indices.Used());
+    if (count <= kSmallBlock) {
+      CopyOut(target, count, indices);
+      Store(header_->readIndex, indices.read);
     }
-    if (!notEmpty_.Wait(lock_, timeoutMs)) return false;
   }
+  if (count > kSmallBlock) count = ReadInPieces(target, length, indices);
+  if (indices.Free() > 0) WakeWriter();
+  return true;
+}
+
+u32 IpcRing::ReadInPieces(u8* target, u32 length, Indices& indices) {
+  u32 read = 0;
+  while (const u32 count = std::min({length - read, indices.Used(), kPiece})) {
+    CopyOut(target + read, count, indices);
+    read += count;
+    const MutexLock locked(&lock_);
+    Store(header_->readIndex, indices.read);
+    if (!ReadIndices(indices)) break;
+  }
+  return read;
 }
 
 void IpcRing::Interrupt() {
@@ -159,6 +196,15 @@ u32 IpcRing::GetUsed() {
 
 bool IpcRing::SeemsEmpty() const {
   return header_ == nullptr || Load(header_->writeIndex) == Load(header_->readIndex);
+}
+
+bool IpcRing::SeemsToHaveNews() const {
+  return !SeemsEmpty() || ReadGeneration() != generation_ || isInterrupted_;
+}
+
+bool IpcRing::SeemsToHaveRoom(u32 count) const {
+  const Indices indices{Load(header_->writeIndex), Load(header_->readIndex), capacity_};
+  return indices.Free() >= count || isInterrupted_;
 }
 
 u32 IpcRing::GetFree() {
@@ -192,31 +238,20 @@ u8* IpcRing::Data() const {
   return reinterpret_cast<u8*>(header_) + kHeaderSize;
 }
 
-// At most two pieces: up to the end of the data area, and from its start.
-u32 IpcRing::CopyIn(const u8* source, u32 length, Indices& indices) {
-  u32 copied = 0;
-  while (copied < length) {
-    const u32 count = std::min(indices.FreeInOnePiece(), length - copied);
-    if (count == 0) break;
-    std::memcpy(Data() + indices.write, source + copied, count);
-    indices.write = (indices.write + count) % capacity_;
-    copied += count;
-  }
-  Store(header_->writeIndex, indices.write);
-  return copied;
+// At most two parts: up to the end of the data area, and from its start. The caller has seen that there is room, or
+// that the bytes are there.
+void IpcRing::CopyIn(const u8* source, u32 length, Indices& indices) {
+  const u32 first = std::min(length, capacity_ - indices.write);
+  std::memcpy(Data() + indices.write, source, first);
+  std::memcpy(Data(), source + first, length - first);
+  indices.write = (indices.write + length) % capacity_;
 }
 
-u32 IpcRing::CopyOut(u8* target, u32 length, Indices& indices) {
-  u32 copied = 0;
-  while (copied < length) {
-    const u32 count = std::min(indices.UsedInOnePiece(), length - copied);
-    if (count == 0) break;
-    std::memcpy(target + copied, Data() + indices.read, count);
-    indices.read = (indices.read + count) % capacity_;
-    copied += count;
-  }
-  Store(header_->readIndex, indices.read);
-  return copied;
+void IpcRing::CopyOut(u8* target, u32 length, Indices& indices) {
+  const u32 first = std::min(length, capacity_ - indices.read);
+  std::memcpy(target, Data() + indices.read, first);
+  std::memcpy(target + first, Data(), length - first);
+  indices.read = (indices.read + length) % capacity_;
 }
 
 }  // namespace kestrun

@@ -14,13 +14,14 @@
 //   16      the data
 //
 // Equal indices mean empty, and one byte always stays free. The indices are guarded by the mutex across processes; the
-// count and the generation change without it.
+// count and the generation change without it. What lies between the indices is the reader's and the rest is the
+// writer's, so all but small blocks are copied without the mutex, and the index moves after each piece.
 //
 // The memory can be written by the process at the other end, so nothing in it is trusted: the capacity is read once,
 // when attaching, and indices that do not fit it make the ring corrupt. A corrupt ring moves no more bytes.
 //
 // Whoever has changed the ring wakes the other end once the lock is free: woken earlier it would only come to wait for
-// the lock.
+// the lock. Before an end sleeps it looks for a while whether the other one is just about to move (lookout.h).
 //
 // Threads: one reader and one writer may be inside at once, Interrupt comes from any thread, Detach only while nobody
 // else is inside. Operations that take the ring's lock wait for it without limit.
@@ -33,6 +34,7 @@
 #include "platform/win32.h"
 #include "runtime/sync.h"
 #include "runtime/types.h"
+#include "transport/lookout.h"
 
 namespace kestrun {
 
@@ -99,17 +101,23 @@ class IpcRing {
   struct Indices;
 
   bool ReadIndices(Indices& out);
-  bool WaitForRoom(u32 timeoutMs);
-  bool WaitForBytes(Indices& indices, u32 timeoutMs);
+  u32 WriteInPieces(const u8* source, u32 length, Indices& indices);
+  u32 ReadInPieces(u8* target, u32 length, Indices& indices);
+  bool ReadWhatIsThere(u8* target, u32 length, u32& count);
+  bool WaitForRoom(u32 wanted, u32 timeoutMs);
+  bool SeemsToHaveNews() const;
+  bool SeemsToHaveRoom(u32 count) const;
   u16 ReadGeneration() const;
   u8* Data() const;
   void Attach();
-  u32 CopyIn(const u8* source, u32 length, Indices& indices);
-  u32 CopyOut(u8* target, u32 length, Indices& indices);
+  void CopyIn(const u8* source, u32 length, Indices& indices);
+  void CopyOut(u8* target, u32 length, Indices& indices);
 
-  Header* header_;  // null once detached
-  u32 capacity_;    // constant after construction
-  u16 generation_ = 0;
+  Header* header_;      // null once detached
+  u32 capacity_;        // constant after construction
+  u16 generation_ = 0;  // the reader's
+  Lookout readerLookout_;
+  Lookout writerLookout_;
   std::atomic<bool> isCorrupt_{false};
   std::atomic<bool> isInterrupted_{false};
   ConditionVariable notEmpty_;
