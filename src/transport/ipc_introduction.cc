@@ -73,8 +73,9 @@ bool IpcSocket::SendRequest() {
   const Lock output(outputLock_);
   if (output_ == nullptr) return false;
   {
-    const MutexLock toListener(&output_->GetLock());
-    const MutexLock fromListener(&input_->GetLock());
+    const IpcRing::Turn toListener(*output_);
+    const IpcRing::Turn fromListener(*input_);
+    if (!toListener || !fromListener) return false;
     input_->Discard();
     output_->Discard();
     if (output_->WriteQuietly(&kRequest, 1) != 1) return false;
@@ -119,7 +120,7 @@ IpcSocket* IpcSocket::Accept() {
 bool IpcSocket::ReadRequest() {
   u8 request = 0;
   while (GetState() == State::kListening) {
-    if (ReadRing(&request, 1, kStepMs) == 1) break;
+    if (ReadRing(&request, 1, kStepMs) == 1 || IsHeldUp()) break;
   }
   return request == kRequest;
 }
@@ -149,14 +150,19 @@ bool IpcSocket::SendReply(const std::string& connectionName) {
   const Lock output(outputLock_);
   if (output_ == nullptr) return false;
   {
-    const MutexLock fromConnector(&input_->GetLock());
-    const MutexLock toConnector(&output_->GetLock());
-    if (input_->GetUsed() > 0) return false;
+    const IpcRing::Turn fromConnector(*input_, kStepMs);
+    const IpcRing::Turn toConnector(*output_, kStepMs);
+    if (!fromConnector || !toConnector || input_->GetUsed() > 0) return false;
     output_->Discard();
     if (output_->WriteQuietly(reply, length) != length) return false;
   }
   output_->WakeReader();
   return true;
+}
+
+bool IpcSocket::IsHeldUp() {
+  const Lock lock(inputLock_);
+  return input_ != nullptr && input_->IsHeldUp();
 }
 
 bool IpcSocket::HasNewerRequest() {

@@ -29,6 +29,9 @@ constexpr u32 kSmallBlock = 512;
 // What is copied between two turns at the lock.
 constexpr u32 kPiece = 0x4000;
 
+constexpr u32 kLockTurnMs = 20;
+constexpr u32 kLockLimitMs = 5000;
+
 // The header lies in memory that another process reads and writes.
 template <class T>
 T Load(T& field) {
@@ -45,6 +48,7 @@ void Store(T& field, T value) {
 IpcRing::IpcRing(void* base, u32 regionSize, const std::string& name)
     : header_(static_cast<Header*>(base)),
       capacity_(regionSize - kHeaderSize),
+      servesOthers_(true),
       notEmpty_((name + ".ne").c_str()),
       notFull_((name + ".nf").c_str()),
       lock_((name + ".lk").c_str()) {
@@ -58,6 +62,7 @@ IpcRing::IpcRing(void* base, u32 regionSize, const std::string& name)
 IpcRing::IpcRing(void* base, const std::string& name)
     : header_(static_cast<Header*>(base)),
       capacity_(Load(header_->capacity)),
+      servesOthers_(false),
       notEmpty_((name + ".ne").c_str()),
       notFull_((name + ".nf").c_str()),
       lock_((name + ".lk").c_str()) {
@@ -80,24 +85,49 @@ void IpcRing::Detach() {
   header_ = nullptr;
 }
 
+bool IpcRing::TakeLock(u32 limitMs) {
+  if (!lock_.Lock(0) && !WaitForLock(limitMs)) return false;
+  if (IsHeldUp()) heldUpSince_.store(0, std::memory_order_relaxed);
+  return true;
+}
+
+// In short turns, since nothing else ends a wait for a mutex. Who is held up already has no more patience.
+bool IpcRing::WaitForLock(u32 limitMs) {
+  const u32 start = GetTickCount();
+  if (IsHeldUp() && limitMs <= kPatienceMs) return false;
+  while (!isInterrupted_ && !(servesOthers_ && (GetTickCount() - start >= limitMs || IsRuined()))) {
+    if (lock_.Lock(kLockTurnMs)) return true;
+  }
+  u32 notHeldUp = 0;
+  if (servesOthers_) {
+    heldUpSince_.compare_exchange_strong(notHeldUp, std::max(start, 1u), std::memory_order_relaxed);
+  }
+  return false;
+}
+
+bool IpcRing::IsRuined() const {
+  const u32 since = heldUpSince_.load(std::memory_order_relaxed);
+  return IsCorrupt() || (since != 0 && GetTickCount() - since >= kLockLimitMs);
+}
+
 u32 IpcRing::Write(const void* source, u32 length, u32 timeoutMs) {
   const u8* const data = static_cast<const u8*>(source);
   u32 written = 0;
   do {
-    written += WriteQuietly(data + written, length - written);
-    if (header_ == nullptr || isInterrupted_ || isCorrupt_) break;
+    written += WriteQuietly(data + written, length - written, std::max(timeoutMs, kPatienceMs));
+    if (header_ == nullptr || isInterrupted_ || isCorrupt_ || IsHeldUp()) break;
     WakeReader();
   } while (written < length && WaitForRoom(length - written, timeoutMs));
   return written;
 }
 
-u32 IpcRing::WriteQuietly(const void* source, u32 length) {
+u32 IpcRing::WriteQuietly(const void* source, u32 length, u32 lockLimitMs) {
   if (header_ == nullptr) return 0;
   const u8* const data = static_cast<const u8*>(source);
   Indices indices{};
   {
-    const MutexLock locked(&lock_);
-    if (isInterrupted_ || !ReadIndices(indices)) return 0;
+    const Turn turn(*this, lockLimitMs);
+    if (!turn || isInterrupted_ || !ReadIndices(indices)) return 0;
     const u32 count = std::min(length, indices.Free());
     if (count <= kSmallBlock) {
       CopyIn(data, count, indices);
@@ -105,17 +135,18 @@ u32 IpcRing::WriteQuietly(const void* source, u32 length) {
       return count;
     }
   }
-  return WriteInPieces(data, length, indices);
+  return WriteInPieces(data, length, lockLimitMs, indices);
 }
 
 // Without the lock, which is taken for a look at the indices between two pieces: what is free stays free, since nobody
 // but this end fills it. The reader may take the first piece while the next one is copied.
-u32 IpcRing::WriteInPieces(const u8* source, u32 length, Indices& indices) {
+u32 IpcRing::WriteInPieces(const u8* source, u32 length, u32 lockLimitMs, Indices& indices) {
   u32 written = 0;
   while (const u32 count = std::min({length - written, indices.Free(), kPiece})) {
     CopyIn(source + written, count, indices);
+    const Turn turn(*this, lockLimitMs);
+    if (!turn) break;
     written += count;
-    const MutexLock locked(&lock_);
     Store(header_->writeIndex, indices.write);
     if (!ReadIndices(indices)) break;
   }
@@ -144,8 +175,8 @@ u32 IpcRing::Read(void* target, u32 length, u32 timeoutMs) {
 bool IpcRing::ReadWhatIsThere(u8* target, u32 length, u32& count) {
   Indices indices{};
   {
-    const MutexLock locked(&lock_);
-    if (isInterrupted_ || !ReadIndices(indices)) return true;
+    const Turn turn(*this);
+    if (!turn || isInterrupted_ || !ReadIndices(indices)) return true;
     const u16 generation = ReadGeneration();
     if (indices.Used() == 0 && generation == generation_) return false;
     generation_ = generation;
@@ -164,8 +195,9 @@ u32 IpcRing::ReadInPieces(u8* target, u32 length, Indices& indices) {
   u32 read = 0;
   while (const u32 count = std::min({length - read, indices.Used(), kPiece})) {
     CopyOut(target + read, count, indices);
+    const Turn turn(*this);
+    if (!turn) break;
     read += count;
-    const MutexLock locked(&lock_);
     Store(header_->readIndex, indices.read);
     if (!ReadIndices(indices)) break;
   }
@@ -180,18 +212,18 @@ void IpcRing::Interrupt() {
 
 u32 IpcRing::Discard() {
   if (header_ == nullptr) return 0;
-  const MutexLock locked(&lock_);
+  const Turn turn(*this);
   Indices indices{};
-  if (!ReadIndices(indices)) return 0;
+  if (!turn || !ReadIndices(indices)) return 0;
   Store(header_->readIndex, indices.write);
   return indices.Used();
 }
 
 u32 IpcRing::GetUsed() {
   if (header_ == nullptr) return 0;
-  const MutexLock locked(&lock_);
+  const Turn turn(*this);
   Indices indices{};
-  return ReadIndices(indices) ? indices.Used() : 0;
+  return turn && ReadIndices(indices) ? indices.Used() : 0;
 }
 
 bool IpcRing::SeemsEmpty() const {
@@ -209,9 +241,9 @@ bool IpcRing::SeemsToHaveRoom(u32 count) const {
 
 u32 IpcRing::GetFree() {
   if (header_ == nullptr) return 0;
-  const MutexLock locked(&lock_);
+  const Turn turn(*this);
   Indices indices{};
-  return ReadIndices(indices) ? indices.Free() : 0;
+  return turn && ReadIndices(indices) ? indices.Free() : 0;
 }
 
 u32 IpcRing::GetAttachCount() const {

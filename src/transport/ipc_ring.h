@@ -23,8 +23,13 @@
 // Whoever has changed the ring wakes the other end once the lock is free: woken earlier it would only come to wait for
 // the lock. Before an end sleeps it looks for a while whether the other one is just about to move (lookout.h).
 //
+// An honest end holds the mutex for less than a microsecond. A client waits for it without limit. The end that made the
+// ring serves others too, who must not wait because one keeps a lock: its operations give up when they say so, as if
+// there were nothing to be moved, and the ring is held up from then until somebody gets the lock again. For a
+// connection 5 s of that are the end.
+//
 // Threads: one reader and one writer may be inside at once, Interrupt comes from any thread, Detach only while nobody
-// else is inside. Operations that take the ring's lock wait for it without limit.
+// else is inside.
 #ifndef KESTRUN_TRANSPORT_IPC_RING_H_
 #define KESTRUN_TRANSPORT_IPC_RING_H_
 
@@ -41,6 +46,25 @@ namespace kestrun {
 class IpcRing {
  public:
   static constexpr u32 kHeaderSize = 16;
+  // How long the end that made the ring waits for its lock where nothing else is said.
+  static constexpr u32 kPatienceMs = 50;
+
+  // Holds the ring's lock for a scope, if it was to be had: within limitMs at the end that made the ring, and at the
+  // other one before somebody interrupts it. Makes several operations one step, as long as none of them has to wait.
+  class Turn {
+   public:
+    explicit Turn(IpcRing& ring, u32 limitMs = kPatienceMs) : ring_(ring), hasLock_(ring.TakeLock(limitMs)) {}
+    ~Turn() {
+      if (hasLock_) ring_.lock_.Unlock();
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    explicit operator bool() const { return hasLock_; }
+
+   private:
+    IpcRing& ring_;
+    const bool hasLock_;
+  };
 
   // Makes an empty ring of regionSize bytes at `base` and attaches to it. Throws SyncException, as the next one does.
   IpcRing(void* base, u32 regionSize, const std::string& name);
@@ -56,12 +80,12 @@ class IpcRing {
   // find nothing and move nothing.
   void Detach();
 
-  // Blocks while the ring is full, for at most timeoutMs at a time. Returns the bytes written: fewer than length when
-  // a wait ran out or the ring is corrupt; those written stand.
+  // Blocks while the ring is full, for at most timeoutMs at a time, which is its patience with the lock as well.
+  // Returns the bytes written: fewer than length when a wait ran out or the ring is corrupt; those written stand.
   u32 Write(const void* source, u32 length, u32 timeoutMs);
 
   // Writes what there is room for, without a wait, and leaves it to the caller to wake the reader. Returns its length.
-  u32 WriteQuietly(const void* source, u32 length);
+  u32 WriteQuietly(const void* source, u32 length, u32 lockLimitMs = kPatienceMs);
 
   // Blocks while the ring is empty, for at most timeoutMs, and returns what is there, up to length. Returns 0 on a
   // timeout, on a corrupt ring, and at once when it finds the ring empty after some end has detached; the next call
@@ -82,6 +106,10 @@ class IpcRing {
   u16 GetAttachTotal() const;
   u32 GetRegionSize() const { return capacity_ + kHeaderSize; }
   bool IsCorrupt() const { return isCorrupt_.load(std::memory_order_relaxed); }
+  // Whether an operation has given up for want of the lock, and none has got it since.
+  bool IsHeldUp() const { return heldUpSince_.load(std::memory_order_relaxed) != 0; }
+  // Corrupt, or held up for so long that the other end won't give the lock back.
+  bool IsRuined() const;
 
   // Ends a blocked Read or Write of this view, and every later one at once. From any thread.
   void Interrupt();
@@ -91,17 +119,15 @@ class IpcRing {
   void WakeReader() { notEmpty_.Signal(); }
   void WakeWriter() { notFull_.Signal(); }
 
-  // The mutex that guards the indices. A caller that holds it makes several operations one step, as long as none of
-  // them has to wait.
-  Mutex& GetLock() { return lock_; }
-
  private:
   struct Header;
   // A copy of the indices, taken under the lock and known to fit the capacity.
   struct Indices;
 
   bool ReadIndices(Indices& out);
-  u32 WriteInPieces(const u8* source, u32 length, Indices& indices);
+  bool TakeLock(u32 limitMs);
+  bool WaitForLock(u32 limitMs);
+  u32 WriteInPieces(const u8* source, u32 length, u32 lockLimitMs, Indices& indices);
   u32 ReadInPieces(u8* target, u32 length, Indices& indices);
   bool ReadWhatIsThere(u8* target, u32 length, u32& count);
   bool WaitForRoom(u32 wanted, u32 timeoutMs);
@@ -113,13 +139,16 @@ class IpcRing {
   void CopyIn(const u8* source, u32 length, Indices& indices);
   void CopyOut(u8* target, u32 length, Indices& indices);
 
-  Header* header_;      // null once detached
-  u32 capacity_;        // constant after construction
+  Header* header_;  // null once detached
+  // Constant after construction.
+  u32 capacity_;
+  bool servesOthers_;
   u16 generation_ = 0;  // the reader's
   Lookout readerLookout_;
   Lookout writerLookout_;
   std::atomic<bool> isCorrupt_{false};
   std::atomic<bool> isInterrupted_{false};
+  std::atomic<u32> heldUpSince_{0};  // by the tick count; 0 if it is not
   ConditionVariable notEmpty_;
   ConditionVariable notFull_;
   Mutex lock_;

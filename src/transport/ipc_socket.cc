@@ -108,7 +108,7 @@ u32 IpcSocket::ReadRing(void* target, u32 length, u32 timeoutMs) {
   const Lock lock(inputLock_);
   if (input_ == nullptr) return 0;
   const u32 count = input_->Read(target, length, timeoutMs);
-  if (input_->IsCorrupt()) LosePeer();
+  if (input_->IsRuined()) LosePeer();
   return count;
 }
 
@@ -137,7 +137,7 @@ IpcSocket::Result IpcSocket::Write(const void* source, u32 length, u32 timeoutMs
     const Lock lock(outputLock_);
     if (output_ != nullptr) {
       result.count = output_->Write(source, length, timeoutMs);
-      if (output_->IsCorrupt()) LosePeer();
+      if (output_->IsRuined()) LosePeer();
       if (result.count < length && GetHandleCount(output_->GetNotFullHandle()) == 1) LosePeer();
     }
   }
@@ -152,6 +152,9 @@ int IpcSocket::GetWaitHandle() {
   const HANDLE handle = input_->GetNotEmptyHandle();
   if (handle == nullptr) throw SocketException("NULL waitable handle from input buffer.");
   if (IsConnected() && GetHandleCount(handle) == 1) LosePeer();
+  // Nobody signals a second time for what a read could not take for want of the lock.
+  if (input_->IsHeldUp() && IpcRing::Turn(*input_)) input_->WakeReader();
+  if (input_->IsRuined()) LosePeer();
   // Also for a writer that has found the peer gone: whoever waits is to come and see.
   if (GetState() == State::kClosed) input_->WakeReader();
   return platform::HandleToInt(handle);

@@ -25,6 +25,8 @@
 //   dies while attached handle count of the ring's events is 1   GetWaitHandle; a blocked reader or writer once a
 //   second
 //
+// An accepting end also takes a peer that keeps the lock of a ring for 5 s as gone, and never waits for it in Read.
+//
 // What the peer wrote before it went is still read; only then the socket counts as no longer connected.
 //
 // Listen, Connect and Accept report failure by their result; a kernel object that can't be opened or made is a
@@ -67,7 +69,8 @@ class IpcSocket : public rc_base {
   bool Listen(const std::string& name);
 
   // Waits for a request, without limit while the socket listens and none is there, and serves it: 5 s at most, and no
-  // longer than the connector lives. A new connected socket, or null if the connector went away or failed.
+  // longer than the connector lives. A new connected socket, or null if the connector went away or failed, or somebody
+  // keeps the lock of a ring.
   IpcSocket* Accept();
 
   // Waits for its turn behind other connectors without limit, then at most timeoutMs for each of the two steps. False
@@ -117,6 +120,7 @@ class IpcSocket : public rc_base {
 
   // The listener's part.
   bool ReadRequest();
+  bool IsHeldUp();
   std::unique_ptr<IpcSocket> ServeRequest(Condition& changed, Mutex& connectLock);
   bool SendReply(const std::string& connectionName);
   bool HasNewerRequest();

@@ -152,6 +152,41 @@ TEST_F(HostilePeer, ThatRuinsItsRingsIsTurnedOut) {
   EXPECT_EQ(StopMaster(), 0);
 }
 
+TEST_F(HostilePeer, ThatKeepsTheLockOfARingIsTurnedOut) {
+  StartMaster();
+  std::vector<rc_ptr<IpcSocket>> peers;
+  std::vector<rc_ptr<IpcChannel>> channels;
+  std::vector<std::unique_ptr<NamedMutexLock>> kept;
+  for (const char* ring : {".c2s", ".s2c"}) {
+    peers.push_back(ConnectRaw());
+    kept.push_back(std::make_unique<NamedMutexLock>(peers.back()->GetName() + ring + ".lk"));
+    channels.push_back(new IpcChannel(peers.back()));
+    channels.back()->Send(Request("exit 5"));
+    ExpectAHealthyClient(ring);
+    // Nobody had to wait until that one was given up.
+    char byte;
+    EXPECT_TRUE(peers.back()->Read(&byte, 1, 0).isConnected) << ring;
+  }
+  for (const auto& peer : peers) EXPECT_TRUE(IsTurnedOut(*peer));
+  EXPECT_EQ(StopMaster(), 0);
+}
+
+TEST_F(HostilePeer, ThatKeepsTheLockOfTheListeningNameHoldsUpNoConnection) {
+  StartMaster();
+  const std::string ring = "zelvo_client_ipc_" + id_ + ".c2s";
+  const rc_ptr<IpcChannel> channel = new IpcChannel(ConnectRaw());
+  {
+    const NamedMutexLock kept(ring + ".lk");
+    for (int i = 0; i < 3; ++i) {
+      Condition((ring + ".ne").c_str()).Signal();
+      channel->Send(Request("exit " + std::to_string(i)));
+      EXPECT_TRUE(channel->Receive(60000)) << i;
+    }
+  }
+  ExpectAHealthyClient("one that has given the lock back");
+  EXPECT_EQ(StopMaster(), 0);
+}
+
 TEST_F(HostilePeer, ThatComesAndGoesLeavesNothingBehind) {
   StartMaster();
   for (int i = 0; i < 40; ++i) {

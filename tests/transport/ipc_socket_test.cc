@@ -187,6 +187,24 @@ TEST(IpcSocket, WriterThatLosesItsPeerWakesTheWaiter) {
   EXPECT_TRUE(IsReady(*ends.server, 0));
 }
 
+TEST(IpcSocket, BytesBehindALockThatWasKeptForAWhileAreAnnouncedAgain) {
+  IpcEnds ends;
+  ends.Meet();
+  WriteText(*ends.client, "patience");
+  auto keep = std::make_unique<NamedMutexLock>(ends.server->GetName() + ".c2s.lk");
+  std::async(std::launch::async, [&] {
+    EXPECT_TRUE(IsReady(*ends.server, 0));
+    char block[100];
+    const auto result = ends.server->Read(block, sizeof block, 0);
+    EXPECT_EQ(result.count, 0u);
+    EXPECT_TRUE(result.isConnected);
+    EXPECT_FALSE(IsReady(*ends.server, 0));
+  }).get();
+  keep.reset();
+  EXPECT_TRUE(IsReady(*ends.server, 0));
+  EXPECT_EQ(ReadText(*ends.server, 100), "patience");
+}
+
 // The header of a ring as a hostile peer would write it, in a region that it shares with a live end.
 class HostileRegion {
  public:
