@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "messaging/message.h"
 #include "runtime/environment.h"
 #include "runtime/path.h"
 #include "runtime/rc_ptr.h"
@@ -43,8 +44,9 @@ class BuildJob : public rc_base {
   Project* project = nullptr;            // lives as long as the scheduler
   std::atomic<bool> isCancelled{false};  // nobody waits for the job any more
   i32 exitCode = 0;
-  std::string stdoutText;
-  std::string stderrText;
+  // What the tool wrote, shared with the message that brought it; null for nothing.
+  rc_ptr<Message::Segment> stdoutText;
+  rc_ptr<Message::Segment> stderrText;
   std::shared_ptr<const Environment> environment;  // jobs of one stub share it
 };
 

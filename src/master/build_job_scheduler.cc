@@ -22,6 +22,11 @@ rc_ptr<Message> OutputMessage(const std::string& stdoutText, const std::string& 
   return message;
 }
 
+// Most jobs say nothing, and a record of that is kept for each.
+rc_ptr<Message::Segment> OutputOf(const rc_ptr<Message::Segment>& text) {
+  return text && text->GetDataLength() > 0 ? text : nullptr;
+}
+
 // Sends what stands for the end of a job, behind its output.
 bool SendEnd(MessageChannel& channel, const rc_ptr<Message>& message, i32 exitCode, bool keepGoing) {
   message->AddI32(SEG_EXIT_CODE, exitCode);
@@ -97,7 +102,8 @@ void BuildJobScheduler::NewProject(const std::string& name, u32 totalJobs, u32 f
 }
 
 rc_ptr<BuildJob> BuildJobScheduler::JobResult(const rc_ptr<Server>& server, u32 id, i32 exitCode,
-                                              std::string stdoutText, std::string stderrText, u64 /*startTime*/,
+                                              const rc_ptr<Message::Segment>& stdoutText,
+                                              const rc_ptr<Message::Segment>& stderrText, u64 /*startTime*/,
                                               i32 elapsedMs, bool* finished) {
   if (!server) {
     WriteMasterLog(Log::Error, "No server specified for  build result", {LogField("client_key", id)});
@@ -115,8 +121,8 @@ rc_ptr<BuildJob> BuildJobScheduler::JobResult(const rc_ptr<Server>& server, u32 
   activeJobs_.erase(found);
   ForgetClientOf(*job);
   job->exitCode = exitCode;
-  job->stdoutText = std::move(stdoutText);
-  job->stderrText = std::move(stderrText);
+  job->stdoutText = OutputOf(stdoutText);
+  job->stderrText = OutputOf(stderrText);
   LogOutcome(*job, elapsedMs);
   if (finished != nullptr) *finished = true;
   ++server->completedCount;
@@ -146,8 +152,8 @@ void BuildJobScheduler::LogOutcome(const BuildJob& job, i32 elapsedMs) {
 void BuildJobScheduler::JobCompleted(const rc_ptr<BuildJob>& job) {
   job->state = JOB_FINISHED;
   if (discardsOutput_) {
-    job->stdoutText = std::string();
-    job->stderrText = std::string();
+    job->stdoutText.Reset();
+    job->stderrText.Reset();
     job->environment.reset();
   } else {
     finishedJobs_[job->id] = job;

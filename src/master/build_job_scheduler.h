@@ -60,10 +60,12 @@ class BuildJobScheduler {
   // on for as long as it has jobs.
   void NewProject(const std::string& name, u32 totalJobs, u32 flags, const Address& from);
 
-  // Records how a job ended. Gives the job, or an empty pointer if the server is empty, the number unknown, or the
-  // result the second one for its job. `finished`, if not null, becomes true when the job is given.
-  rc_ptr<BuildJob> JobResult(const rc_ptr<Server>& server, u32 id, i32 exitCode, std::string stdoutText,
-                             std::string stderrText, u64 startTime, i32 elapsedMs, bool* finished = nullptr);
+  // Records how a job ended; without output its two segments are null or empty. Gives the job, or an empty pointer if
+  // the server is empty, the number unknown, or the result the second one for its job. `finished`, if not null, becomes
+  // true when the job is given.
+  rc_ptr<BuildJob> JobResult(const rc_ptr<Server>& server, u32 id, i32 exitCode,
+                             const rc_ptr<Message::Segment>& stdoutText, const rc_ptr<Message::Segment>& stderrText,
+                             u64 startTime, i32 elapsedMs, bool* finished = nullptr);
   // The job's result has gone out: it moves to the finished ones, or is let go with DiscardOutput, and its project ends
   // if it was the last.
   void JobCompleted(const rc_ptr<BuildJob>& job);

@@ -184,20 +184,16 @@ void ProjectStub::OnJobResult(const rc_ptr<Message>& message) {
   u32 jobId = 0;
   i32 elapsedMs = 1;
   u64 startTime = LocalTimeMs();
-  std::string stdoutText;
-  std::string stderrText;
   const MessageReader reader(message);
   reader.RequireInt(SEG_EXIT_CODE, exitCode);
-  reader.ReadString(SEG_STDOUT, stdoutText);
-  reader.ReadString(SEG_STDERR, stderrText);
   reader.ReadUnsigned(SEG_JOB_ID, jobId);
   reader.ReadLong(SEG_START_TIME, startTime);
   reader.ReadInt(SEG_ELAPSED, elapsedMs);
 
   const rc_ptr<Server> server = scheduler_.GetServer();
   if (!server) return;
-  const rc_ptr<BuildJob> job =
-      scheduler_.JobResult(server, jobId, exitCode, std::move(stdoutText), std::move(stderrText), startTime, elapsedMs);
+  const rc_ptr<BuildJob> job = scheduler_.JobResult(server, jobId, exitCode, message->FindSegment(SEG_STDOUT),
+                                                    message->FindSegment(SEG_STDERR), startTime, elapsedMs);
   if (!job) return;
   // Nobody waits for a cancelled job: its end says nothing about the build.
   if (exitCode != 0 && !job->isCancelled) failures_.Add(jobId, job->commandLine);

@@ -10,6 +10,8 @@ namespace {
 // What one ReadInto takes at most, so that a peer that writes as fast as we read does not keep the reader from
 // delivering, nor the other channels waiting.
 constexpr u32 kMaxBytesAtOnce = 0x100000;
+// What is asked for in one read in the middle of a large message: a ring.
+constexpr u32 kLargeReadBlock = 0x10000;
 
 }  // namespace
 
@@ -37,14 +39,16 @@ std::int64_t IpcChannel::GetLastActivity() {
 
 // Only the first read waits: a block that came full may have been all there was.
 bool IpcChannel::ReadInto(MemoryStream& buffer, int timeoutMs) {
-  u8 block[kReadBlock];
   u32 limitMs = static_cast<u32>(timeoutMs);
   for (u32 total = 0; total < kMaxBytesAtOnce;) {
-    const IpcSocket::Result result = socket_->Read(block, sizeof block, limitMs);
+    const u32 block = buffer.GetSize() < kLargeReadBlock ? kReadBlock : kLargeReadBlock;
+    u8* const room = buffer.MakeRoom(block);
+    if (room == nullptr) return false;
+    const IpcSocket::Result result = socket_->Read(room, block, limitMs);
+    buffer.Extend(result.count);
     total += result.count;
-    if (result.count > 0 && buffer.Append(block, result.count) == 0) return false;
     if (timeoutMs > 0 && total == 0) return false;
-    if (result.count < sizeof block) return result.isConnected;
+    if (result.count < block) return result.isConnected;
     limitMs = 0;
   }
   socket_->SignalReader();

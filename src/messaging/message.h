@@ -7,7 +7,7 @@
 // (The channel that sends it stamps the sequence, under its own lock.)
 //
 // A leaf of up to kSharedDataLimit bytes keeps them in itself; a larger one keeps a stream, which Serialize hands on
-// without a copy.
+// without a copy, and which may be a part of the memory that the message was parsed from.
 //
 // What is wrong with the bytes of a message, or with the use of a segment, is a Message::FormatException.
 #ifndef KESTRUN_MESSAGING_MESSAGE_H_
@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -129,7 +130,8 @@ class Message::Segment : public rc_base {
   // Both null without data.
   const u8* GetDataBegin() const;
   const u8* GetDataEnd() const;
-  // The data as text; empty without data.
+  // The data as text; empty without data. The view holds as long as the segment is there and its data stays as it is.
+  std::string_view GetText() const;
   void GetString(std::string& out) const;
 
   // The data grows; not for a segment with children.

@@ -59,7 +59,8 @@ Message::Segment::~Segment() = default;
 
 void Message::Segment::ReadData(Stream& stream, u32 length) {
   if (length > kSharedDataLimit) {
-    content_ = Shared(new MemoryStream(length, stream));
+    auto* const memory = dynamic_cast<MemoryStream*>(&stream);
+    content_ = memory != nullptr ? memory->TakeContent(length) : Shared(new MemoryStream(length, stream));
     return;
   }
   auto& text = content_.emplace<std::string>(length, '\0');
@@ -146,9 +147,12 @@ const u8* Message::Segment::GetDataEnd() const {
   return begin != nullptr ? begin + GetDataLength() : nullptr;
 }
 
+std::string_view Message::Segment::GetText() const {
+  return {reinterpret_cast<const char*>(GetDataBegin()), GetDataLength()};
+}
+
 void Message::Segment::GetString(std::string& out) const {
-  out.clear();
-  if (GetDataLength() > 0) out.assign(reinterpret_cast<const char*>(GetDataBegin()), GetDataLength());
+  out = GetText();
 }
 
 MemoryStream& Message::Segment::MakeShared() {

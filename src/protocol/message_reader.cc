@@ -16,6 +16,11 @@ template bool MessageReader::Read(u32, i32&) const;
 template bool MessageReader::Read(u32, u32&) const;
 template bool MessageReader::Read(u32, u64&) const;
 
+std::string_view MessageReader::GetText(u32 id) const {
+  const rc_ptr<Message::Segment> segment = message_->FindSegment(id);
+  return segment ? segment->GetText() : std::string_view();
+}
+
 template <class T>
 void MessageReader::Require(u32 id, T& out, u32 n) const {
   const rc_ptr<Message::Segment> segment = message_->FindSegment(id, n);

@@ -6,6 +6,7 @@
 #define KESTRUN_PROTOCOL_MESSAGE_READER_H_
 
 #include <string>
+#include <string_view>
 
 #include "messaging/message.h"
 #include "runtime/rc_ptr.h"
@@ -24,6 +25,8 @@ class MessageReader {
 
   // True if the segment is there and holds such a value; otherwise out stays as it was.
   bool ReadString(u32 id, std::string& out) const { return Read(id, out); }
+  // The text in place: empty if the segment is not there. The view holds as long as the message.
+  std::string_view GetText(u32 id) const;
   bool ReadInt(u32 id, i32& out) const { return Read(id, out); }
   bool ReadUnsigned(u32 id, u32& out) const { return Read(id, out); }
   bool ReadLong(u32 id, u64& out) const { return Read(id, out); }

@@ -27,6 +27,14 @@ StreamException OutOfMemory() {
 
 }  // namespace
 
+// A piece of the heap.
+struct MemoryStream::Block : rc_base {
+  ~Block() override { std::free(data); }
+  u8* data = nullptr;
+};
+
+MemoryStream::MemoryStream() = default;
+
 MemoryStream::MemoryStream(void* data, u32 size, bool wrap) {
   owns_ = !wrap;
   if (wrap) {
@@ -62,7 +70,7 @@ void MemoryStream::Close() {
     data_ = nullptr;
   }
   file_.Reset();
-  if (owns_) std::free(data_);
+  block_.Reset();
   data_ = nullptr;
   end_ = nullptr;
   size_ = 0;
@@ -78,6 +86,7 @@ u32 MemoryStream::Read(void* buffer, u32 count) {
 
 u32 MemoryStream::Write(const void* buffer, u32 count) {
   if (count > 0xFFFFFFFF - position_ || !Reserve(position_ + count)) throw OutOfMemory();
+  if (position_ < size_ && IsShared() && !Grow(GetCapacity())) throw OutOfMemory();
   std::copy_n(static_cast<const u8*>(buffer), count, data_ + position_);
   position_ += count;
   size_ = std::max(size_, position_);
@@ -93,20 +102,53 @@ bool MemoryStream::Reserve(u32 capacity) {
   return next <= 0xFFFFFFFF && Grow(static_cast<u32>(next));
 }
 
-// Moves the content to a new buffer of that size.
+bool MemoryStream::IsShared() const {
+  return block_ && block_->IsShared();
+}
+
+// Moves the content to a buffer of that size, which is nobody else's.
 bool MemoryStream::Grow(u32 capacity) {
+  const bool mustCopy = block_ && (block_->IsShared() || block_->data != data_);
+  const rc_ptr<Block> block = block_ && !mustCopy ? block_ : rc_ptr<Block>(new Block);
   // Beyond some megabytes the C library moves pages and copies nothing, which keeps the constant growth step
   // affordable: by copies, collecting n bytes would cost n * n.
-  auto* grown = static_cast<u8*>(std::realloc(data_, capacity));
+  auto* grown = static_cast<u8*>(std::realloc(block->data, capacity));
   if (grown == nullptr) return false;
+  block->data = grown;
+  if (mustCopy) std::copy_n(data_, size_, grown);
+  block_ = block;
   data_ = grown;
   end_ = grown + capacity;
   return true;
 }
 
+void MemoryStream::Clear() {
+  if (IsShared()) {
+    Close();
+  } else {
+    size_ = position_ = 0;
+  }
+}
+
+rc_ptr<MemoryStream> MemoryStream::TakeContent(u32 count) {
+  if (!block_ || count < GetCapacity() / 2 || count > GetAvailable()) return new MemoryStream(count, *this);
+  rc_ptr<MemoryStream> taken(new MemoryStream);
+  taken->block_ = block_;
+  taken->data_ = data_ + position_;
+  taken->end_ = taken->data_ + count;
+  taken->size_ = count;
+  position_ += count;
+  return taken;
+}
+
+u8* MemoryStream::MakeRoom(u32 count) {
+  return count <= 0xFFFFFFFF - size_ && Reserve(size_ + count) ? data_ + size_ : nullptr;
+}
+
 u32 MemoryStream::Append(const void* data, u32 count) {
-  if (count == 0 || count > 0xFFFFFFFF - size_ || !Reserve(size_ + count)) return 0;
-  std::copy_n(static_cast<const u8*>(data), count, data_ + size_);
+  u8* const room = count > 0 ? MakeRoom(count) : nullptr;
+  if (room == nullptr) return 0;
+  std::copy_n(static_cast<const u8*>(data), count, room);
   size_ += count;
   return count;
 }
@@ -114,8 +156,9 @@ u32 MemoryStream::Append(const void* data, u32 count) {
 u32 MemoryStream::ReadFrom(Stream& source) {
   u32 available = source.GetAvailable();
   if (available == 0) return 0;
-  if (available > 0xFFFFFFFF - size_ || !Reserve(size_ + available)) return kReadFailed;
-  u32 read = source.Read(data_ + size_, available);
+  u8* const room = MakeRoom(available);
+  if (room == nullptr) return kReadFailed;
+  u32 read = source.Read(room, available);
   size_ += read;
   return read;
 }

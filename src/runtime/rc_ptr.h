@@ -28,6 +28,8 @@ class rc_base {
   }
 
   u32 GetRefCount() const { return count_.load(std::memory_order_relaxed); }
+  // False for the only owner, who then comes after everything that former ones did to the object.
+  bool IsShared() const { return count_.load(std::memory_order_acquire) > 1; }
 
  private:
   mutable std::atomic<u32> count_{0};

@@ -179,11 +179,9 @@ bool CompilerStub::WaitForResult(int& exitCode) {
 
 bool CompilerStub::HandleResult(const rc_ptr<Message>& message, int& exitCode) {
   const MessageReader reader(message);
-  std::string stdoutText;
-  std::string stderrText;
+  const std::string_view stdoutText = reader.GetText(SEG_STDOUT);
+  const std::string_view stderrText = reader.GetText(SEG_STDERR);
   i32 code = 0;
-  reader.ReadString(SEG_STDOUT, stdoutText);
-  reader.ReadString(SEG_STDERR, stderrText);
   const bool isLast = reader.ReadInt(SEG_EXIT_CODE, code);
   if (isLast && code == StubFailureCode) {
     PrintError(stderrText);

@@ -2,17 +2,17 @@
 #ifndef KESTRUN_STUBS_CONSOLE_H_
 #define KESTRUN_STUBS_CONSOLE_H_
 
-#include <string>
+#include <string_view>
 
 namespace kestrun {
 
 // The bytes as they are, with nothing added.
-void WriteStandardOutput(const std::string& text);
-void WriteStandardError(const std::string& text);
+void WriteStandardOutput(std::string_view text);
+void WriteStandardError(std::string_view text);
 
 // "KESTRUN: error: " or "KESTRUN: warning: ", the text and a line end, on the standard error stream.
-void PrintError(const std::string& text);
-void PrintWarning(const std::string& text);
+void PrintError(std::string_view text);
+void PrintWarning(std::string_view text);
 
 }  // namespace kestrun
 

@@ -154,12 +154,10 @@ int ScriptStub::ReceiveResults() {
 
 bool ScriptStub::HandleScriptResult(const rc_ptr<Message>& message) {
   const MessageReader reader(message);
-  std::string stdoutText;
-  std::string stderrText;
+  const std::string_view stdoutText = reader.GetText(SEG_STDOUT);
+  const std::string_view stderrText = reader.GetText(SEG_STDERR);
   i32 code = 0;
   u32 keepGoing = 0;
-  reader.ReadString(SEG_STDOUT, stdoutText);
-  reader.ReadString(SEG_STDERR, stderrText);
   reader.ReadInt(SEG_EXIT_CODE, code);
   reader.ReadUnsigned(SEG_KEEP_GOING, keepGoing);
   if (code == StubFailureCode) PrintError(stderrText);

@@ -46,7 +46,7 @@ class SchedulerTest : public testing::Test {
     EXPECT_EQ(result->GetType(), MSG_LOCAL_JOB_RESULT);
     const rc_ptr<BuildJob> job = scheduler_.JobResult(
         scheduler_.GetServer(), static_cast<u32>(NumberOf(result, SEG_JOB_ID)), NumberOf(result, SEG_EXIT_CODE),
-        TextOf(result, SEG_STDOUT), TextOf(result, SEG_STDERR), 0, NumberOf(result, SEG_ELAPSED));
+        result->FindSegment(SEG_STDOUT), result->FindSegment(SEG_STDERR), 0, NumberOf(result, SEG_ELAPSED));
     if (job) scheduler_.JobCompleted(job);
     return job;
   }
@@ -86,13 +86,13 @@ TEST_F(SchedulerTest, TakesOneResultForEachJob) {
   EXPECT_EQ(scheduler_.GetServer()->assignedJobs.count(1), 1u);
   EXPECT_EQ(Finish(), job);
   EXPECT_EQ(job->exitCode, 2);
-  EXPECT_EQ(job->stdoutText, "x\n");
+  EXPECT_EQ(job->stdoutText->GetText(), "x\n");
   EXPECT_EQ(scheduler_.GetServer()->assignedJobs.count(1), 0u);
   EXPECT_EQ(scheduler_.GetServer()->completedCount, 1u);
   bool finished = false;
-  EXPECT_FALSE(scheduler_.JobResult(scheduler_.GetServer(), 1, 0, "", "", 0, 0, &finished));
-  EXPECT_FALSE(scheduler_.JobResult(scheduler_.GetServer(), 99, 0, "", "", 0, 0, &finished));
-  EXPECT_FALSE(scheduler_.JobResult(nullptr, 1, 0, "", "", 0, 0, &finished));
+  EXPECT_FALSE(scheduler_.JobResult(scheduler_.GetServer(), 1, 0, nullptr, nullptr, 0, 0, &finished));
+  EXPECT_FALSE(scheduler_.JobResult(scheduler_.GetServer(), 99, 0, nullptr, nullptr, 0, 0, &finished));
+  EXPECT_FALSE(scheduler_.JobResult(nullptr, 1, 0, nullptr, nullptr, 0, 0, &finished));
   EXPECT_FALSE(finished);
   EXPECT_EQ(job->exitCode, 2);
 }
@@ -214,7 +214,8 @@ TEST_F(SchedulerTest, CancelsTheJobsOfALostClientAndOfNoOther) {
     const i32 code = NumberOf(result, SEG_EXIT_CODE);
     EXPECT_EQ(code, id == 3 ? 6 : -1);
     EXPECT_EQ(other->Count(), 0u);
-    scheduler.JobCompleted(scheduler.JobResult(scheduler.GetServer(), static_cast<u32>(id), code, "", "", 0, 0));
+    scheduler.JobCompleted(
+        scheduler.JobResult(scheduler.GetServer(), static_cast<u32>(id), code, nullptr, nullptr, 0, 0));
   }
   EXPECT_FALSE(Path(mark).Exists());
   EXPECT_EQ(jobs[0]->project->completed.size(), 5u);
@@ -233,10 +234,12 @@ TEST_F(SchedulerTest, CountsAFinishedJobAndLetsItGo) {
     scheduler.AddJob(job);
     scheduler.ScheduleIfPending();
     const rc_ptr<Message> result = NextMessage();
-    ASSERT_EQ(scheduler.JobResult(scheduler.GetServer(), id, 0, TextOf(result, SEG_STDOUT), "e", 0, 0), job);
-    EXPECT_EQ(job->stdoutText, "x\n");
+    ASSERT_EQ(scheduler.JobResult(scheduler.GetServer(), id, 0, result->FindSegment(SEG_STDOUT),
+                                  result->FindSegment(SEG_STDERR), 0, 0),
+              job);
+    EXPECT_EQ(job->stdoutText->GetText(), "x\n");
     scheduler.JobCompleted(job);
-    EXPECT_EQ(job->stdoutText + job->stderrText, "");
+    EXPECT_FALSE(job->stdoutText || job->stderrText);
     EXPECT_FALSE(job->environment);
     EXPECT_TRUE(job->project->completed.empty());
     EXPECT_EQ(job->project->CompletedCount(), id);

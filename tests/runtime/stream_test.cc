@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 
 #include "runtime/file_stream.h"
@@ -86,6 +87,34 @@ TEST(MemoryStream, ReadsFromAnotherStream) {
   EXPECT_EQ(exact.ReadFrom(source), 6u);
   EXPECT_EQ(Content(exact), "23456456789");
   EXPECT_EQ(exact.ReadFrom(source), 0u);
+}
+
+TEST(MemoryStream, TakenContentStaysWhateverHappensToItsSource) {
+  const std::string text = "headlarge contenttail";
+  const std::function<void(MemoryStream&)> changes[] = {
+      [](MemoryStream& s) { s.Close(); },
+      [](MemoryStream& s) { s.Clear(), s.Append("XXXXXXXXXXXXXXXXXXXXX", 21); },
+      [](MemoryStream& s) { s.Seek(0), s.Write("XXXXXXXXXXXXXXXXXXXXX", 21); },
+      [](MemoryStream& s) { s.Append(std::string(100000, 'X').data(), 100000); },
+  };
+  for (const auto& change : changes) {
+    MemoryStream source(const_cast<char*>(text.data()), static_cast<u32>(text.size()), false);
+    source.Seek(4);
+    const rc_ptr<MemoryStream> taken = source.TakeContent(13);
+    EXPECT_EQ(taken->GetData(), source.GetData() + 4);
+    EXPECT_EQ(source.GetPosition(), 17u);
+    ExpectThrow<StreamException>([&] { source.TakeContent(5); }, "Out of memory", -1);
+    change(source);
+    EXPECT_EQ(Content(*taken), "large content");
+    taken->Append("!", 1);
+    taken->Write("L", 1);
+    EXPECT_EQ(Content(*taken), "Large content!");
+  }
+  MemoryStream source(const_cast<char*>(text.data()), static_cast<u32>(text.size()), false);
+  EXPECT_NE(source.TakeContent(4)->GetData(), source.GetData());
+  const rc_ptr<MemoryStream> taken = source.TakeContent(13);
+  taken->Seek(0), taken->Write("S", 1);
+  EXPECT_EQ(Content(source), text);
 }
 
 TEST(MemoryStream, CloseForgetsAndTheStreamGoesOn) {
