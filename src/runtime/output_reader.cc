@@ -4,6 +4,9 @@
 
 namespace kestrun {
 
+OutputReader::OutputReader(const rc_ptr<Stream>& pipe, const rc_ptr<Stream>& destination)
+    : pipe_(pipe), destination_(destination), memory_(dynamic_cast<MemoryStream*>(destination.Get())) {}
+
 void OutputReader::operator()() {
   if (ReadUntilFinish()) ReadWhatIsThere();
 }
@@ -47,8 +50,24 @@ void OutputReader::EndRead() {
   isReading_ = false;
 }
 
+char* OutputReader::MakeRoom(DWORD count) {
+  if (!destination_ || memory_ == nullptr) return nullptr;
+  room_ = reinterpret_cast<char*>(memory_->MakeRoom(count));
+  return room_;
+}
+
 void OutputReader::Take(const char* bytes, DWORD count) {
   if (!destination_) return;
+  if (memory_ == nullptr) {
+    WriteOn(bytes, count);
+  } else if (bytes == room_) {
+    memory_->Extend(count);
+  } else if (memory_->Append(bytes, count) == 0) {
+    destination_.Reset();
+  }
+}
+
+void OutputReader::WriteOn(const char* bytes, DWORD count) {
   try {
     destination_->Write(bytes, count);
   } catch (const StreamException&) {

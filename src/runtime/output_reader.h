@@ -10,6 +10,7 @@
 #include "platform/child_io.h"
 #include "runtime/critical_section.h"
 #include "runtime/delegate.h"
+#include "runtime/memory_stream.h"
 #include "runtime/rc_ptr.h"
 #include "runtime/stream.h"
 #include "runtime/thread.h"
@@ -21,13 +22,13 @@ namespace kestrun {
 // all that follows, so that the child never stalls on a full pipe.
 class OutputReader : public Functor0<void>::_DelegateBase, public platform::OutputSink {
  public:
-  OutputReader(const rc_ptr<Stream>& pipe, const rc_ptr<Stream>& destination)
-      : pipe_(pipe), destination_(destination) {}
+  OutputReader(const rc_ptr<Stream>& pipe, const rc_ptr<Stream>& destination);
 
   // The body of the reader thread.
   void operator()() override;
 
   // In place of a thread body.
+  char* MakeRoom(DWORD count) override;
   void Take(const char* bytes, DWORD count) override;
 
   // When the child has ended: waits until the reader has taken what the pipe holds. `thread` is the one that runs this
@@ -39,12 +40,16 @@ class OutputReader : public Functor0<void>::_DelegateBase, public platform::Outp
 
   bool ReadUntilFinish();
   void ReadWhatIsThere();
+  void WriteOn(const char* bytes, DWORD count);
   bool BeginRead();
   void EndRead();
   void InterruptRead(Thread& thread);
 
   rc_ptr<Stream> pipe_;
   rc_ptr<Stream> destination_;
+  // The destination if that is one; bytes can be read into it. And where they go that are to come.
+  MemoryStream* memory_;
+  char* room_ = nullptr;
 
   CriticalSection lock_;
   bool isReading_ = false;      // guarded by lock_

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -16,6 +17,9 @@ namespace {
 
 constexpr DWORD kMaxOutputs = 2;
 constexpr DWORD kBufferSize = 64 * 1024;
+// What a pipe may hold whose writer has filled it: the two sides then meet less often. All pipes of a user together
+// have a limit, so others keep the size that they have.
+constexpr DWORD kLargePipe = 256 * 1024;
 
 class Collector {
  public:
@@ -45,7 +49,7 @@ class Collector {
         return WAIT_TIMEOUT;
       }
       for (DWORD i = 0; i < count_; ++i) {
-        if (wait[1 + i].revents != 0 && !Pass(i, kBufferSize)) isAtEnd_[i] = true;
+        if (wait[1 + i].revents != 0 && !PassOn(i)) isAtEnd_[i] = true;
       }
       if (reports_ >= 0 && wait[0].revents != 0 && !child_->ServeReport()) reports_ = -1;
     }
@@ -62,18 +66,29 @@ class Collector {
     int left = 0;
     if (ioctl(pipes_[i]->Descriptor(), FIONREAD, &left) != 0) return;
     while (left > 0) {
-      const DWORD count = Pass(i, std::min(static_cast<DWORD>(left), kBufferSize));
+      const DWORD count = Pass(i, static_cast<DWORD>(left));
       if (count == 0) return;
       left -= static_cast<int>(count);
     }
   }
 
+  bool PassOn(DWORD i) {
+    const DWORD count = Pass(i, isLarge_[i] ? kLargePipe : kBufferSize);
+    if (count == kBufferSize && !isLarge_[i]) {
+      fcntl(pipes_[i]->Descriptor(), F_SETPIPE_SZ, kLargePipe);
+      isLarge_[i] = true;
+    }
+    return count > 0;
+  }
+
   // What one read gives.
   DWORD Pass(DWORD i, DWORD most) {
     char buffer[kBufferSize];
+    char* const room = isLarge_[i] ? sinks_[i]->MakeRoom(most) : nullptr;
     DWORD count = 0;
-    if (!pipes_[i]->FileObject::Read(buffer, most, &count) || count == 0) return 0;
-    sinks_[i]->Take(buffer, count);
+    const DWORD limit = room != nullptr ? most : std::min(most, kBufferSize);
+    if (!pipes_[i]->FileObject::Read(room != nullptr ? room : buffer, limit, &count) || count == 0) return 0;
+    sinks_[i]->Take(room != nullptr ? room : buffer, count);
     return count;
   }
 
@@ -82,6 +97,7 @@ class Collector {
   std::shared_ptr<FileObject> pipes_[kMaxOutputs];
   OutputSink* sinks_[kMaxOutputs] = {};
   bool isAtEnd_[kMaxOutputs] = {};
+  bool isLarge_[kMaxOutputs] = {};
   DWORD count_ = 0;
 };
 
