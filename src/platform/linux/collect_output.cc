@@ -17,8 +17,9 @@ namespace {
 
 constexpr DWORD kMaxOutputs = 2;
 constexpr DWORD kBufferSize = 64 * 1024;
-// What a pipe may hold whose writer has filled it: the two sides then meet less often. All pipes of a user together
-// have a limit, so others keep the size that they have.
+// What a pipe may hold whose writer has filled it: the two sides then meet less often. It is still read in smaller
+// pieces, since nobody can write while a read goes on. All pipes of a user together have a limit, so others keep the
+// size that they have.
 constexpr DWORD kLargePipe = 256 * 1024;
 
 class Collector {
@@ -66,14 +67,14 @@ class Collector {
     int left = 0;
     if (ioctl(pipes_[i]->Descriptor(), FIONREAD, &left) != 0) return;
     while (left > 0) {
-      const DWORD count = Pass(i, static_cast<DWORD>(left));
+      const DWORD count = Pass(i, std::min(static_cast<DWORD>(left), kBufferSize));
       if (count == 0) return;
       left -= static_cast<int>(count);
     }
   }
 
   bool PassOn(DWORD i) {
-    const DWORD count = Pass(i, isLarge_[i] ? kLargePipe : kBufferSize);
+    const DWORD count = Pass(i, kBufferSize);
     if (count == kBufferSize && !isLarge_[i]) {
       fcntl(pipes_[i]->Descriptor(), F_SETPIPE_SZ, kLargePipe);
       isLarge_[i] = true;
@@ -85,10 +86,10 @@ class Collector {
   DWORD Pass(DWORD i, DWORD most) {
     char buffer[kBufferSize];
     char* const room = isLarge_[i] ? sinks_[i]->MakeRoom(most) : nullptr;
+    char* const target = room != nullptr ? room : buffer;
     DWORD count = 0;
-    const DWORD limit = room != nullptr ? most : std::min(most, kBufferSize);
-    if (!pipes_[i]->FileObject::Read(room != nullptr ? room : buffer, limit, &count) || count == 0) return 0;
-    sinks_[i]->Take(room != nullptr ? room : buffer, count);
+    if (!pipes_[i]->FileObject::Read(target, most, &count) || count == 0) return 0;
+    sinks_[i]->Take(target, count);
     return count;
   }
 
