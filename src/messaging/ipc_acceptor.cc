@@ -38,6 +38,11 @@ bool IpcAcceptor::HandleEvent() {
   return true;
 }
 
+void IpcAcceptor::Prepare() {
+  const rc_ptr<IpcSocket> socket = GetSocket();
+  if (socket) socket->PrepareNext();
+}
+
 void IpcAcceptor::Close() {
   const rc_ptr<IpcSocket> socket = GetSocket();
   if (!socket) return;

@@ -37,6 +37,9 @@ class IpcAcceptor : public Reactor::EventHandler {
   // Ends the listening. May come from another thread.
   void Close() override;
 
+  // What the next connection needs is made now. From the reactor's wait loop.
+  void Prepare();
+
  private:
   rc_ptr<IpcSocket> GetSocket() const;
 

@@ -86,11 +86,10 @@ void MessageDispatcher::Stop() {
 
 bool MessageDispatcher::OpenIpcRoad() {
   if (ipcName_.empty()) return true;
-  const rc_ptr<IpcAcceptor> acceptor(new IpcAcceptor(ipcName_,
-                                                     MakeDelegate(&MessageDispatcher::OnNewIpcConnection, this),
-                                                     MakeDelegate(&MessageDispatcher::HasRoom, this)));
-  isListening_ = acceptor->IsListening();
-  if (reactor_.Register(acceptor.Get())) return true;
+  ipcAcceptor_ = new IpcAcceptor(ipcName_, MakeDelegate(&MessageDispatcher::OnNewIpcConnection, this),
+                                 MakeDelegate(&MessageDispatcher::HasRoom, this));
+  isListening_ = ipcAcceptor_->IsListening();
+  if (reactor_.Register(ipcAcceptor_.Get())) return true;
   ReportError("Could not register IpcAcceptor");
   return false;
 }
@@ -260,6 +259,8 @@ void MessageDispatcher::OnHandlerClosed(Reactor::EventHandler* handler) {
   auto* channel = dynamic_cast<MessageChannel*>(handler);
   Address address;
   if (channel != nullptr && RemoveChannel(channel, address)) TellClients(kClosed, address);
+  // The wait loop has a moment now: in a build the next client comes soon after the end of this one.
+  if (handler->GetHandleType() == Reactor::kWaitable && ipcAcceptor_) ipcAcceptor_->Prepare();
 }
 
 // By the channel and not by its address: a datagram channel's changes.

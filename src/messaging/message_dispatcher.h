@@ -47,6 +47,7 @@
 
 namespace kestrun {
 
+class IpcAcceptor;
 class IpcSocket;
 class TcpSocket;
 
@@ -135,7 +136,8 @@ class MessageDispatcher {
   const u16 port_;
   rc_ptr<Reactor::EventHandler> socketAcceptor_;
   const std::string ipcName_;
-  bool isListening_ = false;  // constant once Run has opened its roads
+  rc_ptr<IpcAcceptor> ipcAcceptor_;  // constant while Run runs; null without that road
+  bool isListening_ = false;         // constant once Run has opened its roads
   CriticalSection clientsLock_;
   std::vector<rc_ptr<Client>> clients_;  // guarded by clientsLock_
   CriticalSection channelsLock_;

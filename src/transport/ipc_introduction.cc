@@ -125,10 +125,37 @@ bool IpcSocket::ReadRequest() {
   return request == kRequest;
 }
 
-std::unique_ptr<IpcSocket> IpcSocket::ServeRequest(Condition& changed, Mutex& connectLock) {
-  const std::string connectionName = name_ + "." + std::to_string(++connectionCounter_);
+void IpcSocket::PrepareNext() {
+  {
+    const Lock lock(inputLock_);
+    if (next_ != nullptr || GetState() != State::kListening) return;
+  }
+  try {
+    auto next = MakeNext();
+    const Lock lock(inputLock_);
+    if (GetState() == State::kListening) next_ = std::move(next);
+  } catch (const SyncException&) {
+    // Accept tries again, and tells.
+  }
+}
+
+std::unique_ptr<IpcSocket> IpcSocket::MakeNext() {
   auto connection = std::make_unique<IpcSocket>();
-  if (!connection->CreateRegion(connectionName) || !SendReply(connectionName)) return nullptr;
+  const bool isMade = connection->CreateRegion(name_ + "." + std::to_string(++connectionCounter_));
+  return isMade ? std::move(connection) : nullptr;
+}
+
+std::unique_ptr<IpcSocket> IpcSocket::TakeNext() {
+  {
+    const Lock lock(inputLock_);
+    if (next_ != nullptr) return std::move(next_);
+  }
+  return MakeNext();
+}
+
+std::unique_ptr<IpcSocket> IpcSocket::ServeRequest(Condition& changed, Mutex& connectLock) {
+  auto connection = TakeNext();
+  if (connection == nullptr || !SendReply(connection->GetName())) return nullptr;
   Lookout(Lookout::kMostLooks).Await([&connection] { return connection->WasJoined(); });
   const u32 start = GetTickCount();
   while (!connection->WasJoined()) {

@@ -99,6 +99,7 @@ void IpcSocket::Close() {
     output_->WakeReader();
     input_->WakeWriter();
   }
+  next_.reset();
   changeEvent_.reset();
   connectLock_.reset();
   DestroyRegion();

@@ -73,6 +73,10 @@ class IpcSocket : public rc_base {
   // keeps the lock of a ring.
   IpcSocket* Accept();
 
+  // Makes what the next connection needs, so that its connector does not wait for that. Without it Accept does the same
+  // when it is asked. From the thread that accepts.
+  void PrepareNext();
+
   // Waits for its turn behind other connectors without limit, then at most timeoutMs for each of the two steps. False
   // if nobody listens on the name (the state stays as it was) or the introduction failed (state failed).
   bool Connect(const std::string& name, u32 timeoutMs);
@@ -122,6 +126,8 @@ class IpcSocket : public rc_base {
   bool ReadRequest();
   bool IsHeldUp();
   std::unique_ptr<IpcSocket> ServeRequest(Condition& changed, Mutex& connectLock);
+  std::unique_ptr<IpcSocket> MakeNext();
+  std::unique_ptr<IpcSocket> TakeNext();
   bool SendReply(const std::string& connectionName);
   bool HasNewerRequest();
   bool IsConnectorGone(Mutex& connectLock);
@@ -149,6 +155,7 @@ class IpcSocket : public rc_base {
   // Of a listening socket; under inputLock_. Accept shares them, so that Close may come while it waits.
   std::shared_ptr<Mutex> connectLock_;
   std::shared_ptr<Condition> changeEvent_;
+  std::unique_ptr<IpcSocket> next_;  // a connection without its connector; null while none is prepared
 };
 
 }  // namespace kestrun

@@ -9,6 +9,7 @@
 
 #include "ipc_ends.h"
 #include "platform/host.h"
+#include "runtime/handle.h"
 #include "runtime/mapped_file.h"
 #include "transport/ipc_stream_adapter.h"
 
@@ -53,6 +54,33 @@ TEST(IpcSocket, TwoConnectorsAtOnceGetConnectionsOfTheirOwn) {
     ASSERT_TRUE(server);
     EXPECT_EQ(ReadText(*server, 200), server->GetName());
   }
+}
+
+bool Exists(const std::string& region) {
+  return static_cast<bool>(UniqueHandle(OpenFileMappingA(FILE_MAP_READ, FALSE, region.c_str())));
+}
+
+TEST(IpcSocket, ListenerGivesThePreparedConnectionAndLeavesNoneBehind) {
+  IpcEnds ends;
+  ends.Meet();
+  const std::string first = ends.server->GetName();
+  const auto number = std::stoul(first.substr(ends.name.size() + 1));
+  const auto connection = [&](u32 after) { return ends.name + "." + std::to_string(number + after); };
+  EXPECT_FALSE(Exists(connection(1)));
+  ends.listener->PrepareNext();
+  ends.listener->PrepareNext();
+  EXPECT_TRUE(Exists(connection(1)));
+  EXPECT_FALSE(Exists(connection(2)));
+  ends.Connect();
+  EXPECT_EQ(ends.server->GetName(), connection(1));
+  WriteText(*ends.client, "to the second");
+  EXPECT_EQ(ReadText(*ends.server, 100), "to the second");
+  ends.listener->PrepareNext();
+  EXPECT_TRUE(Exists(connection(2)));
+  ends.listener->Close();
+  EXPECT_FALSE(Exists(connection(2)));
+  ends.listener->PrepareNext();
+  EXPECT_FALSE(Exists(connection(3)));
 }
 
 TEST(IpcSocket, NameInUseOrUnknownIsRefused) {
