@@ -24,7 +24,7 @@ enum JobState : u32 {
 
 // One tool invocation: what to run, for which stub, and how it ended.
 //
-// Made by the build request thread, then owned by the message thread. While a job is scheduled a local build thread
+// Made of its request, then owned by the message thread. While a job is scheduled a local build thread
 // reads what there is to run and empties the echo text; the message thread leaves those fields alone for that time.
 // Any thread may look at isCancelled at any time.
 class BuildJob : public rc_base {

@@ -53,14 +53,13 @@ BuildRequestHandler::~BuildRequestHandler() {
   if (!stopped_) Stop();
 }
 
-// Nobody else submits, so nothing comes between the look and the parsing.
+// The thread would take longer to wake than this takes.
 void BuildRequestHandler::SubmitRequest(const rc_ptr<Message>& request) {
-  if (onJob_ && unhandled_ == 0) {
+  if (onJob_) {
     HandleRequest(request);
-    return;
+  } else {
+    requests_.Push(request);
   }
-  ++unhandled_;
-  requests_.Push(request);
 }
 
 rc_ptr<BuildJob> BuildRequestHandler::NextJob() {
@@ -82,7 +81,6 @@ void BuildRequestHandler::HandleRequests() {
     rc_ptr<Message> request;
     if (!requests_.Pop(request, kNoLimit) || !request) return;
     HandleRequest(request);
-    --unhandled_;
   }
 }
 

@@ -20,14 +20,14 @@
 namespace kestrun {
 
 // One thread, "BuildRequestThread", turns each request into a BuildJob and leaves it in a queue, from which the message
-// thread fetches it. Where somebody listens for jobs that are ready, a request that finds the thread idle is parsed at
-// once instead, by whoever submits it: that is sooner than the thread would be awake. Job numbers follow the order of
+// thread fetches it. Where somebody listens for jobs that are ready, the request is parsed at once instead, by whoever
+// submits it. Job numbers follow the order of
 // the requests. A request that can't become a job is refused: its stub gets exit code 1 and the reason, and the
 // scheduler hears nothing of it.
 class BuildRequestHandler {
  public:
   // Starts the thread. Settings and dispatcher outlive the handler. `onJob`, if it is not empty, is called each time
-  // that a job has become ready, on the thread that has parsed it.
+  // that a job has become ready, within SubmitRequest.
   BuildRequestHandler(IniFile* settings, const Options& options, MessageDispatcher* dispatcher,
                       Functor0<void>::Type onJob = {});
   // Stops the thread if Stop has not.
@@ -61,7 +61,6 @@ class BuildRequestHandler {
   const Options options_;
   const Functor0<void>::Type onJob_;
   BlockingQueue<rc_ptr<Message>> requests_;  // an empty pointer ends the thread
-  std::atomic<u32> unhandled_{0};            // requests that the thread is to handle or handles
   std::vector<rc_ptr<Thread>> threads_;      // constant after construction
   BlockingQueue<rc_ptr<BuildJob>> jobs_;
   u32 nextJobId_ = 0;                                   // number of the last job; whoever parses

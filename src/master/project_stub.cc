@@ -229,7 +229,7 @@ Functor0<void>::Type ProjectStub::MakeJobListener(IniFile& settings) {
 
 // Before the start nothing is scheduled; what has come until then is drained by the first tick.
 void ProjectStub::OnJobReady() {
-  if (isStarted_) dispatcher_.Post(OwnMessage(MSG_DRAIN_REQUESTS), false);
+  if (isStarted_) OnDrainRequests();
 }
 
 void ProjectStub::OnProjectDetails(const rc_ptr<Message>& message) {

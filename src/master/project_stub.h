@@ -44,7 +44,7 @@ class ProjectStub : public StubBase {
   void OnJobsFinished();
   void OnStop(const rc_ptr<Message>& message);
   void OnDrainRequests();
-  // On the request thread, with eager scheduling: asks for a drain, so that the job does not wait for the tick.
+  // With eager scheduling, while the request is handled: the job does not wait for the tick.
   void OnJobReady();
   void OnProjectDetails(const rc_ptr<Message>& message);
   void OnStarted();
@@ -66,7 +66,7 @@ class ProjectStub : public StubBase {
 
   const Path startDirectory_;
   std::atomic<i32> exitCode_{0};
-  std::atomic<bool> isStarted_{false};
+  bool isStarted_ = false;        // message thread
   CriticalSection handlingLock_;  // held while a message is handled
   bool hasThreads_ = true;        // constant after construction
   bool isEnding_ = false;         // guarded by handlingLock_: the destructor has come, messages are dropped

@@ -62,6 +62,26 @@ TEST_F(RequestHandlerTest, MakesAJobOfARequest) {
   EXPECT_FALSE(handler_.NextJob());
 }
 
+class JobCounter {
+ public:
+  void Count() { ++jobs; }
+  int jobs = 0;
+};
+
+TEST_F(RequestHandlerTest, ParsesAtOnceWhereSomebodyListens) {
+  JobCounter counter;
+  BuildRequestHandler eager(&settings_, Options(), &dispatcher_, MakeDelegate(&JobCounter::Count, &counter));
+  rc_ptr<Message> misshapen = new Message(stub_->GetAddress(), MSG_BUILD_REQUEST, kStubService, kMasterService);
+  eager.SubmitRequest(Request("first"));
+  eager.SubmitRequest(misshapen);
+  eager.SubmitRequest(Request("second"));
+  EXPECT_EQ(counter.jobs, 2);
+  EXPECT_EQ(stub_->Count(), 1u);
+  EXPECT_EQ(eager.NextJob()->commandLine, "\"c:\\a b\\cl.exe\" first");
+  EXPECT_EQ(eager.NextJob()->commandLine, "\"c:\\a b\\cl.exe\" second");
+  EXPECT_FALSE(eager.NextJob());
+}
+
 TEST_F(RequestHandlerTest, TakesWhatIsMissingOrMisshapenAsNotGiven) {
   const rc_ptr<Message> request = Request("");
   request->AddU64(SEG_FLAGS, 1).AddU8(SEG_JOB_TIMEOUT, 1);
