@@ -7,7 +7,7 @@
 //
 // On a processor that somebody computes on it is the other way round: who gives way is out for milliseconds, and who
 // sleeps is woken ahead of the other. One such loss is worth thousands of looks, so a waiter that has met one sleeps at
-// once for a number of waits that grows fourfold with each further one, and shrinks only with long good experience.
+// once for a number of waits that grows sixteenfold with each further one, and shrinks only with long good experience.
 //
 // One thread at a time.
 #ifndef KESTRUN_TRANSPORT_LOOKOUT_H_
@@ -76,7 +76,7 @@ class Lookout {
   }
   void NoteLoss() {
     successes_ = 0;
-    skipAfterLoss_ = std::min(skipAfterLoss_ * 4 + 3, kMostSkippedAfterLosses);
+    skipAfterLoss_ = std::min(skipAfterLoss_ * 16 + 15, kMostSkippedAfterLosses);
     waitsToSkip_ = skipAfterLoss_;
   }
 
