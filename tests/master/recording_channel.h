@@ -7,7 +7,6 @@
 
 #include "messaging/message_channel.h"
 #include "messaging/message_dispatcher.h"
-#include "protocol/message_reader.h"
 #include "protocol/protocol.h"
 #include "runtime/blocking_queue.h"
 #include "support/message_text.h"
@@ -51,12 +50,6 @@ class RecordingChannel : public MessageChannel {
   const kestrun::Address address_;
   BlockingQueue<rc_ptr<Message>> sent_;
 };
-
-inline i32 NumberOf(const rc_ptr<Message>& message, u32 segment) {
-  i32 number = 0xDEAD;
-  MessageReader(message).ReadInt(segment, number);
-  return number;
-}
 
 }  // namespace kestrun::test
 

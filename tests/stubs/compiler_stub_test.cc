@@ -32,24 +32,15 @@ KESTRUN_CHILD(RunsACompilerStub) {
   return stub.Run();
 }
 
-class CompilerStubTest : public testing::Test {
+class CompilerStubTest : public test::StubTest {
  protected:
   Child Start(const std::string& arguments, test::ChildOptions options = {}) {
     return Child::Self("RunsACompilerStub", {master_.Id(), tool_, arguments}, options);
   }
   // A stub that has sent its request.
   Child StartAndTakeRequest(const std::string& arguments, const test::ChildOptions& options = {}) {
-    master_.Listen();
-    Child child = Start(arguments, options);
-    master_.Accept();
-    request_ = master_.Receive();
-    EXPECT_TRUE(request_);
-    return child;
+    return TakeFirst([&] { return Start(arguments, options); });
   }
-
-  FakeMaster master_;
-  const std::string tool_ = test::ProgramPath("test_tool");
-  rc_ptr<Message> request_;
 };
 
 TEST_F(CompilerStubTest, SendsItsInvocationAndHoldsItsPlaceToTheEnd) {
@@ -58,12 +49,12 @@ TEST_F(CompilerStubTest, SendsItsInvocationAndHoldsItsPlaceToTheEnd) {
   test::ChildOptions options;
   options.environment["KT_VARIABLE"] = "a=b";
   Child child = StartAndTakeRequest("/c \"a b\" @" + responseFile + "  $$I:x", options);
-  EXPECT_EQ(request_->GetType(), MSG_BUILD_REQUEST);
-  EXPECT_EQ(request_->GetDestination(), kMasterService);
+  EXPECT_EQ(first_->GetType(), MSG_BUILD_REQUEST);
+  EXPECT_EQ(first_->GetDestination(), kMasterService);
   std::vector<u32> order;
   std::map<std::string, std::string> environment;
-  for (u32 i = 0; i < request_->GetSegmentCount(); ++i) {
-    const rc_ptr<Message::Segment> segment = request_->GetSegment(i);
+  for (u32 i = 0; i < first_->GetSegmentCount(); ++i) {
+    const rc_ptr<Message::Segment> segment = first_->GetSegment(i);
     if (segment->GetType() != SEG_ENV_VAR) {
       order.push_back(segment->GetType());
       continue;
@@ -74,13 +65,13 @@ TEST_F(CompilerStubTest, SendsItsInvocationAndHoldsItsPlaceToTheEnd) {
   }
   EXPECT_EQ(order, (std::vector<u32>{SEG_TOOL, SEG_WORKING_DIR, SEG_ARGUMENTS, SEG_PROJECT, SEG_FLAGS, SEG_JOB_TIMEOUT,
                                      SEG_JOB_NAME}));
-  EXPECT_EQ(test::TextOf(request_, SEG_TOOL), tool_);
-  EXPECT_EQ(test::TextOf(request_, SEG_WORKING_DIR), GetWorkingDirectory());
-  EXPECT_EQ(test::TextOf(request_, SEG_ARGUMENTS), "/c \"a b\"  x y  $$I:x");
-  EXPECT_EQ(test::TextOf(request_, SEG_PROJECT), "from option");
-  EXPECT_EQ(test::TextOf(request_, SEG_JOB_NAME), "my job");
-  EXPECT_EQ(test::NumberOf(request_, SEG_FLAGS), FLAG_KEEP_GOING);
-  EXPECT_EQ(test::NumberOf(request_, SEG_JOB_TIMEOUT), 60u);
+  EXPECT_EQ(test::TextOf(first_, SEG_TOOL), tool_);
+  EXPECT_EQ(test::TextOf(first_, SEG_WORKING_DIR), GetWorkingDirectory());
+  EXPECT_EQ(test::TextOf(first_, SEG_ARGUMENTS), "/c \"a b\"  x y  $$I:x");
+  EXPECT_EQ(test::TextOf(first_, SEG_PROJECT), "from option");
+  EXPECT_EQ(test::TextOf(first_, SEG_JOB_NAME), "my job");
+  EXPECT_EQ(test::NumberOf(first_, SEG_FLAGS), FLAG_KEEP_GOING);
+  EXPECT_EQ(test::NumberOf(first_, SEG_JOB_TIMEOUT), 60);
   EXPECT_EQ(environment["KT_VARIABLE"], "a=b");
   EXPECT_FALSE(master_.HasFreePlace());
   master_.Send(FakeMaster::Result("", "", 0));

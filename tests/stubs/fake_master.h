@@ -8,9 +8,9 @@
 
 #include "messaging/ipc_channel.h"
 #include "messaging/message.h"
-#include "protocol/message_reader.h"
 #include "protocol/protocol.h"
 #include "runtime/sync.h"
+#include "support/child.h"
 #include "support/message_text.h"
 #include "support/names.h"
 #include "transport/ipc_socket.h"
@@ -61,11 +61,24 @@ class FakeMaster {
   rc_ptr<IpcChannel> channel_;
 };
 
-inline u32 NumberOf(const rc_ptr<Message>& message, u32 segment) {
-  u32 number = 0xDEAD;
-  MessageReader(message).ReadUnsigned(segment, number);
-  return number;
-}
+// A stub in a process of its own, against that master.
+class StubTest : public testing::Test {
+ protected:
+  // The stub that `start` starts, once it has connected and sent its first message.
+  template <class StartStub>
+  Child TakeFirst(const StartStub& start) {
+    master_.Listen();
+    Child child = start();
+    master_.Accept();
+    first_ = master_.Receive();
+    EXPECT_TRUE(first_);
+    return child;
+  }
+
+  FakeMaster master_;
+  const std::string tool_ = ProgramPath("test_tool");
+  rc_ptr<Message> first_;
+};
 
 // The part of an exit code that every system keeps.
 inline int LowByte(int exitCode) {

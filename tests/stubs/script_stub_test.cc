@@ -26,7 +26,7 @@ KESTRUN_CHILD(RunsAScriptStub) {
   return stub.Run();
 }
 
-class ScriptStubTest : public testing::Test {
+class ScriptStubTest : public test::StubTest {
  protected:
   Child Start(const std::string& text, const std::string& marker = "$") {
     const std::string script = folder_.Write("script.kjs", text);
@@ -34,12 +34,7 @@ class ScriptStubTest : public testing::Test {
   }
   // A stub that has connected and announced its project.
   Child StartAndTakeDetails(const std::string& text, const std::string& marker = "$") {
-    master_.Listen();
-    Child child = Start(text, marker);
-    master_.Accept();
-    details_ = master_.Receive();
-    EXPECT_TRUE(details_);
-    return child;
+    return TakeFirst([&] { return Start(text, marker); });
   }
   std::string Job(const std::string& arguments) const { return tool_ + " " + arguments + "\n"; }
   // A script of jobs, all of them taken.
@@ -51,19 +46,16 @@ class ScriptStubTest : public testing::Test {
     return child;
   }
 
-  FakeMaster master_;
   test::TempFolder folder_;
-  const std::string tool_ = test::ProgramPath("test_tool");
-  rc_ptr<Message> details_;
 };
 
 TEST_F(ScriptStubTest, AnnouncesItsProjectAndSendsItsJobsInOrder) {
   Child child = StartAndTakeDetails("echo one\n" + Job("##I:a") + "#\n" + Job(" b"), "##");
   const std::string project = "p(" + std::to_string(child.Pid()) + ")";
-  EXPECT_EQ(details_->GetType(), MSG_PROJECT_DETAILS);
-  EXPECT_EQ(test::TextOf(details_, SEG_PROJECT), project);
-  EXPECT_EQ(test::NumberOf(details_, SEG_JOB_COUNT), 2u);
-  EXPECT_EQ(test::NumberOf(details_, SEG_FLAGS), FLAG_VERBOSE);
+  EXPECT_EQ(first_->GetType(), MSG_PROJECT_DETAILS);
+  EXPECT_EQ(test::TextOf(first_, SEG_PROJECT), project);
+  EXPECT_EQ(test::NumberOf(first_, SEG_JOB_COUNT), 2);
+  EXPECT_EQ(test::NumberOf(first_, SEG_FLAGS), FLAG_VERBOSE);
   const struct {
     const char* arguments;
     const char* echo;

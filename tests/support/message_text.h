@@ -16,6 +16,13 @@ inline std::string TextOf(const rc_ptr<Message>& message, u32 segment) {
   return text;
 }
 
+// The number that a segment holds, as a signed one; 0xDEAD where there is no such segment.
+inline i32 NumberOf(const rc_ptr<Message>& message, u32 segment) {
+  i32 number = 0xDEAD;
+  MessageReader(message).ReadInt(segment, number);
+  return number;
+}
+
 }  // namespace kestrun::test
 
 #endif  // KESTRUN_TESTS_SUPPORT_MESSAGE_TEXT_H_

@@ -11,6 +11,7 @@
 #include "../tool_process.h"
 #include "platform/linux/process_stat.h"
 #include "platform/win32.h"
+#include "support/becomes_true.h"
 #include "support/child.h"
 #include "support/names.h"
 
@@ -29,31 +30,6 @@ std::vector<pid_t> MarkedProcesses(const std::string& mark) {
     if (environment.find(mark) != std::string::npos) found.push_back(pid);
   }
   return found;
-}
-
-bool AllMarkedEndWithin(const std::string& mark, unsigned limitMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-  std::vector<pid_t> left;
-  while (!(left = MarkedProcesses(mark)).empty()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      for (const pid_t pid : left) kill(pid, SIGKILL);
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
-
-// True once somebody has waited for each of them, which a zombie with threads that still run does not allow.
-bool AreWaitedForWithin(std::initializer_list<pid_t> pids, unsigned limitMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-  for (const pid_t pid : pids) {
-    while (kill(pid, 0) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-  }
-  return true;
 }
 
 pid_t ParentOf(pid_t pid) {
@@ -92,10 +68,17 @@ KESTRUN_CHILD(KeepsStartingFamilies) {
 
 class Kill : public testing::Test {
  protected:
+  ~Kill() override {
+    for (const pid_t pid : MarkedProcesses(mark_)) kill(pid, SIGKILL);
+  }
   Child StartOwner(const std::string& name) {
     ChildOptions options;
     options.environment[kMark] = mark_;
     return Child::Self(name, {}, options);
+  }
+
+  bool AllMarkedEnd() const {
+    return BecomesTrue([this] { return MarkedProcesses(mark_).empty(); });
   }
 
   const std::string mark_ = UniqueName("mark");
@@ -112,7 +95,7 @@ TEST_F(Kill, NothingIsLeftInWhateverOrderTheHelpersAndTheOwnerDie) {
     if (round % 3 == 2) kill(zygote, SIGKILL);
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
     owner.Kill();
-    ASSERT_TRUE(AllMarkedEndWithin(mark_, 60000)) << "round " << round;
+    ASSERT_TRUE(AllMarkedEnd()) << "round " << round;
   }
 }
 
@@ -123,7 +106,7 @@ TEST_F(Kill, NothingIsLeftOfToolsThatWereJustStarting) {
     ASSERT_EQ(owner.ReadLine(), "go");
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 40000));
     owner.Kill();
-    ASSERT_TRUE(AllMarkedEndWithin(mark_, 60000)) << "round " << round;
+    ASSERT_TRUE(AllMarkedEnd()) << "round " << round;
   }
 }
 
@@ -186,8 +169,8 @@ TEST_F(Kill, ASupervisorThatDiesWhileIdleCostsNothing) {
     const pid_t next = NextToolOf(supervisor);
     kill(supervisor, SIGKILL);
     // Until the last thread of both has gone, and with it their end of the socket, it may still be given a tool, which
-    // would die with it.
-    ASSERT_TRUE(AreWaitedForWithin({supervisor, next}, 60000));
+    // would die with it. Not before that has anybody waited for them.
+    ASSERT_TRUE(BecomesTrue([&] { return kill(supervisor, 0) != 0 && kill(next, 0) != 0; }));
     EXPECT_NE(RunToolUnderSupervisor(), supervisor);
   }
 }

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <thread>
 
+#include "support/becomes_true.h"
 #include "support/child_state.h"
 
 namespace kestrun::test {
@@ -161,12 +162,7 @@ bool ProcessExists(unsigned long pid) {
 }
 
 bool ProcessEndsWithin(unsigned long pid, unsigned limitMs) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(limitMs);
-  while (ProcessExists(pid)) {
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
+  return BecomesTrue([pid] { return !ProcessExists(pid); }, limitMs);
 }
 
 std::string ProgramPath(const std::string& name) {

@@ -1,0 +1,23 @@
+// Waits for what nothing announces.
+#ifndef KESTRUN_TESTS_SUPPORT_BECOMES_TRUE_H_
+#define KESTRUN_TESTS_SUPPORT_BECOMES_TRUE_H_
+
+#include <chrono>
+#include <thread>
+
+namespace kestrun::test {
+
+// Looks every few milliseconds; false if the condition does not hold within the limit. Machines can be slow.
+template <class Condition>
+bool BecomesTrue(const Condition& condition, unsigned limitMs = 60000) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+}  // namespace kestrun::test
+
+#endif  // KESTRUN_TESTS_SUPPORT_BECOMES_TRUE_H_
