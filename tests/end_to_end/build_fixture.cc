@@ -1,9 +1,11 @@
 #include "build_fixture.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <sstream>
 
 namespace kestrun::test {
 namespace {
@@ -27,6 +29,16 @@ std::string Replace(std::string text, const std::string& from, const std::string
 }
 
 }  // namespace
+
+Words SplitWords(const std::string& text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
+
+unsigned ReadNumber(const char* variable, unsigned otherwise) {
+  const char* const text = std::getenv(variable);
+  return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
+}
 
 NamedEvent::NamedEvent(bool manualReset, const std::string& name) : name_(name) {
   ObjectFolder();

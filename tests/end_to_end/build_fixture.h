@@ -77,6 +77,9 @@ class Build : public testing::Test {
   std::unique_ptr<Child> master_;
 };
 
+// A text's words, which are between blanks.
+Words SplitWords(const std::string& text);
+
 // What the caller of a process sees of an exit code: all of it on Windows, its low byte elsewhere.
 inline int Seen(int code) {
   return Run({ProgramPath("test_tool"), "exit", std::to_string(code)}).exitCode;
@@ -84,6 +87,9 @@ inline int Seen(int code) {
 
 // User and kernel time that a process has used so far, in milliseconds.
 unsigned long long CpuTimeMs(unsigned long pid);
+
+// The size of a test that can be set from outside: the number in the environment variable, or the other one.
+unsigned ReadNumber(const char* variable, unsigned otherwise);
 
 // True of Wine: on a busy machine it fails once in some thousand times to start a process, whoever asks (error 1359).
 bool RefusesProcesses();

@@ -7,7 +7,6 @@
 #include "connector.h"
 #include "kill_support.h"
 #include "messaging/ipc_channel.h"
-#include "protocol/names.h"
 #include "protocol/protocol.h"
 #include "stubs/client_place.h"
 #include "transport/ipc_stream_adapter.h"
@@ -59,7 +58,7 @@ KESTRUN_CHILD(StandsStill) {
   return 0;
 }
 
-class KillMatrix : public Build {
+class KillMatrix : public KilledBuild {
  protected:
   // A client at some step, with what its job holds and how the step is left behind once somebody is dead.
   struct Scene {
@@ -67,12 +66,7 @@ class KillMatrix : public Build {
     std::function<void()> after = [] {};
   };
 
-  void StartWork(int jobsAtOnce = 1) {
-    WriteSettings("MaxStubs=int:" + std::to_string(kPlaces) + "\nMaxConcurrentJobs=int:" + std::to_string(jobsAtOnce) +
-                  "\n\n[Extensions]\nEagerScheduling=bool:true\n"
-                  "CancelOrphanedJobs=bool:true\nReclaimPlaces=bool:true\n");
-    StartMaster();
-  }
+  void StartWork(int jobsAtOnce = 1) { KilledBuild::StartWork(kPlaces, jobsAtOnce); }
 
   Child StartStill(Words words) {
     words.insert(words.begin(), id_);
@@ -83,11 +77,9 @@ class KillMatrix : public Build {
   // The client of a tool that waits for `release`, with a background process that waits for `never`.
   Child StartRunning(bool isReal) {
     NamedEvent started;
-    const std::string arguments = "background session await " + never_->Name() + " then signal " + started.Name() +
-                                  " , await " + release_->Name();
-    std::istringstream stream(arguments);
-    const Words words{std::istream_iterator<std::string>(stream), {}};
-    Child child = isReal ? StartTool(words) : StartStill({"job", tool_, arguments});
+    const std::string arguments =
+        "background daemon await " + never_->Name() + " then signal " + started.Name() + " , await " + release_->Name();
+    Child child = isReal ? StartTool(SplitWords(arguments)) : StartStill({"job", tool_, arguments});
     EXPECT_TRUE(started.Wait(kKillLimitMs));
     EXPECT_TRUE(BecomesTrue([&] { return never_->IsHeld() && release_->IsHeld(); }));
     return child;
@@ -157,21 +149,19 @@ class KillMatrix : public Build {
     return steps;
   }
 
+  // A build of one tool with these words.
+  Child StartDorn(const std::string& toolWords) {
+    Words words{ProgramPath("dorn"), "--id", id_, ProgramPath("kestrun"), tool_};
+    for (const std::string& word : SplitWords(toolWords)) words.push_back(word);
+    return Child::Start(words, WithEnvironment({}));
+  }
+
   void NewTethers() {
     release_ = std::make_unique<Tether>();
     never_ = std::make_unique<Tether>();
   }
   void ExpectJobGone() {
     EXPECT_TRUE(BecomesTrue([&] { return !never_->IsHeld() && !release_->IsHeld(); }));
-  }
-  // No process and no name of a build that is over.
-  void ExpectNothingLeft() {
-    EXPECT_TRUE(BecomesTrue([&] { return CountProcessesOf(id_) == 0; }));
-    EXPECT_EQ(NamedObjectsLeft(*WithEnvironment({}).environment["KESTRUN_OBJECT_DIR"]), "");
-    EXPECT_EQ(OpenSemaphoreA(SYNCHRONIZE, FALSE, GetAccessName(id_).c_str()), nullptr);
-    EXPECT_EQ(OpenMutexA(SYNCHRONIZE, FALSE, GetKeeperName(id_).c_str()), nullptr);
-    EXPECT_EQ(OpenFileMappingA(FILE_MAP_READ, FALSE, GetListeningName(id_).c_str()), nullptr);
-    EXPECT_EQ(OpenEventA(SYNCHRONIZE, FALSE, "Global\\dorn_kr_project_stub"), nullptr);
   }
   unsigned long NotedId(const std::string& file) const { return std::stoul(folder_.Read(file)); }
 
@@ -234,29 +224,9 @@ TEST_F(KillMatrix, AToolOrItsBackgroundProcess) {
     NamedEvent started;
     const std::string tool = UniqueName("tool");
     const std::string background = UniqueName("background");
-    Child client = StartTool({"background",
-                              "session",
-                              "note",
-                              folder_.File(background),
-                              ",",
-                              "await",
-                              never_->Name(),
-                              "then",
-                              "note",
-                              folder_.File(tool),
-                              ",",
-                              "fill",
-                              "100000",
-                              "50000",
-                              ",",
-                              "signal",
-                              started.Name(),
-                              ",",
-                              "await",
-                              release_->Name(),
-                              ",",
-                              "exit",
-                              "6"});
+    Child client = StartToolInFolder("background daemon note " + background + " , await " + never_->Name() +
+                                     " then note " + tool + " , fill 100000 50000 , signal " + started.Name() +
+                                     " , await " + release_->Name() + " , exit 6");
     ASSERT_TRUE(started.Wait(kKillLimitMs));
     ASSERT_TRUE(BecomesTrue([&] { return never_->IsHeld(); }));
     KillProcess(NotedId(killsTool ? tool : background));
@@ -296,13 +266,31 @@ TEST_F(KillMatrix, SomebodyWhileTheMasterStops) {
   }
 }
 
+// The build command has ended; the master waits for the tool of a client beside it, and dorn for the master.
+TEST_F(KillMatrix, DornWhileTheMasterStops) {
+  WriteSettings("");
+  NewTethers();
+  NamedEvent started;
+  NamedEvent end;
+  Child dorn = StartDorn("signal " + started.Name() + " , await " + end.Name());
+  ASSERT_TRUE(started.Wait(kKillLimitMs)) << dorn.Errors();
+  Child client = StartRunning(false);
+  end.Signal();
+  ASSERT_TRUE(BecomesTrue([&] { return LogCount("Build Stopped") == 1; }));
+  EXPECT_FALSE(dorn.EndsWithin(0));
+  dorn.Kill();
+  ExpectJobGone();
+  client.CloseInput();
+  client.Wait();
+  ExpectNothingLeft();
+}
+
 // The build command holds the one place; a client beside it, which does not end with dorn, waits for it.
 TEST_F(KillMatrix, DornWithAClientThatWaitsForAPlace) {
   WriteSettings("MaxStubs=int:1\n\n[Extensions]\nReclaimPlaces=bool:true\n");
   NamedEvent started;
-  Child dorn = Child::Start({ProgramPath("dorn"), "--id", id_, ProgramPath("kestrun"), tool_, "signal", started.Name(),
-                             ",", "background", "session", "await", neverStarted_.Name(), "then", "hold"},
-                            WithEnvironment({}));
+  Child dorn =
+      StartDorn("signal " + started.Name() + " , background daemon await " + neverStarted_.Name() + " then hold");
   ASSERT_TRUE(started.Wait(kKillLimitMs)) << dorn.Errors();
   Child waiting = StartTool({"exit", "0"});
   AwaitPlaceState(waiting.Pid(), PlaceState::kAsking);

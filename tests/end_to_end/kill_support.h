@@ -5,7 +5,9 @@
 #include <string>
 
 #include "build_fixture.h"
+#include "protocol/names.h"
 #include "protocol/place_table.h"
+#include "support/becomes_true.h"
 #include "transport/handle_count.h"
 
 namespace kestrun::test {
@@ -15,6 +17,9 @@ inline constexpr unsigned kKillLimitMs = 60000;
 
 // Ends one process at once. Its caller knows that it runs.
 void KillProcess(unsigned long pid);
+// Holds one process where it stands, and lets it go on. It can be killed in between. Nothing happens to one that ends.
+void StopProcess(unsigned long pid);
+void ContinueProcess(unsigned long pid);
 
 // How long random kills may go on: 0 is until their number is reached.
 extern const unsigned kRandomKillLimitMs;
@@ -27,17 +32,6 @@ std::string NamedObjectsLeft(const std::string& folder);
 // not tell.
 int CountProcessesOf(const std::string& id);
 
-// Looks every few milliseconds.
-template <class Condition>
-bool BecomesTrue(const Condition& condition, unsigned limitMs = kKillLimitMs) {
-  const u32 start = GetTickCount();
-  while (!condition()) {
-    if (GetTickCount() - start > limitMs) return false;
-    Sleep(2);
-  }
-  return true;
-}
-
 // An event that processes of a job hold open as long as they live.
 class Tether {
  public:
@@ -49,11 +43,37 @@ class Tether {
   NamedEvent event_{true};
 };
 
+// A build that gives back whatever dead ones held, and what must be gone after it.
+class KilledBuild : public Build {
+ protected:
+  void StartWork(int places, int jobsAtOnce) {
+    WriteSettings("MaxStubs=int:" + std::to_string(places) + "\nMaxConcurrentJobs=int:" + std::to_string(jobsAtOnce) +
+                  "\n\n[Extensions]\nEagerScheduling=bool:true\nCancelOrphanedJobs=bool:true\n"
+                  "ReclaimPlaces=bool:true\nDiscardOutput=bool:true\n");
+    StartMaster();
+  }
+  // A client of test_tool with these words, in the folder of the test: so a note needs no path.
+  Child StartToolInFolder(const std::string& words) {
+    ChildOptions options;
+    options.workingDirectory = folder_.Path().string();
+    return StartTool(SplitWords(words), options);
+  }
+  // No process and no name of a build that is over.
+  void ExpectNothingLeft() {
+    EXPECT_TRUE(BecomesTrue([&] { return CountProcessesOf(id_) == 0; }));
+    EXPECT_EQ(NamedObjectsLeft(*WithEnvironment({}).environment["KESTRUN_OBJECT_DIR"]), "");
+    EXPECT_EQ(OpenSemaphoreA(SYNCHRONIZE, FALSE, GetAccessName(id_).c_str()), nullptr);
+    EXPECT_EQ(OpenMutexA(SYNCHRONIZE, FALSE, GetKeeperName(id_).c_str()), nullptr);
+    EXPECT_EQ(OpenFileMappingA(FILE_MAP_READ, FALSE, GetListeningName(id_).c_str()), nullptr);
+    EXPECT_EQ(OpenEventA(SYNCHRONIZE, FALSE, "Global\\dorn_kr_project_stub"), nullptr);
+  }
+};
+
 // The places of a build, seen from outside.
 class PlaceCount {
  public:
   explicit PlaceCount(const std::string& id)
-      : access_(OpenSemaphoreA(SEMAPHORE_ALL_ACCESS, FALSE, ("zelvo_client_access_" + id).c_str())) {
+      : access_(OpenSemaphoreA(SEMAPHORE_ALL_ACCESS, FALSE, GetAccessName(id).c_str())) {
     EXPECT_NE(access_, nullptr);
   }
   ~PlaceCount() { CloseHandle(access_); }

@@ -2,7 +2,6 @@
 //
 // KESTRUN_KILL_SEED repeats a run's choices (not its timing), KESTRUN_KILL_COUNT sets how many kills there are.
 #include <algorithm>
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <random>
@@ -16,11 +15,6 @@ namespace {
 constexpr int kPlaces = 6;
 constexpr std::size_t kClients = 5;
 constexpr unsigned kKillsBetweenCounts = 40;
-
-unsigned ReadNumber(const char* variable, unsigned otherwise) {
-  const char* const text = std::getenv(variable);
-  return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
-}
 
 // One client and what is known of it.
 struct Client {
@@ -47,15 +41,8 @@ struct Remains {
   bool AreGone() const { return !release->IsHeld() && !never->IsHeld(); }
 };
 
-class RandomKills : public Build {
+class RandomKills : public KilledBuild {
  protected:
-  void StartWork() {
-    WriteSettings("MaxStubs=int:" + std::to_string(kPlaces) +
-                  "\nMaxConcurrentJobs=int:8\n\n[Extensions]\nEagerScheduling=bool:true\n"
-                  "CancelOrphanedJobs=bool:true\nReclaimPlaces=bool:true\nDiscardOutput=bool:true\n");
-    StartMaster();
-  }
-
   u32 Random(u32 below) { return std::uniform_int_distribution<u32>(0, below - 1)(random_); }
 
   Client StartClient() {
@@ -82,8 +69,8 @@ class RandomKills : public Build {
     auto never = std::make_unique<Tether>();
     const std::string note = UniqueName("note");
     const std::string backgroundNote = UniqueName("note");
-    Child child = StartTool({"background", "session", "note", folder_.File(backgroundNote), ",", "await", never->Name(),
-                             "then", "note", folder_.File(note), ",", "await", release->Name(), ",", "exit", Code(n)});
+    Child child = StartToolInFolder("background daemon note " + backgroundNote + " , await " + never->Name() +
+                                    " then note " + note + " , await " + release->Name() + " , exit " + Code(n));
     Client client{n, std::move(child)};
     client.note = note;
     client.backgroundNote = backgroundNote;
@@ -159,9 +146,21 @@ class RandomKills : public Build {
     if (choice < 25) return KillTool();
     if (choice < 50) AwaitCompletion();
     const std::size_t index = Random(static_cast<u32>(clients_.size()));
+    if (Random(3) == 0 && !StopsBeforeDeath(clients_[index].child.Pid())) return;
     clients_[index].child.Kill();
     ++clientKills_;
     Bury(index);
+  }
+
+  // Stops a client for a moment, whatever it holds, and lets some go on after it. Where it stands in the introduction
+  // nobody else can connect meanwhile.
+  bool StopsBeforeDeath(unsigned long pid) {
+    StopProcess(pid);
+    ++stops_;
+    Sleep(Random(150));
+    if (Random(2) == 0) return true;
+    ContinueProcess(pid);
+    return false;
   }
 
   // So that work is done between the kills, however slow the machine is.
@@ -235,6 +234,7 @@ class RandomKills : public Build {
   std::vector<Client> clients_;
   std::vector<Remains> remains_;
   unsigned clientKills_ = 0;
+  unsigned stops_ = 0;
   unsigned toolKills_ = 0;
   unsigned masterKills_ = 0;
   unsigned completed_ = 0;
@@ -249,7 +249,7 @@ TEST_F(RandomKills, HarmNobodyElse) {
   const unsigned count = ReadNumber("KESTRUN_KILL_COUNT", 500);
   std::cout << "KESTRUN_KILL_SEED=" << seed << std::endl;
   random_.seed(seed);
-  StartWork();
+  StartWork(kPlaces, 8);
   const u32 start = GetTickCount();
   unsigned kills = 0;
   while (kills < count && !HasFailure()) {
@@ -264,9 +264,10 @@ TEST_F(RandomKills, HarmNobodyElse) {
   EXPECT_EQ(StopMaster(), 0);
   EXPECT_TRUE(BecomesTrue([&] { return CountProcessesOf(id_) == 0; }));
   std::cout << kills << " kills in " << (GetTickCount() - start) / 1000 << " s: " << clientKills_ << " clients, "
-            << toolKills_ << " tools, " << masterKills_ << " masters; " << completed_
-            << " clients completed; slowest: " << slowestEndMs_ << " ms until a job's processes were gone, "
-            << slowestPlacesMs_ << " ms until all places were back" << std::endl;
+            << stops_ << " of them or others stopped, " << toolKills_ << " tools, " << masterKills_ << " masters; "
+            << completed_ << " clients completed; slowest: " << slowestEndMs_
+            << " ms until a job's processes were gone, " << slowestPlacesMs_ << " ms until all places were back"
+            << std::endl;
 }
 
 }  // namespace

@@ -14,6 +14,14 @@ void KillProcess(unsigned long pid) {
   kill(static_cast<pid_t>(pid), SIGKILL);
 }
 
+void StopProcess(unsigned long pid) {
+  kill(static_cast<pid_t>(pid), SIGSTOP);
+}
+
+void ContinueProcess(unsigned long pid) {
+  kill(static_cast<pid_t>(pid), SIGCONT);
+}
+
 KESTRUN_CHILD(MakesAnObject) {
   CreateEventA(nullptr, FALSE, FALSE, words[0].c_str());
   return 0;
