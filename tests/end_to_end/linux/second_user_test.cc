@@ -10,7 +10,7 @@
 namespace kestrun::test {
 namespace {
 
-constexpr unsigned kSecondUser = 65534;
+constexpr unsigned kSecondUser = 65531;
 
 class SecondUser : public Dorn {
  protected:
@@ -28,10 +28,15 @@ class SecondUser : public Dorn {
   }
   std::filesystem::path Objects() const { return *WithEnvironment({}).environment.at("KESTRUN_OBJECT_DIR"); }
   RunResult AsSecondUser(const Words& command, const std::string& objects, bool isDorn = false) {
+    return AsUser(kSecondUser, {}, command, objects, own_, isDorn);
+  }
+  RunResult AsUser(unsigned user, Words surroundings, const Words& command, const std::string& objects,
+                   const std::string& own, bool isDorn) {
     ChildOptions options = isDorn ? Environment() : WithEnvironment({});
-    options.environment["RV_COMMON_PATH"] = own_ + "/common";
+    options.environment["RV_COMMON_PATH"] = own + "/common";
     options.environment["KESTRUN_OBJECT_DIR"] = objects;
-    return test::Run(Within({"user=" + std::to_string(kSecondUser)}, command), options);
+    surroundings.push_back("user=" + std::to_string(user));
+    return test::Run(Within(surroundings, command), options);
   }
 
   std::string own_;  // a folder of the second user's
@@ -58,6 +63,28 @@ TEST_F(SecondUser, HasAMasterBesideTheFirst) {
   EXPECT_EQ(Tool({"exit", "4"}).exitCode, 4);
   EXPECT_EQ(StopMaster(), 0);
   EXPECT_EQ(LogCount("Build Job completed"), 1);
+}
+
+// Processes and threads count alike, those of dorn, the master and its tools together. Each run is that of another
+// user: what has ended counts for its user until somebody has waited for it.
+TEST_F(SecondUser, IsToldThatItMayHaveNoMoreTasks) {
+  // From one that keeps dorn from its first helper, over masters without all their threads, to one that is enough.
+  for (const unsigned tasks : {1, 4, 7, 10, 13, 16, 19, 100}) {
+    const std::string own = folder_.File("user" + std::to_string(tasks));
+    std::filesystem::create_directory(own);
+    ASSERT_EQ(chown(own.c_str(), kSecondUser - tasks, kSecondUser), 0);
+    const RunResult result =
+        AsUser(kSecondUser - tasks, {"tasks=" + std::to_string(tasks)},
+               {ProgramPath("dorn"), ProgramPath("kestrun"), tool_, "print", "built"}, own + "/objects", own, true);
+    if (result.exitCode == 0) {
+      EXPECT_EQ(result.output, "built\n") << tasks;
+      continue;
+    }
+    EXPECT_LT(tasks, 100u) << result.errors;
+    EXPECT_FALSE(result.exitCode > 128 && result.exitCode < 160) << tasks << ": " << result.exitCode;
+    EXPECT_EQ(result.errors.find("did not become ready"), std::string::npos) << tasks;
+    EXPECT_NE(result.errors.find("error"), std::string::npos) << tasks << ": " << result.errors;
+  }
 }
 
 // What stands under the name that the first user's folder is to have: a folder, a link to one of the first user's own.

@@ -120,6 +120,7 @@ bool SetTicks(unsigned long milliseconds) {
 bool Apply(const Rule& rule) {
   if (rule.name == "refuse") return Refuse(rule.detail, static_cast<unsigned>(rule.value));
   if (rule.name == "processes") return RefuseProcesses();
+  if (rule.name == "tasks") return Limit(RLIMIT_NPROC, rule.value);
   if (rule.name == "files") return Limit(RLIMIT_NOFILE, rule.value);
   if (rule.name == "memory") return Limit(RLIMIT_AS, rule.value);
   if (rule.name == "filesize") return Limit(RLIMIT_FSIZE, rule.value);

@@ -13,6 +13,7 @@ namespace kestrun::test {
 //   refuse:N=ERROR            the system call N fails with ERROR
 //   refuse:N:COMMAND=ERROR    the same where COMMAND is its second argument
 //   processes=0               no process can be made any more, threads can
+//   tasks=N                   how many processes and threads the user may have; root is not limited
 //   files=N  memory=N         the limits of open files, and of address space in bytes
 //   filesize=N                the limit of a file's size in bytes
 //   mount:FOLDER=SIZE         a new file system of SIZE bytes on FOLDER; read-only if SIZE is 0
