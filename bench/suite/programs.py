@@ -148,10 +148,10 @@ class Kestrun(Broker):
     name = "kestrun"
     count = 0
 
-    def __init__(self, programs, slots=2, eager=True):
+    def __init__(self, programs, slots=2, extensions=("EagerScheduling",)):
         super().__init__(slots)
         self.path = os.path.join(programs, "kestrun")
-        self.eager = eager
+        self.extensions = extensions
         Kestrun.count += 1
         self.id = f"bench{os.getpid()}n{Kestrun.count}"
 
@@ -164,7 +164,7 @@ class Kestrun(Broker):
         os.mkdir(os.path.join(self.folder, "DORN"))
         with open(os.path.join(self.folder, "DORN", "Zelvo.ini"), "w", encoding="ascii") as settings:
             settings.write(f"[LocalSettings]\nMaxConcurrentJobs=int:{self.slots}\nMaxStubs=int:60\n\n"
-                           f"[Extensions]\nEagerScheduling=bool:{'true' if self.eager else 'false'}\n")
+                           "[Extensions]\n" + "".join(f"{name}=bool:true\n" for name in self.extensions))
         self.process = subprocess.Popen([self.path, "-master", "-id", self.id], env=self.env,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
         wait_until(self.answers, "the master", self.process)

@@ -203,6 +203,39 @@ def growth(bench):
                        ["jobs", "jobs a second", "resident bytes more, a job"], lines)
 
 
+def discard(bench):
+    """What a master keeps of jobs with output, and one invocation's time, with and without DiscardOutput."""
+    size = 4096
+    lines = []
+    with contextlib.ExitStack() as stack:
+        folder = stack.enter_context(tempfile.TemporaryDirectory(prefix="bench-work-"))
+        masters = [stack.enter_context(Kestrun(bench.programs, bench.slots, ("EagerScheduling", *more)))
+                   for more in ((), ("DiscardOutput",))]
+        script_path = os.path.join(folder, "script")
+
+        def milliseconds(master):
+            command = master.command([TRUE])
+            return lambda: [time * 1e3 for time in bench.driver.times(command, bench.pick(50, 5), env=master.env)[1]]
+        done = 0
+        for count in bench.pick((0, 1000, 10000, 50000, 100000), (0, 100)):
+            with open(script_path, "w", encoding="ascii") as file:
+                file.write(f"{bench.program('driver')} emit {size}\n" * (count - done))
+            for master in masters if count > done else ():
+                run(master.script(script_path), env=master.env)
+            done = count
+            rows = [Row(master.id, milliseconds(master), needed=True) for master in masters]
+            interleave(rows, bench.pick(10, 1))
+            for row in rows:
+                if row.error:
+                    raise Failed(row.error)
+            lines.append([count] + [number(master.resident_bytes() / 2**20) for master in masters]
+                         + [number(row.median()) for row in rows])
+    bench.report.plain(f"Jobs with {size // 1024} KiB of output each",
+                       "Two masters side by side, each with all jobs so far behind it. Target: flat with `DiscardOutput`.",
+                       ["jobs", "all kept: MiB", "DiscardOutput: MiB", "all kept: one invocation, ms",
+                        "DiscardOutput: one invocation, ms"], lines)
+
+
 def memory(bench):
     """Resident memory of a master, idle and with finished jobs."""
     count = bench.pick(10000, 100)
@@ -337,5 +370,6 @@ def micro(bench):
 
 # In the order in which they are run; those of SLOW are left out of the short form.
 SCENARIOS = {"one": one, "clients": clients, "compile": compile_one, "script": script, "growth": growth,
-             "memory": memory, "project": project, "ring": ring, "output": output, "start": start, "micro": micro}
+             "discard": discard, "memory": memory, "project": project, "ring": ring, "output": output, "start": start,
+             "micro": micro}
 SLOW = ("project",)
