@@ -45,29 +45,6 @@ TEST_F(Extensions, EndTheToolsOfAClientThatIsKilled) {
   EXPECT_EQ(LogCount(" failed_file:"), 1);
 }
 
-TEST_F(Extensions, NeverStartTheQueuedJobsOfAClientThatIsKilled) {
-  StartMasterWith("MaxConcurrentJobs=int:1\n", "CancelOrphanedJobs=bool:true\n");
-  NamedEvent started;
-  NamedEvent release;
-  NamedEvent secondStarted;
-  Child first = StartTool({"signal", started.Name(), ",", "await", release.Name(), ",", "print", "first"});
-  ASSERT_TRUE(started.Wait(20000));
-  const std::string script = WriteScript("$TOOL signal " + secondStarted.Name() + "\n$TOOL exit 0\n$TOOL exit 0\n");
-  Child second = StartKestrun({"-s", script});
-  while (LogCount("Scheduled build-job") < 4 && !second.EndsWithin(10)) continue;
-  second.Kill();
-  while (LogCount("Jobs of a lost stub cancelled") < 1 && !first.EndsWithin(10)) continue;
-  release.Signal();
-  EXPECT_EQ(first.Wait(), 0);
-  EXPECT_EQ(first.Output(), "first\n");
-  // The only thread has passed the queued jobs before it gets to this one.
-  EXPECT_EQ(Tool({"exit", "3"}).exitCode, 3);
-  EXPECT_FALSE(secondStarted.Wait(0));
-  EXPECT_EQ(StopMaster(), 0);
-  EXPECT_EQ(LogCount("job was cancelled before its start"), 3);
-  EXPECT_EQ(LogCount("Build Job completed"), 5);
-}
-
 TEST_F(Extensions, LetToolsOfALostClientRunToTheirEndByDefault) {
   StartMaster();
   NamedEvent started;

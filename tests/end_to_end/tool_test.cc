@@ -1,7 +1,6 @@
 // One tool through a real master: exit codes, output, environment, and what becomes of processes left behind.
 #include <chrono>
 #include <filesystem>
-#include <sstream>
 #include <thread>
 
 #include "build_fixture.h"
@@ -81,19 +80,6 @@ TEST_F(ToolRun, DoesNotWaitForABackgroundProcessAndEndsIt) {
   EXPECT_TRUE(ProcessEndsWithin(std::stoul(result.output), 5000));
 }
 
-TEST_F(ToolRun, GoesOnWhenAClientIsKilled) {
-  NamedEvent started;
-  NamedEvent release;
-  {
-    Child client = StartTool({"signal", started.Name(), ",", "await", release.Name()});
-    ASSERT_TRUE(started.Wait(20000));
-    client.Kill();
-  }
-  EXPECT_EQ(Tool({"exit", "4"}).exitCode, 4);
-  release.Signal();
-  EXPECT_EQ(StopMaster(), 0);
-}
-
 TEST_F(ToolRun, BuildsLocallyWhenTheMasterIsKilled) {
   NamedEvent started;
   NamedEvent release(true);
@@ -110,24 +96,6 @@ TEST_F(ToolRun, BuildsLocallyWhenTheMasterIsKilled) {
   EXPECT_EQ(client.Output(), "tool ran\n");
   EXPECT_EQ(client.Errors(),
             "KESTRUN: error: Error waiting for response from master\nKESTRUN: warning: building locally...\n");
-}
-
-TEST_F(ToolRun, EndsEverythingThatAToolStartedWhenTheMasterIsKilled) {
-  for (const char* mode : {"plain", "group", "session", "daemon"}) {
-    if (Master().EndsWithin(0)) StartMaster();
-    const std::string pids = UniqueName("pids");
-    NamedEvent started;
-    const std::string file = folder_.File(pids);
-    Child client = StartTool({"note", file, ",", "background", mode, "note", file, ",", "signal", started.Name(), ",",
-                              "hold", "then", "hold"});
-    ASSERT_TRUE(started.Wait(20000)) << mode;
-    client.Kill();
-    Master().Kill();
-    std::istringstream lines(folder_.Read(pids));
-    int seen = 0;
-    for (unsigned long pid = 0; lines >> pid; ++seen) EXPECT_TRUE(ProcessEndsWithin(pid, 5000)) << mode << ' ' << seen;
-    EXPECT_EQ(seen, 2) << mode;
-  }
 }
 
 TEST_F(ToolRun, AMasterWithNoWorkCostsNothing) {

@@ -178,18 +178,6 @@ TEST_F(SchedulerTest, EndsAToolThatRunsLongerThanItsJobMay) {
   }
 }
 
-TEST_F(SchedulerTest, EndsWhatAnOverdueToolStarted) {
-  settings_.SetBool("Extensions/EnforceJobTimeout", true);
-  BuildJobScheduler scheduler(1, &settings_, &dispatcher_);
-  const rc_ptr<BuildJob> job = Job(1, "p", "background session hold then hold");
-  job->timeoutSeconds = 5;
-  scheduler.AddJob(job);
-  scheduler.ScheduleIfPending();
-  const rc_ptr<Message> result = NextMessage();
-  EXPECT_EQ(NumberOf(result, SEG_EXIT_CODE), 124);
-  EXPECT_TRUE(test::ProcessEndsWithin(std::stoul(TextOf(result, SEG_STDOUT)), 5000));
-}
-
 TEST_F(SchedulerTest, CancelsTheJobsOfALostClientAndOfNoOther) {
   settings_.SetBool("Extensions/CancelOrphanedJobs", true);
   BuildJobScheduler scheduler(1, &settings_, &dispatcher_);

@@ -160,21 +160,6 @@ TEST_F(MessageDispatcherTest, ClosedChannelIsToldAfterItsMessages) {
   EXPECT_FALSE(dispatcher_->FindChannel(address));
 }
 
-TEST_F(MessageDispatcherTest, FrameThatIsNoMessageEndsItsChannelOnly) {
-  Start();
-  const rc_ptr<MessageChannel> good = Connect();
-  rc_ptr<IpcSocket> bad(new IpcSocket());
-  ASSERT_TRUE(bad->Connect(name_, kLongMs));
-  bad->Write("\xFF\xFF\xFF\xFF", 4, 0);
-  const rc_ptr<Message> closed = inbox_.Next();
-  ASSERT_TRUE(closed);
-  EXPECT_EQ(closed->GetAddress().GetText(), bad->GetName());
-  char byte;
-  EXPECT_FALSE(bad->Read(&byte, 1, kNoLimit).isConnected);
-  good->Send(TextMessage("still here"));
-  EXPECT_EQ(TextOf(inbox_.Next()), "still here");
-}
-
 TEST_F(MessageDispatcherTest, SilenceIsAskedAboutAndThenEnds) {
   Start();
   const rc_ptr<FakeChannel> lively(new FakeChannel("lively", 20));

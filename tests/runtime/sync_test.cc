@@ -26,44 +26,6 @@ bool IsFree(Mutex& mutex) {
   return taken;
 }
 
-TEST(Mutex, NameLeadsToOneObject) {
-  std::string name = UniqueName();
-  Mutex first(name.c_str());
-  Mutex second(name.c_str());
-  EXPECT_TRUE(first.IsCreated());
-  EXPECT_FALSE(second.IsCreated());
-  ASSERT_TRUE(first.Lock(0));
-  ASSERT_TRUE(first.Lock(0));
-  EXPECT_FALSE(IsFree(second));
-  first.Unlock();
-  EXPECT_FALSE(IsFree(second));
-  first.Unlock();
-  EXPECT_TRUE(IsFree(second));
-  EXPECT_FALSE(first.Unlock());
-}
-
-TEST(Semaphore, HasSoManyPlaces) {
-  Semaphore semaphore(30, UniqueName().c_str());
-  for (int i = 0; i < 30; ++i) ASSERT_TRUE(semaphore.Wait(0));
-  EXPECT_FALSE(semaphore.Wait(0));
-  EXPECT_TRUE(semaphore.Release());
-  EXPECT_TRUE(semaphore.Wait(0));
-  for (int i = 0; i < 30; ++i) ASSERT_TRUE(semaphore.Release());
-  EXPECT_FALSE(semaphore.Release());
-}
-
-TEST(Condition, SignalLetsOnePassAndIsKept) {
-  std::string name = UniqueName();
-  Condition here(name.c_str());
-  Condition there(name.c_str());
-  EXPECT_EQ(there.GetName(), name);
-  EXPECT_FALSE(here.Wait(0));
-  there.Signal();
-  there.Signal();
-  EXPECT_TRUE(here.Wait(0));
-  EXPECT_FALSE(here.Wait(0));
-}
-
 // A wait gives up the mutex and takes it again. Each round hands a number over and back: a signal that fell between the
 // release of the mutex and the wait would leave both sides waiting.
 TEST(ConditionVariable, LosesNoSignalBetweenMutexAndWait) {

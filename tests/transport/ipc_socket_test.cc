@@ -246,21 +246,6 @@ class HostileRegion {
   rc_ptr<MappedFile::ViewImpl> view_;
 };
 
-TEST(IpcSocket, CorruptIndicesCloseTheConnection) {
-  for (const u32 ring : {0u, 0x10000u}) {
-    for (const u32 field : {4u, 8u}) {
-      IpcEnds ends;
-      ends.Meet();
-      HostileRegion(ends.server->GetName()).Poke(ring + field, 0xFFFFFF00);
-      char block[100];
-      const bool isInput = ring == 0;
-      const auto result = isInput ? ends.server->Read(block, sizeof block, 0) : WriteText(*ends.server, "x");
-      EXPECT_EQ(result.count, 0u);
-      EXPECT_FALSE(result.isConnected);
-    }
-  }
-}
-
 TEST(IpcSocket, ConnectorRefusesARegionOfAnotherShape) {
   for (const u32 ring : {0u, 0x10000u}) {
     for (const u32 capacity : {0u, 65519u, 65521u, 0xFFFFFFF0u, 0xFFFFFFFFu}) {
