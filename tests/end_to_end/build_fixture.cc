@@ -1,5 +1,6 @@
 #include "build_fixture.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -38,6 +39,10 @@ Words SplitWords(const std::string& text) {
 unsigned ReadNumber(const char* variable, unsigned otherwise) {
   const char* const text = std::getenv(variable);
   return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
+}
+
+unsigned Scaled(unsigned count) {
+  return static_cast<unsigned>(std::uint64_t{count} * ReadNumber("KESTRUN_TEST_SCALE", 100) / 100);
 }
 
 NamedEvent::NamedEvent(bool manualReset, const std::string& name) : name_(name) {

@@ -88,11 +88,11 @@ inline int Seen(int code) {
 // User and kernel time that a process has used so far, in milliseconds.
 unsigned long long CpuTimeMs(unsigned long pid);
 
-// The size of a test that can be set from outside: the number in the environment variable, or the other one.
+// A number that can be set from outside: that in the environment variable, or the other one.
 unsigned ReadNumber(const char* variable, unsigned otherwise);
-
-// True of Wine: on a busy machine it fails once in some thousand times to start a process, whoever asks (error 1359).
-bool RefusesProcesses();
+// How many of something a test is to have that usually has so many. KESTRUN_TEST_SCALE is the percentage for systems on
+// which everything takes longer.
+unsigned Scaled(unsigned count);
 
 }  // namespace kestrun::test
 

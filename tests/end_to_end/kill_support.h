@@ -21,9 +21,6 @@ void KillProcess(unsigned long pid);
 void StopProcess(unsigned long pid);
 void ContinueProcess(unsigned long pid);
 
-// How long random kills may go on: 0 is until their number is reached.
-extern const unsigned kRandomKillLimitMs;
-
 // The named objects in the folder that no process holds any more have gone with this call. What is left but the events
 // of tests, one a line; always empty where the system itself does that.
 std::string NamedObjectsLeft(const std::string& folder);

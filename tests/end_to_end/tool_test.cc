@@ -37,10 +37,10 @@ TEST_F(ToolRun, PassesArgumentsAsTheyWereTyped) {
 }
 
 TEST_F(ToolRun, PassesEveryByteOfLargeOutput) {
-  constexpr std::size_t kBytes = 64u << 20;
-  const RunResult direct = test::Run({tool_, "fill", std::to_string(kBytes), std::to_string(kBytes)});
-  ASSERT_EQ(direct.output.size(), kBytes);
-  Child client = StartTool({"fill", std::to_string(kBytes), std::to_string(kBytes), ",", "exit", "3"});
+  const std::string bytes = std::to_string(Scaled(64u << 20));
+  const RunResult direct = test::Run({tool_, "fill", bytes, bytes});
+  ASSERT_EQ(std::to_string(direct.output.size()), bytes);
+  Child client = StartTool({"fill", bytes, bytes, ",", "exit", "3"});
   EXPECT_EQ(client.Wait(550000), 3);
   EXPECT_TRUE(client.Output() == direct.output) << client.Output().size() << " bytes";
   EXPECT_TRUE(client.Errors() == direct.errors) << client.Errors().size() << " bytes";

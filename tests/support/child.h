@@ -88,6 +88,8 @@ unsigned long CurrentProcessId();
 bool ProcessExists(unsigned long pid);
 // Waits until the process has ended; false if it is still there after LIMITMS.
 bool ProcessEndsWithin(unsigned long pid, unsigned limitMs);
+// True of Wine: on a busy machine it fails once in some thousand times to start a process, whoever asks (error 1359).
+bool RefusesProcesses();
 // The full name of a program of this build: beside the test program, with ".exe" where the system wants it.
 std::string ProgramPath(const std::string& name);
 

@@ -8,8 +8,6 @@
 
 namespace kestrun::test {
 
-const unsigned kRandomKillLimitMs = 0;
-
 void KillProcess(unsigned long pid) {
   kill(static_cast<pid_t>(pid), SIGKILL);
 }

@@ -20,8 +20,4 @@ unsigned long long CpuTimeMs(unsigned long pid) {
   return (user + kernel) * 1000 / static_cast<unsigned long long>(sysconf(_SC_CLK_TCK));
 }
 
-bool RefusesProcesses() {
-  return false;
-}
-
 }  // namespace kestrun::test

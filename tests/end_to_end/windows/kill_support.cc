@@ -2,8 +2,6 @@
 
 namespace kestrun::test {
 
-const unsigned kRandomKillLimitMs = 60000;
-
 void KillProcess(unsigned long pid) {
   const HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, pid);
   EXPECT_TRUE(TerminateProcess(process, 137));

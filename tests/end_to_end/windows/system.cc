@@ -13,8 +13,4 @@ unsigned long long CpuTimeMs(unsigned long pid) {
   return (wide(kernel) + wide(user)) / 10000;
 }
 
-bool RefusesProcesses() {
-  return GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") != nullptr;
-}
-
 }  // namespace kestrun::test

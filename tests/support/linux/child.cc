@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <stdexcept>
 #include <thread>
 
 #include "support/becomes_true.h"
@@ -60,6 +62,21 @@ Words EnvironmentWith(const ChildOptions& options) {
   }
   return entries;
 }
+
+// A fork would take longer the more this process has: thousands of threads with their stacks, a sanitizer's memory.
+struct SpawnSettings {
+  SpawnSettings() {
+    posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_init(&attributes);
+  }
+  ~SpawnSettings() {
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+  }
+
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attributes;
+};
 
 bool IsZombie(pid_t pid) {
   std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
@@ -131,21 +148,22 @@ std::unique_ptr<Child::State> Child::State::Start(const Words& commandLine, cons
   Words environment = EnvironmentWith(options);
   const std::vector<char*> argv = Pointers(words);
   const std::vector<char*> envp = Pointers(environment);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    if (options.ownGroup) setpgid(0, 0);
-    dup2(input.read, 0);
-    if (!options.inheritOutput) {
-      dup2(output.write, 1);
-      dup2(errors.write, 2);
-    }
-    if (!options.workingDirectory.empty() && chdir(options.workingDirectory.c_str()) != 0) _exit(126);
-    execvpe(argv[0], argv.data(), envp.data());
-    _exit(127);
+  SpawnSettings settings;
+  if (options.ownGroup) posix_spawnattr_setflags(&settings.attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawn_file_actions_adddup2(&settings.actions, input.read, 0);
+  if (!options.inheritOutput) {
+    posix_spawn_file_actions_adddup2(&settings.actions, output.write, 1);
+    posix_spawn_file_actions_adddup2(&settings.actions, errors.write, 2);
   }
+  if (!options.workingDirectory.empty()) {
+    posix_spawn_file_actions_addchdir_np(&settings.actions, options.workingDirectory.c_str());
+  }
+  pid_t pid = -1;
+  const int error = posix_spawnp(&pid, argv[0], &settings.actions, &settings.attributes, argv.data(), envp.data());
   close(input.read);
   close(output.write);
   close(errors.write);
+  if (error != 0) throw std::runtime_error("cannot start " + commandLine[0] + ": " + std::strerror(error));
   auto state = std::make_unique<PosixState>(pid, options.ownGroup, input.write);
   state->threads.emplace_back(Collect, output.read, state->output);
   state->threads.emplace_back(Collect, errors.read, state->errors);
@@ -163,6 +181,10 @@ bool ProcessExists(unsigned long pid) {
 
 bool ProcessEndsWithin(unsigned long pid, unsigned limitMs) {
   return BecomesTrue([pid] { return !ProcessExists(pid); }, limitMs);
+}
+
+bool RefusesProcesses() {
+  return false;
 }
 
 std::string ProgramPath(const std::string& name) {

@@ -140,6 +140,10 @@ bool ProcessEndsWithin(unsigned long pid, unsigned limitMs) {
   return ended;
 }
 
+bool RefusesProcesses() {
+  return GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") != nullptr;
+}
+
 std::string ProgramPath(const std::string& name) {
   char path[MAX_PATH];
   GetModuleFileNameA(nullptr, path, sizeof path);
