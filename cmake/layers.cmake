@@ -21,4 +21,6 @@ function(kestrun_layer name)
     target_link_libraries(kestrun_${name} PUBLIC kestrun_${dependency})
   endforeach()
   target_link_libraries(kestrun_${name} PRIVATE kestrun_warnings)
+  kestrun_precompile(kestrun_${name} kestrun_platform <algorithm> <atomic> <cerrno> <cstdio> <cstring> <map> <memory>
+                     <mutex> <string> <utility> <vector>)
 endfunction()

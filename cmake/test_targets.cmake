@@ -33,6 +33,8 @@ function(kestrun_tests name)
     target_link_libraries(${name} PRIVATE kestrun_${layer})
   endforeach()
   target_link_libraries(${name} PRIVATE kestrun_test_support kestrun_warnings)
+  kestrun_precompile(${name} platform_tests <algorithm> <atomic> <filesystem> <fstream> <functional> <future>
+                     <gtest/gtest.h> <map> <memory> <mutex> <string> <thread> <vector>)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
                        PROPERTIES TIMEOUT ${TESTS_TIMEOUT} LABELS ${name})
 endfunction()
