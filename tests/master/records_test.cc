@@ -2,24 +2,9 @@
 
 #include "master/failure_list.h"
 #include "master/format_elapsed.h"
-#include "master/project.h"
 
 namespace kestrun {
 namespace {
-
-TEST(Project, MadeFromAJobGrowsWithEachJobAndEndsWheneverNoneIsOpen) {
-  const rc_ptr<BuildJob> first = new BuildJob(1);
-  const rc_ptr<BuildJob> second = new BuildJob(2);
-  Project project("", 0, 0);
-  EXPECT_TRUE(project.AddJob(first));
-  EXPECT_EQ(first->project, &project);
-  EXPECT_TRUE(project.AddJob(second));
-  EXPECT_EQ(project.totalJobs, 2u);
-  project.CompleteJob(first);
-  EXPECT_FALSE(project.IsFinished());
-  project.CompleteJob(second);
-  EXPECT_TRUE(project.IsFinished());
-}
 
 TEST(FormatElapsed, GrowsFromMillisecondsToMinutes) {
   const struct {

@@ -40,16 +40,5 @@ TEST(StubBase, TakesItsIdFromTheOptionThenTheVariableThenTheProcess) {
   EXPECT_EQ(IdOf("", std::string(256, 'x')), "own");
 }
 
-TEST(StubBase, IsCurrentForTheScopeOfItsRegistration) {
-  IniFile settings;
-  IdleStub stub(settings, Options());
-  EXPECT_EQ(StubBase::GetCurrent(), nullptr);
-  {
-    const CurrentStub current(stub);
-    EXPECT_EQ(StubBase::GetCurrent(), &stub);
-  }
-  EXPECT_EQ(StubBase::GetCurrent(), nullptr);
-}
-
 }  // namespace
 }  // namespace kestrun
