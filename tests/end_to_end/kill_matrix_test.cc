@@ -64,6 +64,7 @@ class KillMatrix : public KilledBuild {
   struct Scene {
     Child client;
     std::function<void()> after = [] {};
+    bool isInTheWay = true;  // of other clients: it holds the turn to connect, the last thread, or every place
   };
 
   void StartWork(int jobsAtOnce = 1) { KilledBuild::StartWork(kPlaces, jobsAtOnce); }
@@ -139,12 +140,13 @@ class KillMatrix : public KilledBuild {
     };
     for (const char* name : {"introduction 1", "introduction 2", "introduction 3", "introduction 4", "introduction 5",
                              "idle", "half a request"}) {
-      steps.emplace_back(name, [this, name] { return Scene{StartStill({name})}; });
+      const bool hasTurn = std::string(name).rfind("introduction", 0) == 0;
+      steps.emplace_back(name, [this, name, hasTurn] { return Scene{StartStill({name}), [] {}, hasTurn}; });
     }
     steps.emplace_back("queued", [this] { return Queued(); });
     steps.emplace_back("running", [this] { return Scene{StartRunning(false)}; });
     steps.emplace_back("half a result", [this] {
-      return Scene{StartStill({"half a result", tool_, "fill 2000000 1000"})};
+      return Scene{StartStill({"half a result", tool_, "fill 2000000 1000"}), [] {}, false};
     });
     return steps;
   }
@@ -181,6 +183,11 @@ TEST_F(KillMatrix, AClientAtEachStep) {
     SCOPED_TRACE(name);
     NewTethers();
     Scene scene = arrange();
+    StopProcess(scene.client.Pid());
+    // The others are served beside one that stands still.
+    if (!scene.isInTheWay) {
+      EXPECT_EQ(Tool({"exit", "5"}).exitCode, 5);
+    }
     scene.client.Kill();
     scene.after();
     ExpectJobGone();
