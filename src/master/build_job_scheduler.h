@@ -53,6 +53,7 @@ class BuildJobScheduler {
   bool HasThreads() const { return !localThreads_.empty(); }
 
   void AddJob(const rc_ptr<BuildJob>& job);
+  std::size_t CountUnfinishedJobs() const { return pendingJobs_.size() + activeJobs_.size(); }
   void ScheduleIfPending();
   // The client's channel has ended. Without CancelOrphanedJobs nothing happens. Waits for no tool.
   void ClientGone(const Address& client);

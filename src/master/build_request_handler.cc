@@ -53,13 +53,15 @@ BuildRequestHandler::~BuildRequestHandler() {
   if (!stopped_) Stop();
 }
 
-// The thread would take longer to wake than this takes.
 void BuildRequestHandler::SubmitRequest(const rc_ptr<Message>& request) {
-  if (onJob_) {
-    HandleRequest(request);
-  } else {
-    requests_.Push(request);
-  }
+  ++unhandled_;
+  requests_.Push(request);
+}
+
+bool BuildRequestHandler::TryRequestHere(const rc_ptr<Message>& request) {
+  if (unhandled_ != 0) return false;
+  HandleRequest(request);
+  return true;
 }
 
 rc_ptr<BuildJob> BuildRequestHandler::NextJob() {
@@ -80,17 +82,21 @@ void BuildRequestHandler::HandleRequests() {
   for (;;) {
     rc_ptr<Message> request;
     if (!requests_.Pop(request, kNoLimit) || !request) return;
-    HandleRequest(request);
+    const bool isJob = HandleRequest(request);
+    --unhandled_;
+    if (isJob && onJob_) onJob_();
   }
 }
 
-void BuildRequestHandler::HandleRequest(const rc_ptr<Message>& request) {
+// False if it was refused.
+bool BuildRequestHandler::HandleRequest(const rc_ptr<Message>& request) {
   try {
     jobs_.Push(ParseRequest(request));
-    if (onJob_) onJob_();
+    return true;
   } catch (const SystemException& e) {
     WriteMasterLog(Log::Error, "Could not create ClientTool object", {{"exception", e.what()}});
     Refuse(*request, e.what());
+    return false;
   }
 }
 

@@ -20,14 +20,13 @@
 namespace kestrun {
 
 // One thread, "BuildRequestThread", turns each request into a BuildJob and leaves it in a queue, from which the message
-// thread fetches it. Where somebody listens for jobs that are ready, the request is parsed at once instead, by whoever
-// submits it. Job numbers follow the order of
-// the requests. A request that can't become a job is refused: its stub gets exit code 1 and the reason, and the
-// scheduler hears nothing of it.
+// thread fetches it. A request that is alone may be parsed by whoever has it instead (TryRequestHere). Job numbers
+// follow the order of the requests. A request that can't become a job is refused: its stub gets exit code 1 and the
+// reason, and the scheduler hears nothing of it.
 class BuildRequestHandler {
  public:
   // Starts the thread. Settings and dispatcher outlive the handler. `onJob`, if it is not empty, is called each time
-  // that a job has become ready, within SubmitRequest.
+  // that the thread has made a job.
   BuildRequestHandler(IniFile* settings, const Options& options, MessageDispatcher* dispatcher,
                       Functor0<void>::Type onJob = {});
   // Stops the thread if Stop has not.
@@ -38,8 +37,11 @@ class BuildRequestHandler {
   // False if the thread could not be started: nothing will become a job.
   bool HasThread() const { return !threads_.empty(); }
 
-  // Waits for nobody. From the message thread.
+  // Never blocks. From the message thread.
   void SubmitRequest(const rc_ptr<Message>& request);
+  // The same within the call, which is sooner than the thread would be awake. False, with nothing done, while the
+  // thread has requests that came before. From the message thread.
+  bool TryRequestHere(const rc_ptr<Message>& request);
   // The next job that is ready, or an empty pointer; never waits. From the message thread.
   rc_ptr<BuildJob> NextJob();
 
@@ -49,7 +51,7 @@ class BuildRequestHandler {
 
  private:
   void HandleRequests();
-  void HandleRequest(const rc_ptr<Message>& request);
+  bool HandleRequest(const rc_ptr<Message>& request);
   rc_ptr<BuildJob> ParseRequest(const rc_ptr<Message>& request);
   rc_ptr<BuildJob> CreateJob(const std::string& tool, const std::string& arguments, const Path& workingDirectory,
                              const std::shared_ptr<const Environment>& environment, u32 flags,
@@ -61,6 +63,7 @@ class BuildRequestHandler {
   const Options options_;
   const Functor0<void>::Type onJob_;
   BlockingQueue<rc_ptr<Message>> requests_;  // an empty pointer ends the thread
+  std::atomic<u32> unhandled_{0};            // requests that the thread is to handle or handles
   std::vector<rc_ptr<Thread>> threads_;      // constant after construction
   BlockingQueue<rc_ptr<BuildJob>> jobs_;
   u32 nextJobId_ = 0;                                   // number of the last job; whoever parses

@@ -28,6 +28,8 @@ constexpr const char* kEventsCondition = "PLOVR2_WAIT_FOR_EVENTS_CONDITION";
 constexpr u32 kDefaultMaxConcurrentJobs = 30;
 constexpr u32 kDefaultMaxStubs = 30;
 constexpr u32 kMostStubs = MessageDispatcher::kMaxIpcChannels;
+// A job for each stub that there can be.
+constexpr std::size_t kFewJobs = kMostStubs;
 // What the last record of the log lists where memory is to stay flat.
 constexpr std::size_t kMostFailures = 1000;
 constexpr u32 kSocketWriteLimitMs = 30000;
@@ -71,11 +73,12 @@ rc_ptr<Message> OwnMessage(u32 type) {
 ProjectStub::ProjectStub(IniFile& settings, const Options& options)
     : StubBase(settings, options),
       startDirectory_(GetWorkingDirectory()),
+      isEager_(settings.GetBool("Extensions/EagerScheduling", false)),
       dispatcher_(GetLocalHostName(), 0, GetListeningName(id_)),
       failures_(settings.GetBool("Extensions/DiscardOutput", false) ? kMostFailures : FailureList::kNoBound),
       scheduler_(settings.GetInt("LocalSettings/MaxConcurrentJobs", kDefaultMaxConcurrentJobs), &settings,
                  &dispatcher_),
-      requestHandler_(&settings, options, &dispatcher_, MakeJobListener(settings)) {
+      requestHandler_(&settings, options, &dispatcher_, MakeJobListener()) {
   OpenPlaces(settings);
   dispatcher_.AddErrorListener(MakeDelegate(&ProjectStub::OnDispatcherError, this));
   dispatcher_.AddReactorErrorListener(MakeDelegate(&ProjectStub::OnReactorError, this));
@@ -158,7 +161,7 @@ void ProjectStub::HandleMessage(rc_ptr<Message> message) {
     case MSG_LOCAL_JOB_RESULT:
       return OnJobResult(message);
     case MSG_BUILD_REQUEST:
-      return requestHandler_.SubmitRequest(message);
+      return OnBuildRequest(message);
     case MSG_QUEUE_TICK:
       return OnTick();
     case MSG_JOBS_FINISHED:
@@ -202,6 +205,17 @@ void ProjectStub::OnJobResult(const rc_ptr<Message>& message) {
   scheduler_.JobCompleted(job);
 }
 
+// A client waits for its one job, while of a script's thousands most wait for others; and those must not wait as
+// messages, which take more memory than jobs.
+void ProjectStub::OnBuildRequest(const rc_ptr<Message>& request) {
+  const bool isOneOfFew = isEager_ && isStarted_ && scheduler_.CountUnfinishedJobs() < kFewJobs;
+  if (isOneOfFew && requestHandler_.TryRequestHere(request)) {
+    OnDrainRequests();
+  } else {
+    requestHandler_.SubmitRequest(request);
+  }
+}
+
 void ProjectStub::OnTick() {
   dispatcher_.Post(OwnMessage(MSG_DRAIN_REQUESTS), false);
   dispatcher_.PostDelayed(OwnMessage(MSG_QUEUE_TICK), 0, kTickMs);
@@ -222,14 +236,14 @@ void ProjectStub::OnDrainRequests() {
   scheduler_.ScheduleIfPending();
 }
 
-Functor0<void>::Type ProjectStub::MakeJobListener(IniFile& settings) {
-  if (!settings.GetBool("Extensions/EagerScheduling", false)) return {};
+Functor0<void>::Type ProjectStub::MakeJobListener() {
+  if (!isEager_) return {};
   return MakeDelegate(&ProjectStub::OnJobReady, this);
 }
 
 // Before the start nothing is scheduled; what has come until then is drained by the first tick.
 void ProjectStub::OnJobReady() {
-  if (isStarted_) OnDrainRequests();
+  if (isStarted_) dispatcher_.Post(OwnMessage(MSG_DRAIN_REQUESTS), false);
 }
 
 void ProjectStub::OnProjectDetails(const rc_ptr<Message>& message) {

@@ -44,7 +44,8 @@ class ProjectStub : public StubBase {
   void OnJobsFinished();
   void OnStop(const rc_ptr<Message>& message);
   void OnDrainRequests();
-  // With eager scheduling, while the request is handled: the job does not wait for the tick.
+  void OnBuildRequest(const rc_ptr<Message>& request);
+  // On the request thread, with eager scheduling: asks for a drain, so that the job does not wait for the tick.
   void OnJobReady();
   void OnProjectDetails(const rc_ptr<Message>& message);
   void OnStarted();
@@ -56,7 +57,7 @@ class ProjectStub : public StubBase {
   void WaitForEvents();
   bool StartWaitThread();
   // Empty unless the settings ask for eager scheduling.
-  Functor0<void>::Type MakeJobListener(IniFile& settings);
+  Functor0<void>::Type MakeJobListener();
   void OpenPlaces(IniFile& settings);
   // False, after an error line, where no client could ever reach this master.
   bool CheckListener();
@@ -66,7 +67,8 @@ class ProjectStub : public StubBase {
 
   const Path startDirectory_;
   std::atomic<i32> exitCode_{0};
-  bool isStarted_ = false;        // message thread
+  std::atomic<bool> isStarted_{false};
+  const bool isEager_;
   CriticalSection handlingLock_;  // held while a message is handled
   bool hasThreads_ = true;        // constant after construction
   bool isEnding_ = false;         // guarded by handlingLock_: the destructor has come, messages are dropped
