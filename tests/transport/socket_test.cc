@@ -97,6 +97,16 @@ TEST_F(SocketsTest, ATimedSendWaitsForRoom) {
   reader.join();
 }
 
+TEST_F(SocketsTest, CloseByAnotherThreadEndsAReceive) {
+  const auto [caller, accepted] = Connect();
+  std::thread receiver([socket = caller] {
+    char byte;
+    EXPECT_THROW(socket->Receive(&byte, 1), SocketException);
+  });
+  caller->Close();
+  receiver.join();
+}
+
 TEST_F(SocketsTest, AConnectionToNobodyFailsInTheWordsOfItsWay) {
   Socket deaf(AF_INET, SOCK_STREAM);
   deaf.Bind(Loopback(0), false);
