@@ -159,6 +159,8 @@ void MessageDispatcher::Close() {
   socketAcceptor_.Reset();
   if (datagramChannel_) datagramChannel_->Close();
   datagramChannel_.Reset();
+  if (ipcAcceptor_) ipcAcceptor_->Close();
+  ipcAcceptor_.Reset();
   {
     const Lock lock(channelsLock_);
     for (const auto& entry : channels_) entry.second->Close();
