@@ -16,6 +16,7 @@
 #include "platform/linux/environment.h"
 #include "platform/linux/file_object.h"
 #include "platform/linux/never_destroyed.h"
+#include "platform/linux/spawn_settings.h"
 
 namespace kestrun::platform {
 namespace {
@@ -40,22 +41,6 @@ __attribute__((constructor(101))) void BecomeHelperIfAsked(int argc, char** argv
   if (!IsHelperSocket(kHelperSocket)) _exit(127);
   RunZygote(kHelperSocket);
 }
-
-struct SpawnSettings {
-  SpawnSettings() {
-    posix_spawn_file_actions_init(&actions);
-    posix_spawnattr_init(&attributes);
-  }
-  ~SpawnSettings() {
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-  }
-  SpawnSettings(const SpawnSettings&) = delete;
-  SpawnSettings& operator=(const SpawnSettings&) = delete;
-
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_t attributes;
-};
 
 int SpawnHelper(int socket, pid_t& pid) {
   SpawnSettings settings;

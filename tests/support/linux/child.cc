@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "platform/linux/spawn_settings.h"
 #include "support/becomes_true.h"
 #include "support/child_state.h"
 
@@ -62,21 +63,6 @@ Words EnvironmentWith(const ChildOptions& options) {
   }
   return entries;
 }
-
-// A fork would take longer the more this process has: thousands of threads with their stacks, a sanitizer's memory.
-struct SpawnSettings {
-  SpawnSettings() {
-    posix_spawn_file_actions_init(&actions);
-    posix_spawnattr_init(&attributes);
-  }
-  ~SpawnSettings() {
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-  }
-
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_t attributes;
-};
 
 bool IsZombie(pid_t pid) {
   std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
@@ -148,7 +134,8 @@ std::unique_ptr<Child::State> Child::State::Start(const Words& commandLine, cons
   Words environment = EnvironmentWith(options);
   const std::vector<char*> argv = Pointers(words);
   const std::vector<char*> envp = Pointers(environment);
-  SpawnSettings settings;
+  // A fork would take longer the more this process has: thousands of threads with their stacks, a sanitizer's memory.
+  platform::SpawnSettings settings;
   if (options.ownGroup) posix_spawnattr_setflags(&settings.attributes, POSIX_SPAWN_SETPGROUP);
   posix_spawn_file_actions_adddup2(&settings.actions, input.read, 0);
   if (!options.inheritOutput) {
