@@ -5,8 +5,8 @@
 
 #include "messaging/message.h"
 #include "protocol/protocol.h"
-#include "runtime/memory_stream.h"
-#include "runtime/rc_ptr.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/files/memory_stream.h"
 
 namespace kestrun {
 namespace {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "platform/win32.h"
-#include "transport/ipc_ring.h"
+#include "transport/shared/ipc_ring.h"
 
 namespace kestrun {
 namespace {

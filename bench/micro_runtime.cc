@@ -7,12 +7,12 @@
 #include <vector>
 
 #include "platform/win32.h"
-#include "runtime/blocking_queue.h"
-#include "runtime/handle.h"
-#include "runtime/memory_stream.h"
-#include "runtime/process.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/sync.h"
+#include "runtime/base/handle.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/files/memory_stream.h"
+#include "runtime/process/process.h"
+#include "runtime/threads/blocking_queue.h"
+#include "runtime/threads/sync.h"
 
 namespace kestrun {
 namespace {

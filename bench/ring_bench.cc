@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "runtime/rc_ptr.h"
-#include "runtime/types.h"
-#include "transport/ipc_socket.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+#include "transport/shared/ipc_socket.h"
 
 namespace {
 

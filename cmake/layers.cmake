@@ -1,26 +1,77 @@
-# kestrun_layer(NAME DEPENDS layer...): one library a folder of src.
-#
-# A layer sees its own headers and those of the layers that it depends on, as "folder/file.h", and no others: the
-# include path of each layer holds a link to its own folder alone. A header that points upward does not compile.
-function(kestrun_layer name)
-  cmake_parse_arguments(LAYER "" "" "DEPENDS;SOURCES" ${ARGN})
-  set(sources ${LAYER_SOURCES})
-  if(NOT sources)
-    file(GLOB sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cc")
-  endif()
-  if(NOT sources)
-    file(WRITE "${CMAKE_CURRENT_BINARY_DIR}/empty.cc" "")
-    set(sources "${CMAKE_CURRENT_BINARY_DIR}/empty.cc")
-  endif()
-  set(headers "${CMAKE_BINARY_DIR}/layers/${name}")
-  file(MAKE_DIRECTORY "${headers}")
-  file(CREATE_LINK "${CMAKE_CURRENT_SOURCE_DIR}" "${headers}/${name}" SYMBOLIC)
-  add_library(kestrun_${name} STATIC ${sources})
-  target_include_directories(kestrun_${name} PUBLIC "${headers}")
-  foreach(dependency ${LAYER_DEPENDS})
-    target_link_libraries(kestrun_${name} PUBLIC kestrun_${dependency})
+# The rooms of src, and the layers that they form. Each names what it depends on, and a header of any other room does
+# not compile: the include path of a room holds links to its own headers alone, as "layer/room/file.h".
+
+# Makes the headers of src/PATH visible to the target and to what links it.
+function(kestrun_show_headers target scope path)
+  set(links "${CMAKE_BINARY_DIR}/rooms/${target}")
+  file(REMOVE_RECURSE "${links}")
+  file(MAKE_DIRECTORY "${links}/${path}")
+  file(GLOB headers CONFIGURE_DEPENDS "${CMAKE_SOURCE_DIR}/src/${path}/*.h")
+  foreach(header ${headers})
+    get_filename_component(file "${header}" NAME)
+    file(CREATE_LINK "${header}" "${links}/${path}/${file}" SYMBOLIC)
   endforeach()
-  target_link_libraries(kestrun_${name} PRIVATE kestrun_warnings)
-  kestrun_precompile(kestrun_${name} kestrun_platform <algorithm> <atomic> <cerrno> <cstdio> <cstring> <map> <memory>
+  target_include_directories(${target} ${scope} "${links}")
+endfunction()
+
+function(kestrun_depend target scope)
+  foreach(dependency ${ARGN})
+    string(REPLACE "/" "_" dependency "${dependency}")
+    target_link_libraries(${target} ${scope} kestrun_${dependency})
+  endforeach()
+endfunction()
+
+# kestrun_room(PATH [NAME name] DEPENDS room or layer...): the folder src/PATH as kestrun_NAME, which is PATH with "_" for
+# "/" unless another name is given. Its object files become part of its layer's library.
+function(kestrun_room path)
+  cmake_parse_arguments(ROOM "" "NAME" "DEPENDS" ${ARGN})
+  if(NOT ROOM_NAME)
+    string(REPLACE "/" "_" ROOM_NAME "${path}")
+  endif()
+  set(target kestrun_${ROOM_NAME})
+  file(GLOB sources CONFIGURE_DEPENDS "${CMAKE_SOURCE_DIR}/src/${path}/*.cc")
+  if(sources)
+    add_library(${target} OBJECT ${sources})
+    set(scope PUBLIC)
+    target_link_libraries(${target} PRIVATE kestrun_warnings)
+  else()
+    add_library(${target} INTERFACE)
+    set(scope INTERFACE)
+  endif()
+  kestrun_show_headers(${target} ${scope} ${path})
+  kestrun_depend(${target} ${scope} ${ROOM_DEPENDS})
+  if(sources)
+    kestrun_precompile_room(${target})
+  endif()
+endfunction()
+
+# kestrun_layer(NAME ROOMS room... [HIDDEN room...] DEPENDS layer...): the library kestrun_NAME of these rooms. What
+# depends on the layer sees all of them but the hidden ones. Without ROOMS the folder src/NAME is the layer's one room.
+function(kestrun_layer name)
+  cmake_parse_arguments(LAYER "" "" "ROOMS;HIDDEN;DEPENDS;SOURCES" ${ARGN})
+  set(target kestrun_${name})
+  if(LAYER_ROOMS)
+    add_library(${target} STATIC)
+    set_target_properties(${target} PROPERTIES LINKER_LANGUAGE CXX)
+    kestrun_depend(${target} PUBLIC ${LAYER_ROOMS})
+    kestrun_depend(${target} PRIVATE ${LAYER_HIDDEN})
+  else()
+    set(sources ${LAYER_SOURCES})
+    if(NOT sources)
+      file(GLOB sources CONFIGURE_DEPENDS "${CMAKE_SOURCE_DIR}/src/${name}/*.cc")
+    endif()
+    add_library(${target} STATIC ${sources})
+    target_link_libraries(${target} PRIVATE kestrun_warnings)
+    kestrun_show_headers(${target} PUBLIC ${name})
+  endif()
+  kestrun_depend(${target} PUBLIC ${LAYER_DEPENDS})
+  if(NOT LAYER_ROOMS)
+    kestrun_precompile_room(${target})
+  endif()
+endfunction()
+
+# One target parses these headers for all the others (precompiled.cmake).
+function(kestrun_precompile_room target)
+  kestrun_precompile(${target} kestrun_runtime_base <algorithm> <atomic> <cerrno> <cstdio> <cstring> <map> <memory>
                      <mutex> <string> <utility> <vector>)
 endfunction()

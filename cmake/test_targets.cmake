@@ -12,7 +12,7 @@ else()
 endif()
 include(GoogleTest)
 
-# kestrun_tests(NAME LAYERS layer... [TIMEOUT seconds]): every *_test.cc of this folder in one program. Each test
+# kestrun_tests(NAME LAYERS layer... [TIMEOUT seconds]): every *_test.cc of this folder and of the folders of its rooms in one program. Each test
 # runs in a process of its own with its own time limit, so that a hung one hangs nobody else.
 function(kestrun_tests name)
   cmake_parse_arguments(TESTS "" "TIMEOUT" "LAYERS;SOURCES" ${ARGN})
@@ -21,7 +21,7 @@ function(kestrun_tests name)
   endif()
   set(sources ${TESTS_SOURCES})
   if(NOT sources)
-    file(GLOB sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*_test.cc")
+    file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*_test.cc")
   endif()
   if(NOT sources)
     return()
@@ -33,6 +33,8 @@ function(kestrun_tests name)
     target_link_libraries(${name} PRIVATE kestrun_${layer})
   endforeach()
   target_link_libraries(${name} PRIVATE kestrun_test_support kestrun_warnings)
+  # Many tests run it; without it they would wait for a tool that never comes.
+  add_dependencies(${name} test_tool)
   kestrun_precompile(${name} platform_tests <algorithm> <atomic> <filesystem> <fstream> <functional> <future>
                      <gtest/gtest.h> <map> <memory> <mutex> <string> <thread> <vector>)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60

@@ -3,8 +3,8 @@
 //
 // Input: a line; and the same bytes as arguments, each up to the byte 0xFF.
 #include "fuzz_input.h"
-#include "platform/linux/command_line.h"
-#include "platform/linux/slow_split.h"
+#include "platform/linux/base/command_line.h"
+#include "platform/linux/base/slow_split.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const kestrun::u8* data, std::size_t size) {
   using namespace kestrun;

@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <string>
 
-#include "runtime/types.h"
+#include "runtime/base/types.h"
 
 namespace kestrun::fuzz {
 

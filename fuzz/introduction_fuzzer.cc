@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "fuzz_input.h"
-#include "runtime/mapped_file.h"
-#include "transport/ipc_socket.h"
+#include "runtime/files/mapped_file.h"
+#include "transport/shared/ipc_socket.h"
 
 namespace kestrun::fuzz {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "fuzz_input.h"
-#include "stubs/slow_script.h"
+#include "client/slow_script.h"
 
 namespace kestrun::fuzz {
 namespace {

@@ -7,7 +7,6 @@
 #include "frontend/command_line_tail.h"
 #include "frontend/option_parser.h"
 #include "fuzz_input.h"
-#include "runtime/handle.h"
 
 namespace kestrun::fuzz {
 namespace {
@@ -25,10 +24,6 @@ Options Parse(const std::string& text, bool fromEnvironment, bool& isParsed) {
   CheckTokens(text);
   Options options;
   isParsed = ParseOptions(options, text, fromEnvironment);
-  for (HANDLE* event : {&options.stopEvent, &options.readyEvent, &options.finishEvent}) {
-    const UniqueHandle opened(*event);
-    *event = nullptr;
-  }
   return options;
 }
 

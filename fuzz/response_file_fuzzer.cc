@@ -4,8 +4,8 @@
 // Input: the contents of the files "a" and "b", each up to the byte 0xFF, and the text.
 #include <string>
 
+#include "client/response_files.h"
 #include "fuzz_input.h"
-#include "stubs/response_files.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const kestrun::u8* data, std::size_t size) {
   using namespace kestrun;

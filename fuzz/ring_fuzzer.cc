@@ -1,5 +1,5 @@
-// A ring whose header a peer may change at any moment: between two operations, or all the time. No byte beside the
-// region is touched, no operation runs on for ever, and as long as nobody has scribbled no byte is lost or changed.
+// A ring whose header a peer may change at any moment: between two operations, or all the time. No byte outside the
+// region is touched, every operation ends, and until the first change to the header no byte is lost or changed.
 //
 // Input: a byte that says whether a second thread scribbles throughout, then operations of a byte and a word each.
 #include <atomic>
@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "fuzz_input.h"
-#include "transport/ipc_ring.h"
+#include "transport/shared/ipc_ring.h"
 
 namespace kestrun::fuzz {
 namespace {

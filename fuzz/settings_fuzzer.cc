@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "fuzz_input.h"
-#include "runtime/ini_file.h"
+#include "runtime/files/ini_file.h"
 
 namespace kestrun::fuzz {
 namespace {

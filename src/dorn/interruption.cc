@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "runtime/sync.h"
+#include "runtime/threads/sync.h"
 
 namespace kestrun::dorn {
 
@@ -19,6 +19,10 @@ Interruption::Interruption() : event_(CreateEventA(nullptr, TRUE, FALSE, nullptr
   if (!event_) throw SyncException(static_cast<i32>(GetLastError()), "CreateEvent() failed in Interruption");
   interrupted = event_.Get();
   SetConsoleCtrlHandler(OnControlEvent, TRUE);
+}
+
+DWORD Interruption::GetType() const {
+  return firstType;
 }
 
 bool Interruption::HasReachedAll() const {

@@ -3,7 +3,7 @@
 #define KESTRUN_DORN_INTERRUPTION_H_
 
 #include "platform/win32.h"
-#include "runtime/handle.h"
+#include "runtime/base/handle.h"
 
 namespace kestrun::dorn {
 
@@ -19,7 +19,9 @@ class Interruption {
 
   // Signalled from the first control event on.
   HANDLE GetHandle() const { return event_.Get(); }
-  // True if the terminal has told the build command as well: for Ctrl-C, not for a signal to this process.
+  // Of the first one: CTRL_C_EVENT and so on.
+  DWORD GetType() const;
+  // True if the terminal may have told the build command as well: for Ctrl-C, and for nothing else.
   bool HasReachedAll() const;
   bool HasHappened() const { return WaitForSingleObject(event_.Get(), 0) == WAIT_OBJECT_0; }
 

@@ -1,10 +1,56 @@
 #include <cstdio>
 
+#include "dorn/exit_codes.h"
 #include "dorn/options.h"
+#include "dorn/program_search.h"
 #include "dorn/report.h"
 #include "dorn/session.h"
-#include "runtime/exception.h"
-#include "runtime/system_utilities.h"
+#include "dorn/settings.h"
+#include "platform/host.h"
+#include "runtime/base/exception.h"
+#include "runtime/files/common_folder.h"
+#include "runtime/files/executable_search.h"
+#include "runtime/files/version_string.h"
+
+namespace kestrun::dorn {
+
+namespace {
+
+void PrintWhere() {
+  const Path kestrun = FindKestrun();
+  const std::string objects = platform::NamedObjectFolder();
+  std::printf("settings  %s\n", GetFullPath(GetSettingsPath()).c_str());
+  std::printf("log       %s\n", GetFullPath(GetCommonPath() / "Log").c_str());
+  std::printf("objects   %s\n", objects.empty() ? "(in no folder)" : objects.c_str());
+  std::printf("kestrun   %s\n", kestrun.IsEmpty() ? "(not found)" : kestrun.c_str());
+  std::printf("version   %s\n", GetVersionString().c_str());
+}
+
+int RunAction(const Options& options) {
+  switch (options.action) {
+    case Options::Action::kHelp:
+      std::fputs(GetUsage(), stdout);
+      return 0;
+    case Options::Action::kVersion:
+      std::puts(GetVersionString().c_str());
+      return 0;
+    case Options::Action::kWhere:
+      PrintWhere();
+      return 0;
+    case Options::Action::kListSettings:
+      ListSettings();
+      return CheckSettings() ? 0 : kExitFailure;
+    case Options::Action::kUpdateSettings:
+      return UpdateSettings();
+    case Options::Action::kBuild:
+      break;
+  }
+  return RunSession(options);
+}
+
+}  // namespace
+
+}  // namespace kestrun::dorn
 
 int main(int argc, char** argv) {
   using namespace kestrun;
@@ -15,16 +61,8 @@ int main(int argc, char** argv) {
     std::fputs(dorn::GetUsage(), stderr);
     return dorn::kExitFailure;
   }
-  if (options.showHelp) {
-    std::fputs(dorn::GetUsage(), stdout);
-    return 0;
-  }
-  if (options.showVersion) {
-    std::puts(GetVersionString().c_str());
-    return 0;
-  }
   try {
-    return dorn::RunSession(options);
+    return dorn::RunAction(options);
   } catch (const SystemException& exception) {
     dorn::PrintError(std::string(exception.what()) + " (error " + std::to_string(exception.GetCode()) + ")");
     return dorn::kExitFailure;

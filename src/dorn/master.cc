@@ -1,8 +1,10 @@
 #include "dorn/master.h"
 
+#include <cstring>
+
 #include "dorn/command_line.h"
+#include "dorn/options.h"
 #include "dorn/report.h"
-#include "runtime/sync.h"
 
 namespace kestrun::dorn {
 
@@ -10,60 +12,222 @@ namespace {
 
 // A master is ready within seconds; one that is not hangs.
 constexpr u32 kReadyLimitMs = 60000;
-constexpr u32 kInterruptedLimitMs = 1000;
+// Longer than the master gives its own threads.
+constexpr u32 kEndLimitMs = 35000;
+// Longer than the master takes to end by force.
+constexpr u32 kForcedEndLimitMs = 2000;
+constexpr u32 kErrorsLimitMs = 1000;
+constexpr int kRegionTries = 100;
+
+std::string MakeId() {
+  return "dorn_" + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(GetTickCount());
+}
+
+std::string ReadyName(const std::string& id) {
+  return "dorn_ready_" + id;
+}
+std::string StopName(const std::string& id) {
+  return "dorn_stop_" + id;
+}
+std::string FinishName(const std::string& id) {
+  return "dorn_finish_" + id;
+}
+
+UniqueHandle MakeEvent(const std::string& name, bool isManual) {
+  UniqueHandle event(CreateEventA(nullptr, isManual, FALSE, name.c_str()));
+  if (!event) throw SyncException(static_cast<i32>(GetLastError()), "CreateEvent() failed for " + name);
+  return event;
+}
+
+UniqueHandle OpenExisting(const std::string& name) {
+  return UniqueHandle(OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, name.c_str()));
+}
+
+// Index of the signalled handle, or a number above both.
+DWORD WaitForEither(HANDLE first, HANDLE second, u32 limitMs) {
+  const HANDLE handles[] = {first, second};
+  return WaitForMultipleObjects(second != nullptr ? 2 : 1, handles, FALSE, limitMs);
+}
 
 }  // namespace
 
-Master::NamedEvent::NamedEvent(const std::string& eventName, bool isManual)
-    : name(eventName), handle(CreateEventA(nullptr, isManual, FALSE, eventName.c_str())) {
-  if (!handle) throw SyncException(static_cast<i32>(GetLastError()), "CreateEvent() failed for " + name);
+Master::Master() : join_(kDornJoinName) {}
+
+Master::Start Master::Join(const Path& program, const MasterWishes& wishes, HANDLE interruption) {
+  const DWORD outcome = WaitForEither(join_.GetHandle(), interruption, INFINITE);
+  if (outcome == WAIT_OBJECT_0 + 1) return Start::kInterrupted;
+  // WAIT_ABANDONED_0: the dorn that held the lock was killed. Each step leaves a record that Find understands.
+  const Start start = JoinWithLock(program, wishes, interruption);
+  join_.Unlock();
+  return start;
 }
 
-Master::Master(const std::string& id)
-    : id_(id), ready_("dorn_ready_" + id, true), stop_("dorn_stop_" + id, true), finish_("dorn_finish_" + id, false) {}
+Master::Start Master::JoinWithLock(const Path& program, const MasterWishes& wishes, HANDLE interruption) {
+  OpenSession();
+  // Before the look at the master: from here on it does not end by itself.
+  users_ = MakeEvent(kDornUsersName, true);
+  switch (Find()) {
+    case Found::kRunning:
+      return JoinRunning(wishes, interruption);
+    case Found::kEnding:
+      switch (WaitForEither(process_.Get(), interruption, kEndLimitMs)) {
+        case WAIT_OBJECT_0:
+          break;
+        case WAIT_OBJECT_0 + 1:
+          return Start::kInterrupted;
+        default:
+          PrintError("the master of an earlier build does not end; the build command was not run");
+          return Start::kFailed;
+      }
+      break;
+    case Found::kNone:
+      break;
+  }
+  return StartNew(program, wishes, interruption);
+}
 
-Master::Start Master::Run(const Path& program, HANDLE interruption) {
-  process_ = new Process("");
-  process_->SetApplicationPath(program);
-  const std::string commandLine = JoinArguments(
-      {program.ToString(), "-master", "-id", id_, "-er", ready_.name, "-es", stop_.name, "-ef", finish_.name});
-  if (!process_->Start(commandLine, Process::OWN_JOB | Process::PIPE_STDIN, nullptr, 0)) {
+// What others hold may vanish with them between the two looks.
+std::unique_ptr<MappedFile> Master::OpenRegion() {
+  for (int tries = 1;; ++tries) {
+    try {
+      return std::make_unique<MappedFile>(kDornSessionName, DornSession::kSize, true);
+    } catch (const MappedFileException&) {
+      if (tries == kRegionTries) throw;
+    }
+    try {
+      return std::make_unique<MappedFile>(kDornSessionName, 0, false);
+    } catch (const MappedFileException&) {
+      Sleep(1);
+    }
+  }
+}
+
+void Master::OpenSession() {
+  region_ = OpenRegion();
+  view_ = region_->CreateView(0, MappedFile::kWholeSize, true);
+  if (view_->GetSize() < sizeof(DornSession)) throw SyncException("the record of the dorn session is too small");
+  session_ = static_cast<DornSession*>(view_->GetData());
+  const u32 version = session_->version;
+  if (version != 0 && version != DornSession::kVersion) throw SyncException("a dorn of another version runs");
+}
+
+Master::Found Master::Find() {
+  const u32 processId = session_->masterProcess;
+  if (processId == 0) return Found::kNone;
+  const std::string id(session_->id, strnlen(session_->id, DornSession::kIdSize));
+  if (!IsUsableId(id) || !OpenExisting(GetDornMasterName(id))) return Found::kNone;
+  process_.Reset(OpenProcess(SYNCHRONIZE, FALSE, processId));
+  if (!process_) return Found::kNone;
+  if (session_->ending != DornSession::kRuns) return Found::kEnding;
+  ready_ = OpenExisting(ReadyName(id));
+  stop_ = OpenExisting(StopName(id));
+  finish_ = OpenExisting(FinishName(id));
+  if (!ready_ || !stop_ || !finish_) return Found::kNone;
+  id_ = id;
+  return Found::kRunning;
+}
+
+Master::Start Master::JoinRunning(const MasterWishes& wishes, HANDLE interruption) {
+  if (!wishes.id.empty() && wishes.id != id_) {
+    PrintError("a master with the id " + id_ + " runs; the build command was not run");
+    return Start::kFailed;
+  }
+  const Start start = AwaitReady(interruption);
+  const u32 jobs = session_->jobs;
+  if (start == Start::kReady && wishes.jobs != 0 && wishes.jobs != jobs) {
+    Print("joined a master that runs " + std::to_string(jobs) + " tools at once; -j " + std::to_string(wishes.jobs) +
+          " does not change that");
+  }
+  return start;
+}
+
+Master::Start Master::StartNew(const Path& program, const MasterWishes& wishes, HANDLE interruption) {
+  id_ = wishes.id.empty() ? MakeId() : wishes.id;
+  ready_ = MakeEvent(ReadyName(id_), true);
+  stop_ = MakeEvent(StopName(id_), true);
+  finish_ = MakeEvent(FinishName(id_), false);
+  // A master that a killed dorn has started may come at any time; it finds another id and ends.
+  session_->masterProcess = 0;
+  session_->version = DornSession::kVersion;
+  session_->ending = DornSession::kRuns;
+  session_->jobs = 0;
+  session_->wantedJobs = wishes.jobs;
+  std::memset(session_->id, 0, DornSession::kIdSize);
+  id_.copy(session_->id, DornSession::kIdSize - 1);
+  if (!Launch(program)) {
     PrintError("the master cannot be started");
     return Start::kFailed;
   }
-  ended_ = process_->GetWaitHandle();
-  const HANDLE handles[] = {ready_.handle.Get(), ended_.Get(), interruption};
+  const Start start = AwaitReady(interruption);
+  if (start != Start::kReady) started_->Terminate();
+  return start;
+}
+
+bool Master::Launch(const Path& program) {
+  started_ = new Process("");
+  started_->SetApplicationPath(program);
+  const std::string commandLine = JoinArguments(
+      {program.ToString(), "-master", "-id", id_, "-er", ReadyName(id_), "-es", StopName(id_), "-ef", FinishName(id_)});
+  SetEnvironmentVariableA(kDornVariable, id_.c_str());
+  const bool isStarted = started_->Start(
+      commandLine, Process::BREAKAWAY | Process::PIPE_STDIN | Process::PIPE_STDOUT | Process::PIPE_STDERR, nullptr, 0);
+  SetEnvironmentVariableA(kDornVariable, nullptr);
+  if (!isStarted) return false;
+  process_ = started_->GetWaitHandle();
+  errors_.Start(started_->GetStderr());
+  return true;
+}
+
+Master::Start Master::AwaitReady(HANDLE interruption) {
+  const HANDLE handles[] = {ready_.Get(), process_.Get(), interruption};
   switch (WaitForMultipleObjects(3, handles, FALSE, kReadyLimitMs)) {
     case WAIT_OBJECT_0:
       return Start::kReady;
     case WAIT_OBJECT_0 + 1: {
-      u32 code = 0;
-      process_->Wait(kNoLimit, &code);
+      errors_.WaitForEnd(kErrorsLimitMs);
+      DWORD code = 0;
+      GetExitCodeProcess(process_.Get(), &code);
       PrintError("the master ended at its start with exit code " + std::to_string(code) +
                  "; the build command was not run");
       return Start::kFailed;
     }
     case WAIT_OBJECT_0 + 2:
-      process_->Terminate();
       return Start::kInterrupted;
     default:
-      process_->Terminate();
       PrintError("the master did not become ready; the build command was not run");
       return Start::kFailed;
   }
 }
 
-void Master::Stop(u32 limitMs, HANDLE interruption) {
-  SetEvent(finish_.handle.Get());
-  SetEvent(stop_.handle.Get());
-  const HANDLE handles[] = {ended_.Get(), interruption};
-  DWORD outcome = WaitForMultipleObjects(interruption != nullptr ? 2 : 1, handles, FALSE, limitMs);
-  if (outcome == WAIT_OBJECT_0 + 1) outcome = WaitForSingleObject(ended_.Get(), kInterruptedLimitMs);
-  if (outcome == WAIT_OBJECT_0) {
-    process_->Close();
-  } else {
-    process_->Terminate();
-  }
+void Master::Leave(bool isInterrupted, HANDLE interruption) {
+  if (!users_) return;
+  // A dorn that joins just now may wait for its master; that is no reason to stay.
+  const DWORD outcome = WaitForEither(join_.GetHandle(), isInterrupted ? nullptr : interruption,
+                                      isInterrupted ? kForcedEndLimitMs : INFINITE);
+  const bool hasLock = outcome == WAIT_OBJECT_0 || outcome == WAIT_ABANDONED_0;
+  users_.Reset();
+  // Without the lock the master is left to find out by itself that no dorn is there.
+  if (!hasLock) return;
+  if (process_ && IsLast()) AwaitEnd(isInterrupted, interruption);
+  join_.Unlock();
+}
+
+// The master itself may look for users at the same moment, and be taken for one. Then it sees that there is none.
+bool Master::IsLast() {
+  return !OpenExisting(kDornUsersName);
+}
+
+// With the lock, so that a dorn that comes now starts a master only when this one has gone.
+void Master::AwaitEnd(bool isInterrupted, HANDLE interruption) {
+  // If this process is killed now, the master sees that too.
+  users_ = MakeEvent(kDornUsersName, true);
+  session_->ending = isInterrupted ? DornSession::kEndsByForce : DornSession::kEnds;
+  SetEvent(finish_.Get());
+  SetEvent(stop_.Get());
+  const DWORD outcome = isInterrupted ? WAIT_TIMEOUT : WaitForEither(process_.Get(), interruption, kEndLimitMs);
+  if (outcome == WAIT_OBJECT_0) return;
+  session_->ending = DornSession::kEndsByForce;
+  WaitForSingleObject(process_.Get(), kForcedEndLimitMs);
 }
 
 }  // namespace kestrun::dorn

@@ -1,50 +1,79 @@
-// The master of one build, from outside: started, steered by three named events, and ended.
+// The master that the dorns of a user share, from outside: joined or started, and left.
 #ifndef KESTRUN_DORN_MASTER_H_
 #define KESTRUN_DORN_MASTER_H_
 
+#include <memory>
 #include <string>
 
+#include "dorn/line_relay.h"
 #include "platform/win32.h"
-#include "runtime/handle.h"
-#include "runtime/path.h"
-#include "runtime/process.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/types.h"
+#include "protocol/dorn_session.h"
+#include "runtime/base/handle.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+#include "runtime/files/mapped_file.h"
+#include "runtime/files/path.h"
+#include "runtime/process/process.h"
+#include "runtime/threads/sync.h"
 
 namespace kestrun::dorn {
 
-// The master runs in a job of its own and in a process group of its own: Ctrl-C does not reach it, so that the build
-// command can end first; it is gone when this object goes, and when this process dies in any way. One thread at a time.
+// What a dorn asks of its master.
+struct MasterWishes {
+  std::string id;  // empty: any master, and a new one gets an id that no other build uses
+  u32 jobs = 0;    // 0: as the settings say
+};
+
+// The master runs in no job of a dorn and on no terminal: Ctrl-C does not reach it, and it lives until its last dorn
+// has gone. Joining and leaving are done by one dorn at a time (protocol/dorn_session.h).
+//
+// One thread at a time. Failures are said on the standard error stream.
 class Master {
  public:
   enum class Start { kReady, kFailed, kInterrupted };
 
-  // Throws SyncException if the system gives no events.
-  explicit Master(const std::string& id);
+  // Throws SystemException if the system gives no named objects.
+  Master();
   Master(const Master&) = delete;
   Master& operator=(const Master&) = delete;
 
-  // Starts `program` as master and waits until it is ready, it ends, or `interruption` is signalled. Says on the
-  // standard error stream what failed.
-  Start Run(const Path& program, HANDLE interruption);
+  // Joins the master that runs or, without one, starts `program` as master, and waits until it is ready, it ends, or
+  // `interruption` is signalled. A master that is just ending is waited for first.
+  Start Join(const Path& program, const MasterWishes& wishes, HANDLE interruption);
 
-  // Tells the master that the build is over and that it should end, and waits for that. After the limit, or a second
-  // after `interruption` is signalled, the master is ended by force. A null interruption is none.
-  void Stop(u32 limitMs, HANDLE interruption);
+  // After a Join that gave kReady.
+  const std::string& GetId() const { return id_; }
+
+  // The build is over, or Join has failed. The last dorn tells the master to end and waits for that; others return at
+  // once. With `isInterrupted`, or after `interruption` is signalled, the master is given a second or two.
+  void Leave(bool isInterrupted, HANDLE interruption);
 
  private:
-  struct NamedEvent {
-    NamedEvent(const std::string& name, bool isManual);
-    std::string name;
-    UniqueHandle handle;
-  };
+  enum class Found { kNone, kRunning, kEnding };
 
+  Start JoinWithLock(const Path& program, const MasterWishes& wishes, HANDLE interruption);
+  static std::unique_ptr<MappedFile> OpenRegion();
+  void OpenSession();
+  Found Find();
+  Start JoinRunning(const MasterWishes& wishes, HANDLE interruption);
+  Start StartNew(const Path& program, const MasterWishes& wishes, HANDLE interruption);
+  Start AwaitReady(HANDLE interruption);
+  bool Launch(const Path& program);
+  bool IsLast();
+  void AwaitEnd(bool isInterrupted, HANDLE interruption);
+
+  Mutex join_;
+  std::unique_ptr<MappedFile> region_;
+  rc_ptr<MappedFile::ViewImpl> view_;
+  DornSession* session_ = nullptr;  // in view_
+  UniqueHandle users_;
   std::string id_;
-  NamedEvent ready_;
-  NamedEvent stop_;
-  NamedEvent finish_;  // resets itself: the master reports it each time that it finds it signalled
-  rc_ptr<Process> process_;
-  UniqueHandle ended_;
+  UniqueHandle ready_;
+  UniqueHandle stop_;
+  UniqueHandle finish_;      // resets itself: the master reports it each time that it finds it signalled
+  UniqueHandle process_;     // the master, to be waited for
+  rc_ptr<Process> started_;  // empty where another dorn has started it
+  LineRelay errors_;         // of the master that this dorn has started
 };
 
 }  // namespace kestrun::dorn

@@ -3,13 +3,90 @@
 #include <algorithm>
 #include <cstring>
 
+#include "protocol/limits.h"
+#include "runtime/base/text.h"
+
 namespace kestrun::dorn {
 
 namespace {
 
 constexpr std::size_t kLongestId = 99;
+constexpr std::size_t kMostDigits = 9;
 
-// The id becomes part of the names of kernel objects and stands on the master's command line.
+class Parser {
+ public:
+  Parser(const std::vector<std::string>& words, Options& options) : words_(words), options_(options) {}
+
+  // Empty, or the reason.
+  std::string Run() {
+    while (at_ < words_.size() && words_[at_].size() > 1 && words_[at_][0] == '-') {
+      const std::string& word = words_[at_++];
+      if (word == "--") break;
+      const std::string error = Take(word);
+      if (!error.empty()) return error;
+    }
+    options_.command.assign(words_.begin() + static_cast<std::ptrdiff_t>(at_), words_.end());
+    return CheckCommand();
+  }
+
+ private:
+  std::string Take(const std::string& word) {
+    using Action = Options::Action;
+    if (word == "--help" || word == "-h") return Choose(Action::kHelp);
+    if (word == "--version") return Choose(Action::kVersion);
+    if (word == "--where") return Choose(Action::kWhere);
+    if (word == "--settings") return TakeSettings();
+    if (word == "--id") return TakeId();
+    if (word == "-j") return TakeJobs(Next());
+    if (word.compare(0, 2, "-j") == 0) return TakeJobs(word.substr(2));
+    if (word != "--alone") return "unknown option " + word;
+    options_.isAlone = true;
+    return "";
+  }
+
+  // The first one counts.
+  std::string Choose(Options::Action action) {
+    if (options_.action == Options::Action::kBuild) options_.action = action;
+    return "";
+  }
+
+  std::string TakeSettings() {
+    if (at_ == words_.size()) return Choose(Options::Action::kListSettings);
+    if (Next() == "update" && at_ == words_.size()) return Choose(Options::Action::kUpdateSettings);
+    return "--settings stands alone, or with the word update";
+  }
+
+  std::string TakeId() {
+    options_.id = Next();
+    return IsUsableId(options_.id) ? "" : "--id wants 1 to 99 letters, digits, \".\", \"_\" or \"-\"";
+  }
+
+  std::string TakeJobs(const std::string& text) {
+    const bool isNumber = !text.empty() && text.size() <= kMostDigits && IsNumber(text);
+    options_.jobs = isNumber ? static_cast<u32>(std::stoul(text)) : 0;
+    if (options_.jobs >= 1 && options_.jobs <= kMostConcurrentJobs) return "";
+    return "-j wants a number from 1 to " + std::to_string(kMostConcurrentJobs);
+  }
+
+  std::string Next() { return at_ < words_.size() ? words_[at_++] : std::string(); }
+
+  std::string CheckCommand() const {
+    if (options_.action != Options::Action::kBuild) return "";
+    return options_.command.empty() || options_.command[0].empty() ? "no build command" : "";
+  }
+
+  const std::vector<std::string>& words_;
+  Options& options_;
+  std::size_t at_ = 0;
+};
+
+}  // namespace
+
+bool ParseOptions(const std::vector<std::string>& arguments, Options& options, std::string& error) {
+  error = Parser(arguments, options).Run();
+  return error.empty();
+}
+
 bool IsUsableId(const std::string& id) {
   const auto isUsable = [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || std::strchr("._-", c);
@@ -17,52 +94,26 @@ bool IsUsableId(const std::string& id) {
   return !id.empty() && id.size() <= kLongestId && std::all_of(id.begin(), id.end(), isUsable);
 }
 
-}  // namespace
-
-bool ParseOptions(const std::vector<std::string>& arguments, Options& options, std::string& error) {
-  std::size_t at = 0;
-  for (; at < arguments.size(); ++at) {
-    const std::string& word = arguments[at];
-    if (word == "--help" || word == "-h") {
-      options.showHelp = true;
-    } else if (word == "--version") {
-      options.showVersion = true;
-    } else if (word == "--id") {
-      options.id = ++at < arguments.size() ? arguments[at] : std::string();
-      if (!IsUsableId(options.id)) {
-        error = "--id wants 1 to 99 letters, digits, \".\", \"_\" or \"-\"";
-        return false;
-      }
-    } else if (word == "--") {
-      ++at;
-      break;
-    } else if (word.size() > 1 && word[0] == '-') {
-      error = "unknown option " + word;
-      return false;
-    } else {
-      break;
-    }
-  }
-  options.command.assign(arguments.begin() + static_cast<std::ptrdiff_t>(std::min(at, arguments.size())),
-                         arguments.end());
-  if (options.showHelp || options.showVersion) return true;
-  if (options.command.empty() || options.command[0].empty()) {
-    error = "no build command";
-    return false;
-  }
-  return true;
-}
-
 const char* GetUsage() {
-  return "usage: dorn [--id ID] [--] <build command> [args]\n"
-         "Starts a Kestrun master, runs the build command under it, ends the master, and exits with the\n"
-         "build command's exit code. Every tool that the build runs as \"kestrun <tool> [args]\" goes through\n"
-         "the master:\n"
-         "    dorn make -j8 CC=\"kestrun gcc\"\n"
+  return "usage: dorn [options] [--] <build command> [args]\n"
+         "Runs the build command under a Kestrun master and exits with the build command's exit code. Every\n"
+         "tool that the build runs as \"kestrun <tool> [args]\" goes through the master, which limits how many\n"
+         "run at once. The master is started if none runs, shared with the other builds of this user, and\n"
+         "ended with the last of them.\n"
          "Options:\n"
-         "   --id ID     - the master's id; without it one that no other build uses\n"
-         "   --help      - print this message and exit\n"
-         "   --version   - print version information and exit\n";
+         "   -j N               - how many tools run at once, in place of the settings' MaxConcurrentJobs\n"
+         "   --alone            - a master of this build's own\n"
+         "   --id ID            - the master's id; without it one that no other build uses\n"
+         "   --settings         - show all settings with their value, where it comes from and their meaning\n"
+         "   --settings update  - add the recommended settings that the file lacks\n"
+         "   --where            - show where settings, log and named objects are, and the version\n"
+         "   --help             - print this message and exit\n"
+         "   --version          - print version information and exit\n"
+         "Examples:\n"
+         "   dorn make -j8 CC=\"kestrun gcc\"\n"
+         "   cmake -B build -DCMAKE_C_COMPILER_LAUNCHER=kestrun && dorn cmake --build build\n"
+         "   dorn -j 4 ninja -j 100\n"
+         "   dorn kestrun -s jobs.script\n";
 }
 
 }  // namespace kestrun::dorn

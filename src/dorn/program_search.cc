@@ -3,9 +3,9 @@
 #include <vector>
 
 #include "platform/host.h"
-#include "runtime/environment.h"
-#include "runtime/executable_search.h"
-#include "runtime/text.h"
+#include "runtime/base/environment.h"
+#include "runtime/base/text.h"
+#include "runtime/files/executable_search.h"
 
 namespace kestrun::dorn {
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "runtime/path.h"
+#include "runtime/files/path.h"
 
 namespace kestrun::dorn {
 

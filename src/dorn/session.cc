@@ -1,51 +1,125 @@
 #include "dorn/session.h"
 
 #include "dorn/command_line.h"
-#include "dorn/first_settings.h"
+#include "dorn/exit_codes.h"
 #include "dorn/interruption.h"
 #include "dorn/master.h"
 #include "dorn/program_search.h"
 #include "dorn/report.h"
+#include "dorn/settings.h"
 #include "platform/host.h"
+#include "platform/terminal.h"
 #include "platform/win32.h"
-#include "runtime/process.h"
+#include "protocol/names.h"
+#include "runtime/base/environment.h"
+#include "runtime/files/common_folder.h"
+#include "runtime/files/delete_tree.h"
+#include "runtime/process/process.h"
 
 namespace kestrun::dorn {
 
 namespace {
 
-// After an interruption both ends together stay below five seconds.
-constexpr u32 kBuildGraceMs = 1500;
-constexpr u32 kInterruptedStopLimitMs = 1500;
-// Longer than the master gives its own threads.
-constexpr u32 kStopLimitMs = 35000;
+// Helper processes end within a millisecond of their last task; one that does not is left to itself.
+constexpr DWORD kTimesLimitMs = 50;
 
-std::string MakeId() {
-  return "dorn_" + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(GetTickCount());
+// After an interruption the build gets the first time to end by itself, and the second after it was asked to. Together
+// with what the master then takes they stay below two seconds.
+constexpr u32 kOwnEndMs = 300;
+constexpr u32 kAskedEndMs = 700;
+
+u32 CodeOf(DWORD controlEvent) {
+  switch (controlEvent) {
+    case CTRL_C_EVENT:
+      return kExitInterrupted;
+    case CTRL_BREAK_EVENT:
+      return kExitTerminated;
+    default:
+      return kExitHungUp;
+  }
 }
 
-// Runs the build command on the terminal of this process until it ends. Ctrl-C reaches it from the terminal by
-// itself, any other end is passed on; if it does not end on that, it is ended by force. Its background processes end
-// with it.
+// Ctrl-C reaches the build command from the terminal by itself. A signal to this process alone looks the same, so a
+// build that goes on is asked, too.
+bool EndsAfterInterruption(Process& build, HANDLE ended, const Interruption& interruption) {
+  if (interruption.HasReachedAll() && WaitForSingleObject(ended, kOwnEndMs) == WAIT_OBJECT_0) return true;
+  platform::AskToEnd(build.GetProcessId());
+  return WaitForSingleObject(ended, kAskedEndMs) == WAIT_OBJECT_0;
+}
+
+// Runs the build command on the terminal of this process until it ends; one that does not end after an interruption is
+// ended by force. Its background processes end with it.
 int RunBuild(const Path& program, const std::vector<std::string>& command, const Interruption& interruption) {
   const rc_ptr<Process> build = new Process("");
   build->SetApplicationPath(program);
+  const platform::SavedTerminal terminal;
   if (!build->Start(JoinArguments(command), Process::OWN_JOB | Process::SHOW_WINDOW, nullptr, 0)) {
     return kExitCannotStart;
   }
   const UniqueHandle ended = build->GetWaitHandle();
   const HANDLE handles[] = {ended.Get(), interruption.GetHandle()};
-  if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0) {
-    if (!interruption.HasReachedAll()) platform::AskToEnd(build->GetProcessId());
-    if (WaitForSingleObject(ended.Get(), kBuildGraceMs) != WAIT_OBJECT_0) {
-      build->Terminate();
-      return kExitInterrupted;
-    }
-  }
+  const bool isInterrupted = WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0;
   u32 code = static_cast<u32>(kExitFailure);
-  build->Wait(kNoLimit, &code);
+  // The caller is told of the interruption and not of what dorn did about it.
+  if (isInterrupted && !EndsAfterInterruption(*build, ended.Get(), interruption)) {
+    build->Terminate();
+    code = CodeOf(interruption.GetType());
+  } else {
+    build->Wait(kNoLimit, &code);
+    if (isInterrupted && code == kExitTerminated) code = CodeOf(interruption.GetType());
+  }
+  if (isInterrupted) terminal.Restore();
   return static_cast<int>(code);
 }
+
+// A dorn below another one's build, or below a master that was started by hand, runs its command with that.
+bool HasOuterMaster(const Options& options) {
+  std::string id;
+  if (options.isAlone || !options.id.empty() || !GetEnvironmentValue("KESTRUN_ID", id) || id.empty()) return false;
+  return static_cast<bool>(UniqueHandle(OpenSemaphoreA(SYNCHRONIZE, FALSE, GetAccessName(id).c_str())));
+}
+
+int RunUnderMaster(const Options& options, const Path& kestrun, const Path& program, const Interruption& interruption) {
+  Master master;
+  switch (master.Join(kestrun, {options.id, options.jobs}, interruption.GetHandle())) {
+    case Master::Start::kFailed:
+      master.Leave(false, interruption.GetHandle());
+      return kExitFailure;
+    case Master::Start::kInterrupted:
+      master.Leave(true, nullptr);
+      return static_cast<int>(CodeOf(interruption.GetType()));
+    case Master::Start::kReady:
+      break;
+  }
+  SetEnvironmentVariableA("KESTRUN_ID", master.GetId().c_str());
+  const int code = RunBuild(program, options.command, interruption);
+  master.Leave(interruption.HasHappened(), interruption.GetHandle());
+  return code;
+}
+
+// Named objects of this build's own, and so a master of its own.
+class OwnObjects {
+ public:
+  explicit OwnObjects(bool isWanted) : isSeparate_(isWanted && platform::SeparateNamedObjects()) {
+    if (isWanted && !isSeparate_) PrintWarning("this system has one master at a time; --alone changes nothing");
+  }
+  ~OwnObjects() {
+    if (isSeparate_) DeleteTree(Path(platform::NamedObjectFolder()));
+  }
+  OwnObjects(const OwnObjects&) = delete;
+  OwnObjects& operator=(const OwnObjects&) = delete;
+
+ private:
+  const bool isSeparate_;
+};
+
+// At its end the build's processor time counts as that of this process, for `time dorn make`.
+struct CountedTimes {
+  CountedTimes() = default;
+  CountedTimes(const CountedTimes&) = delete;
+  CountedTimes& operator=(const CountedTimes&) = delete;
+  ~CountedTimes() { platform::TakeOverChildTimes(kTimesLimitMs); }
+};
 
 }  // namespace
 
@@ -60,27 +134,14 @@ int RunSession(const Options& options) {
     PrintError("cannot find kestrun, neither beside dorn nor in PATH");
     return kExitFailure;
   }
-  const std::string id = options.id.empty() ? MakeId() : options.id;
+  const OwnObjects objects(options.isAlone);
   const Interruption interruption;
+  const CountedTimes times;
+  if (HasOuterMaster(options)) return RunBuild(program, options.command, interruption);
   WriteFirstSettings();
-  SetEnvironmentVariableA("KESTRUN_ID", id.c_str());
-
-  Master master(id);
-  switch (master.Run(kestrun, interruption.GetHandle())) {
-    case Master::Start::kFailed:
-      return kExitFailure;
-    case Master::Start::kInterrupted:
-      return kExitInterrupted;
-    case Master::Start::kReady:
-      break;
-  }
-  const int code = RunBuild(program, options.command, interruption);
-  if (interruption.HasHappened()) {
-    master.Stop(kInterruptedStopLimitMs, nullptr);
-  } else {
-    master.Stop(kStopLimitMs, interruption.GetHandle());
-  }
-  return code;
+  if (!CheckSettings()) return kExitFailure;
+  TellOfMissingSettings();
+  return RunUnderMaster(options, kestrun, program, interruption);
 }
 
 }  // namespace kestrun::dorn

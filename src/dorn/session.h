@@ -1,4 +1,4 @@
-// One build with its master, from start to end.
+// One build under the user's master, from start to end.
 #ifndef KESTRUN_DORN_SESSION_H_
 #define KESTRUN_DORN_SESSION_H_
 
@@ -6,14 +6,9 @@
 
 namespace kestrun::dorn {
 
-// dorn's own exit codes, away from those that build commands use.
-inline constexpr int kExitFailure = 125;          // the master could not be had
-inline constexpr int kExitCannotStart = 126;      // the build command is there but could not be started
-inline constexpr int kExitCommandNotFound = 127;  // no such build command
-inline constexpr int kExitInterrupted = 130;      // ended by force after Ctrl-C
-
-// Starts a master, runs the build command, ends the master, and gives the exit code. Nothing that either of them
-// started is left when it returns. Blocks for the life of the build. Throws SystemException.
+// Joins or starts a master, runs the build command, leaves the master, and gives the exit code. Nothing that the build
+// started is left when it returns, and no master unless another dorn uses it. Blocks for the life of the build. Throws
+// SystemException.
 int RunSession(const Options& options);
 
 }  // namespace kestrun::dorn

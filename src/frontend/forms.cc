@@ -1,29 +1,30 @@
 #include "frontend/forms.h"
 
 #include <cstdlib>
+#include <memory>
 
-#include "frontend/command_line_tail.h"
+#include "app/console.h"
+#include "client/compiler_stub.h"
+#include "client/script_stub.h"
+#include "client/tool_lookup.h"
+#include "client/transparent_tool.h"
 #include "frontend/option_parser.h"
+#include "frontend/transparent_form.h"
 #include "frontend/usage.h"
+#include "master/dorn_watch.h"
 #include "master/project_stub.h"
-#include "runtime/exception.h"
-#include "runtime/log.h"
-#include "runtime/system_utilities.h"
-#include "runtime/text.h"
-#include "stubs/compiler_stub.h"
-#include "stubs/console.h"
-#include "stubs/script_stub.h"
-#include "stubs/tool_lookup.h"
+#include "protocol/names.h"
+#include "runtime/base/exception.h"
+#include "runtime/base/handle.h"
+#include "runtime/base/text.h"
+#include "runtime/files/log.h"
+#include "runtime/files/version_string.h"
 
 namespace kestrun {
 
 namespace {
 
 constexpr int kFailure = 1;
-
-void WriteLog(Log::Level level, const char* message, const Log::Fields& fields = {}) {
-  if (Log* log = Log::Get()) log->Write(level, Log::STUB, message, fields);
-}
 
 int RunStub(StubBase& stub) {
   const CurrentStub current(stub);
@@ -39,45 +40,47 @@ Log::Fields ExceptionFields(const SystemException& e) {
 }
 
 int RunScript(IniFile& settings, const Options& options) {
-  WriteLog(Log::Info, "Creating Script Stub", {{"project", options.project}});
+  WriteLog(Log::Info, Log::STUB, "Creating Script Stub", {{"project", options.project}});
   try {
     ScriptStub stub(settings, options);
     const int code = RunStub(stub);
-    WriteLog(Log::Info, "Script Stub finished",
+    WriteLog(Log::Info, Log::STUB, "Script Stub finished",
              {{"project", options.project}, {"return_code", std::to_string(static_cast<u32>(code))}});
     return code;
   } catch (const SystemException& e) {
     WriteStandardError(DescribeException("exception", e));
     Log::Fields fields = ExceptionFields(e);
     fields.insert(fields.begin(), {"project", options.project});
-    WriteLog(Log::Error, "Script Stub threw an exception", fields);
+    WriteLog(Log::Error, Log::STUB, "Script Stub threw an exception", fields);
     return kFailure;
   }
 }
 
 int RunMaster(IniFile& settings, const Options& options) {
-  WriteLog(Log::Info, "Creating master Kestrun instance");
+  WriteLog(Log::Info, Log::STUB, "Creating master Kestrun instance");
   try {
+    const std::unique_ptr<DornWatch> dorns = DornWatch::Open(options.id, options.stopEvent);
+    if (dorns) dorns->SettleJobs(settings, ProjectStub::kDefaultMaxConcurrentJobs);
     ProjectStub stub(settings, options);
     const int code = RunStub(stub);
-    WriteLog(Log::Info, "Master Kestrun instance finished", {{"return_code", std::to_string(static_cast<u32>(code))}});
+    WriteLog(Log::Info, Log::STUB, "Master Kestrun instance finished",
+             {{"return_code", std::to_string(static_cast<u32>(code))}});
     return code;
   } catch (const SystemException& e) {
     WriteStandardError(DescribeException("exception", e));
-    WriteLog(Log::Error, "Master Kestrun instance threw an exception", ExceptionFields(e));
+    WriteLog(Log::Error, Log::STUB, "Master Kestrun instance threw an exception", ExceptionFields(e));
     return kFailure;
   }
 }
 
 int RunTool(IniFile& settings, const Options& options) {
-  const std::string tool = ToLower(options.tool);
-  if (tool.empty()) {
+  if (options.tool.empty()) {
     PrintError("No tool specified");
     return kFailure;
   }
-  const Path toolPath = FindTool(tool);
+  const Path toolPath = FindTypedTool(options.tool);
   if (toolPath.IsEmpty()) {
-    PrintError("Could not get full path for tool " + tool);
+    PrintError("Could not get full path for tool " + ToLower(options.tool));
     return kFailure;
   }
   try {
@@ -89,7 +92,21 @@ int RunTool(IniFile& settings, const Options& options) {
   }
 }
 
-int RunForm(int argc, IniFile& settings, const Options& options) {
+// With Extensions/TransparentTools: a tool with a time limit, and one without any master. False where a master is there
+// that hands out no slots: it is served as described.
+bool RunTransparentTool(int argc, const char* const* argv, IniFile& settings, const Options& options, int& exitCode) {
+  if (options.tool.empty() || !settings.GetBool("Extensions/TransparentTools", false)) return false;
+  TransparentTool tool(options, GetToolWords(options, argc, argv));
+  if (settings.GetBool("Extensions/EnforceJobTimeout", false)) tool.SetTimeout(options.timeoutSeconds);
+  const std::string id = GetInheritedId(options);
+  if (tool.RunInSlot(id, exitCode) == TransparentTool::Outcome::kDone) return true;
+  if (UniqueHandle(OpenSemaphoreA(SYNCHRONIZE, FALSE, GetAccessName(id).c_str()))) return false;
+  WriteLog(Log::Info, Log::STUB, "No master: running the tool alone");
+  exitCode = tool.RunAlone();
+  return true;
+}
+
+int RunForm(int argc, const char* const* argv, IniFile& settings, const Options& options) {
   if (options.showHelp) {
     PrintUsage();
     return 0;
@@ -104,26 +121,27 @@ int RunForm(int argc, IniFile& settings, const Options& options) {
     PrintUsage();
     return 0;
   }
+  int exitCode = 0;
+  if (RunTransparentTool(argc, argv, settings, options, exitCode)) return exitCode;
   return RunTool(settings, options);
 }
 
 }  // namespace
 
-int RunFrontEnd(int argc, const std::string& commandLine, IniFile& settings) {
-  Options fromEnvironment;
-  const char* text = std::getenv("KESTRUN_OPTS");
-  if (text != nullptr && !ParseOptions(fromEnvironment, text, true)) {
-    WriteStandardError("KESTRUN: error parsing KESTRUN_OPTS environment variable\n");
-    return kFailure;
-  }
-  Options fromCommandLine;
-  if (!ParseOptions(fromCommandLine, GetCommandLineTail(commandLine), false)) {
-    PrintUsage();
-    return kFailure;
-  }
+int RunFrontEnd(int argc, const char* const* argv, const std::string& commandLine, IniFile& settings) {
   Options options;
-  MergeOptions(options, fromEnvironment, fromCommandLine);
-  return RunForm(argc, settings, options);
+  switch (ReadOptions(commandLine, options)) {
+    case OptionsFault::kEnvironment:
+      WriteStandardError("KESTRUN: error parsing KESTRUN_OPTS environment variable\n");
+      return kFailure;
+    case OptionsFault::kCommandLine:
+      PrintUsage();
+      return kFailure;
+    case OptionsFault::kNone:
+      break;
+  }
+  const int exitCode = RunForm(argc, argv, settings, options);
+  return exitCode == 0 && HasLostOutput() ? kFailure : exitCode;
 }
 
 }  // namespace kestrun

@@ -4,14 +4,15 @@
 
 #include <string>
 
-#include "runtime/ini_file.h"
+#include "runtime/files/ini_file.h"
 
 namespace kestrun {
 
 // Reads the options of KESTRUN_OPTS and of the command line, takes exactly one form (help, version, script, master,
-// tool) and gives the exit code of the process. `commandLine` is the raw one, with the program's name; `argc` only
-// tells whether there is anything behind that name. A SystemException of a stub ends here, as exit code 1.
-int RunFrontEnd(int argc, const std::string& commandLine, IniFile& settings);
+// tool) and gives the exit code of the process. `commandLine` is the raw one, with the program's name; `argc` and
+// `argv` are the same as single words, which only a tool that runs transparently is given. A SystemException of a stub
+// ends here, as exit code 1; so does a success whose output could not be written.
+int RunFrontEnd(int argc, const char* const* argv, const std::string& commandLine, IniFile& settings);
 
 }  // namespace kestrun
 

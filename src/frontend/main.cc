@@ -1,14 +1,16 @@
 // The process: its services in their order, the console-control handler, and the teardown.
+#include "app/console.h"
+#include "app/stub_base.h"
 #include "frontend/forms.h"
+#include "frontend/transparent_form.h"
 #include "platform/host.h"
+#include "platform/tool_process.h"
 #include "platform/win32.h"
-#include "runtime/crash_handler.h"
-#include "runtime/exception.h"
-#include "runtime/ini_file.h"
-#include "runtime/log.h"
-#include "runtime/system_utilities.h"
-#include "stubs/console.h"
-#include "stubs/stub_base.h"
+#include "runtime/base/exception.h"
+#include "runtime/files/common_folder.h"
+#include "runtime/files/ini_file.h"
+#include "runtime/files/log.h"
+#include "runtime/process/crash_handler.h"
 
 namespace kestrun {
 
@@ -17,15 +19,15 @@ namespace {
 constexpr u32 kLogPathSize = 260;
 constexpr u32 kDebugRecords = 0x10;  // of LocalSettings/DiagnosticFlags
 
-// On a thread of the system, at any time. The lock is never given back: the stub stays whole and main does not get past
-// it until the process has ended.
+// Runs on a thread of the system, at any time. It keeps the lock to the end of the process, so that main cannot destroy
+// the stub meanwhile.
 BOOL WINAPI CtrlHandler(DWORD ctrlType) {
   const Lock lock(StubBase::CurrentLock());
   if (StubBase* stub = StubBase::GetCurrent()) stub->Stop(ctrlType == CTRL_BREAK_EVENT ? "Ctrl-Break" : "Ctrl-C");
   ExitProcess(1);
 }
 
-// What exists from before the first option is looked at until after the last record of the log.
+// The services of the whole process: log, sockets, console-control handler, crash handler.
 class ProcessServices {
  public:
   ProcessServices() {
@@ -49,28 +51,36 @@ class ProcessServices {
 };
 
 void LoadSettings(IniFile& settings) {
-  settings.Load(GetCommonPath() / "Zelvo.ini");
+  const Path file = GetCommonPath() / "Zelvo.ini";
+  const std::string refusal = settings.Load(file) ? "" : platform::WhyNoFile(file.ToString());
+  if (!refusal.empty()) PrintWarning("the settings are not read, " + file.ToString() + ": " + refusal);
   Log* log = Log::Get();
   if (log == nullptr) return;
   if (settings.GetBool("LocalSettings/LoggingEnabled", false)) log->SetEnabled(true);
+  if (!log->GetRefusal().empty()) PrintWarning("the log is not written, " + log->GetRefusal());
   if (settings.GetInt("LocalSettings/DiagnosticFlags", 0) & kDebugRecords) log->SetDebug(true);
 }
 
-int RunProcess(int argc) {
+int RunProcess(int argc, char** argv) {
+  const std::string commandLine = GetCommandLineA();
+  int exitCode = 0;
+  // Before any service: the tool is to find this process as it was started.
+  if (RunTransparently(commandLine, argc, argv, exitCode)) return exitCode;
   const ProcessServices services;
   IniFile settings;
   LoadSettings(settings);
-  return RunFrontEnd(argc, GetCommandLineA(), settings);
+  return RunFrontEnd(argc, argv, commandLine, settings);
 }
 
 }  // namespace
 
 }  // namespace kestrun
 
-int main(int argc, char**) {
+int main(int argc, char** argv) {
+  kestrun::platform::OpenClosedStandardStreams();
   kestrun::platform::SetStandardStreamsBinary();
   try {
-    return kestrun::RunProcess(argc);
+    return kestrun::RunProcess(argc, argv);
   } catch (const kestrun::SystemException& e) {
     kestrun::PrintError(std::string("exception thrown: error=") + std::to_string(e.GetCode()) + ", msg=" + e.what());
     return 1;

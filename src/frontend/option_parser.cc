@@ -4,8 +4,9 @@
 #include <cstdlib>
 #include <limits>
 
+#include "frontend/command_line_tail.h"
 #include "protocol/protocol.h"
-#include "runtime/text.h"
+#include "runtime/base/text.h"
 
 namespace kestrun {
 
@@ -46,66 +47,95 @@ class Tokenizer {
   std::size_t position_ = 0;
 };
 
-bool ParseTimeout(Options& options, const std::string& minutes) {
-  if (!IsNumber(minutes)) return false;
-  constexpr u64 kMax = std::numeric_limits<u32>::max();
-  const u64 value = std::strtoull(minutes.c_str(), nullptr, 10);
-  options.timeoutSeconds = static_cast<u32>(value > kMax / 60 ? kMax : value * 60);
-  return true;
-}
-
-bool ParseMarker(Options& options, const std::string& marker) {
-  options.marker = marker;
-  return !marker.empty();
-}
-
-// The handle is stored as it comes: an event that isn't there counts as none given.
-bool OpenNamedEvent(HANDLE& event, const std::string& name) {
-  event = OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, TRUE, name.c_str());
-  return true;
-}
+// The kinds of options. Each tells whether the next token is the option's value, how the value gets into the record
+// (false if it is a bad one), and how the command line's record is put over the environment's.
 
 template <std::string Options::*field>
-bool SetText(Options& options, const std::string& value) {
-  options.*field = value;
-  return true;
-}
-template <HANDLE Options::*field>
-bool SetEvent(Options& options, const std::string& name) {
-  return OpenNamedEvent(options.*field, name);
-}
-template <bool Options::*field>
-void SetSwitch(Options& options) {
-  options.*field = true;
-}
-template <u32 bit>
-void SetFlag(Options& options) {
-  options.flags |= bit;
-}
-
-// An option either sets something by itself or takes the next token as its value.
-struct OptionRule {
-  const char* name;
-  void (*set)(Options&);
-  bool (*take)(Options&, const std::string& value);
+struct Text {
+  static constexpr bool kTakesValue = true;
+  static bool Set(Options& options, const std::string& value) {
+    options.*field = value;
+    return true;
+  }
+  static void Merge(Options& result, const Options& commandLine) {
+    if (!(commandLine.*field).empty()) result.*field = commandLine.*field;
+  }
 };
 
+template <bool Options::*field>
+struct Switch {
+  static constexpr bool kTakesValue = false;
+  static bool Set(Options& options, const std::string&) {
+    options.*field = true;
+    return true;
+  }
+  static void Merge(Options& result, const Options& commandLine) { result.*field |= commandLine.*field; }
+};
+
+template <u32 bit>
+struct Flag {
+  static constexpr bool kTakesValue = false;
+  static bool Set(Options& options, const std::string&) {
+    options.flags |= bit;
+    return true;
+  }
+  static void Merge(Options& result, const Options& commandLine) { result.flags |= commandLine.flags & bit; }
+};
+
+struct Timeout {
+  static constexpr bool kTakesValue = true;
+  static bool Set(Options& options, const std::string& minutes) {
+    if (!IsNumber(minutes)) return false;
+    constexpr u64 kMax = std::numeric_limits<u32>::max();
+    const u64 value = std::strtoull(minutes.c_str(), nullptr, 10);
+    options.timeoutSeconds = static_cast<u32>(value > kMax / 60 ? kMax : value * 60);
+    return true;
+  }
+  static void Merge(Options& result, const Options& commandLine) {
+    if (commandLine.timeoutSeconds != 0) result.timeoutSeconds = commandLine.timeoutSeconds;
+  }
+};
+
+struct Marker {
+  static constexpr bool kTakesValue = true;
+  static bool Set(Options& options, const std::string& marker) {
+    options.marker = marker;
+    return !marker.empty();
+  }
+  static void Merge(Options& result, const Options& commandLine) {
+    if (commandLine.marker != kDefaultMarker) result.marker = commandLine.marker;
+  }
+};
+
+struct OptionRule {
+  const char* name;
+  bool takesValue;
+  bool (*set)(Options& options, const std::string& value);
+  void (*merge)(Options& result, const Options& commandLine);
+};
+
+template <class Kind>
+constexpr OptionRule Rule(const char* name) {
+  return {name, Kind::kTakesValue, Kind::Set, Kind::Merge};
+}
+
 constexpr OptionRule kOptionRules[] = {
-    {"--help", SetSwitch<&Options::showHelp>, nullptr},
-    {"--version", SetSwitch<&Options::showVersion>, nullptr},
-    {"-v", SetFlag<FLAG_VERBOSE>, nullptr},
-    {"-t", nullptr, ParseTimeout},
-    {"-n", nullptr, SetText<&Options::name>},
-    {"-m", nullptr, ParseMarker},
-    {"-s", nullptr, SetText<&Options::scriptPath>},
-    {"-master", SetSwitch<&Options::master>, nullptr},
-    {"-p", nullptr, SetText<&Options::project>},
-    {"-e", SetSwitch<&Options::expandEnvironment>, nullptr},
-    {"-es", nullptr, SetEvent<&Options::stopEvent>},
-    {"-er", nullptr, SetEvent<&Options::readyEvent>},
-    {"-ef", nullptr, SetEvent<&Options::finishEvent>},
-    {"-id", nullptr, SetText<&Options::id>},
-    {"-k", SetFlag<FLAG_KEEP_GOING>, nullptr},
+    Rule<Switch<&Options::showHelp>>("--help"),
+    Rule<Switch<&Options::showVersion>>("--version"),
+    Rule<Flag<FLAG_VERBOSE>>("-v"),
+    Rule<Timeout>("-t"),
+    Rule<Text<&Options::name>>("-n"),
+    Rule<Marker>("-m"),
+    Rule<Text<&Options::scriptPath>>("-s"),
+    Rule<Switch<&Options::master>>("-master"),
+    // The command line's project is never empty unless it says so, so that its default beats the environment.
+    Rule<Text<&Options::project>>("-p"),
+    Rule<Switch<&Options::expandEnvironment>>("-e"),
+    Rule<Text<&Options::stopEvent>>("-es"),
+    Rule<Text<&Options::readyEvent>>("-er"),
+    Rule<Text<&Options::finishEvent>>("-ef"),
+    Rule<Text<&Options::id>>("-id"),
+    Rule<Flag<FLAG_KEEP_GOING>>("-k"),
 };
 
 const OptionRule* FindRule(const std::string& text) {
@@ -118,6 +148,7 @@ const OptionRule* FindRule(const std::string& text) {
 // The arguments begin at the quote of a quoted first argument, so that all the user's quoting stays.
 void TakeTool(Options& options, const TokenList& list, std::size_t index) {
   options.tool = list.tokens[index].text;
+  options.wordsBeforeTool = static_cast<u32>(index);
   options.toolArgs.clear();
   if (index + 1 < list.tokens.size()) {
     const Token& first = list.tokens[index + 1];
@@ -128,13 +159,6 @@ void TakeTool(Options& options, const TokenList& list, std::size_t index) {
 
 bool NeedsNoTool(const Options& options) {
   return options.showVersion || options.showHelp || options.master || !options.scriptPath.empty();
-}
-
-void TakeText(std::string& field, const std::string& value) {
-  if (!value.empty()) field = value;
-}
-void TakeEvent(HANDLE& field, HANDLE value) {
-  if (value != nullptr) field = value;
 }
 
 }  // namespace
@@ -157,35 +181,30 @@ bool ParseOptions(Options& options, const std::string& text, bool fromEnvironmen
       TakeTool(options, list, index);
       return true;
     }
-    if (rule->set != nullptr) {
-      rule->set(options);
-    } else if (++index == list.tokens.size() || !rule->take(options, list.tokens[index].text)) {
-      return false;
-    }
+    if (rule->takesValue && ++index == list.tokens.size()) return false;
+    if (!rule->set(options, list.tokens[index].text)) return false;
   }
   return fromEnvironment || NeedsNoTool(options);
 }
 
 void MergeOptions(Options& result, const Options& environment, const Options& commandLine) {
   result = environment;
-  if (commandLine.timeoutSeconds != 0) result.timeoutSeconds = commandLine.timeoutSeconds;
-  TakeText(result.name, commandLine.name);
-  TakeText(result.tool, commandLine.tool);
-  TakeText(result.toolArgs, commandLine.toolArgs);
-  TakeText(result.scriptPath, commandLine.scriptPath);
-  TakeText(result.id, commandLine.id);
-  TakeText(result.project, commandLine.project);
-  result.showVersion |= commandLine.showVersion;
-  result.showHelp |= commandLine.showHelp;
-  result.expandEnvironment |= commandLine.expandEnvironment;
-  TakeEvent(result.stopEvent, commandLine.stopEvent);
-  TakeEvent(result.readyEvent, commandLine.readyEvent);
-  TakeEvent(result.finishEvent, commandLine.finishEvent);
-  if (commandLine.marker != kDefaultMarker) result.marker = commandLine.marker;
-  result.master |= commandLine.master;
-  result.flags |= commandLine.flags;
+  for (const OptionRule& rule : kOptionRules) rule.merge(result, commandLine);
+  Text<&Options::tool>::Merge(result, commandLine);
+  Text<&Options::toolArgs>::Merge(result, commandLine);
+  result.wordsBeforeTool = commandLine.wordsBeforeTool;
   // A marker that only the environment gave has not been applied to the command line's arguments yet.
   ReplaceMarker(result.toolArgs, result.marker);
+}
+
+OptionsFault ReadOptions(const std::string& commandLine, Options& options) {
+  Options fromEnvironment;
+  const char* const text = std::getenv("KESTRUN_OPTS");
+  if (text != nullptr && !ParseOptions(fromEnvironment, text, true)) return OptionsFault::kEnvironment;
+  Options fromCommandLine;
+  if (!ParseOptions(fromCommandLine, GetCommandLineTail(commandLine), false)) return OptionsFault::kCommandLine;
+  MergeOptions(options, fromEnvironment, fromCommandLine);
+  return OptionsFault::kNone;
 }
 
 }  // namespace kestrun

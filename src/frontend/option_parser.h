@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "stubs/options.h"
+#include "app/options.h"
 
 namespace kestrun {
 
@@ -30,9 +30,16 @@ TokenList TokenizeCommandLine(const std::string& text);
 // empty marker, a tool where none may stand (fromEnvironment), or nothing to do.
 bool ParseOptions(Options& options, const std::string& text, bool fromEnvironment);
 
-// The record that holds: what the command line gave, over what the environment gave. The project is the command
-// line's in any case.
+// The record to work with: what the command line gave, put over what the environment gave, by the same table that
+// parses them. Empty texts, a time limit of 0 and the default marker override nothing. The project of the environment
+// holds only where the command line says -p "". The marker that results is applied to the tool's arguments.
 void MergeOptions(Options& result, const Options& environment, const Options& commandLine);
+
+// Which text of a process does not parse.
+enum class OptionsFault { kNone, kEnvironment, kCommandLine };
+
+// Both texts of a process: KESTRUN_OPTS, and the command line with the program's name. Prints nothing.
+OptionsFault ReadOptions(const std::string& commandLine, Options& options);
 
 }  // namespace kestrun
 

@@ -1,7 +1,7 @@
 #include "frontend/usage.h"
 
-#include "runtime/system_utilities.h"
-#include "stubs/console.h"
+#include "app/console.h"
+#include "runtime/files/version_string.h"
 
 namespace kestrun {
 

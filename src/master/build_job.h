@@ -6,11 +6,11 @@
 #include <string>
 
 #include "messaging/message.h"
-#include "runtime/environment.h"
-#include "runtime/path.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/types.h"
-#include "transport/address.h"
+#include "runtime/base/environment.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+#include "runtime/files/path.h"
+#include "transport/sockets/address.h"
 
 namespace kestrun {
 
@@ -24,16 +24,16 @@ enum JobState : u32 {
 
 // One tool invocation: what to run, for which stub, and how it ended.
 //
-// Made of its request, then owned by the message thread. While a job is scheduled a local build thread
-// reads what there is to run and empties the echo text; the message thread leaves those fields alone for that time.
-// Any thread may look at isCancelled at any time.
+// Made from its request, then owned by the message thread. While a job is scheduled a local build thread reads what is
+// to be run and empties the echo text; the message thread does not touch those fields for that time. isCancelled may be
+// read by any thread at any time.
 class BuildJob : public rc_base {
  public:
   explicit BuildJob(u32 jobId) : id(jobId) {}
 
   const u32 id;  // from 1 upward; the key of every map of jobs
   u32 state = JOB_NEW;
-  Path toolPath;
+  Path toolPath;  // part of the record: what is run is the command line
   Path workingDirectory;
   std::string commandLine;  // the tool's path in quotes, a blank, the arguments
   u32 flags = 0;
@@ -42,12 +42,13 @@ class BuildJob : public rc_base {
   std::string projectName;
   Address clientAddress;                 // the channel of the stub
   Project* project = nullptr;            // lives as long as the scheduler
-  std::atomic<bool> isCancelled{false};  // nobody waits for the job any more
+  std::atomic<bool> isCancelled{false};  // the client has gone
   i32 exitCode = 0;
   // What the tool wrote, shared with the message that brought it; null for nothing.
   rc_ptr<Message::Segment> stdoutText;
   rc_ptr<Message::Segment> stderrText;
-  std::shared_ptr<const Environment> environment;  // jobs of one stub share it
+  // The stub's, shared by its jobs. Part of the record: the tool inherits the master's environment.
+  std::shared_ptr<const Environment> environment;
 };
 
 }  // namespace kestrun

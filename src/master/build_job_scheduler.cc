@@ -3,75 +3,84 @@
 #include <algorithm>
 #include <utility>
 
+#include "app/console.h"
 #include "master/local_time.h"
 #include "master/master_log.h"
 #include "protocol/protocol.h"
-#include "stubs/console.h"
-#include "transport/local_host.h"
+#include "transport/sockets/local_host.h"
 
 namespace kestrun {
 
 namespace {
 
-constexpr u32 kThreadsEndMs = 30000;
-constexpr u32 kStopLookMs = 500;
-
-rc_ptr<Message> OutputMessage(const std::string& stdoutText, const std::string& stderrText) {
-  rc_ptr<Message> message = new Message(MSG_BUILD_RESULT, kMasterService, kStubService);
-  message->AddString(SEG_STDOUT, stdoutText).AddString(SEG_STDERR, stderrText);
-  return message;
-}
-
-// Most jobs say nothing, and a record of that is kept for each.
+// Null for no output: most jobs write nothing, and a finished job keeps its output.
 rc_ptr<Message::Segment> OutputOf(const rc_ptr<Message::Segment>& text) {
   return text && text->GetDataLength() > 0 ? text : nullptr;
 }
 
-// Sends what stands for the end of a job, behind its output.
-bool SendEnd(MessageChannel& channel, const rc_ptr<Message>& message, i32 exitCode, bool keepGoing) {
-  message->AddI32(SEG_EXIT_CODE, exitCode);
-  if (keepGoing) message->AddU32(SEG_KEEP_GOING, 1);
-  return channel.Send(message);
-}
-
 }  // namespace
 
-BuildJobScheduler::BuildJobScheduler(u32 maxConcurrentJobs, IniFile* settings, MessageDispatcher* dispatcher)
+BuildJobScheduler::BuildJobScheduler(u32 maxConcurrentJobs, IniFile* settings, MessageDispatcher* dispatcher,
+                                     JobSlots* slots)
     : localServer_(new Server(GetLocalHostName())),
       dispatcher_(dispatcher),
       cancelsOrphans_(settings->GetBool("Extensions/CancelOrphanedJobs", false)),
-      enforcesTimeout_(settings->GetBool("Extensions/EnforceJobTimeout", false)),
-      discardsOutput_(settings->GetBool("Extensions/DiscardOutput", false)) {
-  const u32 count = std::max(maxConcurrentJobs, u32{1});
-  for (u32 i = 0; i < count; ++i) {
-    rc_ptr<Thread> thread = new Thread("Local build thread");
-    if (thread->Start(MakeDelegate(&BuildJobScheduler::LocalBuildLoop, this))) localThreads_.push_back(thread);
+      discardsOutput_(settings->GetBool("Extensions/DiscardOutput", false)),
+      localQueue_(maxConcurrentJobs, *settings, *dispatcher, slots) {}
+
+// A client's own announcement comes first: another client that announces the same name must not get its jobs.
+rc_ptr<Project> BuildJobScheduler::FindProject(const BuildJob& job) {
+  if (const auto client = announcements_.find(job.clientAddress); client != announcements_.end()) {
+    const auto own = client->second.byName.find(job.projectName);
+    if (own != client->second.byName.end() && own->second->receivedJobs < own->second->totalJobs) return own->second;
   }
+  rc_ptr<Project>& project = projects_[job.projectName];
+  if (!project) {
+    project = new Project(job.projectName, 0, 0);
+    WriteMasterLog(Log::Info, "New Project (from job)", {{"project", job.projectName}});
+  }
+  return project;
 }
 
-BuildJobScheduler::~BuildJobScheduler() {
-  if (!stopped_) Stop();
+void BuildJobScheduler::JoinProject(const rc_ptr<BuildJob>& job) {
+  const rc_ptr<Project> project = FindProject(*job);
+  project->AddJob(job);
+  if (project->receivedJobs > 1) return;
+  usedProjects_.push_back(project);
+  if (const auto client = announcements_.find(job->clientAddress); client != announcements_.end()) {
+    std::erase(client->second.unused, project->name);
+  }
 }
 
 void BuildJobScheduler::AddJob(const rc_ptr<BuildJob>& job) {
-  rc_ptr<Project>& project = projects_[job->projectName];
-  if (!project) {
-    project = new Project(job->projectName, 0, 0);
-    WriteMasterLog(Log::Info, "New Project (from job)", {{"project", job->projectName}});
-  }
-  project->AddJob(job);
-  ++jobsReceived_;
+  JoinProject(job);
   pendingJobs_[job->id] = job;
   if (!cancelsOrphans_) return;
   jobsOfClients_[job->clientAddress][job->id] = job;
-  // A client may be gone by the time that its request has been read; nobody tells so a second time.
+  // The client's channel may have ended before its request was read; ClientGone is not called again for it.
   if (!dispatcher_->FindChannel(job->clientAddress)) ClientGone(job->clientAddress);
 }
 
+void BuildJobScheduler::ForgetUnused(Announcements& from, const std::string& name) {
+  const auto announced = from.byName.find(name);
+  if (announced == from.byName.end() || announced->second->receivedJobs > 0) return;
+  const auto latest = projects_.find(name);
+  if (latest != projects_.end() && latest->second == announced->second) projects_.erase(latest);
+  from.byName.erase(announced);
+}
+
+void BuildJobScheduler::ForgetAnnouncements(const Address& client) {
+  const auto gone = announcements_.find(client);
+  if (gone == announcements_.end()) return;
+  for (const std::string& name : gone->second.unused) ForgetUnused(gone->second, name);
+  announcements_.erase(gone);
+}
+
 void BuildJobScheduler::ClientGone(const Address& client) {
+  ForgetAnnouncements(client);
   const auto found = jobsOfClients_.find(client);
   if (found == jobsOfClients_.end()) return;
-  for (const auto& [id, job] : found->second) runningTools_.Cancel(*job);
+  for (const auto& [id, job] : found->second) localQueue_.Cancel(*job);
   WriteMasterLog(Log::Info, "Jobs of a lost stub cancelled", {LogField("jobs", found->second.size())});
   jobsOfClients_.erase(found);
 }
@@ -93,12 +102,18 @@ void BuildJobScheduler::Schedule() {
 }
 
 void BuildJobScheduler::NewProject(const std::string& name, u32 totalJobs, u32 flags, const Address& from) {
-  rc_ptr<Project>& project = projects_[name];
-  // Jobs point at their project, and none of them ever goes.
-  if (project && project->receivedJobs > 0) replacedProjects_.push_back(project);
-  project = new Project(name, flags, totalJobs);
-  WriteMasterLog(Log::Info, "New Project (from script-stub)", {{"name", name}, LogField("size", totalJobs)});
+  Announcements& own = announcements_[from];
+  ForgetUnused(own, name);
+  std::erase(own.unused, name);
+  const rc_ptr<Project> project = new Project(name, flags, totalJobs);
   project->stubChannel = dispatcher_->FindChannel(from);
+  WriteMasterLog(Log::Info, "New Project (from script-stub)", {{"name", name}, LogField("size", totalJobs)});
+  projects_[name] = project;
+  own.byName[name] = project;
+  own.unused.push_back(name);
+  if (own.unused.size() <= kMostUnusedProjects) return;
+  ForgetUnused(own, own.unused.front());
+  own.unused.pop_front();
 }
 
 rc_ptr<BuildJob> BuildJobScheduler::JobResult(const rc_ptr<Server>& server, u32 id, i32 exitCode,
@@ -137,7 +152,7 @@ void BuildJobScheduler::ForgetClientOf(const BuildJob& job) {
 }
 
 void BuildJobScheduler::LogOutcome(const BuildJob& job, i32 elapsedMs) {
-  if (!IsMasterLogOpen()) return;
+  if (!IsLogOpen()) return;
   const u64 end = LocalTimeMs();
   const u64 start = end - static_cast<u64>(std::max(elapsedMs, 0));
   const char* const outcome = job.exitCode == 0 ? "(OK)" : job.isCancelled ? "(CANCELLED)" : "(FAIL)";
@@ -168,7 +183,7 @@ void BuildJobScheduler::JobCompleted(const rc_ptr<BuildJob>& job) {
   } else {
     project.CompleteJob(job);
   }
-  if (IsMasterLogOpen()) {
+  if (IsLogOpen()) {
     WriteMasterLog(Log::Info, "Job completed in project",
                    {{"project", project.name},
                     LogField("total_jobs", project.totalJobs),
@@ -190,44 +205,8 @@ void BuildJobScheduler::StopForUnknownProject(const BuildJob& job) {
 
 void BuildJobScheduler::ProjectFinished(Project& project) {
   WriteMasterLog(Log::Info, "Project Finished - releasing stub", {{"project", project.name}});
-  if (project.stubChannel) project.stubChannel->Send(new Message(MSG_PROJECT_COMPLETE, kMasterService, kStubService));
+  SendProjectComplete(project.stubChannel);
   project.stubChannel.Reset();
-}
-
-bool BuildJobScheduler::SendResult(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText,
-                                   const std::string& stderrText, i32 exitCode, bool keepGoing) {
-  return channel && SendEnd(*channel, OutputMessage(stdoutText, stderrText), exitCode, keepGoing);
-}
-
-bool BuildJobScheduler::PassResultOn(const rc_ptr<MessageChannel>& channel, const Message& localResult, i32 exitCode,
-                                     bool keepGoing) {
-  if (!channel) return false;
-  const rc_ptr<Message> message = new Message(MSG_BUILD_RESULT, kMasterService, kStubService);
-  for (const u32 type : {SEG_STDOUT, SEG_STDERR}) {
-    const rc_ptr<Message::Segment> output = localResult.FindSegment(type);
-    message->AddSegment(output ? output.Get() : Message::Segment::FromString(type, "").Get());
-  }
-  return SendEnd(*channel, message, exitCode, keepGoing);
-}
-
-bool BuildJobScheduler::SendOutput(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText,
-                                   const std::string& stderrText) {
-  return channel && channel->Send(OutputMessage(stdoutText, stderrText));
-}
-
-void BuildJobScheduler::Stop() {
-  stopped_ = true;
-  for (std::size_t i = 0; i < localThreads_.size(); ++i) localQueue_.PushFront(nullptr);
-  for (const rc_ptr<Thread>& thread : localThreads_) thread->SetPriority(THREAD_PRIORITY_ABOVE_NORMAL);
-  const u32 start = GetTickCount();
-  while (!Thread::WaitAll(localThreads_, kStopLookMs)) {
-    // Nobody hears of lost clients any more: the thread that would be told may be this one.
-    if (cancelsOrphans_) {
-      runningTools_.CancelWhere([this](const BuildJob& job) { return !dispatcher_->FindChannel(job.clientAddress); });
-    }
-    // The jobs' objects close with the process, which ends the tools that are still running.
-    if (GetTickCount() - start >= kThreadsEndMs) ExitProcess(1);
-  }
 }
 
 }  // namespace kestrun

@@ -1,69 +1,60 @@
-// The bookkeeper of the master: groups jobs into projects, hands them to the local job queue, takes their results.
+// The job records of the master: which jobs and projects there are, and how far each has come.
 #ifndef KESTRUN_MASTER_BUILD_JOB_SCHEDULER_H_
 #define KESTRUN_MASTER_BUILD_JOB_SCHEDULER_H_
 
-#include <atomic>
+#include <cstddef>
+#include <deque>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "master/build_job.h"
+#include "master/local_job_queue.h"
 #include "master/project.h"
-#include "master/running_tools.h"
+#include "master/result_sender.h"
 #include "master/server.h"
 #include "messaging/message_dispatcher.h"
-#include "runtime/blocking_queue.h"
-#include "runtime/ini_file.h"
-#include "runtime/memory_stream.h"
-#include "runtime/process.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/thread.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/files/ini_file.h"
 
 namespace kestrun {
 
-// A job stands in exactly one of three maps from AddJob on: pending, active, finished. Jobs reach the local job queue
-// in ascending job number; the number of local build threads is the only limit on how many run at once. Finished jobs
-// and projects stay until the master ends.
+// Groups jobs into projects, hands them to the local job queue, takes their results and tells a script stub when its
+// project is over. A job stands in exactly one of three maps from AddJob on: pending, active, finished. Jobs reach the
+// queue in ascending job number. Finished jobs and projects stay until the master ends.
 //
-// Settings of the section Extensions, all off by default, read once by the constructor:
+// Settings of the section Extensions, off by default, read once by the constructor (the queue has its own):
 //
-//   CancelOrphanedJobs  a job whose client is gone ends without a result of its own, with exit code -1: its tool is
-//                       ended if it runs, and is never started otherwise. Such a job takes the same road as the others,
-//                       through the queue and JobResult, so that every count ends as it should.
-//   EnforceJobTimeout   a tool that runs longer than its job's limit is ended, with exit code 124 and a line that says
-//                       so behind its standard error.
-//   DiscardOutput       a finished job is counted and not kept: its output and its environment go even if somebody
-//                       else holds the job. A second result for it counts as one for an unknown job.
+//   CancelOrphanedJobs  a job whose client is gone is cancelled. It passes through the queue and JobResult like any
+//                       other, so that every count ends as it should.
+//   DiscardOutput       a finished job is counted and not kept: its output and its environment are released even if the
+//                       job is still referred to. A second result for it counts as one for an unknown job.
 //
-// Threads: everything but SendOutput, SendResult and Stop runs on the dispatcher client's thread, one call at a time,
-// and needs no lock for that reason. SendOutput runs on local build threads. Stop may come from any thread and touches
-// only the queue and the threads. What the message thread and the local build threads share beside the queue is the
-// table of running tools, which has a lock of its own, and a job's mark that it is cancelled.
+// Threads: everything but Stop, SendResult and SendOutput runs on the dispatcher client's thread, one call at a time,
+// and so needs no lock. Those three may come from any thread and touch no record.
 class BuildJobScheduler {
  public:
-  // Starts the local build threads; 0 counts as 1, and those that the system refuses are done without. The dispatcher
-  // outlives the scheduler.
-  BuildJobScheduler(u32 maxConcurrentJobs, IniFile* settings, MessageDispatcher* dispatcher);
-  // Stops the threads if Stop has not.
-  ~BuildJobScheduler();
+  // Starts the local job queue. The dispatcher outlives the scheduler.
+  BuildJobScheduler(u32 maxConcurrentJobs, IniFile* settings, MessageDispatcher* dispatcher, JobSlots* slots = nullptr);
   BuildJobScheduler(const BuildJobScheduler&) = delete;
   BuildJobScheduler& operator=(const BuildJobScheduler&) = delete;
 
-  // False if not one could be started.
-  bool HasThreads() const { return !localThreads_.empty(); }
+  bool HasThreads() const { return localQueue_.HasThreads(); }
 
   void AddJob(const rc_ptr<BuildJob>& job);
   std::size_t CountUnfinishedJobs() const { return pendingJobs_.size() + activeJobs_.size(); }
   void ScheduleIfPending();
-  // The client's channel has ended. Without CancelOrphanedJobs nothing happens. Waits for no tool.
+  // The client's channel has ended: what it announced and sent no job for is forgotten, and with CancelOrphanedJobs its
+  // jobs are cancelled. Waits for no tool.
   void ClientGone(const Address& client);
   // A script stub at this address announces its project. It takes the place of a record of the same name, which lives
-  // on for as long as it has jobs.
+  // on if it has jobs. The jobs of the client that was there first still join that record, as many as it announced.
   void NewProject(const std::string& name, u32 totalJobs, u32 flags, const Address& from);
 
   // Records how a job ended; without output its two segments are null or empty. Gives the job, or an empty pointer if
   // the server is empty, the number unknown, or the result the second one for its job. `finished`, if not null, becomes
-  // true when the job is given.
+  // true when the job is given. `startTime` belongs to the interface and is not used: the log's times are the elapsed
+  // time before now.
   rc_ptr<BuildJob> JobResult(const rc_ptr<Server>& server, u32 id, i32 exitCode,
                              const rc_ptr<Message::Segment>& stdoutText, const rc_ptr<Message::Segment>& stderrText,
                              u64 startTime, i32 elapsedMs, bool* finished = nullptr);
@@ -73,52 +64,51 @@ class BuildJobScheduler {
 
   const rc_ptr<Server>& GetServer() const { return localServer_; }
 
-  // A MSG_BUILD_RESULT that ends the job for its stub, or one with output alone. False without a channel, or if
-  // sending failed.
+  // See result_sender.h.
   bool SendResult(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText, const std::string& stderrText,
-                  i32 exitCode, bool keepGoing);
-  // The same with the output as it stands in a MSG_LOCAL_JOB_RESULT, which is not copied for it.
-  bool PassResultOn(const rc_ptr<MessageChannel>& channel, const Message& localResult, i32 exitCode, bool keepGoing);
-  bool SendOutput(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText, const std::string& stderrText);
+                  i32 exitCode, bool keepGoing) {
+    return SendBuildResult(channel, stdoutText, stderrText, exitCode, keepGoing);
+  }
+  bool SendOutput(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText, const std::string& stderrText) {
+    return SendBuildOutput(channel, stdoutText, stderrText);
+  }
 
-  // Ends the local build threads; queued jobs are never run. Waits for running tools for 30 s at most, then ends the
-  // process with code 1: the tools go with it.
-  void Stop();
+  // Stops the local job queue, which waits for running tools.
+  void Stop() { localQueue_.Stop(); }
+
+  // Of one client, so that announcements alone take no memory to speak of; the oldest is forgotten.
+  static constexpr std::size_t kMostUnusedProjects = 16;
 
  private:
+  // What one client has announced.
+  struct Announcements {
+    std::map<std::string, rc_ptr<Project>> byName;
+    std::deque<std::string> unused;  // the names of those without a job, the oldest first
+  };
+
+  rc_ptr<Project> FindProject(const BuildJob& job);
+  void JoinProject(const rc_ptr<BuildJob>& job);
+  void ForgetUnused(Announcements& from, const std::string& name);
+  void ForgetAnnouncements(const Address& client);
   void Schedule();
   void ProjectFinished(Project& project);
   void ForgetClientOf(const BuildJob& job);
   void LogOutcome(const BuildJob& job, i32 elapsedMs);
   void StopForUnknownProject(const BuildJob& job);
-  // Body of the local build threads (local_job_queue.cc).
-  void LocalBuildLoop();
-  void RunJob(BuildJob& job, const Address& localAddress);
-  void SkipJob(BuildJob& job, const Address& localAddress);
-  struct ToolEnd {
-    int exitCode;
-    bool isOverdue;  // ended because it ran longer than its job's limit
-  };
-  ToolEnd RunTool(BuildJob& job, const rc_ptr<Process>& process, MemoryStream* out, MemoryStream* err);
-  u32 WaitLimitMs(const BuildJob& job) const;
 
   std::map<u32, rc_ptr<BuildJob>> pendingJobs_;   // accepted and not yet handed to the queue
   std::map<u32, rc_ptr<BuildJob>> activeJobs_;    // handed to the queue and without a result
   std::map<u32, rc_ptr<BuildJob>> finishedJobs_;  // never shrinks
   // Those pending or active; with CancelOrphanedJobs only.
   std::map<Address, std::map<u32, rc_ptr<BuildJob>>> jobsOfClients_;
-  std::map<std::string, rc_ptr<Project>> projects_;
-  std::vector<rc_ptr<Project>> replacedProjects_;  // records that another announcement of their name put aside
-  std::vector<rc_ptr<Thread>> localThreads_;       // constant after construction
-  BlockingQueue<rc_ptr<BuildJob>> localQueue_;     // an empty pointer ends the thread that takes it
+  std::map<std::string, rc_ptr<Project>> projects_;  // the latest of each name
+  std::map<Address, Announcements> announcements_;   // of the clients whose channels live
+  std::vector<rc_ptr<Project>> usedProjects_;        // every one with a job: jobs hold a plain pointer to their project
   const rc_ptr<Server> localServer_;
   MessageDispatcher* const dispatcher_;
   const bool cancelsOrphans_;
-  const bool enforcesTimeout_;
   const bool discardsOutput_;
-  RunningTools runningTools_;
-  u32 jobsReceived_ = 0;
-  std::atomic<bool> stopped_{false};
+  LocalJobQueue localQueue_;  // last: its threads have ended before the records go
 };
 
 }  // namespace kestrun

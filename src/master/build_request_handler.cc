@@ -1,44 +1,19 @@
 #include "master/build_request_handler.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "master/master_log.h"
+#include "master/result_sender.h"
+#include "protocol/environment_segments.h"
 #include "protocol/message_reader.h"
 #include "protocol/protocol.h"
-#include "runtime/exception.h"
+#include "runtime/base/exception.h"
 
 namespace kestrun {
 
 namespace {
 
 constexpr u32 kThreadEndMs = 30000;
-
-bool ReadNested(const Message::Segment& container, u32 type, std::string& out) {
-  const rc_ptr<Message::Segment> segment = container.FindNested(type);
-  return segment && GetValue(*segment, out);
-}
-
-bool HoldsText(const Message::Segment& container, u32 type, const std::string& text) {
-  const rc_ptr<Message::Segment> segment = container.FindNested(type);
-  return segment && std::equal(segment->GetDataBegin(), segment->GetDataEnd(), text.begin(), text.end(),
-                               [](u8 byte, char c) { return byte == static_cast<u8>(c); });
-}
-
-// True if the request's variables are exactly these, in their order, which is how a stub sends them.
-bool HasEnvironment(const Message& request, const Environment& environment) {
-  auto expected = environment.begin();
-  for (u32 i = 0; i < request.GetSegmentCount(); ++i) {
-    const rc_ptr<Message::Segment> segment = request.GetSegment(i);
-    if (segment->GetType() != SEG_ENV_VAR) continue;
-    if (expected == environment.end() || !HoldsText(*segment, SEG_ENV_NAME, expected->first) ||
-        !HoldsText(*segment, SEG_ENV_VALUE, expected->second)) {
-      return false;
-    }
-    ++expected;
-  }
-  return expected == environment.end();
-}
 
 }  // namespace
 
@@ -91,11 +66,16 @@ void BuildRequestHandler::HandleRequests() {
 // False if it was refused.
 bool BuildRequestHandler::HandleRequest(const rc_ptr<Message>& request) {
   try {
-    jobs_.Push(ParseRequest(request));
+    const rc_ptr<BuildJob> job = ParseRequest(request);
+    if (IsDebugLogOpen()) {
+      WriteMasterLog(Log::Debug, "Job made of a request",
+                     {LogField("client_key", job->id), {"address", job->clientAddress.ToString()}});
+    }
+    jobs_.Push(job);
     return true;
   } catch (const SystemException& e) {
     WriteMasterLog(Log::Error, "Could not create ClientTool object", {{"exception", e.what()}});
-    Refuse(*request, e.what());
+    SendRefusal(dispatcher_->FindChannel(request->GetAddress()), e.what());
     return false;
   }
 }
@@ -116,7 +96,7 @@ rc_ptr<BuildJob> BuildRequestHandler::ParseRequest(const rc_ptr<Message>& reques
   reader.ReadString(SEG_ECHO_TEXT, echoText);
   u32 timeoutSeconds = 0;
   reader.ReadUnsigned(SEG_JOB_TIMEOUT, timeoutSeconds);
-  rc_ptr<BuildJob> job = CreateJob(tool, arguments, workingDirectory, ReadEnvironment(*request), flags | options_.flags,
+  rc_ptr<BuildJob> job = CreateJob(tool, arguments, workingDirectory, FindEnvironment(*request), flags | options_.flags,
                                    echoText, project);
   job->timeoutSeconds = timeoutSeconds;
   job->clientAddress = request->GetAddress();
@@ -138,30 +118,13 @@ rc_ptr<BuildJob> BuildRequestHandler::CreateJob(const std::string& tool, const s
   return job;
 }
 
-// A script's jobs come with one environment, thousands of times over. Where nothing has changed this thread has to be
-// faster than the one that parses the messages, or they pile up here.
-std::shared_ptr<const Environment> BuildRequestHandler::ReadEnvironment(const Message& request) {
-  if (lastEnvironment_ && HasEnvironment(request, *lastEnvironment_)) return lastEnvironment_;
-  Environment environment;
-  for (u32 i = 0; i < request.GetSegmentCount(); ++i) {
-    const rc_ptr<Message::Segment> segment = request.GetSegment(i);
-    if (segment->GetType() != SEG_ENV_VAR) continue;
-    std::string name;
-    std::string value;
-    if (ReadNested(*segment, SEG_ENV_NAME, name) && ReadNested(*segment, SEG_ENV_VALUE, value)) {
-      environment[name] = value;
-    }
+// The jobs of a script all come with the same environment, so it is compared first and parsed only if it differs.
+// Parsing takes longer than receiving a request does, and requests would pile up in memory.
+std::shared_ptr<const Environment> BuildRequestHandler::FindEnvironment(const Message& request) {
+  if (!lastEnvironment_ || !HasEnvironment(request, *lastEnvironment_)) {
+    lastEnvironment_ = std::make_shared<const Environment>(ReadEnvironment(request));
   }
-  lastEnvironment_ = std::make_shared<const Environment>(std::move(environment));
   return lastEnvironment_;
-}
-
-void BuildRequestHandler::Refuse(const Message& request, const std::string& reason) {
-  const rc_ptr<MessageChannel> channel = dispatcher_->FindChannel(request.GetAddress());
-  if (!channel) return;
-  rc_ptr<Message> refusal = new Message(MSG_BUILD_RESULT, kMasterService, kStubService);
-  refusal->AddI32(SEG_EXIT_CODE, 1).AddString(SEG_STDERR, reason + "\r\n").AddString(SEG_STDOUT, "");
-  channel->Send(refusal);
 }
 
 }  // namespace kestrun

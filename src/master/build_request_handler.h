@@ -7,26 +7,26 @@
 #include <string>
 #include <vector>
 
+#include "app/options.h"
 #include "master/build_job.h"
 #include "messaging/message.h"
 #include "messaging/message_dispatcher.h"
-#include "runtime/blocking_queue.h"
-#include "runtime/environment.h"
-#include "runtime/ini_file.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/thread.h"
-#include "stubs/options.h"
+#include "runtime/base/environment.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/files/ini_file.h"
+#include "runtime/threads/blocking_queue.h"
+#include "runtime/threads/thread.h"
 
 namespace kestrun {
 
 // One thread, "BuildRequestThread", turns each request into a BuildJob and leaves it in a queue, from which the message
-// thread fetches it. A request that is alone may be parsed by whoever has it instead (TryRequestHere). Job numbers
+// thread fetches it. A request that is alone may be parsed on the message thread instead (TryRequestHere). Job numbers
 // follow the order of the requests. A request that can't become a job is refused: its stub gets exit code 1 and the
 // reason, and the scheduler hears nothing of it.
 class BuildRequestHandler {
  public:
-  // Starts the thread. Settings and dispatcher outlive the handler. `onJob`, if it is not empty, is called each time
-  // that the thread has made a job.
+  // Starts the thread. The dispatcher outlives the handler. No setting concerns the handler; the parameter belongs to
+  // its interface. `onJob`, if it is not empty, is called each time that the thread has made a job.
   BuildRequestHandler(IniFile* settings, const Options& options, MessageDispatcher* dispatcher,
                       Functor0<void>::Type onJob = {});
   // Stops the thread if Stop has not.
@@ -56,8 +56,7 @@ class BuildRequestHandler {
   rc_ptr<BuildJob> CreateJob(const std::string& tool, const std::string& arguments, const Path& workingDirectory,
                              const std::shared_ptr<const Environment>& environment, u32 flags,
                              const std::string& echoText, const std::string& projectName);
-  std::shared_ptr<const Environment> ReadEnvironment(const Message& request);
-  void Refuse(const Message& request, const std::string& reason);
+  std::shared_ptr<const Environment> FindEnvironment(const Message& request);
 
   MessageDispatcher* const dispatcher_;
   const Options options_;
@@ -66,8 +65,9 @@ class BuildRequestHandler {
   std::atomic<u32> unhandled_{0};            // requests that the thread is to handle or handles
   std::vector<rc_ptr<Thread>> threads_;      // constant after construction
   BlockingQueue<rc_ptr<BuildJob>> jobs_;
-  u32 nextJobId_ = 0;                                   // number of the last job; whoever parses
-  std::shared_ptr<const Environment> lastEnvironment_;  // whoever parses
+  // Used by the thread that parses, of which there is one at a time.
+  u32 nextJobId_ = 0;  // number of the last job
+  std::shared_ptr<const Environment> lastEnvironment_;
   std::atomic<bool> stopped_{false};
 };
 

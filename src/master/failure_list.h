@@ -7,22 +7,25 @@
 #include <string>
 
 #include "master/master_log.h"
-#include "runtime/log.h"
-#include "runtime/types.h"
+#include "runtime/base/types.h"
+#include "runtime/files/log.h"
 
 namespace kestrun {
 
-// The command lines of the jobs that failed, for the last record of the log. Those beyond the bound are only counted,
-// so that a build of any length takes no more memory. One thread at a time.
+// The command lines of the jobs that failed, for the last record of the log. Each is cut at kMostBytes, because a
+// command line may have many megabytes; those beyond the bound are only counted. One thread at a time.
 class FailureList {
  public:
   static constexpr std::size_t kNoBound = std::numeric_limits<std::size_t>::max();
+
+  // Of a command line; a longer one ends in "..." behind these.
+  static constexpr std::size_t kMostBytes = 1024;
 
   explicit FailureList(std::size_t bound) : bound_(bound) {}
 
   void Add(u32 jobId, const std::string& commandLine) {
     if (commands_.size() < bound_) {
-      commands_[jobId] = commandLine;
+      commands_[jobId] = commandLine.size() <= kMostBytes ? commandLine : commandLine.substr(0, kMostBytes) + "...";
     } else {
       ++unlisted_;
     }

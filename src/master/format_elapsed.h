@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "runtime/types.h"
+#include "runtime/base/types.h"
 
 namespace kestrun {
 

@@ -1,26 +1,30 @@
-// Where jobs run: the body of the scheduler's local build threads.
+#include "master/local_job_queue.h"
+
+#include <algorithm>
 #include <exception>
+#include <memory>
 #include <string>
 
-#include "master/build_job_scheduler.h"
+#include "master/make_flags.h"
 #include "master/master_log.h"
+#include "master/result_sender.h"
 #include "protocol/protocol.h"
-#include "runtime/event_timer.h"
-#include "runtime/memory_stream.h"
-#include "runtime/process.h"
-#include "transport/local_host.h"
-#include "transport/socket_address.h"
+#include "runtime/threads/event_timer.h"
+#include "transport/sockets/local_host.h"
+#include "transport/sockets/socket_address.h"
 
 namespace kestrun {
 
 namespace {
 
 constexpr int kOverdueCode = 124;
-constexpr u32 kJobFlags = Process::PRIORITY_BELOW_NORMAL | Process::PIPE_STDIN | Process::PIPE_STDOUT |
-                          Process::PIPE_STDERR | Process::OWN_JOB;
+constexpr u32 kThreadsEndMs = 30000;
+constexpr u32 kOrphanCheckMs = 500;
+constexpr u32 kToolFlags = Process::PIPE_STDIN | Process::PIPE_STDOUT | Process::PIPE_STDERR | Process::OWN_JOB;
+constexpr u32 kJobFlags = kToolFlags | Process::PRIORITY_BELOW_NORMAL;
 
 void LogJob(const BuildJob& job, const char* message, const Log::Fields& more = {}) {
-  if (!IsMasterLogOpen()) return;
+  if (!IsLogOpen()) return;
   Log::Fields fields{{"project_name", job.projectName}};
   fields.insert(fields.end(), more.begin(), more.end());
   WriteMasterLog(Log::Info, std::string("Local job queue: ") + message, fields);
@@ -49,13 +53,60 @@ void AddOverdueLine(MemoryStream& output, u32 seconds) {
   if (output.Append(text.data(), static_cast<u32>(text.size())) == 0) throw StreamException("Out of memory");
 }
 
+// The client's. A job without one runs in the master's environment.
+std::unique_ptr<const Environment> MakeToolEnvironment(const BuildJob& job) {
+  auto environment =
+      std::make_unique<Environment>(job.environment && !job.environment->empty() ? *job.environment : GetEnvironment());
+  const auto makeFlags = environment->find("MAKEFLAGS");
+  if (makeFlags != environment->end()) makeFlags->second = WithoutJobserverPipe(makeFlags->second);
+  return environment;
+}
+
 }  // namespace
 
-void BuildJobScheduler::LocalBuildLoop() {
+LocalJobQueue::LocalJobQueue(u32 threadCount, IniFile& settings, MessageDispatcher& dispatcher, JobSlots* slots,
+                             u64 outputLimit)
+    : dispatcher_(dispatcher),
+      slots_(slots),
+      budget_(new OutputBudget(outputLimit)),
+      keepsOutput_(!settings.GetBool("Extensions/DiscardOutput", false)),
+      cancelsOrphans_(settings.GetBool("Extensions/CancelOrphanedJobs", false)),
+      enforcesTimeout_(settings.GetBool("Extensions/EnforceJobTimeout", false)) {
+  const u32 count = std::max(threadCount, u32{1});
+  for (u32 i = 0; i < count; ++i) {
+    rc_ptr<Thread> thread = new Thread("Local build thread");
+    if (thread->Start(MakeDelegate(&LocalJobQueue::LocalBuildLoop, this))) threads_.push_back(thread);
+  }
+}
+
+LocalJobQueue::~LocalJobQueue() {
+  if (!isStopped_) Stop();
+}
+
+void LocalJobQueue::Stop() {
+  isStopped_ = true;
+  budget_->Lift();
+  for (std::size_t i = 0; i < threads_.size(); ++i) jobs_.PushFront(nullptr);
+  for (const rc_ptr<Thread>& thread : threads_) thread->SetPriority(THREAD_PRIORITY_ABOVE_NORMAL);
+  const u32 start = GetTickCount();
+  while (!Thread::WaitAll(threads_, kOrphanCheckMs)) {
+    if (cancelsOrphans_) CancelOrphans();
+    // The jobs' objects close with the process, which ends the tools that are still running.
+    if (GetTickCount() - start >= kThreadsEndMs) ExitProcess(1);
+  }
+}
+
+// The message thread, which is told of lost clients, may be the one that stops the queue; so their channels are
+// checked.
+void LocalJobQueue::CancelOrphans() {
+  runningTools_.CancelWhere([this](const BuildJob& job) { return !dispatcher_.FindChannel(job.clientAddress); });
+}
+
+void LocalJobQueue::LocalBuildLoop() {
   const Address localAddress(SocketAddress(GetLocalHostName(), 0), Address::kTcp, false);
   for (;;) {
     rc_ptr<BuildJob> job;
-    if (!localQueue_.Pop(job, kNoLimit) || !job) return;
+    if (!jobs_.Pop(job, kNoLimit) || !job) return;
     LogJob(*job, "processing job");
     if (job->state == JOB_FINISHED) {
       LogJob(*job, "job already in finished state");
@@ -69,56 +120,62 @@ void BuildJobScheduler::LocalBuildLoop() {
   }
 }
 
-void BuildJobScheduler::RunJob(BuildJob& job, const Address& localAddress) {
+void LocalJobQueue::RunJob(BuildJob& job, const Address& localAddress) {
   if (!job.echoText.empty()) {
-    SendOutput(dispatcher_->FindChannel(job.clientAddress), job.echoText, "");
+    SendBuildOutput(dispatcher_.FindChannel(job.clientAddress), job.echoText, "");
     job.echoText = std::string();
   }
   rc_ptr<Process> process = new Process("");
   process->SetWorkingDirectory(job.workingDirectory);
-  rc_ptr<MemoryStream> out = new MemoryStream;
-  rc_ptr<MemoryStream> err = new MemoryStream;
+  const rc_ptr<JobOutput> output = new JobOutput(budget_, job, dispatcher_, keepsOutput_);
   LogJob(job, "starting process for job");
   EventTimer timer("event timer");
   timer.Start();
-  const ToolEnd end = RunTool(job, process, out.Get(), err.Get());
+  const ToolEnd end = RunTool(job, process, output);
   timer.Stop();
   LogJob(job, "process for job complete", {LogField("exit_code", static_cast<u32>(end.exitCode))});
   rc_ptr<Message> result;
   try {
-    if (end.isOverdue) AddOverdueLine(*err, job.timeoutSeconds);
-    result = ResultMessage(localAddress, job, timer, end.exitCode, out, err);
+    if (end.isOverdue) AddOverdueLine(output->GetStderr(), job.timeoutSeconds);
+    result = ResultMessage(localAddress, job, timer, end.exitCode, output->TakeStdout(), output->TakeStderr());
   } catch (const std::exception& e) {
-    // More output than a segment or the memory can hold: the job fails, and the stub is told why.
+    // The output exceeds a segment's limit or the memory: the job fails, and its stub is told why.
     result = ResultMessage(localAddress, job, timer, -1, TextStream(""), TextStream(std::string(e.what()) + "\r\n"));
   }
-  dispatcher_->Post(result, false);
+  dispatcher_.Post(result, false);
   LogJob(job, "Posting job result back to main thread", {{"local_addr", localAddress.ToString()}});
 }
 
-void BuildJobScheduler::SkipJob(BuildJob& job, const Address& localAddress) {
+void LocalJobQueue::SkipJob(BuildJob& job, const Address& localAddress) {
   job.echoText = std::string();
   LogJob(job, "job was cancelled before its start");
   EventTimer timer("event timer");
   timer.Start();
   timer.Stop();
-  dispatcher_->Post(ResultMessage(localAddress, job, timer, -1, TextStream(""), TextStream("")), false);
+  dispatcher_.Post(ResultMessage(localAddress, job, timer, -1, TextStream(""), TextStream("")), false);
 }
 
-BuildJobScheduler::ToolEnd BuildJobScheduler::RunTool(BuildJob& job, const rc_ptr<Process>& process, MemoryStream* out,
-                                                      MemoryStream* err) {
-  if (!process->Start(job.commandLine, kJobFlags, nullptr, 0)) return {-1, false};
+LocalJobQueue::ToolEnd LocalJobQueue::RunTool(BuildJob& job, const rc_ptr<Process>& process,
+                                              const rc_ptr<JobOutput>& output) {
+  HeldJobSlot slot(slots_);
+  if (!slot.IsGranted()) return {-1, false};
+  const std::unique_ptr<const Environment> environment = slots_ != nullptr ? MakeToolEnvironment(job) : nullptr;
+  if (!process->Start(job.commandLine, slots_ != nullptr ? kToolFlags : kJobFlags, environment.get(), 0))
+    return {-1, false};
+  slot.SetProcess(process->GetProcessId());
   if (!runningTools_.Add(job, process)) process->Kill();
   const u32 limitMs = WaitLimitMs(job);
   u32 code = static_cast<u32>(-1);
-  const bool isOverdue = !process->Collect(out, err, limitMs, &code) && limitMs != kNoLimit;
+  output->Start(limitMs);
+  const bool isOverdue =
+      !process->Collect(&output->GetStdout(), &output->GetStderr(), limitMs, &code, output) && limitMs != kNoLimit;
   if (isOverdue) process->Terminate();
   runningTools_.Remove(job.id);
   return {isOverdue ? kOverdueCode : static_cast<int>(code), isOverdue};
 }
 
 // A limit that milliseconds can't hold, from 49 days on, is none.
-u32 BuildJobScheduler::WaitLimitMs(const BuildJob& job) const {
+u32 LocalJobQueue::WaitLimitMs(const BuildJob& job) const {
   const u64 limitMs = u64{job.timeoutSeconds} * 1000;
   return enforcesTimeout_ && limitMs != 0 && limitMs < kNoLimit ? static_cast<u32>(limitMs) : kNoLimit;
 }

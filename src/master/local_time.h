@@ -1,7 +1,7 @@
 #ifndef KESTRUN_MASTER_LOCAL_TIME_H_
 #define KESTRUN_MASTER_LOCAL_TIME_H_
 
-#include "runtime/types.h"
+#include "runtime/base/types.h"
 
 namespace kestrun {
 

@@ -5,19 +5,13 @@
 #include <string>
 #include <utility>
 
-#include "runtime/log.h"
-#include "runtime/types.h"
+#include "runtime/base/types.h"
+#include "runtime/files/log.h"
 
 namespace kestrun {
 
 inline void WriteMasterLog(Log::Level level, const std::string& message, const Log::Fields& fields = {}) {
-  if (Log* log = Log::Get()) log->Write(level, Log::CLIENT, message, fields);
-}
-
-// False where records go nowhere. Those of each job are not made then.
-inline bool IsMasterLogOpen() {
-  const Log* log = Log::Get();
-  return log != nullptr && log->IsOpen();
+  WriteLog(level, Log::CLIENT, message, fields);
 }
 
 inline std::pair<std::string, std::string> LogField(const char* name, u64 value) {

@@ -4,15 +4,23 @@
 
 #include "master/master_log.h"
 #include "protocol/names.h"
-#include "transport/handle_count.h"
+#include "transport/shared/handle_count.h"
 
 namespace kestrun {
 
 namespace {
 
-constexpr u32 kLookMs = 1000;
-// For a client that looks at the mutex in this moment.
+// How often dead clients are looked for.
+constexpr u32 kCheckMs = 1000;
+// A client that checks the mutex holds it for a moment.
 constexpr u32 kKeeperMs = 1000;
+
+// Tickets of the table's slots are told from those of the master's own threads by this bit.
+constexpr JobSlots::Ticket kTableBit = JobSlots::Ticket{1} << 62;
+
+JobSlots::Ticket TicketOf(u32 slot) {
+  return kTableBit | slot;
+}
 
 bool IsSameClient(u64 one, u64 other) {
   return WithPlaceState(one, PlaceState::kNone) == WithPlaceState(other, PlaceState::kNone);
@@ -20,11 +28,16 @@ bool IsSameClient(u64 one, u64 other) {
 
 }  // namespace
 
-PlaceKeeper::PlaceKeeper(const std::string& id, u32 places)
-    : id_(id), keeper_(GetKeeperName(id).c_str()), call_(GetCallName(id).c_str()) {
+PlaceKeeper::PlaceKeeper(const std::string& id, u32 places) : PlaceKeeper(id, places, nullptr) {}
+
+PlaceKeeper::PlaceKeeper(const std::string& id, JobSlots& slots) : PlaceKeeper(id, 0, &slots) {}
+
+PlaceKeeper::PlaceKeeper(const std::string& id, u32 places, JobSlots* slots)
+    : id_(id), slots_(slots), keeper_(GetKeeperName(id).c_str()), call_(GetCallName(id).c_str()) {
+  if (slots_ != nullptr) slots_->SetListener([this](JobSlots::Ticket ticket) { OnGranted(ticket); });
   if (!keeper_.Lock(kKeeperMs)) throw SyncException("another master keeps the places of " + id);
   try {
-    access_ = std::make_unique<Semaphore>(static_cast<i32>(places), GetAccessName(id).c_str());
+    if (slots_ == nullptr) access_ = std::make_unique<Semaphore>(static_cast<i32>(places), GetAccessName(id).c_str());
     OpenTable();
     AdoptGranted();
     thread_ = new Thread("Place keeper");
@@ -52,13 +65,17 @@ void PlaceKeeper::OpenTable() {
   table_ = static_cast<PlaceTable*>(view_->GetData());
 }
 
-// Their clients have the semaphore open too, so that it is still the one from which those places were taken.
+// The clients keep the earlier master's semaphore open as well, so that access_ is the one from which their counts were
+// taken.
 void PlaceKeeper::AdoptGranted() {
   for (u32 i = 0; i < PlaceTable::kSlots; ++i) {
     const u64 word = table_->slots[i];
     const PlaceState state = GetPlaceState(word);
     if (state != PlaceState::kGranted && state != PlaceState::kReturned) continue;
-    if (Enter(i, word)) {
+    if (slots_ != nullptr) {
+      // The tools of those clients run on beside the limit.
+      table_->slots[i] = 0;
+    } else if (Enter(i, word)) {
       records_[i].isGranted = true;
     } else {
       access_->Release();
@@ -67,26 +84,28 @@ void PlaceKeeper::AdoptGranted() {
 }
 
 void PlaceKeeper::Serve() {
-  const HANDLE handles[] = {end_.GetHandle(), call_.GetHandle(), access_->GetHandle()};
-  u32 lastLook = GetTickCount();
-  LookAtSlots();
+  const HANDLE handles[] = {end_.GetHandle(), call_.GetHandle(), access_ ? access_->GetHandle() : nullptr};
+  u32 lastCheck = GetTickCount();
+  ReadTable();
   for (;;) {
     const DWORD count = waiting_.empty() ? 2 : 3;
-    const DWORD result = WaitForMultipleObjects(count, handles, FALSE, clients_ == 0 ? INFINITE : kLookMs);
+    const DWORD result = WaitForMultipleObjects(count, handles, FALSE, clients_ == 0 ? INFINITE : kCheckMs);
     if (result == WAIT_OBJECT_0) return;
     if (result == WAIT_OBJECT_0 + 2) {
       GrantOne();
     } else {
-      LookAtSlots();
+      GrantTickets();
+      ReadTable();
     }
-    if (GetTickCount() - lastLook < kLookMs) continue;
-    LookForDead();
-    lastLook = GetTickCount();
+    if (GetTickCount() - lastCheck < kCheckMs) continue;
+    ReclaimDead();
+    lastCheck = GetTickCount();
   }
 }
 
-// Whatever stands in a slot now: a record's client that wrote anything else than what was agreed has left.
-void PlaceKeeper::LookAtSlots() {
+// Compares every entry with its record. An entry that no longer holds the word of the recorded client, or holds it as
+// returned, ends that client's record.
+void PlaceKeeper::ReadTable() {
   for (u32 i = 0; i < PlaceTable::kSlots; ++i) {
     u64 word = table_->slots[i];
     const Record& record = records_[i];
@@ -98,14 +117,14 @@ void PlaceKeeper::LookAtSlots() {
     }
     if (word == 0) continue;
     if (GetPlaceState(word) == PlaceState::kAsking && Enter(i, word)) {
-      waiting_.push_back(i);
+      Ask(i);
     } else {
       table_->slots[i].compare_exchange_strong(word, 0);
     }
   }
 }
 
-void PlaceKeeper::LookForDead() {
+void PlaceKeeper::ReclaimDead() {
   u64 places = 0;
   for (u32 i = 0; i < PlaceTable::kSlots && clients_ > 0; ++i) {
     const Record& record = records_[i];
@@ -119,22 +138,62 @@ void PlaceKeeper::LookForDead() {
 void PlaceKeeper::GrantOne() {
   while (!waiting_.empty()) {
     const u32 slot = waiting_.front();
-    Record& record = records_[slot];
+    const Record& record = records_[slot];
     if (GetHandleCount(record.client.Get()) == 1) {
       Leave(slot);
       continue;
     }
     waiting_.pop_front();
-    u64 expected = record.word;
-    record.isGranted =
-        table_->slots[slot].compare_exchange_strong(expected, WithPlaceState(expected, PlaceState::kGranted));
-    if (record.isGranted) {
-      SetEvent(record.client.Get());
-      return;
-    }
+    if (Grant(slot)) return;
     Leave(slot);
   }
   access_->Release();
+}
+
+// False if the client has given up meanwhile.
+bool PlaceKeeper::Grant(u32 slot) {
+  Record& record = records_[slot];
+  u64 expected = record.word;
+  record.isGranted =
+      table_->slots[slot].compare_exchange_strong(expected, WithPlaceState(expected, PlaceState::kGranted));
+  if (record.isGranted) SetEvent(record.client.Get());
+  return record.isGranted;
+}
+
+void PlaceKeeper::Ask(u32 slot) {
+  if (slots_ == nullptr) {
+    waiting_.push_back(slot);
+  } else if (slots_->Ask(TicketOf(slot), static_cast<u32>(records_[slot].word >> 32)) && !Grant(slot)) {
+    Leave(slot);
+  }
+}
+
+void PlaceKeeper::GiveBack(u32 slot) {
+  if (slots_ != nullptr) {
+    slots_->Leave(TicketOf(slot));
+  } else if (records_[slot].isGranted) {
+    access_->Release();
+  }
+}
+
+void PlaceKeeper::OnGranted(JobSlots::Ticket ticket) {
+  if ((ticket & kTableBit) == 0) return;
+  const std::lock_guard lock(ticketsLock_);
+  tickets_.push_back(ticket);
+  call_.Signal();
+}
+
+void PlaceKeeper::GrantTickets() {
+  std::deque<JobSlots::Ticket> tickets;
+  {
+    const std::lock_guard lock(ticketsLock_);
+    tickets.swap(tickets_);
+  }
+  for (const JobSlots::Ticket ticket : tickets) {
+    const u32 slot = static_cast<u32>(ticket & ~kTableBit);
+    // The client may have left since, and another one may stand in its slot and have asked for itself.
+    if (records_[slot].client && !records_[slot].isGranted && slots_->IsGranted(ticket) && !Grant(slot)) Leave(slot);
+  }
 }
 
 bool PlaceKeeper::Enter(u32 slot, u64 word) {
@@ -147,10 +206,10 @@ bool PlaceKeeper::Enter(u32 slot, u64 word) {
   return true;
 }
 
-// Frees the slot if it is still that client's.
+// Ends the record, and clears the table entry if it is still that client's.
 void PlaceKeeper::Leave(u32 slot) {
   Record& record = records_[slot];
-  if (record.isGranted) access_->Release();
+  GiveBack(slot);
   std::erase(waiting_, slot);
   record.client.Reset();
   record.isGranted = false;

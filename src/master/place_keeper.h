@@ -1,42 +1,50 @@
-// Gives places to clients and takes them back from those that died.
+// Grants client slots, and reclaims those of clients that died.
 #ifndef KESTRUN_MASTER_PLACE_KEEPER_H_
 #define KESTRUN_MASTER_PLACE_KEEPER_H_
 
 #include <deque>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "master/job_slots.h"
 #include "protocol/place_table.h"
-#include "runtime/handle.h"
-#include "runtime/mapped_file.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/sync.h"
-#include "runtime/thread.h"
+#include "runtime/base/handle.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/files/mapped_file.h"
+#include "runtime/threads/sync.h"
+#include "runtime/threads/thread.h"
 
 namespace kestrun {
 
-// The semaphore can't tell who holds its places, and a client that took one is killed before it can say so. So here the
-// master does the taking: a client asks in a table that all share, and this object's thread takes a place from the
-// semaphore for it, and gives that back when the client says so or is gone. Whatever a client does and whenever it
-// dies, the thread's own record tells whether a place was taken for it, and each is given back once.
+// A semaphore does not record which processes hold its counts, and a client that takes one can be killed before it
+// writes that down. So the master takes them: a client enters a request in a shared table, this object's thread takes a
+// count from the semaphore for it and grants the slot, and gives the count back when the client returns the slot or is
+// gone. The thread's own record tells whether a count was taken for a client, so that each is given back exactly once,
+// at whatever moment the client dies.
 //
-// Clients that know of no table take their places from the same semaphore as ever; nothing is known of those here, and
-// nothing is taken from them. Clients are served in the order in which they are found.
+// Clients that use no table take their slots from the same semaphore; they are not recorded here, and theirs are not
+// reclaimed. Requests are granted in the order in which they are found.
 //
-// Threads: one, "Place keeper", which owns the records. Construction and destruction on one thread, which owns the
-// mutex by which clients see that the master lives.
+// Threads: "Place keeper" owns the records. The object is made and destroyed on one thread, which owns the mutex by
+// which clients see that the master is alive.
 class PlaceKeeper {
  public:
-  // Makes the semaphore, too. A table that clients of an earlier master of this id still hold is carried on, with the
-  // places granted in it. Throws SystemException where the objects can't be had.
+  // Makes the semaphore, too, with `places` counts. A table that clients of an earlier master of this id keep open is
+  // taken over, with the slots granted in it. Throws SystemException if one of the objects can't be made.
   PlaceKeeper(const std::string& id, u32 places);
+  // The same table for another purpose, under an id of its own: what its clients ask for and are granted are job slots.
+  // The slots outlive this object, which becomes their listener.
+  PlaceKeeper(const std::string& id, JobSlots& slots);
   ~PlaceKeeper();
   PlaceKeeper(const PlaceKeeper&) = delete;
   PlaceKeeper& operator=(const PlaceKeeper&) = delete;
 
  private:
-  // A slot's client; unused while `client` is null.
+  PlaceKeeper(const std::string& id, u32 places, JobSlots* slots);
+
+  // The client of a table entry; unused while `client` is null.
   struct Record {
     UniqueHandle client;
     u64 word = 0;  // as the client wrote it
@@ -46,16 +54,23 @@ class PlaceKeeper {
   void OpenTable();
   void AdoptGranted();
   void Serve();
-  void LookAtSlots();
-  void LookForDead();
-  // With one place taken from the semaphore.
+  void ReadTable();
+  void ReclaimDead();
+  // Grants the slot for which a count was taken from the semaphore, or gives the count back.
   void GrantOne();
+  void Ask(u32 slot);
+  void GiveBack(u32 slot);
+  bool Grant(u32 slot);
+  // Any thread.
+  void OnGranted(JobSlots::Ticket ticket);
+  void GrantTickets();
   bool Enter(u32 slot, u64 word);
   void Leave(u32 slot);
 
   const std::string id_;
+  JobSlots* const slots_;  // null: places of the semaphore are granted
   Mutex keeper_;
-  // After the mutex: a client that finds the semaphore and a mutex that nobody owns takes the master for dead.
+  // Made after the mutex: a client that finds the semaphore and an unowned mutex takes the master for dead.
   std::unique_ptr<Semaphore> access_;
   Condition call_;
   Condition end_;
@@ -63,10 +78,13 @@ class PlaceKeeper {
   rc_ptr<MappedFile::ViewImpl> view_;
   PlaceTable* table_ = nullptr;
 
-  // The thread's own.
+  // Owned by the thread.
   std::vector<Record> records_{PlaceTable::kSlots};
-  std::deque<u32> waiting_;  // slots of clients that ask, in the order of their finding
+  std::deque<u32> waiting_;  // table entries with a request, in the order in which they were found
   u32 clients_ = 0;          // records in use
+
+  std::mutex ticketsLock_;
+  std::deque<JobSlots::Ticket> tickets_;  // guarded by ticketsLock_: granted, and not yet passed on
 
   rc_ptr<Thread> thread_;
 };

@@ -7,7 +7,7 @@
 
 #include "master/build_job.h"
 #include "messaging/message_channel.h"
-#include "runtime/rc_ptr.h"
+#include "runtime/base/rc_ptr.h"
 
 namespace kestrun {
 
@@ -34,7 +34,7 @@ class Project : public rc_base {
   const u32 flags;
   u32 totalJobs;
   u32 receivedJobs = 0;
-  u32 dispatchedJobs = 0;
+  u32 dispatchedJobs = 0;  // part of the record; nothing in the master reads it
   std::map<u32, rc_ptr<BuildJob>> pending;
   std::map<u32, rc_ptr<BuildJob>> completed;
   std::size_t forgottenJobs = 0;       // completed and not kept

@@ -3,20 +3,23 @@
 #include <utility>
 #include <vector>
 
+#include "app/console.h"
 #include "master/format_elapsed.h"
 #include "master/local_time.h"
 #include "master/master_log.h"
+#include "master/repeated_event.h"
+#include "master/result_sender.h"
+#include "platform/tool_process.h"
+#include "protocol/limits.h"
 #include "protocol/message_reader.h"
 #include "protocol/names.h"
 #include "protocol/protocol.h"
-#include "runtime/event_timer.h"
-#include "runtime/executable_search.h"
-#include "runtime/handle.h"
-#include "runtime/version.h"
-#include "stubs/console.h"
-#include "transport/ipc_socket.h"
-#include "transport/local_host.h"
-#include "transport/socket_stream.h"
+#include "runtime/base/version.h"
+#include "runtime/files/executable_search.h"
+#include "runtime/threads/event_timer.h"
+#include "transport/shared/ipc_socket.h"
+#include "transport/sockets/local_host.h"
+#include "transport/sockets/socket_stream.h"
 
 namespace kestrun {
 
@@ -25,7 +28,7 @@ namespace {
 constexpr const char* kNoThreads = "The master cannot start its threads: too little memory, or too many processes.";
 constexpr const char* kInstanceEvent = "Global\\dorn_kr_project_stub";
 constexpr const char* kEventsCondition = "PLOVR2_WAIT_FOR_EVENTS_CONDITION";
-constexpr u32 kDefaultMaxConcurrentJobs = 30;
+constexpr const char* kJobsKey = "LocalSettings/MaxConcurrentJobs";
 constexpr u32 kDefaultMaxStubs = 30;
 constexpr u32 kMostStubs = MessageDispatcher::kMaxIpcChannels;
 // A job for each stub that there can be.
@@ -46,6 +49,18 @@ u32 ReadMaxStubs(IniFile& settings) {
   return kMostStubs;
 }
 
+u32 ReadMaxJobs(IniFile& settings) {
+  const u32 wanted = settings.GetInt(kJobsKey, ProjectStub::kDefaultMaxConcurrentJobs);
+  if (wanted <= kMostConcurrentJobs) return wanted;
+  const std::string text = "MaxConcurrentJobs is " + std::to_string(static_cast<i32>(wanted)) +
+                           ", which is not between 0 and " + std::to_string(kMostConcurrentJobs) + "; using " +
+                           std::to_string(ProjectStub::kDefaultMaxConcurrentJobs);
+  PrintError(text);
+  WriteMasterLog(Log::Error, text);
+  settings.SetInt(kJobsKey, ProjectStub::kDefaultMaxConcurrentJobs);
+  return ProjectStub::kDefaultMaxConcurrentJobs;
+}
+
 // Open to every user of the machine.
 UniqueHandle CreateInstanceEvent() {
   SECURITY_DESCRIPTOR everyone;
@@ -56,6 +71,17 @@ UniqueHandle CreateInstanceEvent() {
   attributes.lpSecurityDescriptor = &everyone;
   attributes.bInheritHandle = FALSE;
   return UniqueHandle(CreateEventA(&attributes, TRUE, FALSE, kInstanceEvent));
+}
+
+std::unique_ptr<JobSlots> MakeSlots(IniFile& settings) {
+  if (!settings.GetBool("Extensions/TransparentTools", false)) return nullptr;
+  return std::make_unique<JobSlots>(ReadMaxJobs(settings), platform::ParentProcess);
+}
+
+// Inheritable: the tools of the build may use the event, too.
+UniqueHandle OpenNamedEvent(const std::string& name) {
+  if (name.empty()) return UniqueHandle();
+  return UniqueHandle(OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, TRUE, name.c_str()));
 }
 
 std::string OwnVersion() {
@@ -72,21 +98,26 @@ rc_ptr<Message> OwnMessage(u32 type) {
 
 ProjectStub::ProjectStub(IniFile& settings, const Options& options)
     : StubBase(settings, options),
-      startDirectory_(GetWorkingDirectory()),
+      stopEvent_(OpenNamedEvent(options.stopEvent)),
+      readyEvent_(OpenNamedEvent(options.readyEvent)),
+      finishEvent_(OpenNamedEvent(options.finishEvent)),
       isEager_(settings.GetBool("Extensions/EagerScheduling", false)),
       dispatcher_(GetLocalHostName(), 0, GetListeningName(id_)),
+      slots_(MakeSlots(settings)),
       failures_(settings.GetBool("Extensions/DiscardOutput", false) ? kMostFailures : FailureList::kNoBound),
-      scheduler_(settings.GetInt("LocalSettings/MaxConcurrentJobs", kDefaultMaxConcurrentJobs), &settings,
-                 &dispatcher_),
+      scheduler_(ReadMaxJobs(settings), &settings, &dispatcher_, slots_.get()),
       requestHandler_(&settings, options, &dispatcher_, MakeJobListener()) {
+  if (isEager_) dispatcher_.SetStartDelay(0);
   OpenPlaces(settings);
   dispatcher_.AddErrorListener(MakeDelegate(&ProjectStub::OnDispatcherError, this));
   dispatcher_.AddReactorErrorListener(MakeDelegate(&ProjectStub::OnReactorError, this));
-  hasThreads_ = dispatcher_.AddClient(kMasterService, MakeDelegate(&ProjectStub::HandleMessage, this), 1) &&
-                scheduler_.HasThreads() && requestHandler_.HasThread();
+  hasThreads_ =
+      dispatcher_.AddClient(kMasterService, MakeDelegate(&ProjectStub::HandleMessage, this), 1, MayStubSend) &&
+      scheduler_.HasThreads() && requestHandler_.HasThread();
   SocketStream::SetDefaultTimeout(kSocketWriteLimitMs);
   SetEnvironmentVariableA("KESTRUN_ID", id_.c_str());
-  if (options_.stopEvent != nullptr && !StartWaitThread()) hasThreads_ = false;
+  if (!slots_) SetEnvironmentVariableA(kJobVariable, id_.c_str());
+  if (stopEvent_ && !StartWaitThread()) hasThreads_ = false;
 }
 
 ProjectStub::~ProjectStub() {
@@ -94,8 +125,8 @@ ProjectStub::~ProjectStub() {
     waitThreadEnd_->Signal();
     waitThread_->Wait(kNoLimit);
   }
-  // Where Run has ended before its dispatcher ran, the message thread lives until the dispatcher goes, after everything
-  // that a message touches.
+  // If Run ended before its dispatcher ran, the message thread lives until the dispatcher is destroyed, which is after
+  // the members that a message handler uses.
   const Lock lock(handlingLock_);
   isEnding_ = true;
 }
@@ -133,15 +164,36 @@ int ProjectStub::Run() {
     PrintError(kNoThreads);
     return 1;
   }
+  if (!OpenSlotServer()) return 1;
   EventTimer timer("event timer");
   timer.Start();
   WriteMasterLog(Log::Info, "========== Client Build Started ==========", {{"version", OwnVersion()}});
-  // An error of the dispatcher is in the log; this one is for whoever started the master.
+  // The log has the dispatcher's error; this line is for the user or program that started the master.
   if (dispatcher_.Run() != 0) PrintError("The dispatcher has ended with an error.");
   dispatcher_.Close();
+  slotServer_.reset();
+  slotTable_.reset();
+  jobWatch_.reset();
   timer.Stop();
   LogFinished(timer.GetElapsed());
   return exitCode_;
+}
+
+// Only after the one instance of the user is known to be this one: the server takes over its name.
+bool ProjectStub::OpenSlotServer() {
+  if (!slots_) return true;
+  try {
+    if (platform::kHasLocalStreams) {
+      slotServer_ = std::make_unique<SlotServer>(id_, *slots_);
+    } else {
+      slotTable_ = std::make_unique<PlaceKeeper>(GetJobSlotsId(id_), *slots_);
+    }
+    jobWatch_ = std::make_unique<JobWatch>(*slots_, platform::ProcessorTimeOfTree);
+    return true;
+  } catch (const SystemException& e) {
+    PrintError(e.what());
+    return false;
+  }
 }
 
 void ProjectStub::LogFinished(u32 elapsedMs) {
@@ -157,6 +209,7 @@ void ProjectStub::Stop(const std::string& reason) {
 void ProjectStub::HandleMessage(rc_ptr<Message> message) {
   const Lock lock(handlingLock_);
   if (isEnding_) return;
+  handlingThread_ = GetCurrentThreadId();
   switch (message->GetType()) {
     case MSG_LOCAL_JOB_RESULT:
       return OnJobResult(message);
@@ -198,16 +251,23 @@ void ProjectStub::OnJobResult(const rc_ptr<Message>& message) {
   const rc_ptr<BuildJob> job = scheduler_.JobResult(server, jobId, exitCode, message->FindSegment(SEG_STDOUT),
                                                     message->FindSegment(SEG_STDERR), startTime, elapsedMs);
   if (!job) return;
-  // Nobody waits for a cancelled job: its end says nothing about the build.
+  // A cancelled job has no client any more, and its end says nothing about the build.
   if (exitCode != 0 && !job->isCancelled) failures_.Add(jobId, job->commandLine);
-  scheduler_.PassResultOn(dispatcher_.FindChannel(job->clientAddress), *message, job->exitCode,
-                          (job->flags & FLAG_KEEP_GOING) != 0);
+  const rc_ptr<MessageChannel> channel = dispatcher_.FindChannel(job->clientAddress);
+  PassResultOn(channel, *message, job->exitCode, (job->flags & FLAG_KEEP_GOING) != 0);
+  if (IsDebugLogOpen()) {
+    WriteMasterLog(Log::Debug, channel ? "Result passed on" : "Result dropped, its client has gone",
+                   {LogField("client_key", jobId), {"address", job->clientAddress.ToString()}});
+  }
   scheduler_.JobCompleted(job);
 }
 
-// A client waits for its one job, while of a script's thousands most wait for others; and those must not wait as
-// messages, which take more memory than jobs.
+// A compiler stub waits for its one job, so a short queue is parsed at once. Most of a script's thousands of jobs wait
+// for others anyway; they are parsed on the request thread, because an unparsed message takes more memory than a job.
 void ProjectStub::OnBuildRequest(const rc_ptr<Message>& request) {
+  if (IsDebugLogOpen()) {
+    WriteMasterLog(Log::Debug, "Build request received", {{"address", request->GetAddress().ToString()}});
+  }
   const bool isOneOfFew = isEager_ && isStarted_ && scheduler_.CountUnfinishedJobs() < kFewJobs;
   if (isOneOfFew && requestHandler_.TryRequestHere(request)) {
     OnDrainRequests();
@@ -241,7 +301,7 @@ Functor0<void>::Type ProjectStub::MakeJobListener() {
   return MakeDelegate(&ProjectStub::OnJobReady, this);
 }
 
-// Before the start nothing is scheduled; what has come until then is drained by the first tick.
+// Nothing is scheduled before the start; the first tick drains the jobs that arrived until then.
 void ProjectStub::OnJobReady() {
   if (isStarted_) dispatcher_.Post(OwnMessage(MSG_DRAIN_REQUESTS), false);
 }
@@ -263,7 +323,7 @@ void ProjectStub::OnStarted() {
     return;
   }
   isStarted_ = true;
-  if (options_.readyEvent != nullptr) SetEvent(options_.readyEvent);
+  if (readyEvent_) SetEvent(readyEvent_.Get());
   OnTick();
 }
 
@@ -275,8 +335,8 @@ bool ProjectStub::CheckListener() {
   return false;
 }
 
-// Unless the scheduler cancels them, the jobs of a stub that goes away run to their end, and their results find no
-// channel.
+// Unless the scheduler cancels them, the jobs of a lost stub run to their end, and their results are dropped because
+// there is no channel to send them on.
 void ProjectStub::OnChannelEvent(const rc_ptr<Message>& message) {
   const Address& address = message->GetAddress();
   scheduler_.ClientGone(address);
@@ -292,28 +352,40 @@ void ProjectStub::StopBuild(int code, const std::string& reason) {
 }
 
 void ProjectStub::Shutdown() {
+  if (slotServer_) slotServer_->Refuse();
+  if (slots_) slots_->Stop();
   scheduler_.Stop();
   requestHandler_.Stop();
-  Sleep(kShutdownPauseMs);
+  if (isEager_ && handlingThread_ == GetCurrentThreadId()) {
+    // Results that are not sent yet are messages behind the one that this thread handles: a pause brings them no
+    // nearer.
+    dispatcher_.WaitUntilSent(kShutdownPauseMs);
+  } else {
+    Sleep(kShutdownPauseMs);
+  }
   dispatcher_.Stop();
 }
 
 void ProjectStub::WaitForEvents() {
-  std::vector<HANDLE> handles{options_.stopEvent};
-  if (options_.finishEvent != nullptr) handles.push_back(options_.finishEvent);
-  handles.push_back(eventsCondition_->GetHandle());
-  handles.push_back(waitThreadEnd_->GetHandle());
+  RepeatedEvent finish(finishEvent_.Get());
   for (;;) {
+    std::vector<HANDLE> handles{stopEvent_.Get(), eventsCondition_->GetHandle(), waitThreadEnd_->GetHandle()};
+    if (finishEvent_ && finish.IsAwaited()) handles.push_back(finishEvent_.Get());
     const DWORD index =
-        WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, INFINITE) - WAIT_OBJECT_0;
+        WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, finish.GetLimitMs());
+    if (index == WAIT_TIMEOUT) {
+      if (finish.Look()) dispatcher_.Post(OwnMessage(MSG_JOBS_FINISHED), false);
+      continue;
+    }
     if (index >= handles.size()) continue;
-    if (handles[index] == options_.stopEvent) {
+    if (handles[index] == stopEvent_.Get()) {
       rc_ptr<Message> stop = OwnMessage(MSG_STOP);
       stop->AddString(SEG_STOP_REASON, "STOP event from parent process");
       dispatcher_.Post(stop, false);
       return;
     }
-    if (handles[index] != options_.finishEvent) return;
+    if (handles[index] != finishEvent_.Get()) return;
+    finish.OnSet();
     dispatcher_.Post(OwnMessage(MSG_JOBS_FINISHED), false);
   }
 }

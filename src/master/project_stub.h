@@ -6,16 +6,19 @@
 #include <memory>
 #include <string>
 
+#include "app/stub_base.h"
 #include "master/build_job_scheduler.h"
 #include "master/build_request_handler.h"
 #include "master/failure_list.h"
+#include "master/job_slots.h"
+#include "master/job_watch.h"
 #include "master/place_keeper.h"
+#include "master/slot_server.h"
 #include "messaging/message_dispatcher.h"
-#include "runtime/critical_section.h"
-#include "runtime/path.h"
-#include "runtime/sync.h"
-#include "runtime/thread.h"
-#include "stubs/stub_base.h"
+#include "runtime/base/critical_section.h"
+#include "runtime/base/handle.h"
+#include "runtime/threads/sync.h"
+#include "runtime/threads/thread.h"
 
 namespace kestrun {
 
@@ -27,6 +30,9 @@ namespace kestrun {
 // Stop may come from any thread.
 class ProjectStub : public StubBase {
  public:
+  // MaxConcurrentJobs without a setting.
+  static constexpr u32 kDefaultMaxConcurrentJobs = 30;
+
   // Starts the local build threads and the request thread; the listener opens in Run. Throws SyncException if the
   // semaphore or the events condition can't be made.
   ProjectStub(IniFile& settings, const Options& options);
@@ -61,24 +67,34 @@ class ProjectStub : public StubBase {
   void OpenPlaces(IniFile& settings);
   // False, after an error line, where no client could ever reach this master.
   bool CheckListener();
+  bool OpenSlotServer();
   void OnDispatcherError(std::string text);
   void OnReactorError(std::string text);
   void LogFinished(u32 elapsedMs);
 
-  const Path startDirectory_;
+  // The events of the integration; null where none was given, or where it does not exist.
+  const UniqueHandle stopEvent_;
+  const UniqueHandle readyEvent_;
+  const UniqueHandle finishEvent_;
   std::atomic<i32> exitCode_{0};
   std::atomic<bool> isStarted_{false};
   const bool isEager_;
-  CriticalSection handlingLock_;  // held while a message is handled
-  bool hasThreads_ = true;        // constant after construction
-  bool isEnding_ = false;         // guarded by handlingLock_: the destructor has come, messages are dropped
+  CriticalSection handlingLock_;          // held while a message is handled
+  std::atomic<DWORD> handlingThread_{0};  // the message thread
+  bool hasThreads_ = true;                // constant after construction
+  bool isEnding_ = false;                 // guarded by handlingLock_: the destructor has come, messages are dropped
   MessageDispatcher dispatcher_;
-  FailureList failures_;  // message thread; read by Run once that thread has ended
+  std::unique_ptr<JobSlots> slots_;  // null without Extensions/TransparentTools
+  FailureList failures_;             // message thread; read by Run once that thread has ended
   BuildJobScheduler scheduler_;
-  // One of the two: the places as they are, or with somebody who keeps them.
+  // Exactly one of the two is set: the plain semaphore, or the keeper.
   std::unique_ptr<Semaphore> clientAccess_;
   std::unique_ptr<PlaceKeeper> placeKeeper_;
   BuildRequestHandler requestHandler_;
+  // While Run runs with TransparentTools, one of them: clients ask for job slots there.
+  std::unique_ptr<SlotServer> slotServer_;
+  std::unique_ptr<PlaceKeeper> slotTable_;
+  std::unique_ptr<JobWatch> jobWatch_;          // while Run runs with TransparentTools
   rc_ptr<Thread> waitThread_;                   // empty without a stop event
   std::unique_ptr<Condition> eventsCondition_;  // null without a stop event
   std::unique_ptr<Condition> waitThreadEnd_;    // lets the destructor end the wait thread

@@ -3,25 +3,25 @@
 namespace kestrun {
 
 bool RunningTools::Add(BuildJob& job, const rc_ptr<Process>& process) {
-  Lock lock(lock_);
+  const Lock lock(lock_);
   tools_[job.id] = {&job, process};
   return !job.isCancelled;
 }
 
 void RunningTools::Remove(u32 jobId) {
-  Lock lock(lock_);
+  const Lock lock(lock_);
   tools_.erase(jobId);
 }
 
 void RunningTools::Cancel(BuildJob& job) {
-  Lock lock(lock_);
+  const Lock lock(lock_);
   job.isCancelled = true;
   const auto tool = tools_.find(job.id);
   if (tool != tools_.end()) tool->second.process->Kill();
 }
 
 void RunningTools::CancelWhere(const std::function<bool(const BuildJob&)>& isOrphan) {
-  Lock lock(lock_);
+  const Lock lock(lock_);
   for (const auto& [id, tool] : tools_) {
     if (tool.job->isCancelled || !isOrphan(*tool.job)) continue;
     tool.job->isCancelled = true;

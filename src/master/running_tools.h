@@ -5,28 +5,27 @@
 #include <map>
 
 #include "master/build_job.h"
-#include "runtime/critical_section.h"
-#include "runtime/process.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/types.h"
+#include "runtime/base/critical_section.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+#include "runtime/process/process.h"
 
 namespace kestrun {
 
-// The tools that run, by the number of their job: the way in which one thread ends a tool that another waits for.
+// The running tools by the number of their job, so that one thread can end a tool that another thread waits for.
 //
-// Threads: a local build thread adds its tool once it has started and removes it once it has ended, and holds the job
-// for that time; the message thread, or the one that stops the master, cancels jobs. Each holds the lock for its whole
-// call, and none of them waits for a tool. Whichever comes first of Add and Cancel, the tool of a cancelled job is
-// ended: by Cancel if it is in the table, else by the thread that adds it. The table shares the processes with those
-// threads.
+// Owned by the local job queue. A local build thread adds its tool when it has started and removes it when it has
+// ended, and keeps the job alive for that time. The message thread, or the thread that stops the master, cancels jobs.
+// Each operation holds the lock throughout, and none waits for a tool. The tool of a cancelled job is ended in either
+// order of Add and Cancel: by Cancel if it is in the table already, otherwise by the thread that adds it.
 class RunningTools {
  public:
-  // False if the job has been cancelled; the caller is to end the tool then.
+  // False if the job has been cancelled; the caller has to end the tool.
   bool Add(BuildJob& job, const rc_ptr<Process>& process);
   void Remove(u32 jobId);
   // Marks the job, and ends its tool with all its descendants if it runs. Does not wait for their end.
   void Cancel(BuildJob& job);
-  // The same for each job of which `isOrphan` says so; it must not come back here.
+  // Cancels each running job for which `isOrphan` is true. It is called under the lock and must not call this object.
   void CancelWhere(const std::function<bool(const BuildJob&)>& isOrphan);
 
  private:

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "master/build_job.h"
-#include "runtime/rc_ptr.h"
+#include "runtime/base/rc_ptr.h"
 
 namespace kestrun {
 
@@ -16,7 +16,7 @@ class Server : public rc_base {
 
   const std::string name;
   std::map<u32, rc_ptr<BuildJob>> assignedJobs;  // handed to this server and not yet answered
-  u32 completedCount = 0;
+  u32 completedCount = 0;                        // results taken; part of the record, nothing in the master reads it
 };
 
 }  // namespace kestrun

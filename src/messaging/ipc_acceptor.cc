@@ -27,12 +27,12 @@ int IpcAcceptor::GetHandle() {
 bool IpcAcceptor::HandleEvent() {
   const rc_ptr<IpcSocket> socket = GetSocket();
   if (!socket) return false;
-  // The request may have been served together with the one before it; Accept would wait for the next one.
-  if (socket->GetAvailable() == 0) return true;
-  const rc_ptr<IpcSocket> connection(socket->Accept());
+  rc_ptr<IpcSocket> connection;
+  // The request may have been served together with the one before it.
+  if (!socket->TryAccept(connection) || !IsListening()) return true;
   if (!connection) {
     std::fputs("IpcAcceptor - IpcSocket::Accept() return NULL!\n", stderr);
-  } else if (factory_ && !factory_(connection.Get())) {
+  } else if (factory_ && !factory_(connection)) {
     std::fputs("IpcAcceptor : factory-function failed!\n", stderr);
   }
   return true;

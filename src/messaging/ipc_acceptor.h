@@ -1,7 +1,7 @@
 // Waits for IPC connections under a Reactor and hands each to a factory. Runs on the reactor's wait loop.
 //
 // If the name can't be listened on the acceptor stands without a socket: it can be registered and nothing ever comes.
-// While there is no room for a connection nobody is accepted: connectors wait, within their own limit.
+// While there is no room for a connection none is accepted: connectors wait, within their own limit.
 // A connection that fails, or that the factory refuses (false), leaves a line on the standard error stream and the
 // acceptor listening.
 #ifndef KESTRUN_MESSAGING_IPC_ACCEPTOR_H_
@@ -9,20 +9,19 @@
 
 #include <string>
 
-#include "runtime/critical_section.h"
-#include "runtime/delegate.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/reactor.h"
-#include "transport/ipc_socket.h"
+#include "runtime/base/critical_section.h"
+#include "runtime/base/delegate.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/threads/reactor.h"
+#include "transport/shared/ipc_socket.h"
 
 namespace kestrun {
 
 class IpcAcceptor : public Reactor::EventHandler {
  public:
-  // The factory takes the socket.
-  using Factory = Functor1<bool, IpcSocket*>::Type;
+  using Factory = Functor1<bool, rc_ptr<IpcSocket>>::Type;
 
-  // Asked before each wait, on the reactor's thread; it calls no operation of the reactor.
+  // Asked before each wait, on the reactor's thread, which holds no lock then.
   using Room = Functor0<bool>::Type;
 
   explicit IpcAcceptor(const std::string& name, Factory factory, Room hasRoom = Room());
@@ -36,6 +35,7 @@ class IpcAcceptor : public Reactor::EventHandler {
   bool HandleEvent() override;
   // Ends the listening. May come from another thread.
   void Close() override;
+  bool IsClosed() override { return !IsListening(); }
 
   // What the next connection needs is made now. From the reactor's wait loop.
   void Prepare();

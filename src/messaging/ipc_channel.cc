@@ -23,9 +23,15 @@ IpcChannel::~IpcChannel() {
   IpcChannel::Close();
 }
 
+void IpcChannel::Close() {
+  isClosed_ = true;
+  socket_->Close();
+}
+
 bool IpcChannel::Connect(const Address& address, u32 timeoutMs) {
   if (address.GetKind() != Address::kIpc) return false;
   socket_->Close();
+  isClosed_ = false;
   return socket_->Connect(address.GetText(), timeoutMs);
 }
 

@@ -2,9 +2,11 @@
 #ifndef KESTRUN_MESSAGING_IPC_CHANNEL_H_
 #define KESTRUN_MESSAGING_IPC_CHANNEL_H_
 
+#include <atomic>
+
 #include "messaging/message_channel.h"
-#include "runtime/rc_ptr.h"
-#include "transport/ipc_socket.h"
+#include "runtime/base/rc_ptr.h"
+#include "transport/shared/ipc_socket.h"
 
 namespace kestrun {
 
@@ -16,7 +18,8 @@ class IpcChannel : public MessageChannel {
 
   int GetHandle() override { return socket_->GetWaitHandle(); }
   int GetHandleType() override { return 1; }
-  void Close() override { socket_->Close(); }
+  void Close() override;
+  bool IsClosed() override { return isClosed_; }
   bool Connect(const Address& address, u32 timeoutMs) override;
   Address GetAddress() override;
   bool IsDatagram() override { return false; }
@@ -25,6 +28,10 @@ class IpcChannel : public MessageChannel {
 
  protected:
   const rc_ptr<IpcSocket> socket_;
+
+ private:
+  // Not the state of the socket, which also counts as closed when the peer is gone and there is more to be read.
+  std::atomic<bool> isClosed_{false};
 };
 
 }  // namespace kestrun

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "messaging/segment_list.h"
+#include "messaging/wire_format.h"
 
 namespace kestrun {
 
@@ -31,15 +32,15 @@ Message::Message(const Address& address, u32 length, Stream& stream) : header_(0
 
 Message::~Message() = default;
 
-void Message::AddSegment(Segment* segment) {
-  segments_.emplace_back(segment);
+void Message::AddSegment(const rc_ptr<Segment>& segment) {
+  segments_.push_back(segment);
 }
 
-rc_ptr<Message::Segment> Message::GetSegment(u32 index) const {
+rc_ptr<Segment> Message::GetSegment(u32 index) const {
   return detail::At(segments_, index);
 }
 
-rc_ptr<Message::Segment> Message::FindSegment(u32 type, u32 occurrence) const {
+rc_ptr<Segment> Message::FindSegment(u32 type, u32 occurrence) const {
   return detail::Find(segments_, type, occurrence);
 }
 
@@ -88,15 +89,20 @@ Message& Message::AddU64(u32 type, u64 value) {
   return *this;
 }
 
+u64 Message::GetWireSize() const {
+  u64 size = wire::kMessageHeaderSize;
+  for (const auto& segment : segments_) size += segment->GetWireSize();
+  return size;
+}
+
 u32 Message::Serialize(Streams& out) const {
   if (out.empty()) out.emplace_back(new MemoryStream());
   // A segment with large data ends the stream that it found, so each one asks for the last stream anew.
   Stream& first = *out.back();
   first.Write(&header_, sizeof header_);
   first.Write(&sequence_, sizeof sequence_);
-  u32 count = kHeaderSize;
-  for (const auto& segment : segments_) count += segment->Serialize(out);
-  return count;
+  for (const auto& segment : segments_) segment->Serialize(out);
+  return static_cast<u32>(GetWireSize());
 }
 
 void Message::Describe(std::ostream& out) const {

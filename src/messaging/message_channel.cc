@@ -2,21 +2,21 @@
 
 #include <utility>
 
-#include "runtime/thread.h"
+#include "messaging/wire_format.h"
+#include "runtime/threads/thread.h"
 
 namespace kestrun {
 
 namespace {
 
-constexpr u32 kLengthSize = 4;
-// Beyond this much allocation, or this much that is read and done with, the input buffer is given back.
+// The input buffer is replaced once it has allocated more than this, or holds more than this of bytes already parsed.
 constexpr u32 kMaxIdleCapacity = 0x100000;
-// What a buffer can hold.
+// The most that a buffer can hold.
 constexpr u32 kMaxFrameLength = 0x7FFFFFFF;
 
 }  // namespace
 
-MessageChannel::MessageChannel() : input_(new MemoryStream()), bytesWanted_(kLengthSize) {}
+MessageChannel::MessageChannel() : input_(new MemoryStream()), bytesWanted_(wire::kFrameHeaderSize) {}
 
 MessageChannel::~MessageChannel() {
   MessageChannel::Close();
@@ -29,11 +29,10 @@ void MessageChannel::Close() {
 u32 MessageChannel::BuildFrame(const Message& message, Message::Streams& out) {
   const rc_ptr<MemoryStream> head(new MemoryStream());
   out.push_back(rc_ptr<Stream>(head));
-  u32 size = 0;
+  const u32 size = static_cast<u32>(message.GetWireSize());
+  static_assert(sizeof size == wire::kFrameHeaderSize);
   head->Write(&size, sizeof size);
-  size = message.Serialize(out);
-  head->Seek(0);
-  head->Write(&size, sizeof size);
+  message.Serialize(out);
   return size;
 }
 
@@ -64,11 +63,9 @@ bool MessageChannel::Broadcast(rc_ptr<Message>, u16) {
 }
 
 bool MessageChannel::Register(Reactor* reactor, MessageDelegate delegate) {
-  // Stored first: the loop may be on another thread than this one, and an event may come before Register is back.
-  reactor_ = reactor;
+  // Stored first: the loop may run on another thread, where an event may come before Register returns.
   delegate_ = std::move(delegate);
   if (reactor->Register(this)) return true;
-  reactor_ = nullptr;
   delegate_.Reset();
   return false;
 }
@@ -108,24 +105,23 @@ void MessageChannel::TakeFrameLength() {
   if (length < Message::kHeaderSize || length > kMaxFrameLength) {
     throw Message::FormatException("Invalid length of a message");
   }
-  frameLength_ = length;
   bytesWanted_ = length;
   receiveState_ = ReceiveState::kBody;
 }
 
 rc_ptr<Message> MessageChannel::TakeMessage() {
   const u32 begin = input_->GetPosition();
-  rc_ptr<Message> message(new Message(GetAddress(), frameLength_, *input_));
-  if (input_->GetPosition() - begin != frameLength_) {
+  rc_ptr<Message> message(new Message(GetAddress(), bytesWanted_, *input_));
+  if (input_->GetPosition() - begin != bytesWanted_) {
     throw Message::FormatException("Segments do not end with their message");
   }
-  bytesWanted_ = kLengthSize;
+  bytesWanted_ = wire::kFrameHeaderSize;
   receiveState_ = ReceiveState::kLength;
   return message;
 }
 
-// Without bytes left the buffer starts anew. Else the bytes that are done with go once they are many, since under
-// steady traffic the buffer may never be empty.
+// An empty buffer is reused. Otherwise parsed bytes are dropped once they are many, since under steady traffic the
+// buffer may never be empty.
 void MessageChannel::RecycleInput() {
   const u32 done = input_->GetPosition();
   const u32 left = input_->GetAvailable();

@@ -3,7 +3,7 @@
 // A frame is the message's size as a u32, little-endian, and the message. A channel works in one of two modes:
 // under a Reactor (Register) each message goes to a delegate; without one, its owner calls Receive and blocks.
 //
-// Threads: any number may Send, one frame at a time; a slow peer holds up the senders of its own channel. Receiving is
+// Threads: any number may Send, one frame at a time; a slow peer delays the senders of its own channel. Receiving is
 // for one thread at a time, which the Reactor sees to in event mode.
 //
 // Failure: Send gives false, Receive an empty pointer. Bytes that can't be a message are a Message::FormatException
@@ -13,16 +13,17 @@
 #define KESTRUN_MESSAGING_MESSAGE_CHANNEL_H_
 
 #include <cstdint>
+#include <utility>
 
 #include "messaging/message.h"
-#include "runtime/critical_section.h"
-#include "runtime/delegate.h"
-#include "runtime/memory_stream.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/reactor.h"
-#include "runtime/stream.h"
-#include "runtime/types.h"
-#include "transport/address.h"
+#include "runtime/base/critical_section.h"
+#include "runtime/base/delegate.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+#include "runtime/files/memory_stream.h"
+#include "runtime/files/stream.h"
+#include "runtime/threads/reactor.h"
+#include "transport/sockets/address.h"
 
 namespace kestrun {
 
@@ -30,8 +31,8 @@ class MessageChannel : public Reactor::EventHandler {
  public:
   using MessageDelegate = Functor2<void, rc_ptr<Message>, MessageChannel*>::Type;
 
-  // Connects to an ipc or tcp address. Null if that fails; for tcp the reason is on the standard error stream.
-  static MessageChannel* Create(const Address& address, u32 timeoutMs);
+  // As ChannelFactory::Connect.
+  static rc_ptr<MessageChannel> Create(const Address& address, u32 timeoutMs);
 
   ~MessageChannel() override;
 
@@ -45,7 +46,8 @@ class MessageChannel : public Reactor::EventHandler {
   virtual bool Send(rc_ptr<Message> message);
   // As Send, but throws StreamException; returns the message's size. Part of a frame may be out when it throws.
   virtual u32 Transmit(rc_ptr<Message> message);
-  // To all hosts of the local network; datagram channels only. Throws SocketException.
+  // To all hosts of the local network; datagram channels only, false on others. Throws SocketException. Belongs to the
+  // described interface; the program itself sends no broadcast.
   virtual bool Broadcast(rc_ptr<Message> message, u16 port);
   // -1 waits without limit. A time-out in the middle of a frame loses nothing: the next call goes on from there.
   virtual rc_ptr<Message> Receive(int timeoutMs);
@@ -54,6 +56,9 @@ class MessageChannel : public Reactor::EventHandler {
   // The peer.
   virtual Address GetAddress() = 0;
   virtual bool IsDatagram() = 0;
+  // True the first time: a receiver that refuses messages of this channel writes one record for all of them. For the
+  // thread that receives.
+  bool NoteRefusal() { return !std::exchange(hasRefusals_, true); }
   // Seconds, as from time(nullptr).
   virtual std::int64_t GetLastActivity() = 0;
   // Appends what has come. False if nothing came within a limit above 0, or if the peer is gone; what came before is
@@ -79,14 +84,13 @@ class MessageChannel : public Reactor::EventHandler {
   rc_ptr<Message> TakeMessage();
   void RecycleInput();
 
-  Reactor* reactor_ = nullptr;
   CriticalSection sendLock_;  // held for a whole frame; guards sequence_
   MessageDelegate delegate_;
   // Owned by the thread that receives.
   rc_ptr<MemoryStream> input_;
   ReceiveState receiveState_ = ReceiveState::kLength;
-  u32 frameLength_ = 0;
-  u32 bytesWanted_;
+  u32 bytesWanted_;  // a frame's length field or the message behind it
+  bool hasRefusals_ = false;
   u32 sequence_ = 1;
 };
 

@@ -7,17 +7,18 @@
 
 #include "messaging/ipc_acceptor.h"
 #include "messaging/served_ipc_channel.h"
-#include "runtime/log.h"
-#include "runtime/thread.h"
+#include "messaging/socket_channel.h"
+#include "messaging/timer.h"
+#include "runtime/files/log.h"
+#include "transport/sockets/socket.h"
 
 namespace kestrun {
 
 namespace {
 
 constexpr int kLoopTimeoutMs = 1000;
-// How long Run has to reach its loops before the clients are told that the dispatcher runs.
-constexpr u32 kStartDelayMs = 1000;
 constexpr u32 kTickSeconds = 10;
+constexpr u32 kUnsentPollMs = 1;
 constexpr std::int64_t kPingAfterSeconds = 25;
 constexpr std::int64_t kExpireAfterSeconds = 50;
 
@@ -26,20 +27,20 @@ rc_ptr<Message> NewMessage(u32 type) {
 }
 
 void LogClient(u32 id, const char* text) {
-  if (Log* log = Log::Get()) log->Write(Log::Info, static_cast<int>(id), text);
+  WriteLog(Log::Info, static_cast<int>(id), text);
 }
 
 }  // namespace
 
 MessageDispatcher::MessageDispatcher(const std::string& host, u16 port, const std::string& ipcName)
-    : reactor_(0), host_(host), port_(port), ipcName_(ipcName) {}
+    : reactor_(0), socketListener_(host, port), ipcName_(ipcName) {}
 
 MessageDispatcher::~MessageDispatcher() {
   Close();
 }
 
-bool MessageDispatcher::AddClient(u32 id, MessageHandler handler, u32 threads) {
-  const rc_ptr<Client> client(new Client(id, std::move(handler), threads));
+bool MessageDispatcher::AddClient(u32 id, MessageHandler handler, u32 threads, PeerTypes mayPeerSend) {
+  const rc_ptr<Client> client(new Client(id, std::move(handler), threads, mayPeerSend));
   if (!client->HasThreads()) return false;
   const Lock lock(clientsLock_);
   clients_.push_back(client);
@@ -58,15 +59,15 @@ void MessageDispatcher::ReportError(const std::string& text) {
   for (const auto& listener : errorListeners_) listener(text);
 }
 
-// Life ----------------------------------------------------------------------------------------------------------------
+// Run and Close
+// ----------------------------------------------------------------------------------------------------------------
 
 int MessageDispatcher::Run() {
-  if (!OpenSocketRoad() || !OpenIpcRoad()) return -1;
+  if (!ListenOnSockets() || !ListenOnIpc()) return -1;
   reactor_.AddCloseListener(MakeDelegate(&MessageDispatcher::OnHandlerClosed, this));
   const rc_ptr<Thread> waitLoop(new Thread("Wait loop"));
   const rc_ptr<Thread> init(new Thread("dispatcher init"));
-  const bool hasThreads = waitLoop->Start(MakeDelegate(&MessageDispatcher::RunWaitLoop, this)) &&
-                          init->Start(MakeDelegate(&MessageDispatcher::Announce, this));
+  const bool hasThreads = waitLoop->Start(MakeDelegate(&MessageDispatcher::RunWaitLoop, this)) && StartAnnouncing(init);
   if (!hasThreads) {
     ReportError("Could not start the threads of the dispatcher");
     reactor_.Stop();
@@ -74,6 +75,7 @@ int MessageDispatcher::Run() {
   const bool isStopped = reactor_.RunSelectLoop(kLoopTimeoutMs);
   reactor_.Stop();
   ended_.Signal();
+  CloseListener();
   waitLoop->Wait(kNoLimit);
   init->Wait(kNoLimit);
   StopAllActivity();
@@ -84,29 +86,47 @@ void MessageDispatcher::Stop() {
   reactor_.Stop();
 }
 
-bool MessageDispatcher::OpenIpcRoad() {
+bool MessageDispatcher::ListenOnSockets() {
+  try {
+    socketListener_.Open(MakeDelegate(&MessageDispatcher::OnNewSocketConnection, this));
+  } catch (const SocketException& failure) {
+    ReportError("Failed to open listening TCP port " + std::to_string(socketListener_.GetPort()) +
+                " error=" + std::to_string(failure.GetCode()) + "\n");
+    return false;
+  }
+  if (!socketListener_.GetAcceptor()) return true;
+  if (!reactor_.Register(socketListener_.GetAcceptor().Get())) {
+    ReportError("Could not register SocketAcceptor");
+    return false;
+  }
+  if (RegisterChannel(socketListener_.GetDatagramChannel())) return true;
+  ReportError("Could not register datagram channel");
+  return false;
+}
+
+bool MessageDispatcher::ListenOnIpc() {
   if (ipcName_.empty()) return true;
   ipcAcceptor_ = new IpcAcceptor(ipcName_, MakeDelegate(&MessageDispatcher::OnNewIpcConnection, this),
-                                 MakeDelegate(&MessageDispatcher::HasRoom, this));
+                                 MakeDelegate(&MessageDispatcher::HasFreeSlot, this));
   isListening_ = ipcAcceptor_->IsListening();
   if (reactor_.Register(ipcAcceptor_.Get())) return true;
   ReportError("Could not register IpcAcceptor");
   return false;
 }
 
-// A client may give its place to the next one before its own channel is seen to have ended. Whoever holds a place and
-// says nothing keeps it only while there are others.
-bool MessageDispatcher::HasRoom() {
+// There can be more connections than admitted clients: a client may leave, and the next one connect, before the end of
+// its channel is noticed. A client that connects and sends nothing keeps its slot only while others are free.
+bool MessageDispatcher::HasFreeSlot() {
   static_assert(kMaxIpcChannels == MAXIMUM_WAIT_OBJECTS - 2);
   const Lock lock(channelsLock_);
   const auto count = std::count_if(channels_.begin(), channels_.end(), [](const auto& entry) {
     return entry.second->GetHandleType() == Reactor::kWaitable;
   });
   if (count < std::ptrdiff_t{kMaxIpcChannels}) return true;
-  // One at a time; the next pass, a second from now at most, sees its place free.
+  // One at a time; the next pass, at most a second from now, finds its slot free.
   for (const auto& entry : channels_) {
     auto* const channel = dynamic_cast<ServedIpcChannel*>(entry.second.Get());
-    if (channel != nullptr && channel->GiveWay()) break;
+    if (channel != nullptr && channel->EvictIfSilent()) break;
   }
   return false;
 }
@@ -115,21 +135,52 @@ void MessageDispatcher::RunWaitLoop() {
   reactor_.RunWaitLoop(kLoopTimeoutMs);
 }
 
+// The listener accepts connections from the time on that it is registered, so clients need not wait for the loops.
+bool MessageDispatcher::StartAnnouncing(const rc_ptr<Thread>& init) {
+  if (startDelayMs_ != 0) return init->Start(MakeDelegate(&MessageDispatcher::AnnounceLater, this));
+  Announce();
+  return true;
+}
+
+void MessageDispatcher::AnnounceLater() {
+  if (!ended_.Wait(startDelayMs_)) Announce();
+}
+
 void MessageDispatcher::Announce() {
-  if (ended_.Wait(kStartDelayMs)) return;
   TellClients(kStarted, Address());
   PostDelayed(NewMessage(kTick), kTickSeconds, 0);
+}
+
+bool MessageDispatcher::HasUnsent() {
+  std::vector<rc_ptr<MessageChannel>> channels;
+  {
+    const Lock lock(channelsLock_);
+    for (const auto& entry : channels_) channels.push_back(entry.second);
+  }
+  return std::any_of(channels.begin(), channels.end(), [](const auto& channel) {
+    auto* const served = dynamic_cast<ServedIpcChannel*>(channel.Get());
+    return served != nullptr && served->HasUnsent();
+  });
+}
+
+void MessageDispatcher::WaitUntilSent(u32 limitMs) {
+  const u32 start = GetTickCount();
+  while (HasUnsent() && GetTickCount() - start < limitMs) Sleep(kUnsentPollMs);
 }
 
 void MessageDispatcher::StopAllActivity() {
   bool isOk = StopClients();
   if (!reactor_.StopThreadPool()) isOk = false;
   if (isOk) return;
-  if (Log* log = Log::Get()) {
-    log->Write(Log::Error, Log::SERVER, "Exiting process early",
-               {{"reason", "MessageDispatcher::StopAllActivity failed"}});
-  }
+  WriteLog(Log::Error, Log::SERVER, "Exiting process early", {{"reason", "MessageDispatcher::StopAllActivity failed"}});
   ExitProcess(1);
+}
+
+// An introduction that is under way ends with its listener, and the wait loop with it.
+void MessageDispatcher::CloseListener() {
+  if (!ipcAcceptor_) return;
+  reactor_.Unregister(ipcAcceptor_.Get());
+  ipcAcceptor_->Close();
 }
 
 bool MessageDispatcher::StopClients() {
@@ -155,10 +206,7 @@ bool MessageDispatcher::StopClients() {
 }
 
 void MessageDispatcher::Close() {
-  if (socketAcceptor_) socketAcceptor_->Close();
-  socketAcceptor_.Reset();
-  if (datagramChannel_) datagramChannel_->Close();
-  datagramChannel_.Reset();
+  socketListener_.Close();
   if (ipcAcceptor_) ipcAcceptor_->Close();
   ipcAcceptor_.Reset();
   {
@@ -171,32 +219,45 @@ void MessageDispatcher::Close() {
 
 // Messages ------------------------------------------------------------------------------------------------------------
 
-void MessageDispatcher::OnChannelMessage(rc_ptr<Message> message, MessageChannel*) {
-  Post(std::move(message), false);
+void MessageDispatcher::OnChannelMessage(rc_ptr<Message> message, MessageChannel* channel) {
+  const u32 type = message->GetType();
+  if (type == kPing) Send(message->GetAddress(), NewMessage(kPong));
+  if (type == kPing || type == kPong) return;
+  bool isRefused = !IsNoTypeOfDispatcher(type);
+  if (!isRefused) {
+    const Lock lock(clientsLock_);
+    for (const auto& client : clients_) {
+      if (!client->IsReceiverOf(*message)) continue;
+      if (client->MayPeerSend(type)) {
+        client->Enqueue(message);
+      } else {
+        isRefused = true;
+      }
+    }
+  }
+  if (isRefused) DropRefused(*message, channel);
+}
+
+void MessageDispatcher::DropRefused(const Message& message, MessageChannel* channel) {
+  if (channel == nullptr || !channel->NoteRefusal()) return;
+  WriteLog(Log::Warning, Log::SERVER, "Message of a type that a peer may not send",
+           {{"type", std::to_string(message.GetType())}, {"address", message.GetAddress().ToString()}});
 }
 
 void MessageDispatcher::Post(rc_ptr<Message> message, bool) {
-  switch (message->GetType()) {
-    case kTick:
-      Housekeep();
-      return;
-    case kPing:
-      Send(message->GetAddress(), NewMessage(kPong));
-      return;
-    case kPong:
-      return;
-    default:
-      break;
+  if (message->GetType() == kTick) {
+    Housekeep();
+    return;
   }
-  const u32 destination = message->GetDestination();
   const Lock lock(clientsLock_);
   for (const auto& client : clients_) {
-    if (client->GetId() == 0 || client->GetId() == destination) client->Enqueue(message);
+    if (client->IsReceiverOf(*message)) client->Enqueue(message);
   }
 }
 
 void MessageDispatcher::PostDelayed(rc_ptr<Message> message, u32 seconds, u32 milliseconds) {
-  MessageTimer::Start(message, this, seconds, milliseconds);
+  const rc_ptr<Timer> timer(new Timer(MakeClosure(MakeDelegate(&MessageDispatcher::Post, this), message, true)));
+  reactor_.AddTimeout(timer.Get(), seconds * 1000 + milliseconds);
 }
 
 bool MessageDispatcher::Send(const Address& address, rc_ptr<Message> message) {
@@ -205,7 +266,8 @@ bool MessageDispatcher::Send(const Address& address, rc_ptr<Message> message) {
 }
 
 void MessageDispatcher::Broadcast(rc_ptr<Message> message, u16 port) {
-  if (datagramChannel_) datagramChannel_->Broadcast(std::move(message), port);
+  const rc_ptr<MessageChannel>& channel = socketListener_.GetDatagramChannel();
+  if (channel) channel->Broadcast(std::move(message), port);
 }
 
 void MessageDispatcher::TellClients(u32 type, const Address& address) {
@@ -215,8 +277,15 @@ void MessageDispatcher::TellClients(u32 type, const Address& address) {
 
 // Channels ------------------------------------------------------------------------------------------------------------
 
-bool MessageDispatcher::OnNewIpcConnection(IpcSocket* socket) {
-  if (socket == nullptr) return false;
+bool MessageDispatcher::OnNewSocketConnection(rc_ptr<TcpSocket> socket) {
+  if (!socket) return false;
+  if (RegisterChannel(new SocketChannel(socket, false))) return true;
+  ReportError("Could not register SocketChannel in OnNewSocketConnection()");
+  return false;
+}
+
+bool MessageDispatcher::OnNewIpcConnection(rc_ptr<IpcSocket> socket) {
+  if (!socket) return false;
   if (RegisterChannel(new ServedIpcChannel(socket))) return true;
   ReportError("Could not register IpcChannel in OnNewIpcConnection()");
   return false;
@@ -261,7 +330,7 @@ void MessageDispatcher::OnHandlerClosed(Reactor::EventHandler* handler) {
   auto* channel = dynamic_cast<MessageChannel*>(handler);
   Address address;
   if (channel != nullptr && RemoveChannel(channel, address)) TellClients(kClosed, address);
-  // The wait loop has a moment now: in a build the next client comes soon after the end of this one.
+  // In a build the next client comes soon after the end of this one; until then the wait loop has time for it.
   if (handler->GetHandleType() == Reactor::kWaitable && ipcAcceptor_) ipcAcceptor_->Prepare();
 }
 

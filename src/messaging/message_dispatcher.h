@@ -1,25 +1,28 @@
 // The server core of a master: listens for connections, keeps a table of channels by peer address, and delivers each
 // received message to its registered clients, each on a thread pool of its own.
 //
-// A message goes to every client whose id is 0 or equals the message's destination number; one that nobody takes is
-// dropped. There is no matching of replies: who wants to answer looks the channel up by the message's address
-// (FindChannel) and sends on it. Messages that the dispatcher makes itself have the types below, services 0 and 0 and
-// no segments.
+// A message goes to every client whose id is 0 or equals the message's destination number; one without a client is
+// dropped. What a message may do depends on where it comes from: a peer's message comes in by OnChannelMessage, which
+// delivers only the types that the client lets peers send, and never one of the dispatcher's own below; what this
+// process says to itself comes by Post. A refused message is dropped, with one log record for each channel.
+//
+// Replies are not matched to requests: a client answers on the channel that FindChannel gives for the
+// message's address. Messages that the dispatcher makes itself have the types below, services 0 and 0 and no segments.
 //
 //   type       meaning                                     goes to
 //   kTick      housekeeping, every 10 s                    handled inside
 //   kPing      are you there; to a channel silent for 25 s  the peer's dispatcher, answered with kPong
 //   kPong      I am here                                   the peer's dispatcher, dropped there
-//   kStarted   the dispatcher runs (a second after Run)    every client
+//   kStarted   the dispatcher runs (SetStartDelay)         every client
 //   kClosed    a channel has ended; address: the peer      every client
 //   kTimedOut  silent for over 50 s, closed; address: peer every client
 //
-// Life: AddClient and the error listeners, Run, which blocks until Stop, then Close.
+// Use: AddClient and the error listeners, Run, which blocks until Stop and then listens no more, then Close.
 //
 //   thread                        work
 //   caller of Run                 sockets, timers, housekeeping
 //   "Wait loop"                   accepting IPC connections; reading and parsing their channels; Post
-//   "dispatcher init"             the started message, then gone
+//   "dispatcher init"             the started message, then gone; none without a start delay
 //   "MessageDispatcher::Client"   the handlers of messages; one worker sees them in order
 //
 // Handlers never run on a loop thread. Send, Post, PostDelayed, FindChannel and Stop may come from any thread. The two
@@ -33,17 +36,18 @@
 #include <string>
 #include <vector>
 
+#include "messaging/dispatcher_client.h"
 #include "messaging/message.h"
 #include "messaging/message_channel.h"
-#include "messaging/timer.h"
-#include "runtime/critical_section.h"
-#include "runtime/delegate.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/reactor.h"
-#include "runtime/sync.h"
-#include "runtime/thread_pool.h"
-#include "runtime/types.h"
-#include "transport/address.h"
+#include "messaging/socket_listener.h"
+#include "runtime/base/critical_section.h"
+#include "runtime/base/delegate.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+#include "runtime/threads/reactor.h"
+#include "runtime/threads/sync.h"
+#include "runtime/threads/thread.h"
+#include "transport/sockets/address.h"
 
 namespace kestrun {
 
@@ -53,10 +57,9 @@ class TcpSocket;
 
 class MessageDispatcher {
  public:
-  class Client;
-  class MessageTimer;
-
-  using MessageHandler = Functor1<void, rc_ptr<Message>>::Type;
+  using Client = DispatcherClient;
+  using MessageHandler = DispatcherClient::Handler;
+  using PeerTypes = DispatcherClient::PeerTypes;
   using ErrorListener = Functor1<void, std::string>::Type;
 
   static constexpr u32 kTick = 1000000;
@@ -65,6 +68,9 @@ class MessageDispatcher {
   static constexpr u32 kStarted = 1000003;
   static constexpr u32 kClosed = 1000004;
   static constexpr u32 kTimedOut = 1000005;
+
+  // The peers' types of a client that names none: all but the dispatcher's own.
+  static bool IsNoTypeOfDispatcher(u32 type) { return type < kTick; }
 
   // Channels that one wait can serve beside the reactor's own handle and the listener's. At this number the listener
   // waits for a channel to end before it accepts the next connection.
@@ -79,23 +85,28 @@ class MessageDispatcher {
 
   // Before Run. A handler that throws a SystemException is reported by its pool, which goes on. False if its threads
   // can't be had.
-  virtual bool AddClient(u32 id, MessageHandler handler, u32 threads);
+  virtual bool AddClient(u32 id, MessageHandler handler, u32 threads, PeerTypes mayPeerSend = IsNoTypeOfDispatcher);
   // By UDP, where there is a socket for it; otherwise nothing.
   virtual void Broadcast(rc_ptr<Message> message, u16 port);
-  // Where every message is routed: from channels, from timers and from this process itself.
+  // Routes a message of this process itself, or of one of its timers.
   virtual void Post(rc_ptr<Message> message, bool fromTimer);
+  // Routes a message of the peer at the other end of this channel. On the thread that receives from the channel.
   virtual void OnChannelMessage(rc_ptr<Message> message, MessageChannel* channel);
   // False without a channel or if the channel fails.
   virtual bool Send(const Address& address, rc_ptr<Message> message);
   // Posted once, from the thread that runs Run; lost if that ends first.
   virtual void PostDelayed(rc_ptr<Message> message, u32 seconds, u32 milliseconds);
 
+  // Before Run: how long Run waits before it sends kStarted, a second unless this says otherwise. With 0 it is sent as
+  // soon as Run listens and its threads run.
+  void SetStartDelay(u32 delayMs) { startDelayMs_ = delayMs; }
   // 0 after a Stop, -1 after an error, which the error listeners were told.
   int Run();
   void Stop();
-  // False if the name for clients of this machine could not be had: Run goes on without that road. From the time on
-  // that the clients are told of the start.
+  // False if the IPC name could not be had: Run goes on without it. Valid once the clients are told of the start.
   bool IsListening() const { return isListening_; }
+  // Waits until no channel holds back messages for a client that is slow to read, at most limitMs. From any thread.
+  void WaitUntilSent(u32 limitMs);
   // Closes all channels and what listens. After Run.
   void Close();
 
@@ -107,8 +118,8 @@ class MessageDispatcher {
   bool CloseChannel(rc_ptr<MessageChannel> channel);
 
   // The accept delegates; they take the socket. The address of an accepted connection is its channel's.
-  bool OnNewSocketConnection(TcpSocket* socket);
-  bool OnNewIpcConnection(IpcSocket* socket);
+  bool OnNewSocketConnection(rc_ptr<TcpSocket> socket);
+  bool OnNewIpcConnection(rc_ptr<IpcSocket> socket);
 
   // Before Run. Called with the text of a failure of the dispatcher, on any thread.
   void AddErrorListener(ErrorListener listener);
@@ -116,63 +127,37 @@ class MessageDispatcher {
   void AddReactorErrorListener(ErrorListener listener);
 
  private:
-  bool OpenSocketRoad();
-  bool OpenIpcRoad();
-  bool HasRoom();
+  bool ListenOnSockets();
+  bool ListenOnIpc();
+  bool HasFreeSlot();
+  bool HasUnsent();
+  bool StartAnnouncing(const rc_ptr<Thread>& init);
   void Announce();
+  void AnnounceLater();
   void RunWaitLoop();
+  void DropRefused(const Message& message, MessageChannel* channel);
   void Housekeep();
   void Expire(const Address& address, const rc_ptr<MessageChannel>& channel);
   void TellClients(u32 type, const Address& address);
   bool RemoveChannel(MessageChannel* channel, Address& address);
   void OnHandlerClosed(Reactor::EventHandler* handler);
   void ReportError(const std::string& text);
+  void CloseListener();
   void StopAllActivity();
   bool StopClients();
 
   std::vector<ErrorListener> errorListeners_;  // constant while Run runs
   Reactor reactor_;
-  const std::string host_;
-  const u16 port_;
-  rc_ptr<Reactor::EventHandler> socketAcceptor_;
+  SocketListener socketListener_;  // constant while Run runs
   const std::string ipcName_;
-  rc_ptr<IpcAcceptor> ipcAcceptor_;  // constant while Run runs; null without that road
-  bool isListening_ = false;         // constant once Run has opened its roads
+  rc_ptr<IpcAcceptor> ipcAcceptor_;  // constant while Run runs; null without a name
+  bool isListening_ = false;         // constant once Run has begun to listen
   CriticalSection clientsLock_;
   std::vector<rc_ptr<Client>> clients_;  // guarded by clientsLock_
   CriticalSection channelsLock_;
   std::map<Address, rc_ptr<MessageChannel>> channels_;  // guarded by channelsLock_
-  rc_ptr<MessageChannel> datagramChannel_;
-  Condition ended_;  // ends the wait of "dispatcher init"
-};
-
-// One receiver of messages with its worker threads. Counted; its destructor stops the pool.
-class MessageDispatcher::Client : public rc_base {
- public:
-  Client(u32 id, MessageHandler handler, u32 threads);
-  ~Client() override;
-
-  u32 GetId() const { return id_; }
-  bool HasThreads() const { return hasThreads_; }
-  // At the back of the queue.
-  void Enqueue(const rc_ptr<Message>& message);
-  // What still waits is dropped. False if a handler is not done within 60 s.
-  bool Stop();
-
- private:
-  const u32 id_;
-  const MessageHandler handler_;
-  ThreadPool<Functor0<void>::Type> pool_;
-  const bool hasThreads_;
-};
-
-// Posts a message when its time has come. The reactor owns it and lets go of it once it has fired.
-class MessageDispatcher::MessageTimer : public Timer {
- public:
-  static void Start(const rc_ptr<Message>& message, MessageDispatcher* dispatcher, u32 seconds, u32 milliseconds);
-
- private:
-  MessageTimer(const rc_ptr<Message>& message, MessageDispatcher* dispatcher);
+  u32 startDelayMs_ = 1000;                             // constant while Run runs
+  Condition ended_;                                     // ends the wait of "dispatcher init"
 };
 
 }  // namespace kestrun

@@ -1,8 +1,11 @@
+#include "messaging/segment.h"
+
 #include <cstring>
 #include <utility>
 
-#include "messaging/message.h"
+#include "messaging/format_exception.h"
 #include "messaging/segment_list.h"
+#include "messaging/wire_format.h"
 
 namespace kestrun {
 
@@ -10,23 +13,22 @@ namespace {
 
 constexpr u32 kTypeMask = 0xFFFFFFF;
 constexpr u32 kNestedBit = 0x80000000;
-constexpr u32 kSegmentHeaderSize = 8;
 
 bool ReadWord(Stream& stream, u32& out) {
   return stream.Read(&out, sizeof out) == sizeof out;
 }
 
 void CheckLength(u32 length, const char* failure) {
-  if (length > Message::kMaxSegmentLength) throw Message::FormatException(failure);
+  if (length > Segment::kMaxLength) throw FormatException(failure);
 }
 
 template <class T>
-rc_ptr<Message::Segment> FromBytes(u32 type, T value) {
-  return new Message::Segment(type, &value, sizeof value);
+rc_ptr<Segment> FromBytes(u32 type, T value) {
+  return new Segment(type, &value, sizeof value);
 }
 
 template <class T>
-bool GetBytes(const Message::Segment& segment, T& out) {
+bool GetBytes(const Segment& segment, T& out) {
   if (segment.GetDataLength() != sizeof out) return false;
   std::memcpy(&out, segment.GetDataBegin(), sizeof out);
   return true;
@@ -34,9 +36,9 @@ bool GetBytes(const Message::Segment& segment, T& out) {
 
 }  // namespace
 
-Message::Segment::Segment(u32 type) : type_(type & kTypeMask) {}
+Segment::Segment(u32 type) : type_(type & kTypeMask) {}
 
-Message::Segment::Segment(u32 type, const void* bytes, u32 length) : type_(type & kTypeMask) {
+Segment::Segment(u32 type, const void* bytes, u32 length) : type_(type & kTypeMask) {
   CheckLength(length, "Invalid (too long) segment-length;2");
   if (length > kSharedDataLimit) {
     content_ = Shared(new MemoryStream(const_cast<void*>(bytes), length, false));
@@ -45,19 +47,19 @@ Message::Segment::Segment(u32 type, const void* bytes, u32 length) : type_(type 
   }
 }
 
-Message::Segment::Segment(Stream& stream, u32 length, u32 typeWord) : type_(typeWord) {
+Segment::Segment(Stream& stream, u32 length, u32 typeWord) : type_(typeWord) {
   CheckLength(length, "Invalid (too long) segment-length;1");
   ReadData(stream, length);
 }
 
-Message::Segment::Segment(u32 type, u32 length, Stream& stream) : type_(type & kTypeMask) {
+Segment::Segment(u32 type, u32 length, Stream& stream) : type_(type & kTypeMask) {
   CheckLength(length, "Invalid (too long) segment-length;3");
   ReadData(stream, length);
 }
 
-Message::Segment::~Segment() = default;
+Segment::~Segment() = default;
 
-void Message::Segment::ReadData(Stream& stream, u32 length) {
+void Segment::ReadData(Stream& stream, u32 length) {
   if (length > kSharedDataLimit) {
     auto* const memory = dynamic_cast<MemoryStream*>(&stream);
     content_ = memory != nullptr ? memory->TakeContent(length) : Shared(new MemoryStream(length, stream));
@@ -67,21 +69,21 @@ void Message::Segment::ReadData(Stream& stream, u32 length) {
   if (length > 0 && stream.Read(text.data(), length) < length) throw StreamException("Out of memory");
 }
 
-rc_ptr<Message::Segment> Message::Segment::FromString(u32 type, const std::string& value) {
-  CheckLength(value.size() > kMaxSegmentLength ? kMaxSegmentLength + 1 : static_cast<u32>(value.size()),
+rc_ptr<Segment> Segment::FromString(u32 type, const std::string& value) {
+  CheckLength(value.size() > kMaxLength ? kMaxLength + 1 : static_cast<u32>(value.size()),
               "Invalid (too long) segment-length;2");
   return new Segment(type, value.data(), static_cast<u32>(value.size()));
 }
 
-rc_ptr<Message::Segment> Message::Segment::FromPath(u32 type, const Path& value) {
+rc_ptr<Segment> Segment::FromPath(u32 type, const Path& value) {
   return FromString(type, value.ToString());
 }
 
-rc_ptr<Message::Segment> Message::Segment::FromText(u32 type, const char* value) {
+rc_ptr<Segment> Segment::FromText(u32 type, const char* value) {
   return FromString(type, value);
 }
 
-rc_ptr<Message::Segment> Message::Segment::FromContent(u32 type, const rc_ptr<MemoryStream>& value) {
+rc_ptr<Segment> Segment::FromContent(u32 type, const rc_ptr<MemoryStream>& value) {
   const u32 length = value->GetSize();
   if (length <= kSharedDataLimit) return new Segment(type, std::as_const(*value).GetData(), length);
   CheckLength(length, "Invalid (too long) segment-length;2");
@@ -90,27 +92,27 @@ rc_ptr<Message::Segment> Message::Segment::FromContent(u32 type, const rc_ptr<Me
   return segment;
 }
 
-rc_ptr<Message::Segment> Message::Segment::FromU8(u32 type, u8 value) {
+rc_ptr<Segment> Segment::FromU8(u32 type, u8 value) {
   return FromBytes(type, value);
 }
 
-rc_ptr<Message::Segment> Message::Segment::FromI32(u32 type, i32 value) {
+rc_ptr<Segment> Segment::FromI32(u32 type, i32 value) {
   return FromBytes(type, value);
 }
 
-rc_ptr<Message::Segment> Message::Segment::FromU32(u32 type, u32 value) {
+rc_ptr<Segment> Segment::FromU32(u32 type, u32 value) {
   return FromBytes(type, value);
 }
 
-rc_ptr<Message::Segment> Message::Segment::FromI64(u32 type, std::int64_t value) {
+rc_ptr<Segment> Segment::FromI64(u32 type, std::int64_t value) {
   return FromBytes(type, value);
 }
 
-rc_ptr<Message::Segment> Message::Segment::FromU64(u32 type, u64 value) {
+rc_ptr<Segment> Segment::FromU64(u32 type, u64 value) {
   return FromBytes(type, value);
 }
 
-rc_ptr<Message::Segment> Message::Segment::Parse(Stream& stream, u32 depth) {
+rc_ptr<Segment> Segment::Parse(Stream& stream, u32 depth) {
   u32 typeWord = 0;
   if (!ReadWord(stream, typeWord)) throw FormatException("Not enough bytes for segment type");
   u32 count = 0;
@@ -126,36 +128,36 @@ rc_ptr<Message::Segment> Message::Segment::Parse(Stream& stream, u32 depth) {
   if (!ReadWord(stream, count)) throw FormatException("Not enough bytes for nested-segment count");
   rc_ptr<Segment> segment(new Segment(typeWord));
   // The list grows with the children that are really there.
-  for (i32 left = static_cast<i32>(count); left > 0; --left) segment->AddNested(Parse(stream, depth + 1).Get());
+  for (i32 left = static_cast<i32>(count); left > 0; --left) segment->AddNested(Parse(stream, depth + 1));
   return segment;
 }
 
-u32 Message::Segment::GetDataLength() const {
+u32 Segment::GetDataLength() const {
   if (const auto* text = std::get_if<std::string>(&content_)) return static_cast<u32>(text->size());
   if (const auto* shared = std::get_if<Shared>(&content_)) return (*shared)->GetSize();
   return 0;
 }
 
-const u8* Message::Segment::GetDataBegin() const {
+const u8* Segment::GetDataBegin() const {
   if (const auto* text = std::get_if<std::string>(&content_)) return reinterpret_cast<const u8*>(text->data());
   if (const auto* shared = std::get_if<Shared>(&content_)) return std::as_const(**shared).GetData();
   return nullptr;
 }
 
-const u8* Message::Segment::GetDataEnd() const {
+const u8* Segment::GetDataEnd() const {
   const u8* begin = GetDataBegin();
   return begin != nullptr ? begin + GetDataLength() : nullptr;
 }
 
-std::string_view Message::Segment::GetText() const {
+std::string_view Segment::GetText() const {
   return {reinterpret_cast<const char*>(GetDataBegin()), GetDataLength()};
 }
 
-void Message::Segment::GetString(std::string& out) const {
+void Segment::GetString(std::string& out) const {
   out = GetText();
 }
 
-MemoryStream& Message::Segment::MakeShared() {
+MemoryStream& Segment::MakeShared() {
   if (std::holds_alternative<Nested>(content_)) {
     throw FormatException("Cannot add data to a Segment containing nested Segments");
   }
@@ -167,15 +169,15 @@ MemoryStream& Message::Segment::MakeShared() {
   return *std::get<Shared>(content_);
 }
 
-void Message::Segment::AppendData(const void* bytes, u32 length) {
+void Segment::AppendData(const void* bytes, u32 length) {
   if (MakeShared().Append(bytes, length) != length) throw StreamException("Out of memory");
 }
 
-bool Message::Segment::LoadData(const Path& path) {
+bool Segment::LoadData(const Path& path) {
   return MakeShared().MapFile(path);
 }
 
-bool Message::Segment::SaveData(const Path& path, u32* length) const {
+bool Segment::SaveData(const Path& path, u32* length) const {
   if (const auto* shared = std::get_if<Shared>(&content_)) {
     if (length != nullptr) *length = (*shared)->GetSize();
     return (*shared)->SaveFile(path);
@@ -188,75 +190,81 @@ bool Message::Segment::SaveData(const Path& path, u32* length) const {
   return stream->SaveFile(path);
 }
 
-void Message::Segment::AddNested(Segment* segment) {
-  const rc_ptr<Segment> held(segment);
+void Segment::AddNested(const rc_ptr<Segment>& segment) {
   if (std::holds_alternative<std::monostate>(content_)) content_.emplace<Nested>();
   auto* nested = std::get_if<Nested>(&content_);
   if (nested == nullptr) throw FormatException("Cannot add a nested Segment to a Segment containing data.");
-  nested->push_back(held);
+  nested->push_back(segment);
 }
 
-u32 Message::Segment::GetNestedCount() const {
+u32 Segment::GetNestedCount() const {
   const auto* nested = std::get_if<Nested>(&content_);
   return nested != nullptr ? static_cast<u32>(nested->size()) : 0;
 }
 
-rc_ptr<Message::Segment> Message::Segment::GetNested(u32 index) const {
+rc_ptr<Segment> Segment::GetNested(u32 index) const {
   const auto* nested = std::get_if<Nested>(&content_);
   return nested != nullptr ? detail::At(*nested, index) : nullptr;
 }
 
-rc_ptr<Message::Segment> Message::Segment::FindNested(u32 type, u32 occurrence) const {
+rc_ptr<Segment> Segment::FindNested(u32 type, u32 occurrence) const {
   const auto* nested = std::get_if<Nested>(&content_);
   return nested != nullptr ? detail::Find(*nested, type, occurrence) : nullptr;
 }
 
-u32 Message::Segment::Serialize(Streams& out) const {
+u64 Segment::GetWireSize() const {
+  u64 size = wire::kSegmentHeaderSize + u64{GetDataLength()};
+  if (const auto* nested = std::get_if<Nested>(&content_)) {
+    for (const auto& segment : *nested) size += segment->GetWireSize();
+  }
+  return size;
+}
+
+void Segment::Serialize(Streams& out) const {
   Stream& last = *out.back();
   const u32 nestedCount = GetNestedCount();
   const u32 length = GetDataLength();
   const u32 words[] = {GetType() | (nestedCount > 0 ? kNestedBit : 0), nestedCount > 0 ? nestedCount : length};
+  static_assert(sizeof words == wire::kSegmentHeaderSize);
   last.Write(words, sizeof words);
-  u32 count = kSegmentHeaderSize;
-  for (u32 i = 0; i < nestedCount; ++i) count += GetNested(i)->Serialize(out);
+  for (u32 i = 0; i < nestedCount; ++i) GetNested(i)->Serialize(out);
   if (length > kSharedDataLimit) {
     out.push_back(rc_ptr<Stream>(std::get<Shared>(content_)));
     out.emplace_back(new MemoryStream());
   } else if (length > 0) {
     last.Write(GetDataBegin(), length);
   }
-  return count + length;
 }
 
-bool GetValue(const Message::Segment& segment, std::string& out) {
+bool GetValue(const Segment& segment, std::string& out) {
   segment.GetString(out);
   return true;
 }
 
-bool GetValue(const Message::Segment& segment, Path& out) {
+bool GetValue(const Segment& segment, Path& out) {
   std::string text;
   segment.GetString(text);
   out = Path(text);
   return true;
 }
 
-bool GetValue(const Message::Segment& segment, u8& out) {
+bool GetValue(const Segment& segment, u8& out) {
   return GetBytes(segment, out);
 }
 
-bool GetValue(const Message::Segment& segment, i32& out) {
+bool GetValue(const Segment& segment, i32& out) {
   return GetBytes(segment, out);
 }
 
-bool GetValue(const Message::Segment& segment, u32& out) {
+bool GetValue(const Segment& segment, u32& out) {
   return GetBytes(segment, out);
 }
 
-bool GetValue(const Message::Segment& segment, std::int64_t& out) {
+bool GetValue(const Segment& segment, std::int64_t& out) {
   return GetBytes(segment, out);
 }
 
-bool GetValue(const Message::Segment& segment, u64& out) {
+bool GetValue(const Segment& segment, u64& out) {
   return GetBytes(segment, out);
 }
 

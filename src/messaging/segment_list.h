@@ -1,22 +1,25 @@
-// Lists of segments, of a message and of a segment alike: null for what is not there.
+// Lookups in a list of segments, that of a message or of a container. Null for what is not there.
 #ifndef KESTRUN_MESSAGING_SEGMENT_LIST_H_
 #define KESTRUN_MESSAGING_SEGMENT_LIST_H_
 
 #include <vector>
 
-#include "messaging/message.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/types.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
 
 namespace kestrun::detail {
 
-using SegmentList = std::vector<rc_ptr<Message::Segment>>;
+template <class T>
+using SegmentList = std::vector<rc_ptr<T>>;
 
-inline rc_ptr<Message::Segment> At(const SegmentList& list, u32 index) {
+template <class T>
+rc_ptr<T> At(const SegmentList<T>& list, u32 index) {
   return index < list.size() ? list[index] : nullptr;
 }
 
-inline rc_ptr<Message::Segment> Find(const SegmentList& list, u32 type, u32 occurrence) {
+// The occurrence-th (from 0) segment of this type.
+template <class T>
+rc_ptr<T> Find(const SegmentList<T>& list, u32 type, u32 occurrence) {
   for (const auto& segment : list) {
     if (segment->GetType() == type && occurrence-- == 0) return segment;
   }

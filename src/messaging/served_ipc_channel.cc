@@ -2,26 +2,14 @@
 
 #include <utility>
 
+#include "messaging/wire_format.h"
+
 namespace kestrun {
 
 namespace {
 
 // An honest client sends as soon as it is connected.
 constexpr u32 kSilenceMs = 5000;
-constexpr u32 kFrameAndHeaderSize = 4 + Message::kHeaderSize;
-constexpr u32 kSegmentHeaderSize = 8;
-
-u64 SizeOf(const Message::Segment& segment) {
-  u64 size = kSegmentHeaderSize + u64{segment.GetDataLength()};
-  for (u32 i = 0; i < segment.GetNestedCount(); ++i) size += SizeOf(*segment.GetNested(i));
-  return size;
-}
-
-u64 FrameSize(const Message& message) {
-  u64 size = kFrameAndHeaderSize;
-  for (u32 i = 0; i < message.GetSegmentCount(); ++i) size += SizeOf(*message.GetSegment(i));
-  return size;
-}
 
 }  // namespace
 
@@ -54,13 +42,13 @@ void ServedIpcChannel::OnMessage(rc_ptr<Message> message, MessageChannel* channe
   if (delegate_) delegate_(std::move(message), channel);
 }
 
-bool ServedIpcChannel::GiveWay() {
+bool ServedIpcChannel::EvictIfSilent() {
   if (hasSpoken_ || GetTickCount() - acceptedAt_ < kSilenceMs) return false;
-  socket_->GiveUp();
+  socket_->DropPeer();
   return true;
 }
 
-// The lock is held while a message goes out that finds room, so that it keeps its place before the next one.
+// The lock is held while a message that finds room is written, so that messages go out in the order of their Sends.
 bool ServedIpcChannel::Send(rc_ptr<Message> message) {
   const Lock lock(queueLock_);
   if (isClosed_) return false;
@@ -68,15 +56,20 @@ bool ServedIpcChannel::Send(rc_ptr<Message> message) {
   return Queue(message);
 }
 
-// Room does not shrink while nobody else writes. A socket that has lost its peer fails at once.
+// Room does not shrink until the next write, which waits for queueLock_. A socket that has lost its peer fails at once.
 bool ServedIpcChannel::FindsRoom(const Message& message) {
-  return !socket_->IsConnected() || FrameSize(message) <= socket_->GetRoom();
+  return !socket_->IsConnected() || wire::kFrameHeaderSize + message.GetWireSize() <= socket_->GetRoom();
+}
+
+bool ServedIpcChannel::HasUnsent() {
+  const Lock lock(queueLock_);
+  return isSending_;
 }
 
 bool ServedIpcChannel::Queue(const rc_ptr<Message>& message) {
   queue_.push_back(message);
   if (isSending_) return true;
-  // The one before has nothing more to do than to end.
+  // The previous sender has found the queue empty and only has to return.
   if (sender_) sender_->Wait(kNoLimit);
   sender_ = new Thread("Result sender");
   isSending_ = sender_->Start(MakeDelegate(&ServedIpcChannel::SendQueued, this));

@@ -1,11 +1,11 @@
-// The master's end of a client's channel: whatever the client does or does not do, nobody else waits for it.
+// The master's end of a client's channel: a client that does not read delays no other client.
 //
-// Send never waits for the client to read. What finds room in the ring goes out on the caller's thread; once a message
-// finds none, it and those behind it are queued, and a thread of the channel's own sends them in order and ends with
-// the last. The queue has no bound: it holds what the client's own jobs have put out. A true result means sent or
-// queued.
+// Send never waits for the client to read. A message that finds room in the ring is written on the caller's thread;
+// once a message finds none, it and those behind it are queued, and a thread of the channel sends them in order and
+// ends with the last. The queue has no bound: it holds what the client's own jobs have put out. A true result means
+// sent or queued.
 //
-// Close gives up what is queued. It waits for that thread, which the closing of the socket ends at once.
+// Close drops what is queued. It waits for that thread, which the closing of the socket ends at once.
 #ifndef KESTRUN_MESSAGING_SERVED_IPC_CHANNEL_H_
 #define KESTRUN_MESSAGING_SERVED_IPC_CHANNEL_H_
 
@@ -13,8 +13,8 @@
 #include <deque>
 
 #include "messaging/ipc_channel.h"
-#include "runtime/critical_section.h"
-#include "runtime/thread.h"
+#include "runtime/base/critical_section.h"
+#include "runtime/threads/thread.h"
 
 namespace kestrun {
 
@@ -28,9 +28,11 @@ class ServedIpcChannel : public IpcChannel {
   bool Register(Reactor* reactor, MessageDelegate delegate) override;
   void Close() override;
 
-  // For when places run out: ends a connection that has stood for some seconds and has not brought one message, as if
-  // its client had gone. True if it was such a one. From any thread; waits for nothing.
-  bool GiveWay();
+  // Messages wait for room in the ring. What is in the ring needs no sender: the client reads it even after Close.
+  bool HasUnsent();
+  // Ends a connection that is some seconds old and has not brought one message, as if its client had gone, so that
+  // another client can have its slot. True if it was such a connection. From any thread; waits for nothing.
+  bool EvictIfSilent();
 
  private:
   void OnMessage(rc_ptr<Message> message, MessageChannel* channel);
@@ -42,12 +44,12 @@ class ServedIpcChannel : public IpcChannel {
   const u32 acceptedAt_;  // by the tick count
   std::atomic<bool> hasSpoken_{false};
   MessageDelegate delegate_;
-  CriticalSection queueLock_;  // taken before everything of the transport; not held while that waits
+  CriticalSection queueLock_;  // taken before all locks of the transport; not held while the transport waits
   // Guarded by queueLock_.
   bool isClosed_ = false;
   bool isSending_ = false;
   std::deque<rc_ptr<Message>> queue_;
-  rc_ptr<Thread> sender_;  // the last one that was started; it may have ended
+  rc_ptr<Thread> sender_;  // the last one that was started; it may have returned
 };
 
 }  // namespace kestrun

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "transport/socket.h"
+#include "transport/sockets/socket.h"
 
 namespace kestrun {
 
@@ -32,14 +32,18 @@ int SocketAcceptor::GetHandle() {
   return socket ? static_cast<int>(socket->GetDescriptor()) : -1;
 }
 
+bool SocketAcceptor::IsClosed() {
+  return !GetSocket();
+}
+
 bool SocketAcceptor::HandleEvent() {
   const rc_ptr<ListenSocket> socket = GetSocket();
   if (!socket) return false;
   const u32 descriptor = socket->Accept();
   if (descriptor == Socket::kInvalidDescriptor) throw SocketException(WSAENOTSOCK, "accept() failed");
-  // Our reference, so that a connection that nobody takes is closed.
+  // A connection that the factory does not keep is closed with this reference.
   const rc_ptr<TcpSocket> connection(new TcpSocket(descriptor));
-  if (factory_ && !factory_(connection.Get())) std::fputs("SocketAcceptor : factory-function failed!\n", stderr);
+  if (factory_ && !factory_(connection)) std::fputs("SocketAcceptor : factory-function failed!\n", stderr);
   return true;
 }
 

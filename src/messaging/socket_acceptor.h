@@ -5,12 +5,12 @@
 #ifndef KESTRUN_MESSAGING_SOCKET_ACCEPTOR_H_
 #define KESTRUN_MESSAGING_SOCKET_ACCEPTOR_H_
 
-#include "runtime/critical_section.h"
-#include "runtime/delegate.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/reactor.h"
-#include "runtime/types.h"
-#include "transport/socket_address.h"
+#include "runtime/base/critical_section.h"
+#include "runtime/base/delegate.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+#include "runtime/threads/reactor.h"
+#include "transport/sockets/socket_address.h"
 
 namespace kestrun {
 
@@ -19,8 +19,7 @@ class TcpSocket;
 
 class SocketAcceptor : public Reactor::EventHandler {
  public:
-  // A factory that gives true has taken the socket.
-  using Factory = Functor1<bool, TcpSocket*>::Type;
+  using Factory = Functor1<bool, rc_ptr<TcpSocket>>::Type;
 
   SocketAcceptor(const SocketAddress& address, Factory factory, bool reuseAddress);
   // On every local interface.
@@ -36,6 +35,7 @@ class SocketAcceptor : public Reactor::EventHandler {
   bool HandleEvent() override;
   // Ends the listening. May come from another thread.
   void Close() override;
+  bool IsClosed() override;
 
  private:
   rc_ptr<ListenSocket> GetSocket() const;

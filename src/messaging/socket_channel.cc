@@ -3,8 +3,8 @@
 #include <ctime>
 #include <utility>
 
-#include "transport/socket.h"
-#include "transport/socket_stream.h"
+#include "transport/sockets/socket.h"
+#include "transport/sockets/socket_stream.h"
 
 namespace kestrun {
 
@@ -15,9 +15,9 @@ constexpr u32 kMaxBytesAtOnce = 0x100000;
 
 }  // namespace
 
-SocketChannel::SocketChannel(Socket* socket, bool blocking) : socket_(socket), lastActivity_(Now()) {
+SocketChannel::SocketChannel(rc_ptr<Socket> socket, bool blocking) : socket_(std::move(socket)), lastActivity_(Now()) {
   socket_->SetBlocking(blocking);
-  output_ = new SocketStream(socket);
+  output_ = new SocketStream(socket_);
 }
 
 SocketChannel::~SocketChannel() = default;
@@ -60,7 +60,7 @@ bool SocketChannel::IsDatagram() {
   return socket_->GetType() == SOCK_DGRAM;
 }
 
-// A datagram comes alone: behind one that fills the block there is not more of it.
+// Each read gives one datagram whole, so one that fills the block has no rest.
 bool SocketChannel::ReadInto(MemoryStream& buffer, int) {
   u8 block[kReadBlock];
   for (u32 total = 0; total < kMaxBytesAtOnce;) {

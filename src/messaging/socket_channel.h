@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "messaging/message_channel.h"
-#include "runtime/rc_ptr.h"
+#include "runtime/base/rc_ptr.h"
 
 namespace kestrun {
 
@@ -15,11 +15,12 @@ class Socket;
 class SocketChannel : public MessageChannel {
  public:
   // Takes the socket and puts it into this mode. Throws SocketException.
-  SocketChannel(Socket* socket, bool blocking);
+  SocketChannel(rc_ptr<Socket> socket, bool blocking);
   ~SocketChannel() override;
 
   int GetHandle() override;
   int GetHandleType() override { return 0; }
+  bool IsClosed() override { return GetHandle() == kNoHandle; }
   bool Connect(const Address& address, u32 timeoutMs) override;
   bool Broadcast(rc_ptr<Message> message, u16 port) override;
   Address GetAddress() override;

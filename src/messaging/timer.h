@@ -4,8 +4,8 @@
 
 #include <utility>
 
-#include "runtime/delegate.h"
-#include "runtime/reactor.h"
+#include "runtime/base/delegate.h"
+#include "runtime/threads/reactor.h"
 
 namespace kestrun {
 

@@ -27,6 +27,17 @@ void SetStandardStreamsBinary();
 // stream that one of them has locked is left alone; this may take a second.
 void FlushStandardStreams();
 
+// Why the write on a standard stream failed that was this thread's last call.
+struct WriteFailure {
+  bool isReaderGone;  // of the pipe or socket
+  std::string cause;
+};
+WriteFailure LastWriteFailure();
+
+// Ends this process as programs of the system end that write where the reader has gone: by SIGPIPE on Linux, quietly
+// with exit code 1 on Windows. Returns only where this process was started with that signal ignored or blocked.
+void EndWithoutReader();
+
 // The last step of looking up a program, for when no candidate exists by its exact name: the executable file in the
 // candidate's folder whose name equals the candidate's last component, or that less ".exe", without regard to case (the
 // smallest in byte order). Always false where the system's own lookups ignore case.
@@ -35,12 +46,37 @@ bool FindExecutableIgnoringCase(const std::string& candidate, std::string& found
 // fopen with the name mapping of the layer (either separator is accepted). Null on failure, with errno set.
 std::FILE* OpenStdio(const std::string& name, const char* mode);
 
+// As OpenStdio for reading. Null at once for what can keep a reader waiting, such as a FIFO.
+std::FILE* OpenRegularFile(const std::string& name);
+
+// A flag for CreateFileA, for a file that is written where other users may write as well. The call then fails with
+// ERROR_ACCESS_DENIED for a file of another user, and for a symbolic link that another user has made. The administrator
+// is no other user. 0 where the access of files and folders is all there is.
+extern const DWORD kRefuseFilesOfOthers;
+
+// For messages, why such a call failed: the name is no regular file, so that opening it could wait without end; or the
+// file, the folder or the symbolic link belongs to another user. Empty if that is not so.
+std::string WhyNoFile(const std::string& name);
+std::string WhyOfOthers(const std::string& name);
+
 // Processors that this process may really use: affinity and, where there is one, the cgroup quota. At least 1.
 unsigned UsableProcessors();
+
+// The folder in which named objects are; empty where they are in none, and where it can't be used.
+std::string NamedObjectFolder();
+
+// From here on this process and what it starts share named objects with no other process. Before the first named object
+// is made; the folder is the caller's to remove. False where all processes of a user share one set of names.
+bool SeparateNamedObjects();
 
 // Asks a child of this process to end, as a user does who ends it from outside (SIGTERM). False where the system has
 // no way to ask one process alone, or if there is no such child.
 bool AskToEnd(DWORD childId);
+
+// Makes the processor time of the children that shared this process's terminal, with all that was below them, count as
+// time of this process's children, as a shell's `time` shows it. Waits for what stands between, at most `limitMs`. For a
+// process whose children have all ended. Nothing where the system keeps no such count.
+void TakeOverChildTimes(DWORD limitMs);
 
 // A handle as the int that the reactor keeps, and back. Handles have 32 significant bits on every system.
 inline int HandleToInt(HANDLE handle) {

@@ -19,12 +19,12 @@
 
 #else
 
-#include "platform/linux/diagnostics_api.h"
-#include "platform/linux/file_api.h"
-#include "platform/linux/process_api.h"
-#include "platform/linux/security_api.h"
-#include "platform/linux/socket_api.h"
-#include "platform/linux/sync_api.h"
+#include "platform/api/diagnostics_api.h"
+#include "platform/api/file_api.h"
+#include "platform/api/process_api.h"
+#include "platform/api/security_api.h"
+#include "platform/api/socket_api.h"
+#include "platform/api/sync_api.h"
 
 #endif
 

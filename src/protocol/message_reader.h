@@ -9,8 +9,8 @@
 #include <string_view>
 
 #include "messaging/message.h"
-#include "runtime/rc_ptr.h"
-#include "runtime/types.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
 
 namespace kestrun {
 

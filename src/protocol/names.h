@@ -1,4 +1,4 @@
-// The names under which clients find the master of an id.
+// The names under which clients find the master of an id, and by which they know that they run in one of its jobs.
 #ifndef KESTRUN_PROTOCOL_NAMES_H_
 #define KESTRUN_PROTOCOL_NAMES_H_
 
@@ -6,13 +6,16 @@
 
 namespace kestrun {
 
-// The semaphore whose places clients take.
+// The semaphore that admits clients; its maximum is the number of client slots.
 inline std::string GetAccessName(const std::string& id) {
   return "zelvo_client_access_" + id;
 }
 inline std::string GetListeningName(const std::string& id) {
   return "zelvo_client_ipc_" + id;
 }
+
+// The environment variable that a master sets to its id for the tools that it runs in its own environment.
+inline constexpr const char* kJobVariable = "KESTRUN_JOB";
 
 }  // namespace kestrun
 

@@ -1,18 +1,18 @@
-// What a client and its master share while the client asks for a place through the table of places, which is there
-// when the master reads Extensions/ReclaimPlaces. docs/protocol.md tells the steps.
+// The table through which clients ask their master for admission. It exists while a master runs with the setting
+// Extensions/ReclaimPlaces. docs/protocol.md has the steps.
 #ifndef KESTRUN_PROTOCOL_PLACE_TABLE_H_
 #define KESTRUN_PROTOCOL_PLACE_TABLE_H_
 
 #include <atomic>
 #include <string>
 
-#include "runtime/types.h"
+#include "runtime/base/types.h"
 
 namespace kestrun {
 
-// A zeroed region of memory of this form, under GetTableName. A slot is zero or belongs to the client whose process id
-// and stamp stand in it; each step is one change of the whole word, so that a client killed at any moment leaves a word
-// that tells where it stood.
+// The form of the shared memory named GetTableName, zero at first. A slot is zero or belongs to the client whose
+// process id and stamp it holds. Each step changes the whole word at once, so that a client that is killed at any
+// moment leaves a word that tells how far it was.
 struct PlaceTable {
   static constexpr u32 kSlots = 1024;
   static constexpr u32 kSize = kSlots * 8;
@@ -41,7 +41,7 @@ inline u64 WithPlaceState(u64 word, PlaceState state) {
 inline std::string GetTableName(const std::string& id) {
   return "zelvo_client_places_" + id;
 }
-// The event by which clients call the master.
+// The event with which clients tell the master that a slot has changed.
 inline std::string GetCallName(const std::string& id) {
   return GetTableName(id) + ".call";
 }
@@ -49,11 +49,16 @@ inline std::string GetCallName(const std::string& id) {
 inline std::string GetKeeperName(const std::string& id) {
   return GetTableName(id) + ".keeper";
 }
-// The event of the client whose word this is: the master answers with it, and learns by its handle count that the
-// client has gone.
+// The event of the client whose word this is: the master answers with it, and learns from its handle count that the
+// client has ended.
 inline std::string GetPlaceName(const std::string& id, u64 word) {
   return "zelvo_client_place_" + id + "." + std::to_string(word >> 32) + "." +
          std::to_string(static_cast<u32>(word) >> 2);
+}
+
+// The id of the table in which clients ask for job slots, where the system has no local streams.
+inline std::string GetJobSlotsId(const std::string& id) {
+  return id + ".jobs";
 }
 
 }  // namespace kestrun

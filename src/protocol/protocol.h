@@ -1,9 +1,9 @@
-// The numbers of the protocol between stubs and master. Only the numbers travel; docs/protocol.md tells which message
-// holds which segments, who sends it and when.
+// The numbers of the protocol between stubs and master. Only the numbers are sent; docs/protocol.md tells which message
+// holds which segments, which side sends it, and when.
 #ifndef KESTRUN_PROTOCOL_PROTOCOL_H_
 #define KESTRUN_PROTOCOL_PROTOCOL_H_
 
-#include "runtime/types.h"
+#include "runtime/base/types.h"
 
 namespace kestrun {
 
@@ -24,6 +24,12 @@ enum MessageType : u32 {
   MSG_BUILD_RESULT = 600,      // master to stub: output, and with SEG_EXIT_CODE the end of a job
   MSG_PROJECT_COMPLETE = 601,  // master to script stub, after its last result
 };
+
+// The types that a master takes from its clients. Each acts for the client whose channel brings it, but for MSG_STOP,
+// with which any client ends the master. All others are the master's own, and refused if a channel brings them.
+inline bool MayStubSend(u32 type) {
+  return type == MSG_BUILD_REQUEST || type == MSG_STOP || type == MSG_PROJECT_DETAILS;
+}
 
 // Segment types: text unless a comment gives another form.
 enum SegmentType : u32 {

@@ -4,8 +4,8 @@
 
 #include <random>
 
-#include "runtime/memory_stream.h"
-#include "runtime/process.h"
+#include "runtime/files/memory_stream.h"
+#include "runtime/process/process.h"
 #include "support/child.h"
 
 namespace kestrun::dorn {

@@ -6,34 +6,46 @@ namespace kestrun::dorn {
 namespace {
 
 using Words = std::vector<std::string>;
+using Action = Options::Action;
 
 TEST(DornOptions, EndAtTheFirstWordThatIsNoneOrAtTheMark) {
   const struct {
     Words arguments;
     std::string id;
+    u32 jobs;
     Words command;
   } cases[] = {
-      {{"make", "-j8", "--help"}, "", {"make", "-j8", "--help"}},
-      {{"--", "--version", "--"}, "", {"--version", "--"}},
-      {{"--id", "a.b_C-1", "make"}, "a.b_C-1", {"make"}},
-      {{"--id", "x", "--", "--id", "y"}, "x", {"--id", "y"}},
-      {{"-"}, "", {"-"}},
+      {{"make", "-j8", "--help"}, "", 0, {"make", "-j8", "--help"}},
+      {{"--", "--version", "--"}, "", 0, {"--version", "--"}},
+      {{"--id", "a.b_C-1", "make"}, "a.b_C-1", 0, {"make"}},
+      {{"--id", "x", "--", "--id", "y"}, "x", 0, {"--id", "y"}},
+      {{"-j", "3", "make", "-j", "4"}, "", 3, {"make", "-j", "4"}},
+      {{"-j1024", "make"}, "", 1024, {"make"}},
+      {{"-"}, "", 0, {"-"}},
   };
-  for (const auto& [arguments, id, command] : cases) {
+  for (const auto& [arguments, id, jobs, command] : cases) {
     Options options;
     std::string error;
     EXPECT_TRUE(ParseOptions(arguments, options, error)) << error;
     EXPECT_EQ(options.id, id);
+    EXPECT_EQ(options.jobs, jobs);
     EXPECT_EQ(options.command, command);
-    EXPECT_FALSE(options.showHelp || options.showVersion);
+    EXPECT_EQ(options.action, Action::kBuild);
   }
 }
 
-TEST(DornOptions, NeedNoCommandForHelpAndVersion) {
-  Options options;
-  std::string error;
-  EXPECT_TRUE(ParseOptions({"--help", "--version"}, options, error));
-  EXPECT_TRUE(options.showHelp && options.showVersion);
+TEST(DornOptions, NeedNoCommandForWhatOnlyTells) {
+  const std::pair<Words, Action> cases[] = {{{"--help", "--version"}, Action::kHelp},
+                                            {{"--version"}, Action::kVersion},
+                                            {{"--where"}, Action::kWhere},
+                                            {{"--settings"}, Action::kListSettings},
+                                            {{"--settings", "update"}, Action::kUpdateSettings}};
+  for (const auto& [arguments, action] : cases) {
+    Options options;
+    std::string error;
+    EXPECT_TRUE(ParseOptions(arguments, options, error)) << error;
+    EXPECT_EQ(options.action, action);
+  }
 }
 
 TEST(DornOptions, AreRefusedWithAReason) {
@@ -45,7 +57,15 @@ TEST(DornOptions, AreRefusedWithAReason) {
                          {"--id", ""},
                          {"--id", "a b", "make"},
                          {"--id", "a\"", "make"},
-                         {"--id", std::string(101, 'a'), "make"}};
+                         {"--id", std::string(101, 'a'), "make"},
+                         {"-j"},
+                         {"-j", "make"},
+                         {"-j0", "make"},
+                         {"-j-1", "make"},
+                         {"-j1025", "make"},
+                         {"-j99999999999999999999", "make"},
+                         {"--settings", "make"},
+                         {"--settings", "update", "x"}};
   for (const Words& arguments : cases) {
     Options options;
     std::string error;

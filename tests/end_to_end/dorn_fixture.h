@@ -7,6 +7,7 @@
 #include <string>
 
 #include "build_fixture.h"
+#include "support/becomes_true.h"
 
 namespace kestrun::test {
 
@@ -47,12 +48,23 @@ class Dorn : public Build {
     return build;
   }
 
+  // The master of this build, or another one, runs.
+  static bool HasMaster() {
+    const HANDLE master = OpenEventA(SYNCHRONIZE, FALSE, "Global\\dorn_kr_project_stub");
+    if (master != nullptr) CloseHandle(master);
+    return master != nullptr;
+  }
+  static void ExpectNoMaster() {
+    EXPECT_TRUE(BecomesTrue([] { return !HasMaster(); }));
+  }
+
   // Within five seconds: tool and background process have ended, and the name of the one master is free again.
   void ExpectAllGone(RunningBuild& build) {
     const auto start = Clock::now();
     EXPECT_TRUE(build.dorn.EndsWithin(5000));
     std::istringstream lines(folder_.Read(build.pids));
     for (unsigned long pid = 0; lines >> pid;) EXPECT_TRUE(ProcessEndsWithin(pid, 5000));
+    ExpectNoMaster();
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
     StartMaster();
     EXPECT_EQ(StopMaster(), 0);

@@ -28,16 +28,51 @@ TEST_F(Dorn, WritesAFirstSettingsFileAndKeepsOneThatIsThere) {
   EXPECT_NE(first.errors.find("Zelvo.ini"), std::string::npos);
   const std::string written = folder_.Read("common/DORN/Zelvo.ini");
   EXPECT_NE(written.find("MaxConcurrentJobs=int:"), std::string::npos);
-  for (const char* name :
-       {"EagerScheduling", "CancelOrphanedJobs", "EnforceJobTimeout", "DiscardOutput", "ReclaimPlaces"}) {
+  for (const char* name : {"EagerScheduling", "CancelOrphanedJobs", "EnforceJobTimeout", "DiscardOutput",
+                           "ReclaimPlaces", "TransparentTools"}) {
     EXPECT_NE(written.find(std::string(name) + "=bool:true"), std::string::npos) << name;
   }
+
+  EXPECT_NE(written.find("LoggingEnabled=bool:false"), std::string::npos);
 
   WriteSettings("MaxConcurrentJobs=int:3\n");
   const std::string own = folder_.Read("common/DORN/Zelvo.ini");
   const RunResult second = RunDorn({tool_, "exit", "0"});
   EXPECT_EQ(second.errors, "");
   EXPECT_EQ(folder_.Read("common/DORN/Zelvo.ini"), own);
+}
+
+TEST_F(Dorn, WarnsOfSettingsThatDoNotHold) {
+  WriteSettings("MaxConcurrentJobs=4\n# a comment\n\n[Extensions]\nEagerScheduling=bool:true\n");
+  const RunResult form = RunDorn({tool_, "exit", "3"});
+  EXPECT_EQ(form.exitCode, 3);
+  EXPECT_NE(form.errors.find("DORN: warning: "), std::string::npos);
+  EXPECT_NE(form.errors.find("Zelvo.ini:4: "), std::string::npos) << form.errors;
+
+  WriteSettings("MaxConcurrentJobs=int:-2\n");
+  const RunResult value = RunDorn({tool_, "exit", "3"});
+  EXPECT_EQ(value.exitCode, 125);
+  EXPECT_NE(value.errors.find("DORN: error: "), std::string::npos);
+  EXPECT_NE(value.errors.find("Zelvo.ini:3: "), std::string::npos) << value.errors;
+}
+
+// What a newer version recommends is named once; older keys that the user took out are not named again.
+TEST_F(Dorn, NamesNewSettingsOnceAndAddsThem) {
+  std::filesystem::remove_all(folder_.Path() / "common");
+  RunDorn({tool_, "exit", "0"});
+  folder_.Write("common/DORN/Zelvo.known", "LocalSettings/MaxConcurrentJobs\r\nExtensions/DiscardOutput\r\n");
+  WriteSettings("\n[Extensions]\nEagerScheduling=bool:true\nReclaimPlaces=bool:true\nEnforceJobTimeout=bool:false\n");
+  const RunResult told = RunDorn({tool_, "exit", "0"});
+  EXPECT_NE(told.errors.find(": Extensions/TransparentTools, Extensions/CancelOrphanedJobs ("), std::string::npos)
+      << told.errors;
+  EXPECT_EQ(RunDorn({tool_, "exit", "0"}).errors, "");
+  EXPECT_EQ(RunDorn({"--settings", "update"}).exitCode, 0);
+  const std::string text = folder_.Read("common/DORN/Zelvo.ini");
+  EXPECT_NE(text.find("TransparentTools=bool:true"), std::string::npos);
+  EXPECT_NE(text.find("EnforceJobTimeout=bool:false"), std::string::npos);
+  const RunResult list = RunDorn({"--settings"});
+  EXPECT_EQ(list.exitCode, 0);
+  EXPECT_NE(list.output.find("EnforceJobTimeout"), std::string::npos);
 }
 
 TEST_F(Dorn, RunsNothingIfTheMasterCannotStart) {

@@ -10,7 +10,8 @@ namespace {
 using FrontEnd = Build;
 
 constexpr char kNoMaster[] =
-    "KESTRUN: error: could not access master Kestrun instance (this should have been started by DORN) - aborting...\n";
+    "KESTRUN: error: could not access master Kestrun instance (this should have been started by DORN) - aborting...\n"
+    "KESTRUN: run the build as \"dorn <build command>\", which starts a master for it\n";
 
 TEST_F(FrontEnd, TellsHowItIsUsed) {
   for (const Words& words : {Words{"--help"}, Words{"--help", "--version"}}) {
@@ -64,6 +65,7 @@ TEST_F(FrontEnd, RunsNothingWithoutAMaster) {
   const RunResult script = Script("$TOOL create " + mark + "\n");
   EXPECT_EQ(script.exitCode, 1);
   EXPECT_NE(script.errors.find("Could not access master Kestrun instance"), std::string::npos);
+  EXPECT_NE(script.errors.find("dorn <build command>"), std::string::npos);
   EXPECT_FALSE(std::filesystem::exists(mark));
 }
 

@@ -6,9 +6,10 @@
 
 #include "build_fixture.h"
 #include "messaging/ipc_channel.h"
+#include "messaging/message_dispatcher.h"
 #include "protocol/message_reader.h"
 #include "protocol/protocol.h"
-#include "runtime/mapped_file.h"
+#include "runtime/files/mapped_file.h"
 
 namespace kestrun::test {
 namespace {
@@ -45,6 +46,55 @@ class HostilePeer : public Build {
     EXPECT_EQ(result.errors, "") << beside;
   }
 };
+
+// The master's own messages: the result of another's job, ticks, and what its dispatcher tells it.
+TEST_F(HostilePeer, ThatSpeaksForTheMasterIsNotHeard) {
+  StartMaster();
+  const std::string mark = folder_.File("running");
+  NamedEvent go;
+  Child waiting = StartTool({"create", mark, ",", "await", go.Name(), ",", "exit", "4"});
+  while (!Path(mark).Exists()) SwitchToThread();
+  const rc_ptr<IpcChannel> channel = new IpcChannel(ConnectRaw());
+  for (i32 job = 0; job < 4; ++job) {
+    rc_ptr<Message> result = new Message(MSG_LOCAL_JOB_RESULT, kMasterService, kMasterService);
+    result->AddI32(SEG_JOB_ID, job).AddI32(SEG_EXIT_CODE, 0).AddString(SEG_STDOUT, "forged\n");
+    channel->Send(result);
+  }
+  for (const u32 type : {u32{MSG_QUEUE_TICK}, u32{MSG_JOBS_FINISHED}, u32{MSG_DRAIN_REQUESTS}}) {
+    channel->Send(new Message(type, kMasterService, kMasterService));
+  }
+  for (u32 type = 1000000; type < 1000010; ++type) channel->Send(new Message(type, kMasterService, kMasterService));
+  channel->Send(Request("exit 5"));
+  EXPECT_EQ(channel->Receive(60000)->GetType(), MessageDispatcher::kPong);
+  EXPECT_EQ(channel->Receive(60000)->GetType(), u32{MSG_BUILD_RESULT});
+  go.Signal();
+  EXPECT_EQ(waiting.Wait(), 4);
+  EXPECT_EQ(waiting.Output(), "");
+  EXPECT_EQ(LogCount("Message of a type that a peer may not send"), 1);
+  EXPECT_EQ(LogCount("Finished Jobs"), 0);
+  EXPECT_EQ(StopMaster(), 0);
+}
+
+TEST_F(HostilePeer, ThatAnnouncesTheProjectOfAnotherGetsNoneOfItsJobs) {
+  StartMaster();
+  const auto announce = [](u32 jobs) {
+    rc_ptr<Message> details = new Message(MSG_PROJECT_DETAILS, kStubService, kMasterService);
+    details->AddString(SEG_PROJECT, "p").AddU32(SEG_JOB_COUNT, jobs);
+    return details;
+  };
+  const rc_ptr<IpcChannel> script = new IpcChannel(ConnectRaw());
+  script->Send(announce(1));
+  while (LogCount("New Project") < 1 && !Master().EndsWithin(10)) continue;
+  const rc_ptr<IpcChannel> peer = new IpcChannel(ConnectRaw());
+  for (int i = 0; i < 1000; ++i) peer->Send(announce(1));
+  while (LogCount("New Project") < 1001 && !Master().EndsWithin(10)) continue;
+  rc_ptr<Message> request = Request("exit 5");
+  request->AddString(SEG_PROJECT, "p");
+  script->Send(request);
+  EXPECT_EQ(script->Receive(60000)->GetType(), u32{MSG_BUILD_RESULT});
+  EXPECT_EQ(script->Receive(60000)->GetType(), u32{MSG_PROJECT_COMPLETE});
+  EXPECT_EQ(StopMaster(), 0);
+}
 
 TEST_F(HostilePeer, ThatNeverReadsHoldsUpNobodyElse) {
   StartMaster();

@@ -8,7 +8,7 @@
 #include "protocol/names.h"
 #include "protocol/place_table.h"
 #include "support/becomes_true.h"
-#include "transport/handle_count.h"
+#include "transport/shared/handle_count.h"
 
 namespace kestrun::test {
 

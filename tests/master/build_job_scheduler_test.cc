@@ -2,11 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <iterator>
-
-#include "recording_channel.h"
-#include "support/child.h"
-#include "support/names.h"
+#include "job_test.h"
 
 namespace kestrun {
 namespace {
@@ -16,26 +12,8 @@ using test::RecordingChannel;
 using test::TextOf;
 
 // A scheduler with one local build thread, and its message thread played by the test.
-class SchedulerTest : public testing::Test {
+class SchedulerTest : public test::JobTest {
  protected:
-  SchedulerTest() { dispatcher_.AddClient(kMasterService, MakeDelegate(&SchedulerTest::OnMessage, this), 1); }
-
-  void OnMessage(rc_ptr<Message> message) { messages_.Push(message); }
-  rc_ptr<Message> NextMessage() {
-    rc_ptr<Message> message;
-    messages_.Pop(message, kNoLimit);
-    return message;
-  }
-
-  // A job that runs the test tool with these words.
-  rc_ptr<BuildJob> Job(u32 id, const std::string& project, const std::string& words = "exit 0") {
-    rc_ptr<BuildJob> job = new BuildJob(id);
-    job->projectName = project;
-    job->commandLine = "\"" + test::ProgramPath("test_tool") + "\" " + words;
-    job->workingDirectory = folder_.Path().string();
-    job->clientAddress = stub_->GetAddress();
-    return job;
-  }
   void Add(const rc_ptr<BuildJob>& job) {
     scheduler_.AddJob(job);
     scheduler_.ScheduleIfPending();
@@ -51,32 +29,13 @@ class SchedulerTest : public testing::Test {
     return job;
   }
 
-  test::TempFolder folder_;
-  IniFile settings_;
-  BlockingQueue<rc_ptr<Message>> messages_;
-  MessageDispatcher dispatcher_{"", 0, ""};
-  const rc_ptr<RecordingChannel> stub_ = RecordingChannel::Add(dispatcher_, test::UniqueName());
   BuildJobScheduler scheduler_{1, &settings_, &dispatcher_};
 };
 
-TEST_F(SchedulerTest, RunsJobsInTheOrderOfTheirNumbersAndPostsWhatTheyDid) {
-  for (u32 id : {3u, 1u, 2u}) {
-    const std::string number = std::to_string(id);
-    scheduler_.AddJob(Job(id, "p", "print o" + number + " , error e" + number + " , exit " + number));
-  }
+TEST_F(SchedulerTest, HandsJobsOnInTheOrderOfTheirNumbers) {
+  for (u32 id : {3u, 1u, 2u}) scheduler_.AddJob(Job(id, "p"));
   scheduler_.ScheduleIfPending();
-  for (i32 id = 1; id <= 3; ++id) {
-    const rc_ptr<Message> result = NextMessage();
-    EXPECT_EQ(result->GetType(), MSG_LOCAL_JOB_RESULT);
-    EXPECT_EQ(result->GetAddress().ToString(), "tcp:127.0.0.1/0");
-    EXPECT_EQ(NumberOf(result, SEG_JOB_ID), id);
-    EXPECT_EQ(NumberOf(result, SEG_EXIT_CODE), id);
-    EXPECT_EQ(TextOf(result, SEG_STDOUT), "o" + std::to_string(id) + "\n");
-    EXPECT_EQ(TextOf(result, SEG_STDERR), "e" + std::to_string(id) + "\n");
-    u64 startTime = 0;
-    EXPECT_TRUE(MessageReader(result).ReadLong(SEG_START_TIME, startTime));
-    EXPECT_GE(NumberOf(result, SEG_ELAPSED), 0);
-  }
+  for (u32 id = 1; id <= 3; ++id) EXPECT_EQ(Finish()->id, id);
 }
 
 TEST_F(SchedulerTest, TakesOneResultForEachJob) {
@@ -125,6 +84,43 @@ TEST_F(SchedulerTest, LetsJobsOfAReplacedProjectEndWithTheirOwnRecord) {
   EXPECT_EQ(other->Next()->GetType(), MSG_PROJECT_COMPLETE);
 }
 
+// The other client announces the same name between the announcement and its jobs.
+TEST_F(SchedulerTest, KeepsTheJobsOfAClientInItsOwnProject) {
+  const rc_ptr<RecordingChannel> other = RecordingChannel::Add(dispatcher_, test::UniqueName());
+  scheduler_.NewProject("p", 2, 0, stub_->GetAddress());
+  scheduler_.NewProject("p", 1, 0, other->GetAddress());
+  for (u32 id : {1u, 2u}) {
+    EXPECT_EQ(stub_->Count(), 0u);
+    Add(Job(id, "p"));
+    Finish();
+  }
+  ASSERT_EQ(stub_->Count(), 1u);
+  EXPECT_EQ(other->Count(), 0u);
+}
+
+// Only what has a job, and the latest few of a client that lives, are kept: a job that comes too late finds a project
+// of its own name and not the announced one.
+TEST_F(SchedulerTest, ForgetsAnnouncementsThatGetNoJob) {
+  constexpr u32 kMost = BuildJobScheduler::kMostUnusedProjects;
+  scheduler_.NewProject("used", 2, 0, stub_->GetAddress());
+  scheduler_.AddJob(Job(1, "used"));
+  for (u32 i = 0; i <= kMost; ++i) scheduler_.NewProject("p" + std::to_string(i), 7, 0, stub_->GetAddress());
+  const std::pair<const char*, u32> totals[] = {{"used", 2}, {"p0", 1}, {"p1", 7}};
+  u32 id = 1;
+  for (const auto& [name, total] : totals) {
+    const rc_ptr<BuildJob> job = Job(++id, name);
+    scheduler_.AddJob(job);
+    EXPECT_EQ(job->project->totalJobs, total) << name;
+  }
+  scheduler_.ClientGone(stub_->GetAddress());
+  const std::pair<const char*, u32> later[] = {{"used", 3}, {"p1", 7}, {"p2", 1}};
+  for (const auto& [name, total] : later) {
+    const rc_ptr<BuildJob> job = Job(++id, name);
+    scheduler_.AddJob(job);
+    EXPECT_EQ(job->project->totalJobs, total) << name;
+  }
+}
+
 TEST_F(SchedulerTest, StopsTheMasterForAJobWithoutAProject) {
   const rc_ptr<BuildJob> job = Job(7, "lost");
   testing::internal::CaptureStderr();
@@ -133,49 +129,6 @@ TEST_F(SchedulerTest, StopsTheMasterForAJobWithoutAProject) {
   const rc_ptr<Message> stop = NextMessage();
   EXPECT_EQ(stop->GetType(), MSG_STOP);
   EXPECT_EQ(TextOf(stop, SEG_STOP_REASON), "Job is part of unknown project: lost");
-}
-
-TEST_F(SchedulerTest, MarksResultsThatAreNoReasonToStop) {
-  EXPECT_TRUE(scheduler_.SendResult(stub_, "o", "e", -1, true));
-  const rc_ptr<Message> marked = stub_->Next();
-  EXPECT_EQ(NumberOf(marked, SEG_EXIT_CODE), -1);
-  EXPECT_EQ(NumberOf(marked, SEG_KEEP_GOING), 1);
-  EXPECT_TRUE(scheduler_.SendResult(stub_, "o", "e", -1, false));
-  EXPECT_FALSE(stub_->Next()->FindSegment(SEG_KEEP_GOING));
-  EXPECT_FALSE(scheduler_.SendResult(nullptr, "o", "e", 0, false));
-  EXPECT_FALSE(scheduler_.SendOutput(nullptr, "o", "e"));
-}
-
-TEST_F(SchedulerTest, EndsAToolThatRunsLongerThanItsJobMay) {
-  settings_.SetBool("Extensions/EnforceJobTimeout", true);
-  BuildJobScheduler scheduler(6, &settings_, &dispatcher_);
-  const struct {
-    const char* words;
-    u32 seconds;
-    i32 code;
-    std::string out;
-    std::string err;
-  } cases[] = {
-      {"print a , hold", 5, 124, "a\n", "KESTRUN: error: job ran longer than 5 seconds and was ended\r\n"},
-      {"error b , hold", 5, 124, "", "b\nKESTRUN: error: job ran longer than 5 seconds and was ended\r\n"},
-      {"fill 0 1 , hold", 5, 124, "", "\r\r\nKESTRUN: error: job ran longer than 5 seconds and was ended\r\n"},
-      {"print c , exit 124", 3600, 124, "c\n", ""},
-      {"exit 2", 0, 2, "", ""},
-      {"exit 3", 0xFFFFFFFF, 3, "", ""},
-  };
-  for (u32 id = 0; id < std::size(cases); ++id) {
-    const rc_ptr<BuildJob> job = Job(id, "p", cases[id].words);
-    job->timeoutSeconds = cases[id].seconds;
-    scheduler.AddJob(job);
-  }
-  scheduler.ScheduleIfPending();
-  for (std::size_t i = 0; i < std::size(cases); ++i) {
-    const rc_ptr<Message> result = NextMessage();
-    const auto& c = cases[NumberOf(result, SEG_JOB_ID)];
-    EXPECT_EQ(NumberOf(result, SEG_EXIT_CODE), c.code) << c.words;
-    EXPECT_EQ(TextOf(result, SEG_STDOUT), c.out) << c.words;
-    EXPECT_EQ(TextOf(result, SEG_STDERR), c.err) << c.words;
-  }
 }
 
 TEST_F(SchedulerTest, CancelsTheJobsOfALostClientAndOfNoOther) {

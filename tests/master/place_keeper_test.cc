@@ -6,8 +6,8 @@
 
 #include <future>
 
+#include "client/client_slot.h"
 #include "protocol/names.h"
-#include "stubs/client_place.h"
 #include "support/child.h"
 #include "support/names.h"
 
@@ -15,7 +15,7 @@ namespace kestrun {
 namespace {
 
 using test::Child;
-using Outcome = ClientPlace::Outcome;
+using Outcome = ClientSlot::Outcome;
 
 constexpr u32 kLongMs = 30000;
 
@@ -25,7 +25,7 @@ const char* Describe(Outcome outcome) {
 
 // Words: the id, "table" or "semaphore".
 KESTRUN_CHILD(TakesAPlace) {
-  ClientPlace place;
+  ClientSlot place;
   if (!place.Open(words[0], words[1] == "table")) return 1;
   test::Say("asking");
   test::Say(Describe(place.Wait(600000)));
@@ -86,7 +86,7 @@ TEST_F(Places, AreServedOnBothRoadsAndNotLostWhenAClientGivesUp) {
   Child holders[] = {StartAdmitted("semaphore"), StartAdmitted(), StartAdmitted()};
   // Not on this thread, which owns the keeper's mutex.
   const auto waitInVain = std::async(std::launch::async, [this] {
-    ClientPlace impatient;
+    ClientSlot impatient;
     EXPECT_TRUE(impatient.Open(id_, true));
     EXPECT_EQ(impatient.Wait(1), Outcome::kTimeOver);
   });
@@ -120,8 +120,8 @@ TEST_F(Places, AreNotWaitedForBehindAMasterThatHasGone) {
   keeper_ = nullptr;
   EXPECT_EQ(waits.ReadLine(), "gone");
   // Its clients keep what it left behind.
-  EXPECT_FALSE(ClientPlace().Open(id_, true));
-  EXPECT_TRUE(ClientPlace().Open(id_, false));
+  EXPECT_FALSE(ClientSlot().Open(id_, true));
+  EXPECT_TRUE(ClientSlot().Open(id_, false));
 }
 
 // Whatever others write into the table, the count stays right.

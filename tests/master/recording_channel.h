@@ -8,7 +8,7 @@
 #include "messaging/message_channel.h"
 #include "messaging/message_dispatcher.h"
 #include "protocol/protocol.h"
-#include "runtime/blocking_queue.h"
+#include "runtime/threads/blocking_queue.h"
 #include "support/message_text.h"
 
 namespace kestrun::test {

@@ -7,10 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "../transport/ipc_ends.h"
+#include "../transport/shared/ipc_ends.h"
 #include "fakes.h"
-#include "messaging/ipc_acceptor.h"
-#include "runtime/thread.h"
 #include "support/child.h"
 
 namespace kestrun {
@@ -80,6 +78,9 @@ TEST(IpcChannel, ClosedPeerEndsReceiveAfterItsMessages) {
   for (const char* text : {"one", "two", "three"}) EXPECT_EQ(TextOf(ends.serverChannel->Receive(-1)), text);
   EXPECT_FALSE(ends.serverChannel->Receive(-1));
   EXPECT_FALSE(ends.serverChannel->Send(TextMessage(std::string(100000, 'x'))));
+  EXPECT_FALSE(ends.serverChannel->IsClosed()) << "its peer is gone, but it is still to be closed";
+  ends.serverChannel->Close();
+  EXPECT_TRUE(ends.serverChannel->IsClosed());
 }
 
 TEST(IpcChannel, ConnectsAnewAndByAddress) {
@@ -90,6 +91,7 @@ TEST(IpcChannel, ConnectsAnewAndByAddress) {
   const rc_ptr<IpcChannel> server(new IpcChannel(accepted.get()));
   ends.clientChannel->Send(TextMessage("again"));
   EXPECT_EQ(TextOf(server->Receive(-1)), "again");
+  EXPECT_FALSE(ends.clientChannel->IsClosed());
 
   accepted = ends.Accept();
   const rc_ptr<MessageChannel> made(MessageChannel::Create(Address(Address::kIpc, ends.name), kLongMs));
@@ -97,71 +99,6 @@ TEST(IpcChannel, ConnectsAnewAndByAddress) {
   EXPECT_TRUE(accepted.get());
   EXPECT_EQ(MessageChannel::Create(Address(Address::kIpc, test::UniqueName()), 100), nullptr);
   EXPECT_EQ(MessageChannel::Create(Address(Address::kInt, "x"), 100), nullptr);
-}
-
-// A reactor's wait loop on a thread of its own.
-class WaitLoop {
- public:
-  explicit WaitLoop(Reactor* reactor) : reactor_(reactor) { thread_->Start(MakeDelegate(&WaitLoop::Run, this)); }
-  ~WaitLoop() {
-    reactor_->Stop();
-    thread_->Wait(kNoLimit);
-  }
-
- private:
-  void Run() { reactor_->RunWaitLoop(1000); }
-  Reactor* reactor_;
-  const rc_ptr<Thread> thread_{new Thread("wait loop")};
-};
-
-class IpcAcceptorTest : public testing::Test {
- protected:
-  bool OnConnection(IpcSocket* socket) {
-    const rc_ptr<IpcSocket> taken(socket);
-    if (refusals_-- > 0) return false;
-    accepted_.set_value(taken);
-    return true;
-  }
-  bool HasRoom() { return hasRoom_; }
-  IpcAcceptor::Factory Factory() { return MakeDelegate(&IpcAcceptorTest::OnConnection, this); }
-  IpcAcceptor::Room Room() { return MakeDelegate(&IpcAcceptorTest::HasRoom, this); }
-
-  const std::string name_ = test::UniqueName();
-  int refusals_ = 0;
-  bool hasRoom_ = false;
-  std::promise<rc_ptr<IpcSocket>> accepted_;
-  Reactor reactor_{0};
-};
-
-TEST_F(IpcAcceptorTest, GoesOnAfterARefusal) {
-  refusals_ = 1;
-  const rc_ptr<IpcAcceptor> acceptor(new IpcAcceptor(name_, Factory()));
-  ASSERT_TRUE(reactor_.Register(acceptor.Get()));
-  WaitLoop loop(&reactor_);
-  IpcSocket refused;
-  EXPECT_TRUE(refused.Connect(name_, kLongMs));
-  char byte;
-  EXPECT_FALSE(refused.Read(&byte, 1, kNoLimit).isConnected);
-  IpcSocket taken;
-  EXPECT_TRUE(taken.Connect(name_, kLongMs));
-  EXPECT_EQ(accepted_.get_future().get()->GetName(), taken.GetName());
-}
-
-TEST_F(IpcAcceptorTest, NameInUseLeavesItWithoutASocket) {
-  IpcSocket holder;
-  ASSERT_TRUE(holder.Listen(name_));
-  const rc_ptr<IpcAcceptor> acceptor(new IpcAcceptor(name_, Factory()));
-  EXPECT_FALSE(acceptor->IsListening());
-  EXPECT_EQ(acceptor->GetHandle(), -1);
-  EXPECT_FALSE(acceptor->HandleEvent());
-}
-
-TEST_F(IpcAcceptorTest, WaitsOnlyForRequestsThatItHasRoomFor) {
-  const rc_ptr<IpcAcceptor> acceptor(new IpcAcceptor(name_, Factory(), Room()));
-  EXPECT_TRUE(acceptor->HandleEvent()) << "a wake-up without a request";
-  EXPECT_EQ(acceptor->GetHandle(), -1);
-  hasRoom_ = true;
-  EXPECT_NE(acceptor->GetHandle(), -1);
 }
 
 }  // namespace

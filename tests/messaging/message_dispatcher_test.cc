@@ -5,15 +5,16 @@
 #include <memory>
 #include <string>
 
+#include "../transport/shared/connector.h"
 #include "fakes.h"
 #include "messaging/ipc_channel.h"
 #include "messaging/socket_channel.h"
-#include "runtime/blocking_queue.h"
-#include "runtime/thread.h"
+#include "runtime/threads/blocking_queue.h"
+#include "runtime/threads/thread.h"
 #include "support/names.h"
-#include "transport/ipc_socket.h"
-#include "transport/socket.h"
-#include "transport/socket_stream.h"
+#include "transport/shared/ipc_socket.h"
+#include "transport/sockets/socket.h"
+#include "transport/sockets/socket_stream.h"
 
 namespace kestrun {
 namespace {
@@ -126,6 +127,28 @@ TEST_F(MessageDispatcherTest, RoutesByDestination) {
   EXPECT_EQ(other_.GetSize(), 0u);
 }
 
+// What a peer sends, of the types that a client names: the rest comes from this process alone.
+TEST_F(MessageDispatcherTest, APeerSpeaksForItselfOnly) {
+  constexpr u32 kOwn = 102;
+  dispatcher_->AddClient(5, other_.Handler(), 1, [](u32 type) { return type != kOwn; });
+  Start();
+  const rc_ptr<MessageChannel> channel = Connect();
+  for (u32 type : {MessageDispatcher::kTick, MessageDispatcher::kStarted, MessageDispatcher::kClosed,
+                   MessageDispatcher::kTimedOut, MessageDispatcher::kTimedOut + 1, kOwn}) {
+    channel->Send(new Message(type, kService, 5));
+    channel->Send(new Message(type, kService, kService));
+  }
+  dispatcher_->Post(new Message(kOwn, 5, 5), false);
+  EXPECT_EQ(other_.Next()->GetType(), kOwn);
+  channel->Send(TextMessage("last", 5));
+  channel->Send(TextMessage("last"));
+  EXPECT_EQ(TextOf(other_.Next()), "last");
+  EXPECT_EQ(inbox_.Next()->GetType(), kOwn);
+  EXPECT_EQ(TextOf(inbox_.Next()), "last");
+  // The start of this dispatcher, which is told once.
+  EXPECT_LE(other_.GetSize() + inbox_.GetSize(), 2u);
+}
+
 TEST_F(MessageDispatcherTest, TellsOfItsStartAndStopsWithoutError) {
   Start();
   const rc_ptr<Message> message = inbox_.NextOfAll();
@@ -194,6 +217,21 @@ TEST_F(MessageDispatcherTest, SocketChannelsLeaveRoomForIpc) {
   Start();
   Connect()->Send(TextMessage("in"));
   EXPECT_EQ(TextOf(inbox_.Next()), "in");
+}
+
+// The wait loop serves its introduction for up to 5 s.
+TEST_F(MessageDispatcherTest, StopsAtOnceBesideAConnectorThatDoesNotGoOn) {
+  Start();
+  Connect();
+  test::Connector connector(name_);
+  connector.TakeTurn();
+  connector.Attach();
+  connector.Ask();
+  connector.AwaitReply();
+  const u32 start = GetTickCount();
+  Stop();
+  EXPECT_LT(GetTickCount() - start, 4000u);
+  EXPECT_EQ(result_, 0);
 }
 
 TEST_F(MessageDispatcherTest, DelayedMessageIsPostedOnce) {

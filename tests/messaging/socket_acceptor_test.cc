@@ -4,13 +4,13 @@
 
 #include <string>
 
-#include "transport/socket.h"
+#include "transport/sockets/socket.h"
 
 namespace kestrun {
 namespace {
 
 bool takes = false;
-bool Offer(TcpSocket* socket) {
+bool Offer(rc_ptr<TcpSocket> socket) {
   if (takes) socket->Send("taken", 5);
   return takes;
 }

@@ -4,6 +4,9 @@
 #include <io.h>
 
 #include <bit>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 
 namespace kestrun::platform {
 
@@ -12,6 +15,14 @@ const bool kFileNamesIgnoreCase = true;
 
 std::string DefaultCommonPath() {
   return "c:\\Program Files\\Ravelin Works\\Common";
+}
+
+std::string NamedObjectFolder() {
+  return "";
+}
+
+bool SeparateNamedObjects() {
+  return false;
 }
 
 void SetStandardStreamsBinary() {
@@ -35,8 +46,36 @@ void FlushStandardStreams() {
   CloseHandle(thread);
 }
 
+// The run-time library knows one of the system's errors for it and makes EINVAL of the others.
+WriteFailure LastWriteFailure() {
+  const int error = errno;
+  const unsigned long systemError = _doserrno;
+  const bool isReaderGone =
+      systemError == ERROR_BROKEN_PIPE || systemError == ERROR_NO_DATA || systemError == ERROR_PIPE_NOT_CONNECTED;
+  return {error == EPIPE || isReaderGone, std::strerror(error)};
+}
+
+void EndWithoutReader() {
+  ExitProcess(1);
+}
+
 std::FILE* OpenStdio(const std::string& name, const char* mode) {
   return std::fopen(name.c_str(), mode);
+}
+
+std::FILE* OpenRegularFile(const std::string& name) {
+  return OpenStdio(name, "r");
+}
+
+// Links can be made by the administrator alone, and files are as open as their folders.
+const DWORD kRefuseFilesOfOthers = 0;
+
+std::string WhyNoFile(const std::string&) {
+  return "";
+}
+
+std::string WhyOfOthers(const std::string&) {
+  return "";
 }
 
 unsigned UsableProcessors() {
@@ -45,6 +84,8 @@ unsigned UsableProcessors() {
   if (!GetProcessAffinityMask(GetCurrentProcess(), &own, &all) || own == 0) return 1;
   return static_cast<unsigned>(std::popcount(own));
 }
+
+void TakeOverChildTimes(DWORD) {}
 
 // A console tells all the processes in it.
 bool AskToEnd(DWORD) {

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "../dorn_fixture.h"
+#include "runtime/base/handle.h"
 #include "surroundings.h"
 
 namespace kestrun::test {
@@ -107,6 +108,27 @@ TEST_F(Surroundings, AFullObjectFolderIsNamed) {
   }
 }
 
+TEST_F(Surroundings, AFullObjectTableIsNamed) {
+  std::vector<UniqueHandle> events;
+  for (;;) {
+    UniqueHandle event(CreateEventA(nullptr, TRUE, FALSE, UniqueName("e2e_fill").c_str()));
+    if (!event) break;
+    events.push_back(std::move(event));
+  }
+  // From none that is left for a build to some.
+  for (const std::size_t left : {0u, 1u, 4u, 10u}) {
+    events.resize(events.size() - left);
+    ExpectWorksOrFails(RunBuild({}), "for named objects: its object table is full, with 8192 objects",
+                       std::to_string(left));
+  }
+}
+
+TEST_F(Surroundings, WithoutProcItSaysSo) {
+  const RunResult result = RunBuild({"mount:/proc=4096"});
+  if (result.exitCode == kNotPossible) GTEST_SKIP() << result.errors;
+  ExpectFails(result, "cannot read /proc/self/exe: No such file or directory", "");
+}
+
 TEST_F(Surroundings, TemporaryFolders) {
   ChildOptions more;
   more.environment["TMPDIR"] = "/dev/null";
@@ -127,6 +149,34 @@ TEST_F(Surroundings, AFullDiskUnderTheLog) {
   ExpectWorks(RunBuild({}, more), "/dev/full");
   more.environment["KESTRUN_LOG"] = "/dev/null/log";
   ExpectWorks(RunBuild({}, more), "/dev/null/log");
+}
+
+TEST_F(Surroundings, WhatIsNoFileIsNamedAndDoneWithout) {
+  ChildOptions more;
+  const std::string fifo = folder_.File("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  more.environment["KESTRUN_LOG"] = fifo;
+  RunResult result = RunBuild({}, more);
+  EXPECT_EQ(result.exitCode, 7);
+  EXPECT_EQ(result.output, "built\n");
+  EXPECT_NE(result.errors.find("the log is not written, " + fifo + ": it is no regular file\n"), std::string::npos)
+      << result.errors;
+  const std::string settings = folder_.File("common/DORN/Zelvo.ini");
+  std::filesystem::remove(settings);
+  ASSERT_EQ(mkfifo(settings.c_str(), 0600), 0);
+  result = RunBuild({});
+  EXPECT_EQ(result.output, "built\n");
+  EXPECT_NE(result.errors.find("Zelvo.ini: it is no regular file\n"), std::string::npos) << result.errors;
+}
+
+TEST_F(Surroundings, ALogInAFolderOfAnotherUserIsNotWritten) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give a folder away";
+  ASSERT_EQ(chown(folder_.File("common/DORN").c_str(), 65531, 65531), 0);
+  const RunResult result = RunBuild({});
+  EXPECT_EQ(result.output, "built\n");
+  EXPECT_NE(result.errors.find("it belongs to another user\n"), std::string::npos) << result.errors;
+  EXPECT_FALSE(std::filesystem::exists(folder_.File("common/DORN/Log/")) &&
+               !std::filesystem::is_empty(folder_.File("common/DORN/Log")));
 }
 
 TEST_F(Surroundings, ATickCountThatWrapsIsNotNoticed) {

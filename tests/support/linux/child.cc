@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "platform/linux/spawn_settings.h"
+#include "platform/linux/helper/spawn_settings.h"
 #include "support/becomes_true.h"
 #include "support/child_state.h"
 
@@ -136,7 +136,13 @@ std::unique_ptr<Child::State> Child::State::Start(const Words& commandLine, cons
   const std::vector<char*> envp = Pointers(environment);
   // A fork would take longer the more this process has: thousands of threads with their stacks, a sanitizer's memory.
   platform::SpawnSettings settings;
-  if (options.ownGroup) posix_spawnattr_setflags(&settings.attributes, POSIX_SPAWN_SETPGROUP);
+  // As from a shell: this process ignores the signal, and a child would inherit that.
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGPIPE);
+  posix_spawnattr_setsigdefault(&settings.attributes, &defaults);
+  const int group = options.ownGroup ? POSIX_SPAWN_SETPGROUP : 0;
+  posix_spawnattr_setflags(&settings.attributes, static_cast<short>(POSIX_SPAWN_SETSIGDEF | group));
   posix_spawn_file_actions_adddup2(&settings.actions, input.read, 0);
   if (!options.inheritOutput) {
     posix_spawn_file_actions_adddup2(&settings.actions, output.write, 1);

@@ -1,0 +1,61 @@
+#include "app/stub_base.h"
+
+#include <vector>
+
+#include "app/console.h"
+
+namespace kestrun {
+
+namespace {
+
+constexpr u32 kMaxPath = 260;
+constexpr u32 kIdBufferSize = 256;
+
+StubBase* currentStub = nullptr;  // guarded by CurrentLock
+
+std::string ResolveId(const Options& options) {
+  if (!options.id.empty()) return options.id;
+  const std::string inherited = ReadBoundedVariable("KESTRUN_ID", kIdBufferSize);
+  return inherited.empty() ? std::to_string(GetCurrentProcessId()) : inherited;
+}
+
+}  // namespace
+
+StubBase::StubBase(IniFile& settings, const Options& options)
+    : id_(ResolveId(options)), settings_(settings), options_(options) {}
+
+StubBase* StubBase::GetCurrent() {
+  return currentStub;
+}
+
+CriticalSection& StubBase::CurrentLock() {
+  // Never destroyed: the console-control handler may hold it while the process ends.
+  static CriticalSection* const lock = new CriticalSection;
+  return *lock;
+}
+
+CurrentStub::CurrentStub(StubBase& stub) {
+  const Lock lock(StubBase::CurrentLock());
+  currentStub = &stub;
+}
+
+CurrentStub::~CurrentStub() {
+  const Lock lock(StubBase::CurrentLock());
+  currentStub = nullptr;
+}
+
+std::string GetWorkingDirectory() {
+  char buffer[kMaxPath] = {};
+  GetCurrentDirectoryA(kMaxPath, buffer);
+  return buffer;
+}
+
+std::string ReadBoundedVariable(const char* name, u32 bufferSize) {
+  std::vector<char> buffer(bufferSize);
+  const u32 length = GetEnvironmentVariableA(name, buffer.data(), bufferSize);
+  if (length < bufferSize) return std::string(buffer.data(), length);
+  PrintWarning(std::string(name) + " is too long, ignored");
+  return {};
+}
+
+}  // namespace kestrun

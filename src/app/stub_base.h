@@ -1,0 +1,59 @@
+// What every form of a working process shares: the identifier that ties a master and its clients together, the
+// settings, a copy of the options, and the registration through which the console-control handler finds the stub.
+#ifndef KESTRUN_APP_STUB_BASE_H_
+#define KESTRUN_APP_STUB_BASE_H_
+
+#include <string>
+
+#include "app/options.h"
+#include "runtime/base/critical_section.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/files/ini_file.h"
+
+namespace kestrun {
+
+// A stub lives on the stack of main. Run is called once, on the main thread; Stop comes from the console-control
+// handler's thread at any time while the stub is registered, and the process ends right after it.
+class StubBase : public rc_base {
+ public:
+  // The id is Options::id, else KESTRUN_ID, else this process's own id. The settings outlive the stub.
+  StubBase(IniFile& settings, const Options& options);
+  ~StubBase() override = default;
+
+  // The whole work of the process; the result is its exit code.
+  virtual int Run() = 0;
+  virtual void Stop(const std::string& reason) = 0;
+
+  const std::string& GetId() const { return id_; }
+
+  // The registered stub, or null. It stays valid for as long as the caller holds CurrentLock.
+  static StubBase* GetCurrent();
+  static CriticalSection& CurrentLock();
+
+ protected:
+  // Constant after construction.
+  const std::string id_;
+  IniFile& settings_;
+  const Options options_;
+};
+
+// Registers a stub as the current one for a scope, after its construction and until before its destruction, so that
+// Stop never runs on a partly constructed or destroyed stub: the destructor waits for a handler that holds CurrentLock.
+class CurrentStub {
+ public:
+  explicit CurrentStub(StubBase& stub);
+  ~CurrentStub();
+  CurrentStub(const CurrentStub&) = delete;
+  CurrentStub& operator=(const CurrentStub&) = delete;
+};
+
+// The current directory; empty if the system can't tell it in 260 bytes.
+std::string GetWorkingDirectory();
+
+// An environment variable whose value has to fit a buffer of this size, its end mark included. Empty if it is not
+// set; a longer value counts as not set, with a warning on the standard error stream.
+std::string ReadBoundedVariable(const char* name, u32 bufferSize);
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_APP_STUB_BASE_H_

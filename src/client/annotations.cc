@@ -1,0 +1,28 @@
+#include "client/annotations.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace kestrun {
+
+namespace {
+
+void RemoveAll(std::string& text, std::string_view mark) {
+  std::size_t found = text.find(mark);
+  while (found != std::string::npos) {
+    text.erase(found, mark.size());
+    found = text.find(mark, found - std::min(found, mark.size() - 1));
+  }
+}
+
+}  // namespace
+
+std::string StripAnnotations(std::string text) {
+  const std::size_t cut = text.find("$$C");
+  if (cut != std::string::npos) text.resize(cut);
+  RemoveAll(text, "$$I:");
+  RemoveAll(text, "$$O:");
+  return text;
+}
+
+}  // namespace kestrun

@@ -1,0 +1,65 @@
+#include "client/job_script.h"
+
+#include <cstdlib>
+
+#include "runtime/base/text.h"
+
+namespace kestrun {
+
+namespace {
+
+constexpr const char* kBlanks = " \t";
+constexpr const char* kEchoWord = "echo";
+constexpr std::size_t kEchoLength = 4;
+
+std::string FromFirstNonBlank(const std::string& text, std::size_t position) {
+  const std::size_t start = text.find_first_not_of(kBlanks, position);
+  return start == std::string::npos ? std::string() : text.substr(start);
+}
+
+// A quoted tool ends at the next quote, a plain one at the first blank, which goes with it.
+ScriptJob ParseJobLine(const std::string& line) {
+  const bool quoted = line.front() == '"';
+  const std::size_t start = quoted ? 1 : 0;
+  const std::size_t end = line.find(quoted ? '"' : ' ', start);
+  ScriptJob job;
+  job.tool = line.substr(start, end - start);
+  if (end != std::string::npos) job.arguments = line.substr(end + 1);
+  return job;
+}
+
+}  // namespace
+
+std::string ExpandScriptVariables(const std::string& text) {
+  std::string result;
+  std::size_t copied = 0;
+  std::size_t open = text.find('%');
+  while (open != std::string::npos) {
+    const std::size_t close = text.find('%', open + 1);
+    if (close == std::string::npos) break;
+    if (const char* value = std::getenv(text.substr(open + 1, close - open - 1).c_str())) {
+      result.append(text, copied, open - copied).append(value);
+      copied = close + 1;
+    }
+    open = text.find('%', close + 1);
+  }
+  return result.append(text, copied);
+}
+
+std::vector<ScriptJob> ParseJobScript(const std::string& text) {
+  std::vector<ScriptJob> jobs;
+  std::string echoText;
+  for (const std::string& logicalLine : SplitLines(text, true)) {
+    const std::string line = FromFirstNonBlank(logicalLine, 0);
+    if (line.empty() || line.front() == '#' || line.front() == ';') continue;
+    if (line.compare(0, kEchoLength, kEchoWord) == 0) {
+      echoText += FromFirstNonBlank(line, kEchoLength) + "\r\n";
+      continue;
+    }
+    jobs.push_back(ParseJobLine(line));
+    jobs.back().echoText.swap(echoText);
+  }
+  return jobs;
+}
+
+}  // namespace kestrun

@@ -1,0 +1,27 @@
+// The grammar of job scripts; docs/job-scripts.md has it for users. Text goes in as bytes and comes out as a list of
+// jobs; nothing is looked up, opened or sent here.
+#ifndef KESTRUN_CLIENT_JOB_SCRIPT_H_
+#define KESTRUN_CLIENT_JOB_SCRIPT_H_
+
+#include <string>
+#include <vector>
+
+namespace kestrun {
+
+struct ScriptJob {
+  std::string tool;
+  std::string arguments;
+  std::string echoText;  // the echo lines above the job, each with CR LF behind it
+};
+
+// Replaces each %NAME% by the variable's value. A value is not scanned again; an unknown name stays, and its closing
+// '%' opens no new one.
+std::string ExpandScriptVariables(const std::string& text);
+
+// The jobs of a script in file order. Every line is a comment, an echo or a job, so that no text is refused. Echo
+// lines behind the last job are dropped.
+std::vector<ScriptJob> ParseJobScript(const std::string& text);
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_CLIENT_JOB_SCRIPT_H_

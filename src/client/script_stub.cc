@@ -1,0 +1,174 @@
+#include "client/script_stub.h"
+
+#include "app/console.h"
+#include "client/job_script.h"
+#include "client/script_file.h"
+#include "client/tool_lookup.h"
+#include "protocol/message_reader.h"
+#include "protocol/protocol.h"
+#include "runtime/files/log.h"
+
+namespace kestrun {
+
+namespace {
+
+constexpr int kFailure = 1;
+constexpr u32 kSendThreadEndMs = 10000;
+constexpr int kPollMs = 100;
+constexpr int kWithoutLimit = -1;
+
+}  // namespace
+
+ScriptStub::ScriptStub(IniFile& settings, const Options& options)
+    : StubBase(settings, options), connection_(id_, settings_, options_) {}
+
+ScriptStub::~ScriptStub() = default;
+
+int ScriptStub::Run() {
+  project_ = ChooseProject(options_) + "(" + std::to_string(GetCurrentProcessId()) + ")";
+  if (!connection_.OpenClientAccess()) {
+    PrintError("Could not access master Kestrun instance (this should have been started by DORN) - aborting...");
+    PrintWayOut();
+    return kFailure;
+  }
+  if (!WaitForAccess() || !HasSendableDirectory() || !PrepareJobs()) return kFailure;
+  if (jobs_.empty()) return 0;
+  if (!connection_.Connect()) {
+    PrintError("Could not initiate build request to master");
+    return kFailure;
+  }
+  return SendAndReceive();
+}
+
+void ScriptStub::Stop(const std::string&) {
+  StopSending(kFailure);
+  connection_.Stop();
+}
+
+bool ScriptStub::WaitForAccess() {
+  const MasterConnection::WaitTexts texts{
+      "KESTRUN: " + project_ + " still waiting for access to master instance of Kestrun ...",
+      project_ + " timed out waiting for access to master instance of Kestrun", "project", project_};
+  return connection_.WaitForAccess(texts, {});
+}
+
+bool ScriptStub::PrepareJobs() {
+  std::string text;
+  if (!ReadScriptFile(Path(options_.scriptPath), text)) {
+    PrintError("Could not load script " + options_.scriptPath + " - aborting...");
+    return false;
+  }
+  if (options_.expandEnvironment) text = ExpandScriptVariables(text);
+  for (ScriptJob& job : ParseJobScript(text)) {
+    ReplaceMarker(job.arguments, options_.marker);
+    const Path tool = FindTool(job.tool);
+    if (tool.IsEmpty()) return false;
+    rc_ptr<Message> request = connection_.BuildRequest(tool, job.arguments, project_);
+    request->AddString(SEG_ECHO_TEXT, job.echoText);
+    jobs_.push_back(request);
+  }
+  return true;
+}
+
+int ScriptStub::SendAndReceive() {
+  rc_ptr<Thread> thread = new Thread("SendJobsThread");
+  {
+    const Lock lock(threadLock_);
+    sendThread_ = thread;
+  }
+  if (!thread->Start(MakeDelegate(&ScriptStub::SendJobs, this))) FatalError("Could not start the 'send jobs' thread");
+  int code = kFailure;
+  try {
+    code = ReceiveResults();
+  } catch (const SystemException&) {
+    StopSending(kFailure);
+    throw;
+  }
+  StopSending(code);
+  return code;
+}
+
+void ScriptStub::StopSending(int exitCodeOnFailure) {
+  rc_ptr<Thread> thread;
+  {
+    const Lock lock(threadLock_);
+    thread = sendThread_;
+  }
+  if (!thread) return;
+  stopRequested_ = true;
+  if (thread->Wait(kSendThreadEndMs)) return;
+  WriteLog(Log::Error, Log::STUB, "'Send jobs' thread did not stop in time, ending process now",
+           {{"timeout", std::to_string(kSendThreadEndMs)}});
+  ExitProcess(static_cast<UINT>(exitCodeOnFailure));
+}
+
+void ScriptStub::SendJobs() {
+  rc_ptr<Message> details = new Message(MSG_PROJECT_DETAILS, kStubService, kMasterService);
+  details->AddString(SEG_PROJECT, project_)
+      .AddU32(SEG_JOB_COUNT, static_cast<u32>(jobs_.size()))
+      .AddU32(SEG_FLAGS, options_.flags);
+  if (!connection_.Send(details)) FatalError("Could not send initial project details for " + project_ + " to master");
+  for (const rc_ptr<Message>& job : jobs_) {
+    if (stopRequested_) break;
+    if (!connection_.Send(job)) FatalError("Could not send job information (project " + project_ + ") to master");
+  }
+  sendFinished_ = true;
+}
+
+// Called on the sending thread while the main thread waits for results. The process ends here with exit code 1, before
+// the main thread reports the end of the channel as a communication error.
+void ScriptStub::FatalError(const std::string& text) {
+  PrintError(text);
+  WriteLog(Log::Error, Log::STUB, text);
+  ExitProcess(kFailure);
+}
+
+int ScriptStub::ReceiveResults() {
+  int timeoutMs = kPollMs;
+  for (;;) {
+    const rc_ptr<Message> message = connection_.Receive(timeoutMs);
+    if (!message && timeoutMs == kWithoutLimit) {
+      if (!connection_.IsStopped()) PrintError("Comms Error waiting for response from master");
+      return StubFailureCode;
+    }
+    if (!message) {
+      // While jobs go out an empty result says nothing; afterwards only a lost connection gives one.
+      if (sendFinished_) {
+        timeoutMs = kWithoutLimit;
+      } else {
+        SwitchToThread();
+      }
+      continue;
+    }
+    if (message->GetType() == MSG_PROJECT_COMPLETE) {
+      WriteLog(Log::Info, Log::STUB, "Project Complete", {{"project", project_}});
+      return resultCode_;
+    }
+    if (message->GetType() != MSG_BUILD_RESULT) {
+      PrintError("Unknown Error waiting for response from master");
+      return StubFailureCode;
+    }
+    if (HandleScriptResult(message)) return resultCode_;
+  }
+}
+
+bool ScriptStub::HandleScriptResult(const rc_ptr<Message>& message) {
+  const MessageReader reader(message);
+  const std::string_view stdoutText = reader.GetText(SEG_STDOUT);
+  const std::string_view stderrText = reader.GetText(SEG_STDERR);
+  i32 code = 0;
+  u32 keepGoing = 0;
+  reader.ReadInt(SEG_EXIT_CODE, code);
+  reader.ReadUnsigned(SEG_KEEP_GOING, keepGoing);
+  if (code == StubFailureCode) PrintError(stderrText);
+  if (!stdoutText.empty()) WriteStandardOutput(stdoutText);
+  if (!stderrText.empty()) WriteStandardError(stderrText);
+  if (IsLogOpen()) {
+    WriteLog(Log::Info, Log::STUB, "Build Result (script-stub)",
+             {{"exit_code", std::to_string(static_cast<u32>(code))}, {"project", project_}});
+  }
+  if (code != 0) resultCode_ = code;
+  return code != 0 && keepGoing == 0;
+}
+
+}  // namespace kestrun

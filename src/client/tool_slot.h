@@ -1,0 +1,39 @@
+// A client's slot in its master's limit on running jobs.
+#ifndef KESTRUN_CLIENT_TOOL_SLOT_H_
+#define KESTRUN_CLIENT_TOOL_SLOT_H_
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "client/client_slot.h"
+#include "platform/local_stream.h"
+
+namespace kestrun {
+
+// Asks a master (Extensions/TransparentTools) for a slot: its slot server where the system has local streams, and
+// otherwise its table of job slots. The slot belongs to this process and what
+// it becomes; it is given back by the end of the process, or of this object if the process lives on. One thread.
+class ToolSlot {
+ public:
+  enum class Outcome {
+    kGranted,
+    kNoServer,  // no master under this id, or one that hands out no slots
+    kStopping,  // the master ends and wants nothing to be run
+    kLost,      // the master died while this client waited
+  };
+
+  // Waits for as long as it takes. Project and command line are for the master's log.
+  Outcome Take(const std::string& id, std::string_view project, std::string_view commandLine);
+
+ private:
+  Outcome TakeFromServer(const std::string& id, std::string_view project, std::string_view commandLine);
+  Outcome TakeFromTable(const std::string& id);
+
+  std::unique_ptr<platform::LocalStream> stream_;
+  ClientSlot tableSlot_;
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_CLIENT_TOOL_SLOT_H_

@@ -1,0 +1,73 @@
+#include "client/transparent_tool.h"
+
+#include <utility>
+
+#include "app/console.h"
+#include "client/tool_slot.h"
+#include "platform/tool_process.h"
+#include "runtime/process/process.h"
+
+namespace kestrun {
+
+namespace {
+
+constexpr int kFailure = 1;
+// As other tools with a time limit report it.
+constexpr int kOverdueCode = 124;
+
+int Report(const std::string& tool, const platform::RunFailure& failure) {
+  PrintError("cannot run " + tool + ": " + failure.cause);
+  return failure.exitCode;
+}
+
+u32 ToMs(u32 seconds) {
+  return seconds == 0 || seconds >= kNoLimit / 1000 ? kNoLimit : seconds * 1000;
+}
+
+}  // namespace
+
+TransparentTool::TransparentTool(const Options& options, std::vector<std::string> words)
+    : options_(options), words_(std::move(words)) {}
+
+TransparentTool::Outcome TransparentTool::RunInSlot(const std::string& id, int& exitCode) {
+  ToolSlot slot;
+  switch (slot.Take(id, options_.project, options_.tool + " " + options_.toolArgs)) {
+    case ToolSlot::Outcome::kNoServer:
+      return Outcome::kNoMaster;
+    case ToolSlot::Outcome::kStopping:
+      PrintError("the master instance of Kestrun is stopping - aborting...");
+      exitCode = kFailure;
+      return Outcome::kDone;
+    case ToolSlot::Outcome::kGranted:
+    case ToolSlot::Outcome::kLost:
+      // Without its master a build goes on as it would without Kestrun.
+      break;
+  }
+  exitCode = RunAlone();
+  return Outcome::kDone;
+}
+
+int TransparentTool::RunAlone() {
+  const bool becomesTool = platform::kCanBecomeProgram && timeoutSeconds_ == 0 && !words_.empty();
+  return becomesTool ? Report(options_.tool, platform::BecomeProgram(words_)) : RunAsChild();
+}
+
+int TransparentTool::RunAsChild() {
+  platform::ProgramCommand command;
+  platform::RunFailure failure;
+  if (!platform::FindProgram(options_.tool, options_.toolArgs, command, failure)) {
+    return Report(options_.tool, failure);
+  }
+  const rc_ptr<Process> process = new Process("");
+  process->SetApplicationPath(command.application);
+  if (!process->Start(command.commandLine, Process::OWN_JOB | Process::SHOW_WINDOW, nullptr, 0)) {
+    return platform::kExitNotRunnable;
+  }
+  u32 code = static_cast<u32>(kFailure);
+  if (process->Wait(ToMs(timeoutSeconds_), &code)) return static_cast<int>(code);
+  process->Terminate();
+  PrintError("job ran longer than " + std::to_string(timeoutSeconds_) + " seconds and was ended");
+  return kOverdueCode;
+}
+
+}  // namespace kestrun

@@ -1,0 +1,93 @@
+#include "master/dorn_watch.h"
+
+#include <cstring>
+
+#include "master/master_log.h"
+#include "runtime/base/environment.h"
+
+namespace kestrun {
+
+namespace {
+
+// How soon a master notices that its last dorn was killed. A look costs some microseconds.
+constexpr u32 kLookMs = 100;
+// A dorn holds the lock while it waits for the end of this process, so the thread must not wait for the lock alone.
+constexpr u32 kLockTimeoutMs = 50;
+constexpr u32 kForceAfterMs = 1200;
+
+bool HasUsers() {
+  return static_cast<bool>(UniqueHandle(OpenEventA(SYNCHRONIZE, FALSE, kDornUsersName)));
+}
+
+}  // namespace
+
+std::unique_ptr<DornWatch> DornWatch::Open(const std::string& id, const std::string& stopEvent) {
+  std::string wantedId;
+  if (!GetEnvironmentValue(kDornVariable, wantedId)) return nullptr;
+  SetEnvironmentVariableA(kDornVariable, nullptr);
+  if (wantedId != id) return nullptr;
+  return std::make_unique<DornWatch>(id, stopEvent);
+}
+
+DornWatch::DornWatch(const std::string& id, const std::string& stopEvent)
+    : stopEvent_(OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, stopEvent.c_str())),
+      join_(kDornJoinName),
+      region_(kDornSessionName, 0, false) {
+  view_ = region_.CreateView(0, MappedFile::kWholeSize, true);
+  if (view_->GetSize() < sizeof(DornSession)) throw SyncException("the record of the dorn session is too small");
+  session_ = static_cast<DornSession*>(view_->GetData());
+  if (std::strncmp(session_->id, id.c_str(), DornSession::kIdSize) != 0) {
+    throw SyncException("the dorn that started this master has gone");
+  }
+  alive_.Reset(CreateEventA(nullptr, TRUE, FALSE, GetDornMasterName(id).c_str()));
+  if (!alive_) throw SyncException(static_cast<i32>(GetLastError()), "CreateEvent() failed in DornWatch");
+  session_->masterProcess = GetCurrentProcessId();
+  thread_ = new Thread("Dorn watch");
+  if (!thread_->Start(MakeDelegate(&DornWatch::Watch, this))) throw SyncException("no thread to watch dorn");
+}
+
+DornWatch::~DornWatch() {
+  end_.Signal();
+  thread_->Wait(kNoLimit);
+}
+
+void DornWatch::SettleJobs(IniFile& settings, u32 defaultJobs) {
+  const char* const key = "LocalSettings/MaxConcurrentJobs";
+  if (const u32 wanted = session_->wantedJobs) {
+    settings.Remove(key);
+    settings.SetInt(key, wanted);
+  }
+  session_->jobs = settings.GetInt(key, defaultJobs);
+}
+
+void DornWatch::Watch() {
+  while (session_->ending == DornSession::kRuns) {
+    if (IsLeft()) EndByForce();
+    if (end_.Wait(kLookMs)) return;
+  }
+  // The dorn that leaves has signalled the stop event, unless it was killed before that.
+  SetEvent(stopEvent_.Get());
+  while (session_->ending != DornSession::kEndsByForce) {
+    if (!HasUsers()) EndByForce();
+    if (end_.Wait(kLookMs)) return;
+  }
+  if (!end_.Wait(kForceAfterMs)) EndByForce();
+}
+
+// The last dorn was killed. One that joins does so under the lock: it either is seen here, or sees that this master
+// ends.
+bool DornWatch::IsLeft() {
+  if (HasUsers() || !join_.Lock(kLockTimeoutMs)) return false;
+  const bool isLeft = !HasUsers() && session_->ending == DornSession::kRuns;
+  if (isLeft) session_->ending = DornSession::kEndsByForce;
+  join_.Unlock();
+  return isLeft;
+}
+
+// The jobs' objects close with the process, which ends the tools that are still running.
+void DornWatch::EndByForce() {
+  WriteMasterLog(Log::Warning, "Exiting process early", {{"reason", "no dorn is left"}});
+  ExitProcess(1);
+}
+
+}  // namespace kestrun

@@ -1,0 +1,249 @@
+#include "master/job_slots.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace kestrun {
+
+namespace {
+
+// Deeper chains of processes are cut: a build has some ten levels.
+constexpr std::size_t kMostAncestors = 256;
+
+void RemoveOne(std::map<u64, u32>& counts, u64 key) {
+  const auto found = counts.find(key);
+  if (found != counts.end() && --found->second == 0) counts.erase(found);
+}
+
+}  // namespace
+
+JobSlots::JobSlots(u32 count, ParentOf parentOf) : parentOf_(parentOf), free_(std::max(count, u32{1})) {}
+
+JobSlots::Ticket JobSlots::NewTicket() {
+  const std::lock_guard lock(lock_);
+  return ++lastTicket_;
+}
+
+bool JobSlots::Ask(Ticket ticket, u32 processId, u64 inputPipe, u64 outputPipe) {
+  {
+    const std::lock_guard lock(lock_);
+    Job& job = jobs_[ticket];
+    job.processId = processId;
+    job.inputPipe = inputPipe;
+    job.outputPipe = outputPipe;
+    if (TryGrant(job, ticket)) return true;
+  }
+  // Without the lock: the look takes some system calls.
+  std::vector<u32> ancestors = AncestorsOf(processId);
+  const std::lock_guard lock(lock_);
+  const auto found = jobs_.find(ticket);
+  if (found == jobs_.end()) return false;  // it has left meanwhile
+  found->second.ancestors = std::move(ancestors);
+  if (TryGrant(found->second, ticket)) return true;
+  waiting_.push_back(ticket);
+  changed_.notify_all();
+  return false;
+}
+
+void JobSlots::Leave(Ticket ticket) {
+  std::vector<Ticket> granted;
+  {
+    const std::lock_guard lock(lock_);
+    const bool areLendersNew = Remove(ticket);
+    granted = GrantWaiting(areLendersNew);
+  }
+  Tell(granted);
+}
+
+bool JobSlots::AskAndWait(Ticket ticket) {
+  if (Ask(ticket, 0)) return true;
+  std::unique_lock lock(lock_);
+  changed_.wait(lock, [&] { return isStopped_ || jobs_[ticket].isGranted; });
+  if (jobs_[ticket].isGranted) return true;
+  Remove(ticket);
+  return false;
+}
+
+void JobSlots::SetProcess(Ticket ticket, u32 processId) {
+  std::vector<Ticket> granted;
+  {
+    const std::lock_guard lock(lock_);
+    const auto found = jobs_.find(ticket);
+    if (found == jobs_.end()) return;
+    found->second.processId = processId;
+    jobOfProcess_[processId] = ticket;
+    // A descendant may have asked before its ancestor was known here.
+    granted = GrantWaiting(true);
+  }
+  Tell(granted);
+}
+
+void JobSlots::Stop() {
+  const std::lock_guard lock(lock_);
+  isStopped_ = true;
+  changed_.notify_all();
+}
+
+bool JobSlots::IsGranted(Ticket ticket) const {
+  const std::lock_guard lock(lock_);
+  const auto found = jobs_.find(ticket);
+  return found != jobs_.end() && found->second.isGranted;
+}
+
+u32 JobSlots::CountRunning() const {
+  const std::lock_guard lock(lock_);
+  return static_cast<u32>(
+      std::count_if(jobs_.begin(), jobs_.end(), [](const auto& entry) { return entry.second.isGranted; }));
+}
+
+u32 JobSlots::CountWaiting() const {
+  const std::lock_guard lock(lock_);
+  return static_cast<u32>(waiting_.size());
+}
+
+std::vector<u32> JobSlots::AncestorsOf(u32 processId) const {
+  std::vector<u32> ancestors;
+  while (processId != 0 && ancestors.size() < kMostAncestors) {
+    processId = parentOf_(processId);
+    // Parent ids of dead parents can form a circle where the system hands ids out again.
+    if (processId == 0 || std::find(ancestors.begin(), ancestors.end(), processId) != ancestors.end()) break;
+    ancestors.push_back(processId);
+  }
+  return ancestors;
+}
+
+// With the lock.
+bool JobSlots::TryGrant(Job& job, Ticket ticket) {
+  job.lender = FindLender(job);
+  if (job.lender != 0) {
+    // Only a process that asks again finds its slot lent already; its new job then stands between the two.
+    job.borrower = std::exchange(jobs_[job.lender].borrower, ticket);
+    if (job.borrower != 0) jobs_[job.borrower].lender = ticket;
+  } else if (free_ > 0) {
+    --free_;
+  } else if (SharesPipe(job)) {
+    job.isBeyond = true;
+  } else {
+    return false;
+  }
+  Grant(job, ticket);
+  return true;
+}
+
+void JobSlots::Grant(Job& job, Ticket ticket) {
+  job.isGranted = true;
+  ++generation_;
+  if (job.inputPipe != 0) ++inputs_[job.inputPipe];
+  if (job.outputPipe != 0) ++outputs_[job.outputPipe];
+  if (job.processId != 0) jobOfProcess_[job.processId] = ticket;
+}
+
+// Only from an output to an input: the jobs of one build often share the terminal, or a pipe to a log.
+bool JobSlots::SharesPipe(const Job& job) const {
+  return outputs_.contains(job.inputPipe) || inputs_.contains(job.outputPipe);
+}
+
+bool JobSlots::AwaitWaiting() {
+  std::unique_lock lock(lock_);
+  changed_.wait(lock, [&] { return isStopped_ || !waiting_.empty(); });
+  return !isStopped_;
+}
+
+std::vector<u32> JobSlots::GetRunning(u64& generation) const {
+  const std::lock_guard lock(lock_);
+  generation = generation_;
+  std::vector<u32> processes;
+  for (const auto& [process, ticket] : jobOfProcess_) processes.push_back(process);
+  return processes;
+}
+
+bool JobSlots::GrantBeyond(u64 generation) {
+  std::vector<Ticket> granted;
+  {
+    const std::lock_guard lock(lock_);
+    if (generation != generation_ || waiting_.empty()) return false;
+    const Ticket ticket = waiting_.front();
+    waiting_.pop_front();
+    jobs_[ticket].isBeyond = true;
+    Grant(jobs_[ticket], ticket);
+    granted = GrantWaiting(true);
+    granted.push_back(ticket);
+    changed_.notify_all();
+  }
+  Tell(granted);
+  return true;
+}
+
+// Only the nearest: if that one lends its slot already, what is above it lends to it. A process that has a slot and has
+// become a client again, as in `kestrun kestrun cc`, never needs a second one.
+JobSlots::Ticket JobSlots::FindLender(const Job& job) const {
+  const auto own = jobOfProcess_.find(job.processId);
+  if (own != jobOfProcess_.end()) return own->second;
+  if (free_ > 0) return 0;
+  for (const u32 ancestor : job.ancestors) {
+    const auto found = jobOfProcess_.find(ancestor);
+    if (found == jobOfProcess_.end()) continue;
+    return jobs_.at(found->second).borrower == 0 ? found->second : 0;
+  }
+  return 0;
+}
+
+// With the lock. True if another job may lend its slot again.
+bool JobSlots::Remove(Ticket ticket) {
+  const auto found = jobs_.find(ticket);
+  if (found == jobs_.end()) return false;
+  const Job job = found->second;
+  jobs_.erase(found);
+  if (!job.isGranted) {
+    std::erase(waiting_, ticket);
+    return false;
+  }
+  // The id may be that of a later job's process by now.
+  const auto process = jobOfProcess_.find(job.processId);
+  if (process != jobOfProcess_.end() && process->second == ticket) {
+    const bool isLendersToo = job.lender != 0 && jobs_[job.lender].processId == job.processId;
+    if (isLendersToo) {
+      process->second = job.lender;
+    } else {
+      jobOfProcess_.erase(process);
+    }
+  }
+  ++generation_;
+  RemoveOne(inputs_, job.inputPipe);
+  RemoveOne(outputs_, job.outputPipe);
+  if (job.borrower != 0) {
+    jobs_[job.borrower].lender = job.lender;
+    if (job.lender == 0) jobs_[job.borrower].isBeyond = job.isBeyond;
+  }
+  if (job.lender != 0) jobs_[job.lender].borrower = job.borrower;
+  if (job.borrower == 0 && job.lender == 0 && !job.isBeyond) ++free_;
+  return job.lender != 0;
+}
+
+// With the lock. A job that no lender can serve does not hold up those behind it that one can. The lenders are asked
+// only if one of them may have changed its answer, so that thousands of waiting jobs cost nothing at each end of
+// another.
+std::vector<JobSlots::Ticket> JobSlots::GrantWaiting(bool areLendersNew) {
+  std::vector<Ticket> granted;
+  for (auto next = waiting_.begin(); next != waiting_.end() && (free_ > 0 || areLendersNew);) {
+    if (TryGrant(jobs_[*next], *next)) {
+      granted.push_back(*next);
+      // What waits for the other end of its pipe may be further ahead in the queue.
+      const Job& job = jobs_[*next];
+      waiting_.erase(next);
+      if (job.inputPipe != 0 || job.outputPipe != 0) areLendersNew = true;
+      next = waiting_.begin();
+    } else {
+      ++next;
+    }
+  }
+  if (!granted.empty()) changed_.notify_all();
+  return granted;
+}
+
+void JobSlots::Tell(const std::vector<Ticket>& granted) {
+  if (!listener_) return;
+  for (const Ticket ticket : granted) listener_(ticket);
+}
+
+}  // namespace kestrun

@@ -1,0 +1,157 @@
+// The master's limit on jobs that run at once, shared by its own build threads and by clients that run their tools
+// themselves.
+#ifndef KESTRUN_MASTER_JOB_SLOTS_H_
+#define KESTRUN_MASTER_JOB_SLOTS_H_
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "runtime/base/types.h"
+
+namespace kestrun {
+
+// Hands out a fixed number of slots, in the order of asking.
+//
+// A job may itself start clients and wait for them, as `kestrun make` does. If each of them needed a slot of its own, a
+// few such jobs would hold all slots while they wait for children that never get one. So a job that holds a slot lends
+// it: one client at a time among its descendants runs in its slot, and further ones compete for free slots. A borrower
+// lends on in the same way, so that any depth of nesting runs in one slot.
+//
+//   state of a job | granted when                                      | when it ends
+//   waiting        | its own process has a slot; or a slot is free; or | it leaves the queue
+//                  | its nearest ancestor with a slot lends it to      |
+//                  | no other job at present; or it shares a pipe with |
+//                  | a job that runs; or all jobs that run are idle    |
+//   owns its slot  |                                                   | its borrower owns the slot from then on;
+//   without
+//                  |                                                   | one the slot is free
+//   borrows        |                                                   | its borrower, if any, borrows in its stead;
+//   the
+//                  |                                                   | lender may lend again
+//
+// Jobs that a pipe joins run together in the slot of the first one: each of them waits for the others. And where every
+// job that runs waits for something else (JobWatch tells), one more is let run beside the limit: what it does may be
+// what they wait for.
+//
+// Ancestors are found by process id, and only where no slot is free: the look costs some system calls.
+//
+// Threads: any. The listener is called without the lock, on the thread whose call freed the slot.
+class JobSlots {
+ public:
+  // Names a job among those that have not left. Chosen by the caller, never 0.
+  using Ticket = u64;
+  // Called for each job that had to wait and is granted now.
+  using Listener = std::function<void(Ticket)>;
+  // The process's parent; 0 if there is none, or the system does not tell.
+  using ParentOf = u32 (*)(u32 processId);
+
+  // At least one slot.
+  JobSlots(u32 count, ParentOf parentOf);
+  JobSlots(const JobSlots&) = delete;
+  JobSlots& operator=(const JobSlots&) = delete;
+
+  // Before the first Ask. Its tickets are those given to Ask.
+  void SetListener(Listener listener) { listener_ = std::move(listener); }
+
+  // Asks for a slot for the job that runs, or will run, in this process. True if it is granted at once; otherwise the
+  // listener is told later, unless the job leaves first.
+  bool Ask(Ticket ticket, u32 processId) { return Ask(ticket, processId, 0, 0); }
+  // The same for one whose standard input and output are these pipes; 0 is none.
+  bool Ask(Ticket ticket, u32 processId, u64 inputPipe, u64 outputPipe);
+  // The job has ended, or no longer wants a slot. Nothing for an unknown ticket.
+  void Leave(Ticket ticket);
+
+  // The same for the master's own threads. Waits until the slot is granted; false, without a slot, after Stop.
+  bool AskAndWait(Ticket ticket);
+  // The process in which the job of AskAndWait runs, once there is one: descendants of that process may borrow.
+  void SetProcess(Ticket ticket, u32 processId);
+
+  // Ends all present and future waits of AskAndWait.
+  void Stop();
+
+  // For JobWatch. Waits until a job waits for a slot; false after Stop.
+  bool AwaitWaiting();
+  // The processes of the jobs that run, and a number that changes with each job that is granted or leaves.
+  std::vector<u32> GetRunning(u64& generation) const;
+  // Grants the job that has waited longest a slot beside the limit. False if the generation is another one by now.
+  bool GrantBeyond(u64 generation);
+
+  // A ticket that nothing else bears.
+  Ticket NewTicket();
+
+  bool IsGranted(Ticket ticket) const;
+  u32 CountRunning() const;
+  u32 CountWaiting() const;
+
+ private:
+  struct Job {
+    u32 processId = 0;
+    u64 inputPipe = 0;
+    u64 outputPipe = 0;
+    bool isGranted = false;
+    bool isBeyond = false;         // runs beside the limit: no slot is free when it ends
+    Ticket lender = 0;             // 0: owns its slot
+    Ticket borrower = 0;           // 0: its slot is not lent
+    std::vector<u32> ancestors{};  // of a waiting job: process ids, the nearest first
+  };
+
+  std::vector<u32> AncestorsOf(u32 processId) const;
+  bool TryGrant(Job& job, Ticket ticket);
+  void Grant(Job& job, Ticket ticket);
+  bool SharesPipe(const Job& job) const;
+  Ticket FindLender(const Job& job) const;
+  bool Remove(Ticket ticket);
+  std::vector<Ticket> GrantWaiting(bool areLendersNew);
+  void Tell(const std::vector<Ticket>& granted);
+
+  const ParentOf parentOf_;
+  Listener listener_;
+
+  mutable std::mutex lock_;
+  std::condition_variable changed_;
+  // Guarded by lock_.
+  u32 free_;
+  u64 generation_ = 0;
+  Ticket lastTicket_ = 0;
+  bool isStopped_ = false;
+  std::map<Ticket, Job> jobs_;
+  // Of granted jobs: their processes, and how many have a pipe as input or output.
+  std::map<u32, Ticket> jobOfProcess_;
+  std::map<u64, u32> inputs_;
+  std::map<u64, u32> outputs_;
+  std::deque<Ticket> waiting_;
+};
+
+// A slot for a scope of one of the master's own threads; without a limit (null) none is needed.
+class HeldJobSlot {
+ public:
+  // Waits until the slot is granted, or the slots are stopped.
+  explicit HeldJobSlot(JobSlots* slots)
+      : slots_(slots),
+        ticket_(slots != nullptr ? slots->NewTicket() : 0),
+        isGranted_(!slots || slots->AskAndWait(ticket_)) {}
+  ~HeldJobSlot() {
+    if (slots_ != nullptr && isGranted_) slots_->Leave(ticket_);
+  }
+  HeldJobSlot(const HeldJobSlot&) = delete;
+  HeldJobSlot& operator=(const HeldJobSlot&) = delete;
+
+  bool IsGranted() const { return isGranted_; }
+  // Lets descendants of the process borrow the slot.
+  void SetProcess(u32 processId) {
+    if (slots_ != nullptr) slots_->SetProcess(ticket_, processId);
+  }
+
+ private:
+  JobSlots* const slots_;
+  const JobSlots::Ticket ticket_;
+  const bool isGranted_;
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MASTER_JOB_SLOTS_H_

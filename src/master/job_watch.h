@@ -1,0 +1,46 @@
+// Keeps jobs that wait for one another from waiting for ever.
+#ifndef KESTRUN_MASTER_JOB_WATCH_H_
+#define KESTRUN_MASTER_JOB_WATCH_H_
+
+#include "master/job_slots.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+#include "runtime/threads/sync.h"
+#include "runtime/threads/thread.h"
+
+namespace kestrun {
+
+// A job may wait for one that has no slot yet: through programs between them in a pipeline, through a file or a lock.
+// So while jobs wait for a slot, this looks whether those that run do anything. If for an interval no job was granted
+// or has ended, and no process below a running job has used processor time, one more job is let run beside the limit.
+//
+// Threads: one, "Job watch". It sleeps while no job waits, and looks at processes only after an interval without a
+// change: twice then, and less and less often while they are found at work.
+class JobWatch {
+ public:
+  // The processor time of a process and all below it; see platform::ProcessorTimeOfTree.
+  using TimeOf = u64 (*)(u32 processId);
+
+  // Throws SyncException without a thread. The slots outlive this object.
+  JobWatch(JobSlots& slots, TimeOf timeOf, u32 intervalMs = 1000);
+  // Stops the slots.
+  ~JobWatch();
+  JobWatch(const JobWatch&) = delete;
+  JobWatch& operator=(const JobWatch&) = delete;
+
+ private:
+  void Watch();
+  // True if nothing happened for so long; the generation is that of the idle jobs.
+  bool AreIdle(u32 intervalMs, u64& generation);
+
+  JobSlots& slots_;
+  const TimeOf timeOf_;
+  const u32 intervalMs_;
+  Condition end_;
+  bool isEnding_ = false;  // the thread's own
+  rc_ptr<Thread> thread_;
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MASTER_JOB_WATCH_H_

@@ -1,0 +1,95 @@
+// Where jobs run: a queue, and the threads that take one job at a time from it and run its tool.
+#ifndef KESTRUN_MASTER_LOCAL_JOB_QUEUE_H_
+#define KESTRUN_MASTER_LOCAL_JOB_QUEUE_H_
+
+#include <atomic>
+#include <vector>
+
+#include "master/build_job.h"
+#include "master/job_output.h"
+#include "master/job_slots.h"
+#include "master/output_budget.h"
+#include "master/running_tools.h"
+#include "messaging/message_dispatcher.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/files/ini_file.h"
+#include "runtime/process/process.h"
+#include "runtime/threads/blocking_queue.h"
+#include "runtime/threads/thread.h"
+
+namespace kestrun {
+
+// Owned by the scheduler. Each job that was pushed is answered by one MSG_LOCAL_JOB_RESULT, which is posted to the
+// master's own service; nothing else in a job changes but its echo text. Without slots the number of threads is the
+// only limit on how many jobs run at once.
+//
+// Output that is collected, or that clients have not taken, is bounded in all: over the bound a tool's output goes to
+// its client in parts (MSG_BUILD_RESULT without an exit code), and a tool that is ahead of its client waits.
+//
+// Settings of the section Extensions, off by default, read once by the constructor:
+//
+//   CancelOrphanedJobs  while the queue stops, tools whose client has no channel any more are ended.
+//   DiscardOutput       results that clients have not taken count against the bound. Off, the records keep them for
+//   good,
+//                       and only what is collected and sent in parts counts.
+//   EnforceJobTimeout   a tool that runs longer than its job's limit is ended, with exit code 124 and a line that says
+//                       so behind its standard error.
+//
+// Threads: "Local build thread", any number, run the tools. Push, Cancel and Stop may come from any thread; none of
+// them waits for a tool but Stop.
+class LocalJobQueue {
+ public:
+  static constexpr u64 kOutputLimit = 256 << 20;
+
+  // Starts the threads; 0 counts as 1, and those that the system refuses are done without. The dispatcher outlives the
+  // queue. With `slots` (Extensions/TransparentTools) each tool runs in one of them, which clients take as well, and
+  // with the client's environment (less the pipe of a make's jobserver) and priority; they outlive the queue, and are
+  // stopped before it.
+  // `outputLimit` is the bound on output in memory, see OutputBudget.
+  LocalJobQueue(u32 threadCount, IniFile& settings, MessageDispatcher& dispatcher, JobSlots* slots = nullptr,
+                u64 outputLimit = kOutputLimit);
+  // Stops the threads if Stop has not.
+  ~LocalJobQueue();
+  LocalJobQueue(const LocalJobQueue&) = delete;
+  LocalJobQueue& operator=(const LocalJobQueue&) = delete;
+
+  // False if no thread could be started.
+  bool HasThreads() const { return !threads_.empty(); }
+
+  void Push(const rc_ptr<BuildJob>& job) { jobs_.Push(job); }
+  // The job ends without a result of its own, with exit code -1: its tool is ended if it runs, and is never started
+  // otherwise. It is answered in its turn all the same.
+  void Cancel(BuildJob& job) { runningTools_.Cancel(job); }
+
+  // Ends the threads; queued jobs are never run. Waits for running tools for 30 s at most, then ends the process with
+  // code 1, which ends the tools with it.
+  void Stop();
+
+ private:
+  struct ToolEnd {
+    int exitCode;
+    bool isOverdue;  // ended because it ran longer than its job's limit
+  };
+
+  void LocalBuildLoop();
+  void RunJob(BuildJob& job, const Address& localAddress);
+  void SkipJob(BuildJob& job, const Address& localAddress);
+  ToolEnd RunTool(BuildJob& job, const rc_ptr<Process>& process, const rc_ptr<JobOutput>& output);
+  u32 WaitLimitMs(const BuildJob& job) const;
+  void CancelOrphans();
+
+  MessageDispatcher& dispatcher_;
+  JobSlots* const slots_;  // may be null
+  const rc_ptr<OutputBudget> budget_;
+  const bool keepsOutput_;
+  const bool cancelsOrphans_;
+  const bool enforcesTimeout_;
+  BlockingQueue<rc_ptr<BuildJob>> jobs_;  // an empty pointer ends the thread that takes it
+  RunningTools runningTools_;
+  std::vector<rc_ptr<Thread>> threads_;  // constant after construction
+  std::atomic<bool> isStopped_{false};
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MASTER_LOCAL_JOB_QUEUE_H_

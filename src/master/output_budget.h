@@ -1,0 +1,67 @@
+// The bound on output that the master holds in memory: what it collects from tools, and what their clients have not
+// taken yet.
+#ifndef KESTRUN_MASTER_OUTPUT_BUDGET_H_
+#define KESTRUN_MASTER_OUTPUT_BUDGET_H_
+
+#include <condition_variable>
+#include <mutex>
+
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+
+namespace kestrun {
+
+// Adds up the output of all jobs. While the sum is over the limit, a tool passes what it writes on to its client at
+// once and waits until the client has taken it, but for kFreeBytes: so a client that does not read holds up its own
+// tool only, and the sum exceeds the limit by at most some megabytes a tool.
+//
+// Counted, and kept by the accounts of its jobs, which live as long as any of their output. Threads: any.
+class OutputBudget : public rc_base {
+ public:
+  static constexpr u64 kFreeBytes = 1 << 20;
+
+  explicit OutputBudget(u64 limit) : limit_(limit) {}
+
+  // No tool waits from now on.
+  void Lift();
+
+  bool IsExceeded();
+  u64 GetSum();
+
+  // The output of one job.
+  class Account : public rc_base {
+   public:
+    explicit Account(const rc_ptr<OutputBudget>& budget) : budget_(budget) {}
+
+    // What is collected of stream 0 or 1 at present.
+    void SetCollected(u32 stream, u64 bytes);
+    // Output that is on its way to the client, and has been taken or dropped.
+    void AddSent(u64 bytes);
+    void RemoveSent(u64 bytes);
+    // True while the tool has to wait for its client.
+    bool MustWait();
+    // Waits for at most that long, or until it need not wait any more.
+    void AwaitRoom(u32 limitMs);
+
+    OutputBudget& GetBudget() { return *budget_; }
+
+   private:
+    bool MustWaitLocked() const;
+
+    const rc_ptr<OutputBudget> budget_;
+    // Guarded by the budget's lock.
+    u64 collected_[2] = {};
+    u64 sent_ = 0;
+  };
+
+ private:
+  std::mutex lock_;
+  std::condition_variable changed_;
+  // Guarded by lock_.
+  u64 limit_;
+  u64 sum_ = 0;
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MASTER_OUTPUT_BUDGET_H_

@@ -1,0 +1,39 @@
+// What a stub hears of its jobs: every message that a master sends to its clients is made here.
+//
+// Each operation may come from any thread. It gives false, with nothing done, if the channel is empty because the
+// client has gone, and false if sending failed.
+#ifndef KESTRUN_MASTER_RESULT_SENDER_H_
+#define KESTRUN_MASTER_RESULT_SENDER_H_
+
+#include <string>
+
+#include "messaging/message.h"
+#include "messaging/message_channel.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+#include "runtime/files/memory_stream.h"
+
+namespace kestrun {
+
+// A MSG_BUILD_RESULT that ends the job for its stub. With `keepGoing` its failure is no reason to stop a script.
+bool SendBuildResult(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText,
+                     const std::string& stderrText, i32 exitCode, bool keepGoing);
+
+// The same, with the output segments of a MSG_LOCAL_JOB_RESULT, which are shared and not copied.
+bool PassResultOn(const rc_ptr<MessageChannel>& channel, const Message& localResult, i32 exitCode, bool keepGoing);
+
+// A MSG_BUILD_RESULT with output alone: more will follow for the job.
+bool SendBuildOutput(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText,
+                     const std::string& stderrText);
+bool SendBuildOutput(const rc_ptr<MessageChannel>& channel, const rc_ptr<MemoryStream>& stdoutContent,
+                     const rc_ptr<MemoryStream>& stderrContent);
+
+// A MSG_BUILD_RESULT for a request that can't become a job: exit code 1, and the reason as standard error.
+bool SendRefusal(const rc_ptr<MessageChannel>& channel, const std::string& reason);
+
+// A MSG_PROJECT_COMPLETE: the last result of a script's project has been sent.
+bool SendProjectComplete(const rc_ptr<MessageChannel>& channel);
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MASTER_RESULT_SENDER_H_

@@ -1,0 +1,108 @@
+#include "platform/linux/base/command_line.h"
+
+namespace kestrun::platform {
+namespace {
+
+bool IsBlank(char c) {
+  return c == ' ' || c == '\t';
+}
+
+std::string TakeProgramName(std::string_view text, std::size_t& at) {
+  std::string name;
+  bool quoted = false;
+  for (; at < text.size() && (quoted || !IsBlank(text[at])); ++at) {
+    if (text[at] == '"') {
+      quoted = !quoted;
+    } else {
+      name += text[at];
+    }
+  }
+  return name;
+}
+
+// Backslashes at `at`, and the quote behind them if they make it a plain character.
+void TakeBackslashes(std::string_view text, std::size_t& at, std::string& argument) {
+  std::size_t count = 0;
+  while (at < text.size() && text[at] == '\\') ++at, ++count;
+  if (at == text.size() || text[at] != '"') {
+    argument.append(count, '\\');
+    return;
+  }
+  argument.append(count / 2, '\\');
+  if (count % 2 == 0) return;
+  argument += '"';
+  ++at;
+}
+
+std::string TakeArgument(std::string_view text, std::size_t& at) {
+  std::string argument;
+  bool quoted = false;
+  while (at < text.size() && (quoted || !IsBlank(text[at]))) {
+    if (text[at] == '\\') {
+      TakeBackslashes(text, at, argument);
+    } else if (text[at] != '"') {
+      argument += text[at++];
+    } else if (quoted && at + 1 < text.size() && text[at + 1] == '"') {
+      argument += '"';
+      at += 2;
+    } else {
+      quoted = !quoted;
+      ++at;
+    }
+  }
+  return argument;
+}
+
+void AppendProgramName(const std::string& name, std::string& line) {
+  const bool quote = name.empty() || name.find_first_of(" \t") != std::string::npos;
+  if (quote) line += '"';
+  for (char c : name) {
+    if (c != '"') line += c;
+  }
+  if (quote) line += '"';
+}
+
+void AppendArgument(const std::string& argument, std::string& line) {
+  if (!argument.empty() && argument.find_first_of(" \t\n\v\"") == std::string::npos) {
+    line += argument;
+    return;
+  }
+  line += '"';
+  std::size_t backslashes = 0;
+  for (char c : argument) {
+    if (c == '"') line.append(backslashes + 1, '\\');
+    backslashes = c == '\\' ? backslashes + 1 : 0;
+    line += c;
+  }
+  // The closing quote must not be taken for an escaped one.
+  line.append(backslashes, '\\');
+  line += '"';
+}
+
+}  // namespace
+
+std::vector<std::string> SplitCommandLine(std::string_view commandLine) {
+  std::vector<std::string> arguments;
+  std::size_t at = 0;
+  arguments.push_back(TakeProgramName(commandLine, at));
+  while (true) {
+    while (at < commandLine.size() && IsBlank(commandLine[at])) ++at;
+    if (at == commandLine.size()) return arguments;
+    arguments.push_back(TakeArgument(commandLine, at));
+  }
+}
+
+std::string JoinCommandLine(const std::vector<std::string>& arguments) {
+  std::string line;
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    if (i == 0) {
+      AppendProgramName(arguments[i], line);
+    } else {
+      line += ' ';
+      AppendArgument(arguments[i], line);
+    }
+  }
+  return line;
+}
+
+}  // namespace kestrun::platform

@@ -1,0 +1,84 @@
+#include "platform/linux/base/process_stat.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace kestrun::platform {
+
+bool ReadProcessStat(pid_t pid, ProcessStat& stat) {
+  char name[40];
+  std::snprintf(name, sizeof name, "/proc/%d/stat", pid);
+  const int file = open(name, O_RDONLY | O_CLOEXEC);
+  if (file < 0) return false;
+  char text[1024];
+  const ssize_t length = read(file, text, sizeof text - 1);
+  close(file);
+  if (length <= 0) return false;
+  text[length] = '\0';
+  // The program's name stands in parentheses and may hold anything, parentheses too.
+  const char* const end = std::strrchr(text, ')');
+  if (end == nullptr) return false;
+  unsigned long user = 0, kernel = 0;
+  long childUser = 0, childKernel = 0;
+  unsigned long long start = 0;
+  const int fields =
+      std::sscanf(end + 1, " %c %d %d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu %ld %ld %*d %*d %*d %*d %llu",
+                  &stat.state, &stat.parent, &stat.group, &user, &kernel, &childUser, &childKernel, &start);
+  if (fields != 8) return false;
+  stat.userTicks = user;
+  stat.kernelTicks = kernel;
+  stat.childUserTicks = static_cast<std::uint64_t>(childUser);
+  stat.childKernelTicks = static_cast<std::uint64_t>(childKernel);
+  stat.startTicks = start;
+  return true;
+}
+
+std::map<pid_t, ProcessStat> DescendantsOf(pid_t root) {
+  std::map<pid_t, ProcessStat> all;
+  ProcessList list;
+  for (pid_t pid = list.IsValid() ? list.Next() : 0; pid != 0; pid = list.Next()) {
+    ProcessStat stat;
+    if (ReadProcessStat(pid, stat)) all[pid] = stat;
+  }
+  const auto isBelow = [&](pid_t pid) {
+    // A table read while processes come and go may be inconsistent; it must not lead round in circles.
+    for (std::size_t steps = 0; steps <= all.size(); ++steps) {
+      if (pid == root) return true;
+      const auto entry = all.find(pid);
+      if (entry == all.end()) return false;
+      pid = entry->second.parent;
+    }
+    return false;
+  };
+  std::map<pid_t, ProcessStat> below;
+  for (const auto& entry : all) {
+    if (isBelow(entry.first)) below.insert(entry);
+  }
+  return below;
+}
+
+std::uint64_t TicksToMicroseconds(std::uint64_t ticks) {
+  return ticks * 1000000 / static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK));
+}
+
+ProcessList::ProcessList() : directory_(opendir("/proc")) {}
+
+ProcessList::~ProcessList() {
+  if (directory_ != nullptr) closedir(static_cast<DIR*>(directory_));
+}
+
+pid_t ProcessList::Next() {
+  while (const dirent* const entry = readdir(static_cast<DIR*>(directory_))) {
+    char* end = nullptr;
+    const long pid = std::strtol(entry->d_name, &end, 10);
+    if (pid > 0 && *end == '\0') return static_cast<pid_t>(pid);
+  }
+  return 0;
+}
+
+}  // namespace kestrun::platform

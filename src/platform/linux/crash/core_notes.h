@@ -1,0 +1,26 @@
+// The notes of a core file: the threads with their registers, and what a debugger needs to find the program's files.
+#ifndef KESTRUN_PLATFORM_LINUX_CRASH_CORE_NOTES_H_
+#define KESTRUN_PLATFORM_LINUX_CRASH_CORE_NOTES_H_
+
+#include <ucontext.h>
+
+#include "platform/linux/crash/memory_map.h"
+
+namespace kestrun::platform {
+
+// A thread and where it stood.
+struct CoreThread {
+  int id;
+  int signal;
+  const ucontext_t* context;
+  unsigned long threadPointer;
+};
+
+std::uint64_t StackPointer(const ucontext_t& context);
+
+// The notes as they stand in the file. The first thread is the one that failed. Empty when there is no room.
+Bytes MakeCoreNotes(const CoreThread* threads, std::size_t threadCount, const MemoryMap& map, Scratch& scratch);
+
+}  // namespace kestrun::platform
+
+#endif  // KESTRUN_PLATFORM_LINUX_CRASH_CORE_NOTES_H_

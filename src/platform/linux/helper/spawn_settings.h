@@ -1,0 +1,27 @@
+// What posix_spawn is told beside the program: its file actions and attributes, empty at first.
+#ifndef KESTRUN_PLATFORM_LINUX_HELPER_SPAWN_SETTINGS_H_
+#define KESTRUN_PLATFORM_LINUX_HELPER_SPAWN_SETTINGS_H_
+
+#include <spawn.h>
+
+namespace kestrun::platform {
+
+struct SpawnSettings {
+  SpawnSettings() {
+    posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_init(&attributes);
+  }
+  ~SpawnSettings() {
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+  }
+  SpawnSettings(const SpawnSettings&) = delete;
+  SpawnSettings& operator=(const SpawnSettings&) = delete;
+
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attributes;
+};
+
+}  // namespace kestrun::platform
+
+#endif  // KESTRUN_PLATFORM_LINUX_HELPER_SPAWN_SETTINGS_H_

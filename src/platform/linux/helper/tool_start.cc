@@ -1,0 +1,97 @@
+#include "platform/linux/helper/tool_start.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "platform/linux/base/descriptor_passing.h"
+
+namespace kestrun::platform {
+namespace {
+
+// Text of more than that is not kept for the next tool.
+constexpr std::size_t kKeptText = 256 * 1024;
+
+char* Take(char*& at) {
+  char* const start = at;
+  at += std::strlen(at) + 1;
+  return start;
+}
+
+void TakeAll(char*& at, std::uint32_t count, std::vector<char*>& entries) {
+  entries.clear();
+  for (std::uint32_t i = 0; i < count; ++i) entries.push_back(Take(at));
+  entries.push_back(nullptr);
+}
+
+}  // namespace
+
+bool ToolStart::Receive(int control) {
+  Command command = {};
+  std::size_t count = 0;
+  for (;;) {
+    const ssize_t length = ReceiveDescriptors(control, &command, sizeof command, descriptors_, count);
+    if (length < 0 && errno == EINTR) continue;
+    if (length <= 0) return false;
+    const std::size_t received = static_cast<std::size_t>(length);
+    if (!ReceiveAll(control, reinterpret_cast<char*>(&command) + received, sizeof command - received)) return false;
+    if (command.kind == CommandKind::kStart) break;
+  }
+  header_ = command.tool;
+  return count == 1 + static_cast<std::size_t>(std::popcount(header_.streams & 7u)) && ReceiveText(control);
+}
+
+bool ToolStart::ReceiveText(int control) {
+  if (text_.capacity() > kKeptText) std::vector<char>().swap(text_);
+  text_.resize(header_.textSize + 1);
+  if (!ReceiveAll(control, text_.data(), header_.textSize)) return false;
+  text_.back() = '\0';
+  char* at = text_.data();
+  path_ = Take(at);
+  TakeAll(at, header_.argumentCount, arguments_);
+  TakeAll(at, header_.variableCount, variables_);
+  return true;
+}
+
+bool ToolStart::EnterWorkingDirectory() const {
+  return fchdir(descriptors_[0]) == 0;
+}
+
+void ToolStart::PlaceStreams() const {
+  std::size_t next = 1;
+  for (int i = 0; i < 3; ++i) {
+    if ((header_.streams & (1u << i)) != 0) dup2(descriptors_[next++], i);
+  }
+}
+
+void ToolStart::Execute() const {
+  timespec pause{0, 1000000};
+  do {
+    execve(path_, arguments_.data(), variables_.data());
+    // A process that has just written the file may have forked while it was open for writing, and the fork keeps it
+    // open until its own exec.
+    if (errno != ETXTBSY) break;
+    nanosleep(&pause, nullptr);
+    pause.tv_nsec *= 2;
+  } while (pause.tv_nsec < 300000000);
+  dprintf(STDERR_FILENO, "KESTRUN: error: cannot run %s: %s\n", path_, std::strerror(errno));
+}
+
+bool ReceiveAll(int socket, void* buffer, std::size_t size) {
+  char* at = static_cast<char*>(buffer);
+  while (size > 0) {
+    const ssize_t count = recv(socket, at, size, 0);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return false;
+    at += count;
+    size -= static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
+}  // namespace kestrun::platform

@@ -1,0 +1,46 @@
+// What a tool is started with, as it comes over the control socket, and the exec that makes a process the tool.
+//
+// Owned by the supervisor and used for one tool after the other, so that its memory is there already. The process that
+// is to become the tool uses it while it shares the supervisor's memory, and the supervisor stands still meanwhile.
+#ifndef KESTRUN_PLATFORM_LINUX_HELPER_TOOL_START_H_
+#define KESTRUN_PLATFORM_LINUX_HELPER_TOOL_START_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "platform/linux/base/descriptor_passing.h"
+#include "platform/linux/helper/helper_protocol.h"
+
+namespace kestrun::platform {
+
+class ToolStart {
+ public:
+  // Blocks until a kStart command has come with its text; other commands are ignored. False when the socket has ended.
+  bool Receive(int control);
+
+  const ToolHeader& header() const { return header_; }
+
+  bool EnterWorkingDirectory() const;
+  // Makes the streams that came along descriptors 0 to 2; those that did not stay what they are, /dev/null.
+  void PlaceStreams() const;
+  // Returns only if the program can't be run, after a line on the standard error.
+  void Execute() const;
+
+ private:
+  bool ReceiveText(int control);
+
+  ToolHeader header_ = {};
+  int descriptors_[kMaxPassedDescriptors] = {};
+  std::vector<char> text_;
+  const char* path_ = nullptr;
+  std::vector<char*> arguments_;
+  std::vector<char*> variables_;
+};
+
+// Reads exactly `size` bytes; false when the socket ends before.
+bool ReceiveAll(int socket, void* buffer, std::size_t size);
+
+}  // namespace kestrun::platform
+
+#endif  // KESTRUN_PLATFORM_LINUX_HELPER_TOOL_START_H_

@@ -1,0 +1,188 @@
+#include "platform/linux/objects/object_folder.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <system_error>
+
+#include "platform/api/base_api.h"
+#include "platform/host.h"
+#include "platform/linux/base/never_destroyed.h"
+#include "platform/linux/base/start_state.h"
+
+namespace kestrun::platform {
+
+namespace {
+
+constexpr const char* kFolderVariable = "KESTRUN_OBJECT_DIR";
+
+// A file that would grow beyond the user's limit is an error of the call, as on a full disk, and does not end the
+// process. Tools start with every signal at its default.
+[[maybe_unused]] const bool kFilesTooLargeAreErrors = IgnoreSignal(SIGXFSZ);
+
+// Fails for a symbolic link: another user could redirect it.
+int OpenFolder(const std::string& path) {
+  return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+// Why the folder can't be used; empty if it can. `fd` is -1 if it could not be opened, with the cause in errno.
+std::string FaultOf(const std::string& path, int fd) {
+  const int error = errno;
+  struct stat status {};
+  if ((fd >= 0 ? fstat(fd, &status) : lstat(path.c_str(), &status)) != 0) return std::strerror(errno);
+  if (S_ISLNK(status.st_mode)) return "it is a symbolic link";
+  if (!S_ISDIR(status.st_mode)) return "it is not a directory";
+  if (status.st_uid != geteuid()) return "it belongs to another user";
+  if (fd < 0) return std::strerror(error);
+  if ((status.st_mode & 0777) != 0700) return "its mode is not 0700";
+  return "";
+}
+
+class ObjectFolder {
+ public:
+  static ObjectFolder& Get() {
+    static NeverDestroyed<ObjectFolder> folder;
+    return folder.get();
+  }
+
+  // A descriptor of the folder, for the *at calls; it stays open when the folder is made again. -1 with the last error.
+  int Descriptor() {
+    const int fd = fd_.load(std::memory_order_acquire);
+    return fd >= 0 ? fd : Open(-1);
+  }
+
+  // After ENOENT for a file that was to be made: the folder itself may be gone. `stale` is the descriptor used.
+  int OpenAgain(int stale) { return Open(stale); }
+
+  std::string Path() {
+    if (Descriptor() < 0) return "";
+    std::lock_guard<std::mutex> guard(lock_);
+    return path_;
+  }
+
+  void ReportUnusable(const std::string& cause) {
+    const std::lock_guard guard(lock_);
+    Refuse(cause);
+  }
+
+  // From the environment alone, as long as no object has been made.
+  static std::string Choose() {
+    const char* given = std::getenv(kFolderVariable);
+    if (given && *given) return given;
+    const std::string leaf = "/kestrun-" + std::to_string(geteuid());
+    const std::string shared = "/dev/shm" + leaf;
+    // An existing folder settles it, even one that will be refused: it must not be possible to push a user aside.
+    if (access(shared.c_str(), F_OK) == 0 || mkdir(shared.c_str(), 0700) == 0 || errno == EEXIST) return shared;
+    const char* temporary = std::getenv("TMPDIR");
+    return (temporary && *temporary ? std::string(temporary) : "/tmp") + leaf;
+  }
+
+ private:
+  int Open(int stale) {
+    const std::lock_guard guard(lock_);
+    const int current = fd_.load(std::memory_order_relaxed);
+    if (current != stale) return current;
+    if (path_.empty()) path_ = Choose();
+    int fd = OpenFolder(path_);
+    if (fd < 0 && errno == ENOENT) {
+      if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) return Refuse(std::strerror(errno));
+      fd = OpenFolder(path_);
+    }
+    const std::string fault = FaultOf(path_, fd);
+    if (!fault.empty()) {
+      if (fd >= 0) close(fd);
+      return Refuse(fault);
+    }
+    // The old descriptor stays open: another thread may be about to use it.
+    fd_.store(fd, std::memory_order_release);
+    return fd;
+  }
+
+  int Refuse(const std::string& cause) {
+    if (!reported_) {
+      const std::string line = "KESTRUN: error: cannot use the folder " + path_ + " for named objects: " + cause + "\n";
+      std::fputs(line.c_str(), stderr);
+    }
+    reported_ = true;
+    SetLastError(ERROR_ACCESS_DENIED);
+    return -1;
+  }
+
+  std::atomic<int> fd_{-1};
+  std::mutex lock_;
+  std::string path_;       // guarded by lock_
+  bool reported_ = false;  // guarded by lock_
+};
+
+int OpenIn(int folder, const std::string& leaf, int flags) {
+  return openat(folder, leaf.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0600);
+}
+
+}  // namespace
+
+bool SeparateNamedObjects() {
+  // Process ids are used again, and a folder of a killed process may still be there.
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const std::string folder =
+      ObjectFolder::Choose() + "-" + std::to_string(getpid()) + "." + std::to_string(now.tv_nsec);
+  return SetEnvironmentVariableA(kFolderVariable, folder.c_str()) != FALSE;
+}
+
+std::string NamedObjectFolder() {
+  return ObjectFolderPath();
+}
+
+int ObjectFolderDescriptor() {
+  return ObjectFolder::Get().Descriptor();
+}
+
+FileDescriptor OpenObjectFile(const std::string& leaf, int flags) {
+  int folder = ObjectFolder::Get().Descriptor();
+  if (folder < 0) return FileDescriptor();
+  int fd = OpenIn(folder, leaf, flags);
+  if (fd < 0 && errno == ENOENT && (flags & O_CREAT)) {
+    folder = ObjectFolder::Get().OpenAgain(folder);
+    if (folder < 0) return FileDescriptor();
+    fd = OpenIn(folder, leaf, flags);
+  }
+  if (fd < 0) FailInFolder(errno);
+  return FileDescriptor(fd);
+}
+
+std::string ObjectFolderPath() {
+  return ObjectFolder::Get().Path();
+}
+
+void ReportUnusableFolder(const std::string& cause) {
+  ObjectFolder::Get().ReportUnusable(cause);
+}
+
+bool FailInFolder(int error) {
+  const bool isShortage = error == ENOSPC || error == EFBIG || error == ENOMEM || error == EMFILE || error == ENFILE;
+  if (isShortage) ReportUnusableFolder(std::strerror(error));
+  SetLastError(Win32ErrorFromErrno(error));
+  return false;
+}
+
+int ReserveSpace(int fd, std::uint64_t offset, std::uint64_t size) {
+  int error;
+  do {
+    error = posix_fallocate(fd, static_cast<off_t>(offset), static_cast<off_t>(size));
+  } while (error == EINTR);
+  return error;
+}
+
+void RemoveObjectFile(const std::string& leaf) {
+  const int folder = ObjectFolder::Get().Descriptor();
+  if (folder >= 0) unlinkat(folder, leaf.c_str(), 0);
+}
+
+}  // namespace kestrun::platform

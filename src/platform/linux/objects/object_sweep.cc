@@ -1,0 +1,96 @@
+#include "platform/linux/objects/object_sweep.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <ctime>
+#include <memory>
+
+#include "platform/linux/base/file_descriptor.h"
+#include "platform/linux/objects/object_folder.h"
+#include "platform/linux/objects/robust_mutex.h"
+
+namespace kestrun::platform {
+
+namespace {
+
+constexpr const char* kStampFile = ".sweep";
+constexpr time_t kIntervalSeconds = 60;
+
+// True if the last sweep by any process is long enough ago; the stamp then says "now".
+bool RenewStamp(int folder) {
+  struct stat status {};
+  const bool isStamped = fstatat(folder, kStampFile, &status, AT_SYMLINK_NOFOLLOW) == 0;
+  // The coarse clock is the one that file times are taken from.
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  // A stamp in the future was made before the clock was set back, and counts as old.
+  const time_t age = now.tv_sec - status.st_mtim.tv_sec;
+  if (isStamped && age >= 0 && age < kIntervalSeconds) return false;
+  FileDescriptor stamp(openat(folder, kStampFile, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_CREAT, 0600));
+  return stamp && futimens(stamp.get(), nullptr) == 0;
+}
+
+// Removes the marks of the dead from one slot, and reclaims it if no others are left. True if there were any, or if the
+// slot was claimed by a dead process.
+bool SweepSlot(ObjectLayout& layout, ObjectSlots& slots, unsigned slot, const ProcessSet& dead) {
+  ObjectSlot& object = slots[slot];
+  const SlotState state = slots.State(slot);
+  if (state.phase == SlotPhase::kFree) return false;
+  const auto isDead = [&dead](unsigned process) { return dead.Has(process); };
+  // A process that sweeps on its way into the table has no process slot yet. It does so under the gate, which is held
+  // here: if a slot is still claimed by such a process, that process died over it.
+  const bool isUnfinished = state.phase == SlotPhase::kClaimed && (state.owner == kMaxProcesses || isDead(state.owner));
+  // A slot with such a mark is not reclaimed by other processes until the mark goes, so it stays the same object.
+  if (!isUnfinished && !object.held.Any(isDead) && !object.pinned.Any(isDead)) return false;
+  {
+    ObjectBucket& bucket = layout.buckets[object.bucket % kObjectBuckets];
+    const RobustLock lock(bucket.mutex);
+    object.held.RemoveAll(dead);
+    object.pinned.RemoveAll(dead);
+    if (object.held.IsEmpty()) slots.Unlink(bucket, slot);
+  }
+  if (isUnfinished) {
+    slots.Free(slot);
+  } else if (object.pinned.IsEmpty()) {
+    slots.Reclaim(slot, state.generation);
+  }
+  return true;
+}
+
+}  // namespace
+
+int SweepTable(ObjectLayout& layout, const ProcessSlots& processes, ObjectSlots& slots) {
+  const auto dead = std::make_unique<ProcessSet>();
+  int freed = 0;
+  for (unsigned process = 0; process < kMaxProcesses; ++process) {
+    if (!processes.IsStale(process)) continue;
+    dead->Add(process);
+    ++freed;
+  }
+  if (freed == 0) return 0;
+  const unsigned used = slots.Used();
+  for (unsigned slot = 0; slot < used; ++slot) {
+    if (SweepSlot(layout, slots, slot, *dead)) ++freed;
+  }
+  dead->Any([&layout](unsigned process) {
+    layout.hasMarks[process].store(0);
+    return false;
+  });
+  return freed;
+}
+
+bool SweepIsDue() {
+  // When this process last read the stamp, so that most calls cost no system call.
+  static std::atomic<time_t> lastCheck{-kIntervalSeconds};
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  // Relaxed: it guards no other data, and the exchange lets one thread through.
+  time_t last = lastCheck.load(std::memory_order_relaxed);
+  if (now.tv_sec - last < kIntervalSeconds || !lastCheck.compare_exchange_strong(last, now.tv_sec)) return false;
+  const int folder = ObjectFolderDescriptor();
+  return folder >= 0 && RenewStamp(folder);
+}
+
+}  // namespace kestrun::platform

@@ -1,0 +1,264 @@
+#include "platform/linux/objects/object_table.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/api/sync_api.h"
+#include "platform/linux/base/never_destroyed.h"
+#include "platform/linux/objects/object_folder.h"
+#include "platform/linux/objects/object_sweep.h"
+#include "platform/linux/objects/robust_mutex.h"
+
+namespace kestrun::platform {
+
+namespace {
+
+// The slots that most tables come to use.
+constexpr unsigned kExpectedObjects = 32;
+
+// Maps the table's file, which has that size, and gives it room for the fixed part. Null with the last error.
+ObjectLayout* MapLayout(int file, std::size_t fileSize) {
+  const int error = fileSize < kFixedLayoutSize ? ReserveSpace(file, 0, kFixedLayoutSize) : 0;
+  if (error != 0) return FailInFolder(error), nullptr;
+  // The whole layout at once, so that the file can grow under the mapping; what it has no room for is never touched.
+  void* const memory = mmap(nullptr, sizeof(ObjectLayout), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+  if (memory == MAP_FAILED) return FailInFolder(errno), nullptr;
+  // A mapping keeps the file's locks alive like a descriptor does, so a forked child must not get it.
+  madvise(memory, sizeof(ObjectLayout), MADV_DONTFORK);
+  // One call in place of a fault for each page that most processes use. A kernel without it faults, which is as good.
+  madvise(memory, offsetof(ObjectLayout, states) + kLayoutPage, MADV_POPULATE_WRITE);
+  return static_cast<ObjectLayout*>(memory);
+}
+
+// All but kind, name and size of an object that has just been claimed.
+void ResetHeader(ObjectHeader& header) {
+  header.parameter = 0;
+  header.state.word = 0;
+  header.state.sleepers = 0;
+  header.state.hubs = 0;
+  std::memset(&header.mutex, 0, sizeof header.mutex);
+  header.abandoned = 0;
+}
+
+}  // namespace
+
+class ObjectTable::Visit {
+ public:
+  explicit Visit(ObjectTable& table) : table_(table) {
+    const std::lock_guard guard(table_.lock_);
+    table_.AddUse();
+  }
+  ~Visit() {
+    const std::lock_guard guard(table_.lock_);
+    table_.DropUse();
+  }
+  Visit(const Visit&) = delete;
+  Visit& operator=(const Visit&) = delete;
+
+ private:
+  ObjectTable& table_;
+};
+
+ObjectTable::ObjectTable(FileDescriptor file, ObjectLayout& layout)
+    : file_(std::move(file)),
+      layout_(layout),
+      processes_(file_.get(), layout_),
+      slots_(file_.get(), layout_, processes_) {}
+
+ObjectTable::~ObjectTable() {
+  munmap(&layout_, sizeof layout_);
+}
+
+ObjectTable* ObjectTable::Current() {
+  static NeverDestroyed<std::mutex> lock;
+  static std::atomic<ObjectTable*> current{nullptr};
+  // Acquire pairs with the release below: a table that is seen is complete.
+  ObjectTable* table = current.load(std::memory_order_acquire);
+  if (table && !table->IsRemoved()) return table;
+  const std::lock_guard guard(lock.get());
+  table = current.load(std::memory_order_acquire);
+  if (table && !table->IsRemoved()) return table;
+  table = Enter();
+  if (!table) return nullptr;
+  // Keeps earlier tables reachable, for leak checkers.
+  static NeverDestroyed<std::vector<ObjectTable*>> entered;
+  entered.get().push_back(table);
+  current.store(table, std::memory_order_release);
+  return table;
+}
+
+bool ObjectTable::IsRemoved() const {
+  struct stat status {};
+  return fstat(file_.get(), &status) == 0 && status.st_nlink == 0;
+}
+
+ObjectTable* ObjectTable::Enter() {
+  for (;;) {
+    FileDescriptor file = OpenObjectFile(TableFileName(), O_CREAT);
+    if (!file) return nullptr;
+    // Before the gate, whose unlocking needs the table's file to be open.
+    std::unique_ptr<ObjectTable> table;
+    const TableGate gate(file.get());
+    struct stat status {};
+    if (!gate || fstat(file.get(), &status) != 0) {
+      const int error = errno;
+      // Not every file system has these locks, nor every sandbox.
+      if (!gate) ReportUnusableFolder(std::string("its files cannot be locked: ") + std::strerror(error));
+      return FailInFolder(error), nullptr;
+    }
+    // Removed before the gate was locked.
+    if (status.st_nlink == 0) continue;
+    const auto size = static_cast<std::size_t>(status.st_size);
+    ObjectLayout* const layout = MapLayout(file.get(), size);
+    if (!layout) return nullptr;
+    table.reset(new ObjectTable(std::move(file), *layout));
+    return table->Join(size) ? table.release() : nullptr;
+  }
+}
+
+// Makes this process one of the table's, under the gate. False with the last error.
+bool ObjectTable::Join(std::size_t fileSize) {
+  if (!processes_.AnyIsAlive()) slots_.StartAnew(fileSize);
+  const std::size_t inUse = std::min<std::size_t>(slots_.Used(), kExpectedObjects) * sizeof(ObjectSlot);
+  madvise(layout_.slots, inUse, MADV_POPULATE_WRITE);
+  return ClaimProcessSlot();
+}
+
+bool ObjectTable::ClaimProcessSlot() {
+  do {
+    if (processes_.Claim()) return true;
+  } while (SweepTable(layout_, processes_, slots_) > 0);
+  ReportUnusableFolder("too many processes use its object table");
+  SetLastError(ERROR_TOO_MANY_OPEN_FILES);
+  return false;
+}
+
+bool ObjectTable::Find(const Request& request, Found* found) {
+  const Visit visit(*this);
+  const unsigned number = BucketOf(request.name);
+  ObjectBucket& bucket = layout_.buckets[number];
+  const RobustLock lock(bucket.mutex);
+  const unsigned slot = slots_.Find(bucket, request.name);
+  if (slot != ObjectSlots::kNone) {
+    if (slots_.IsHeld(slot)) return OpenObject(request, slot, found);
+    // All its holders were killed.
+    slots_.Unlink(bucket, slot);
+  }
+  if (request.initialise) return MakeObject(request, number, found);
+  SetLastError(ERROR_FILE_NOT_FOUND);
+  return false;
+}
+
+void ObjectTable::Release(unsigned slot) {
+  ObjectSlot& object = slots_[slot];
+  ObjectBucket& bucket = layout_.buckets[object.bucket];
+  const RobustLock lock(bucket.mutex);
+  const std::lock_guard guard(lock_);
+  if (--own_[slot].holds != 0) return;
+  object.held.Remove(processes_.own());
+  if (object.held.IsEmpty()) slots_.Unlink(bucket, slot);
+}
+
+bool ObjectTable::IsHeldElsewhere(unsigned slot) {
+  {
+    const std::lock_guard guard(lock_);
+    if (own_[slot].holds > 1) return true;
+  }
+  return slots_[slot].held.Any(
+      [this](unsigned process) { return process != processes_.own() && processes_.IsAlive(process); });
+}
+
+int ObjectTable::Sweep() {
+  const Visit visit(*this);
+  const TableGate gate(file_.get());
+  return gate ? SweepTable(layout_, processes_, slots_) : 0;
+}
+
+bool ObjectTable::OpenObject(const Request& request, unsigned slot, Found* found) {
+  const ObjectHeader& header = slots_[slot].header;
+  if (header.kind != static_cast<std::uint32_t>(request.kind)) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return false;
+  }
+  FileDescriptor data;
+  if (header.dataSize != 0 && !(data = OpenObjectFile(slots_.DataFile(slot), 0))) return false;
+  Hold(slot);
+  *found = {slot, true, Pin(slot), std::move(data)};
+  return true;
+}
+
+bool ObjectTable::MakeObject(const Request& request, unsigned bucket, Found* found) {
+  unsigned slot = 0;
+  if (!slots_.Claim(&slot)) return false;
+  ObjectSlot& object = slots_[slot];
+  ObjectHeader& header = object.header;
+  ResetHeader(header);
+  header.kind = static_cast<std::uint32_t>(request.kind);
+  header.dataSize = request.dataSize;
+  header.nameLength = static_cast<std::uint32_t>(request.name.size());
+  std::memcpy(header.name, request.name.data(), request.name.size());
+  FileDescriptor data;
+  if (request.dataSize != 0 && !MakeData(slot, request.dataSize, &data)) {
+    slots_.Free(slot);
+    return false;
+  }
+  (*request.initialise)(header);
+  object.bucket = bucket;
+  Hold(slot);
+  slots_.Link(bucket, slot);
+  *found = {slot, false, Pin(slot), std::move(data)};
+  return true;
+}
+
+bool ObjectTable::MakeData(unsigned slot, std::uint64_t size, FileDescriptor* data) {
+  *data = OpenObjectFile(slots_.DataFile(slot), O_CREAT | O_EXCL);
+  if (!*data) return false;
+  const int error = ReserveSpace(data->get(), 0, size);
+  return error == 0 || FailInFolder(error);
+}
+
+// With lock_ held, as DropUse.
+void ObjectTable::AddUse() {
+  if (uses_++ == 0) layout_.hasMarks[processes_.own()].store(1);
+}
+
+void ObjectTable::DropUse() {
+  if (--uses_ == 0) layout_.hasMarks[processes_.own()].store(0);
+}
+
+// Under the bucket's mutex, for a slot that is held by another process or claimed by this one.
+void ObjectTable::Hold(unsigned slot) {
+  const std::lock_guard guard(lock_);
+  AddUse();
+  Counts& own = own_[slot];
+  if (own.pins++ == 0) slots_[slot].pinned.Add(processes_.own());
+  if (own.holds++ == 0) slots_[slot].held.Add(processes_.own());
+}
+
+std::shared_ptr<ObjectHeader> ObjectTable::Pin(unsigned slot) {
+  return {&slots_[slot].header, [this, slot](ObjectHeader*) { Unpin(slot); }};
+}
+
+void ObjectTable::Unpin(unsigned slot) {
+  const std::lock_guard guard(lock_);
+  const auto own = own_.find(slot);
+  if (--own->second.pins == 0) {
+    own_.erase(own);
+    // Read while the pin still keeps the slot: afterwards it may serve another object, which must not be reclaimed.
+    const std::uint32_t generation = slots_.State(slot).generation;
+    slots_[slot].pinned.Remove(processes_.own());
+    if (slots_[slot].pinned.IsEmpty()) slots_.Reclaim(slot, generation);
+  }
+  DropUse();
+}
+
+}  // namespace kestrun::platform

@@ -1,0 +1,98 @@
+// The functions that the program asks for by name at run time, and the modules that they are in on Windows.
+
+#include <strings.h>
+
+#include <cstring>
+#include <iterator>
+
+#include "platform/api/diagnostics_api.h"
+#include "platform/api/sync_api.h"
+#include "platform/linux/objects/handle_table.h"
+
+namespace kestrun::platform {
+
+namespace {
+
+struct Function {
+  const char* name;
+  FARPROC address;
+};
+
+struct Module {
+  const char* name;
+  const Function* functions;
+  std::size_t count;
+};
+
+template <class T>
+FARPROC AsProc(T* function) {
+  // Through a generic function type, which keeps the compiler from warning of the cast.
+  return reinterpret_cast<FARPROC>(reinterpret_cast<void (*)()>(function));
+}
+
+constexpr int kObjectBasicInformation = 0;
+constexpr NTSTATUS kStatusInvalidInfoClass = static_cast<NTSTATUS>(0xC0000003u);
+constexpr NTSTATUS kStatusInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004u);
+constexpr NTSTATUS kStatusInvalidHandle = static_cast<NTSTATUS>(0xC0000008u);
+
+struct ObjectBasicInformation {
+  ULONG attributes;
+  ULONG grantedAccess;
+  ULONG handleCount;
+  ULONG pointerCount;
+  ULONG reserved[10];
+};
+static_assert(sizeof(ObjectBasicInformation) == 56);
+
+// Tells whether some other handle exists, 1 meaning none; the exact number isn't known beyond that.
+NTSTATUS QueryObject(HANDLE handle, int what, void* buffer, ULONG length, ULONG* returnedLength) {
+  if (what != kObjectBasicInformation) return kStatusInvalidInfoClass;
+  if (length < sizeof(ObjectBasicInformation)) return kStatusInfoLengthMismatch;
+  const auto object = LookUpObject(handle);
+  if (!object) return kStatusInvalidHandle;
+  ObjectBasicInformation answer{};
+  answer.handleCount = object->HandleCount();
+  answer.pointerCount = answer.handleCount;
+  std::memcpy(buffer, &answer, sizeof answer);
+  if (returnedLength) *returnedLength = sizeof answer;
+  return 0;
+}
+
+const Function kNtdll[] = {{"NtQueryObject", AsProc(QueryObject)}};
+
+const Function kDbghelp[] = {{"MiniDumpWriteDump", AsProc(MiniDumpWriteDump)}};
+
+const Module kModules[] = {{"ntdll.dll", kNtdll, std::size(kNtdll)}, {"dbghelp.dll", kDbghelp, std::size(kDbghelp)}};
+
+}  // namespace
+
+}  // namespace kestrun::platform
+
+using namespace kestrun::platform;
+
+HMODULE LoadLibraryA(LPCSTR name) {
+  for (const Module& module : kModules) {
+    if (strcasecmp(module.name, name) == 0) return const_cast<Module*>(&module);
+  }
+  SetLastError(ERROR_MOD_NOT_FOUND);
+  return nullptr;
+}
+
+FARPROC GetProcAddress(HMODULE module, LPCSTR name) {
+  for (const Module& known : kModules) {
+    if (&known != module) continue;
+    for (std::size_t i = 0; i < known.count; ++i) {
+      if (std::strcmp(known.functions[i].name, name) == 0) return known.functions[i].address;
+    }
+  }
+  SetLastError(ERROR_PROC_NOT_FOUND);
+  return nullptr;
+}
+
+BOOL FreeLibrary(HMODULE module) {
+  for (const Module& known : kModules) {
+    if (&known == module) return TRUE;
+  }
+  SetLastError(ERROR_MOD_NOT_FOUND);
+  return FALSE;
+}

@@ -1,0 +1,53 @@
+#include "platform/linux/sockets/local_names.h"
+
+#include <cctype>
+#include <cstdint>
+#include <cstdio>
+
+#include "platform/api/base_api.h"
+#include "platform/linux/objects/object_folder.h"
+
+namespace kestrun::platform {
+
+namespace {
+
+// Leaves room for a folder's path in the 107 bytes of an address.
+constexpr std::size_t kLongestName = 64;
+
+// FNV-1a: both sides must come to the same number, whatever they were built with.
+std::uint64_t Hash(const std::string& text) {
+  std::uint64_t hash = 14695981039346656037u;
+  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211u;
+  return hash;
+}
+
+bool IsPlain(const std::string& name) {
+  for (const char c : name) {
+    if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '_' && c != '-' && c != '.') return false;
+  }
+  return name.size() <= kLongestName;
+}
+
+std::string FileName(const std::string& name) {
+  if (IsPlain(name)) return "stream." + name;
+  char text[24];
+  std::snprintf(text, sizeof text, "stream,%016llx", static_cast<unsigned long long>(Hash(name)));
+  return text;
+}
+
+}  // namespace
+
+LocalName::LocalName(const std::string& name, const std::string& suffix) {
+  const std::string folder = ObjectFolderPath();
+  if (folder.empty()) return;
+  path_ = folder + "/" + FileName(name) + suffix;
+  // An address is short; the descriptor of the folder stands for a long path.
+  std::string address = path_;
+  if (address.size() >= sizeof address_.sun_path) {
+    address = "/proc/self/fd/" + std::to_string(ObjectFolderDescriptor()) + "/" + FileName(name) + suffix;
+  }
+  address_.sun_family = AF_UNIX;
+  address.copy(address_.sun_path, sizeof address_.sun_path - 1);
+}
+
+}  // namespace kestrun::platform

@@ -1,0 +1,286 @@
+// The server of local_stream.h: one epoll over the listening socket, the connections of clients that wait for their
+// answer, and the pidfds of clients, which become readable when their processes end.
+//
+// The server opens the pidfd by the process id that the kernel tells of the peer. That id is the client's as long as
+// the client's end of the connection is open, so the connection is looked at once more behind it. Where there is no
+// pidfd (before Linux 5.3, or for a client in a process namespace that this one does not see), the end of the
+// connection counts.
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "platform/linux/base/file_descriptor.h"
+#include "platform/linux/objects/stale_sockets.h"
+#include "platform/linux/sockets/local_names.h"
+#include "platform/local_stream.h"
+
+namespace kestrun::platform {
+
+namespace {
+
+// What an event of the epoll belongs to: 0 and 1, or twice a client's number, plus one for its process.
+constexpr std::uint64_t kListenerKey = 0;
+constexpr std::uint64_t kStopKey = 1;
+
+constexpr int kEventsAtOnce = 64;
+// A connection that has sent nothing for so long, while descriptors are short, is closed.
+constexpr time_t kSilenceSeconds = 5;
+// Without descriptors the listener rests for this long, unless a client goes.
+constexpr int kPauseMs = 100;
+
+time_t Now() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec;
+}
+
+struct Connection {
+  FileDescriptor socket;
+  FileDescriptor process;  // none before the first message, and where the system has none
+  std::uint32_t processId = 0;
+  time_t acceptedAt = 0;
+  bool isClient = false;  // its first message has come
+};
+
+class EpollServer final : public LocalServer {
+ public:
+  EpollServer(FileDescriptor listener, FileDescriptor epoll, FileDescriptor stop, std::string path)
+      : listener_(std::move(listener)), epoll_(std::move(epoll)), stop_(std::move(stop)), path_(std::move(path)) {
+    Watch(listener_.get(), kListenerKey);
+    Watch(stop_.get(), kStopKey);
+  }
+
+  // A later server may have taken over the name: the file is then not ours to remove.
+  ~EpollServer() override {
+    struct stat there = {};
+    if (stat(path_.c_str(), &there) == 0 && inode_ == there.st_ino) unlink(path_.c_str());
+  }
+
+  void RememberFile() {
+    struct stat there = {};
+    if (stat(path_.c_str(), &there) == 0) inode_ = there.st_ino;
+  }
+
+  void Run(Handler& handler) override {
+    epoll_event events[kEventsAtOnce];
+    bool isStopped = false;
+    while (!isStopped) {
+      const int count = epoll_wait(epoll_.get(), events, kEventsAtOnce, isPaused_ ? kPauseMs : -1);
+      if (count == 0 || isPaused_) Resume();
+      for (int i = 0; i < count && !isStopped; ++i) {
+        const std::uint64_t key = events[i].data.u64;
+        isStopped = key == kStopKey;
+        if (key == kListenerKey) {
+          AcceptAll(handler);
+        } else if (!isStopped) {
+          Serve(key / 2, key % 2 != 0, handler);
+        }
+      }
+    }
+  }
+
+  void Stop() override { eventfd_write(stop_.get(), 1); }
+
+  void Answer(Client client, const void* data, std::size_t size) override {
+    const std::lock_guard lock(lock_);
+    const auto found = connections_.find(client);
+    if (found == connections_.end()) return;
+    Connection& connection = found->second;
+    [[maybe_unused]] const ssize_t sent = send(connection.socket.get(), data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+    // What was sent can still be read; without a pidfd the connection is what tells of the client's end.
+    if (connection.process) connection.socket.Reset();
+  }
+
+ private:
+  bool Watch(int descriptor, std::uint64_t key) {
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.u64 = key;
+    return epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
+  }
+
+  void AcceptAll(Handler& handler) {
+    for (;;) {
+      FileDescriptor socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+      if (!socket) {
+        if (errno == EINTR || errno == ECONNABORTED) continue;
+        if (errno != EAGAIN) Pause();
+        return;
+      }
+      ucred peer = {};
+      socklen_t size = sizeof peer;
+      if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || peer.uid != geteuid()) continue;
+      const Client client = ++lastClient_;
+      {
+        const std::lock_guard lock(lock_);
+        Connection& connection = connections_[client];
+        connection.socket = std::move(socket);
+        connection.processId = static_cast<std::uint32_t>(peer.pid);
+        connection.acceptedAt = Now();
+      }
+      // Most clients have sent by now.
+      if (!ReceiveFirst(client, handler) || !WatchConnection(client)) Drop(client, handler);
+    }
+  }
+
+  // Under the lock: a client that was answered at once has no connection any more, and another thread may answer now.
+  bool WatchConnection(Client client) {
+    const std::lock_guard lock(lock_);
+    const Connection& connection = connections_.find(client)->second;
+    return !connection.socket || Watch(connection.socket.get(), client * 2);
+  }
+
+  // True while the connection stands.
+  bool ReceiveFirst(Client client, Handler& handler) {
+    Connection& connection = connections_.find(client)->second;  // only this thread adds and removes
+    char message[kMaxMessage];
+    const ssize_t count = recv(connection.socket.get(), message, sizeof message, MSG_DONTWAIT);
+    if (count < 0) return errno == EAGAIN || errno == EINTR;
+    if (count == 0) return false;
+    FileDescriptor process = OpenProcess(connection.processId);
+    if (process && (HasEnded(connection.socket.get()) || !Watch(process.get(), client * 2 + 1))) return false;
+    const bool seesEnd = static_cast<bool>(process);
+    {
+      const std::lock_guard lock(lock_);
+      connection.process = std::move(process);
+      connection.isClient = true;
+    }
+    if (handler.OnClient(client, connection.processId, seesEnd, message, static_cast<std::size_t>(count))) return true;
+    const std::lock_guard lock(lock_);
+    connection.isClient = false;
+    return false;
+  }
+
+  static FileDescriptor OpenProcess(std::uint32_t processId) {
+#ifdef SYS_pidfd_open
+    if (processId != 0) return FileDescriptor(static_cast<int>(syscall(SYS_pidfd_open, processId, 0)));
+#endif
+    return FileDescriptor();
+  }
+
+  static bool HasEnded(int socket) {
+    char byte = 0;
+    return IsEnd(recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT));
+  }
+
+  // Of the result of recv without waiting, with its errno.
+  static bool IsEnd(ssize_t count) {
+    return count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR);
+  }
+
+  void Serve(Client client, bool isProcess, Handler& handler) {
+    const auto found = connections_.find(client);
+    if (found == connections_.end()) return;
+    if (isProcess) return Drop(client, handler);
+    Connection& connection = found->second;
+    if (!connection.isClient) {
+      if (!ReceiveFirst(client, handler)) Drop(client, handler);
+      return;
+    }
+    if (IsHungUp(client)) Drop(client, handler);
+  }
+
+  // Takes what a client sends beyond its first message. One that has hung up without an answer is gone, whatever its
+  // process does.
+  bool IsHungUp(Client client) {
+    const std::lock_guard lock(lock_);
+    const Connection& connection = connections_.find(client)->second;
+    if (!connection.socket) return false;
+    char dropped[kMaxMessage];
+    return IsEnd(recv(connection.socket.get(), dropped, sizeof dropped, MSG_DONTWAIT));
+  }
+
+  void Drop(Client client, Handler& handler) {
+    bool wasClient = false;
+    {
+      const std::lock_guard lock(lock_);
+      const auto found = connections_.find(client);
+      wasClient = found->second.isClient;
+      // The client may have a copy of this descriptor, which would keep the watch.
+      if (found->second.process) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->second.process.get(), nullptr);
+      connections_.erase(found);
+    }
+    if (wasClient) handler.OnGone(client);
+  }
+
+  // Out of descriptors: to ask again at once would only spin.
+  void Pause() {
+    if (isPaused_) return;
+    isPaused_ = true;
+    epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
+    const std::lock_guard lock(lock_);
+    std::erase_if(connections_, [now = Now()](const auto& entry) {
+      return !entry.second.isClient && now - entry.second.acceptedAt >= kSilenceSeconds;
+    });
+  }
+
+  void Resume() {
+    if (isPaused_) isPaused_ = !Watch(listener_.get(), kListenerKey);
+  }
+
+  const FileDescriptor listener_;
+  const FileDescriptor epoll_;
+  const FileDescriptor stop_;
+  const std::string path_;
+  ino_t inode_ = 0;
+
+  // The thread of Run.
+  Client lastClient_ = 0;
+  bool isPaused_ = false;
+
+  std::mutex lock_;
+  std::map<Client, Connection>
+      connections_;  // changed by the thread of Run alone, under lock_, which others take to read
+};
+
+// The name appears with a socket that listens already, so that no client finds one that refuses it.
+FileDescriptor ListenUnder(const std::string& name, std::string& path) {
+  const LocalName address(name);
+  const LocalName draft(name, kDraftMark + std::to_string(getpid()));
+  if (!address.IsValid() || !draft.IsValid()) {
+    errno = ENAMETOOLONG;
+    return FileDescriptor();
+  }
+  path = address.Path();
+  FileDescriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!listener) return listener;
+  unlink(draft.Path().c_str());
+  if (bind(listener.get(), draft.Get(), draft.Size()) != 0 || listen(listener.get(), SOMAXCONN) != 0 ||
+      rename(draft.Path().c_str(), path.c_str()) != 0) {
+    const int error = errno;
+    unlink(draft.Path().c_str());
+    listener.Reset();
+    errno = error;
+  }
+  return listener;
+}
+
+}  // namespace
+
+std::unique_ptr<LocalServer> LocalServer::Listen(const std::string& name, std::string& error) {
+  std::string path;
+  FileDescriptor listener = ListenUnder(name, path);
+  FileDescriptor epoll(listener ? epoll_create1(EPOLL_CLOEXEC) : -1);
+  FileDescriptor stop(epoll ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1);
+  if (!stop) {
+    error = (path.empty() ? name : path) + ": " + std::strerror(errno);
+    return nullptr;
+  }
+  auto server = std::make_unique<EpollServer>(std::move(listener), std::move(epoll), std::move(stop), path);
+  server->RememberFile();
+  return server;
+}
+
+}  // namespace kestrun::platform

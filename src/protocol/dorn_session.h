@@ -1,0 +1,58 @@
+// How the dorns of a user and the master that they share find one another.
+//
+//   name                 kind     held by                          meaning
+//   dorn_session         memory   every dorn, and the master       the record below
+//   dorn_session.join    mutex    a dorn that joins or leaves, the  one of them at a time decides; the record changes
+//                                 master while it decides to end    under it alone
+//   dorn_session.users   event    every dorn, from its joining to   exists as long as some dorn lives, in whatever way
+//                                 its end, and never the master     dorns end
+//   dorn_session.<id>    event    the master of this id            tells it from another process that got its number
+//
+// A dorn that finds a master in the record joins it; any other starts one. The master ends when no dorn is left: it is
+// told by the last one that leaves, and finds out by itself where that one was killed.
+#ifndef KESTRUN_PROTOCOL_DORN_SESSION_H_
+#define KESTRUN_PROTOCOL_DORN_SESSION_H_
+
+#include <atomic>
+#include <cstddef>
+#include <string>
+
+#include "runtime/base/types.h"
+
+namespace kestrun {
+
+inline constexpr const char* kDornSessionName = "dorn_session";
+inline constexpr const char* kDornJoinName = "dorn_session.join";
+inline constexpr const char* kDornUsersName = "dorn_session.users";
+// In the environment of a master that dorn starts; its value is the master's id. The master takes it out again.
+inline constexpr const char* kDornVariable = "KESTRUN_DORN_SESSION";
+
+// The event of a master.
+inline std::string GetDornMasterName(const std::string& id) {
+  return std::string(kDornSessionName) + "." + id;
+}
+
+// All processes of a user may write the record, so what is read from it is checked.
+struct DornSession {
+  static constexpr u32 kSize = 65536;
+  static constexpr u32 kVersion = 1;
+  static constexpr std::size_t kIdSize = 128;
+
+  enum Ending : u32 {
+    kRuns = 0,
+    kEnds = 1,        // as soon as the tools that it runs have ended
+    kEndsByForce = 2  // and by force if that takes more than a second or two
+  };
+
+  std::atomic<u32> version;        // 0 in a new record
+  std::atomic<u32> masterProcess;  // 0 until the master has come
+  std::atomic<u32> ending;
+  std::atomic<u32> wantedJobs;  // by the dorn that started the master; 0: as its settings say
+  std::atomic<u32> jobs;        // the master's limit; 0 until it has come
+  char id[kIdSize];             // with its NUL; changes only while there is no master
+};
+static_assert(sizeof(DornSession) <= DornSession::kSize && std::atomic<u32>::is_always_lock_free);
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_PROTOCOL_DORN_SESSION_H_

@@ -1,0 +1,27 @@
+// How an environment travels in a build request: one SEG_ENV_VAR for each variable, which holds a SEG_ENV_NAME and a
+// SEG_ENV_VALUE. This is the only place that knows that layout.
+#ifndef KESTRUN_PROTOCOL_ENVIRONMENT_SEGMENTS_H_
+#define KESTRUN_PROTOCOL_ENVIRONMENT_SEGMENTS_H_
+
+#include <vector>
+
+#include "messaging/message.h"
+#include "runtime/base/environment.h"
+#include "runtime/base/rc_ptr.h"
+
+namespace kestrun {
+
+// The segments of the variables, in the map's order. Many messages may share them.
+std::vector<rc_ptr<Message::Segment>> MakeEnvironmentSegments(const Environment& environment);
+
+// The variables of a message. One that lacks its name or its value is skipped; a later one of a name replaces an
+// earlier one.
+Environment ReadEnvironment(const Message& message);
+
+// True if the message's variables are exactly these, in the map's order, which is how MakeEnvironmentSegments puts
+// them. Faster than reading them; a false only means that they have to be read.
+bool HasEnvironment(const Message& message, const Environment& environment);
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_PROTOCOL_ENVIRONMENT_SEGMENTS_H_

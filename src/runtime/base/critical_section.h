@@ -1,0 +1,37 @@
+// A lock between the threads of one process. The thread that holds it may take it again.
+#ifndef KESTRUN_RUNTIME_BASE_CRITICAL_SECTION_H_
+#define KESTRUN_RUNTIME_BASE_CRITICAL_SECTION_H_
+
+#include "platform/win32.h"
+
+namespace kestrun {
+
+class CriticalSection {
+ public:
+  CriticalSection() { InitializeCriticalSection(&section_); }
+  ~CriticalSection() { DeleteCriticalSection(&section_); }
+  CriticalSection(const CriticalSection&) = delete;
+  CriticalSection& operator=(const CriticalSection&) = delete;
+
+  void Enter() { EnterCriticalSection(&section_); }
+  void Leave() { LeaveCriticalSection(&section_); }
+
+ private:
+  CRITICAL_SECTION section_;
+};
+
+// Holds a section for a scope.
+class Lock {
+ public:
+  explicit Lock(CriticalSection& section) : section_(&section) { section_->Enter(); }
+  ~Lock() { section_->Leave(); }
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+
+ private:
+  CriticalSection* section_;
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_RUNTIME_BASE_CRITICAL_SECTION_H_

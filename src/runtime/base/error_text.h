@@ -1,0 +1,16 @@
+// The system's own words for its error numbers. Offered to users of the library; the program itself tells numbers.
+#ifndef KESTRUN_RUNTIME_BASE_ERROR_TEXT_H_
+#define KESTRUN_RUNTIME_BASE_ERROR_TEXT_H_
+
+#include <string>
+
+#include "runtime/base/types.h"
+
+namespace kestrun {
+
+// As the system gives it, with its line end; empty for a number that the system does not know.
+std::string GetErrorText(u32 errorCode);
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_RUNTIME_BASE_ERROR_TEXT_H_

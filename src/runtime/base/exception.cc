@@ -1,0 +1,29 @@
+#include "runtime/base/exception.h"
+
+#include <algorithm>
+
+namespace kestrun {
+
+namespace {
+
+// Copies as much as fits and a terminating null.
+template <size_t Size>
+void CopyCut(const std::string& text, char (&target)[Size]) {
+  size_t length = std::min(text.size(), Size - 1);
+  text.copy(target, length);
+  target[length] = '\0';
+}
+
+}  // namespace
+
+SystemException::SystemException(const std::string& message, const std::string& typeName)
+    : SystemException(kNoCode, message, typeName) {}
+
+SystemException::SystemException(i32 code, const std::string& message, const std::string& typeName) : code_(code) {
+  CopyCut(message, message_);
+  CopyCut(typeName, typeName_);
+}
+
+SystemException::~SystemException() = default;
+
+}  // namespace kestrun

@@ -1,0 +1,43 @@
+// One source of events, under a Reactor: a socket or a kernel object, and what is done when it is ready.
+//
+// Held by rc_ptr, by the Reactor too as long as it is registered. All operations are called without a lock of the
+// Reactor. GetHandle, GetEvents and UsesThreadPool come from the thread of the loop that waits; HandleEvent from that
+// thread or from one of the pool, never from two at once; Close from where the handler has failed, and from any thread
+// whose code closes it.
+#ifndef KESTRUN_RUNTIME_THREADS_EVENT_HANDLER_H_
+#define KESTRUN_RUNTIME_THREADS_EVENT_HANDLER_H_
+
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+
+namespace kestrun {
+
+class EventHandler : public rc_base {
+ public:
+  // What GetHandleType gives: a socket, or a kernel object.
+  static constexpr int kSelectable = 0;
+  static constexpr int kWaitable = 1;
+  // The bits of GetEvents.
+  static constexpr u32 kRead = 1;
+  static constexpr u32 kWrite = 2;
+  // What GetHandle gives if there is nothing to wait for at present.
+  static constexpr int kNoHandle = -1;
+
+  // The socket or kernel object to wait for, or kNoHandle.
+  virtual int GetHandle() = 0;
+  // Never changes.
+  virtual int GetHandleType() = 0;
+  virtual u32 GetEvents() { return kRead; }
+  // True if HandleEvent runs on the pool.
+  virtual bool UsesThreadPool() = 0;
+  // False if the handler is finished; a SystemException means the same.
+  virtual bool HandleEvent() = 0;
+  // Releases the handle. Called again for a handler that is closed already, it does nothing.
+  virtual void Close() = 0;
+  // True from Close on. A handler that was closed by another thread during HandleEvent is not waited for again.
+  virtual bool IsClosed() { return false; }
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_RUNTIME_THREADS_EVENT_HANDLER_H_

@@ -1,0 +1,19 @@
+// What an operation of the Reactor throws.
+#ifndef KESTRUN_RUNTIME_THREADS_REACTOR_EXCEPTION_H_
+#define KESTRUN_RUNTIME_THREADS_REACTOR_EXCEPTION_H_
+
+#include <string>
+
+#include "runtime/base/exception.h"
+#include "runtime/base/types.h"
+
+namespace kestrun {
+
+class ReactorException : public SystemException {
+ public:
+  ReactorException(i32 code, const std::string& message) : SystemException(code, message, "ReactorException") {}
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_RUNTIME_THREADS_REACTOR_EXCEPTION_H_

@@ -1,0 +1,222 @@
+// Several dorns of one user: one master, and builds that know nothing of one another.
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "dorn_fixture.h"
+#include "kill_support.h"
+#include "protocol/dorn_session.h"
+
+namespace kestrun::test {
+namespace {
+
+// A build that says that it runs, and goes on once it is told to.
+struct Held {
+  std::unique_ptr<NamedEvent> started = std::make_unique<NamedEvent>(true);
+  std::unique_ptr<NamedEvent> release = std::make_unique<NamedEvent>(true);
+  std::unique_ptr<Child> dorn = nullptr;
+
+  void AwaitStart() const { ASSERT_TRUE(started->Wait(60000)) << dorn->Errors(); }
+  // The rest of the build, and its exit code.
+  int End() const {
+    release->Signal();
+    return dorn->Wait();
+  }
+};
+
+class SharedMaster : public Dorn {
+ protected:
+  SharedMaster() {
+    WriteSettings("MaxConcurrentJobs=int:8\n");
+    EXPECT_EQ(RunDorn({"--settings", "update"}).exitCode, 0);
+  }
+
+  // A process that is just dying may still have its objects.
+  void ExpectNothingLeft() const {
+    ExpectNoMaster();
+    const std::string folder = *Environment().environment["KESTRUN_OBJECT_DIR"];
+    EXPECT_TRUE(BecomesTrue([&] { return NamedObjectsLeft(folder).empty(); }, 10000)) << NamedObjectsLeft(folder);
+  }
+
+  // From the record that dorns share.
+  static DWORD MasterProcess() {
+    const HANDLE region = OpenFileMappingA(FILE_MAP_READ, FALSE, kDornSessionName);
+    EXPECT_NE(region, nullptr);
+    const auto* const record = static_cast<const DornSession*>(MapViewOfFile(region, FILE_MAP_READ, 0, 0, 0));
+    EXPECT_NE(record, nullptr);
+    if (record == nullptr) return 0;
+    const DWORD master = record->masterProcess;
+    UnmapViewOfFile(record);
+    CloseHandle(region);
+    return master;
+  }
+
+  // dorn with these options around a build that prints the master's id, waits, and then runs a tool with this code.
+  Held StartHeld(const std::string& code, const Words& options = {}) {
+    Held held;
+    Words words{ProgramPath("dorn")};
+    words.insert(words.end(), options.begin(), options.end());
+    for (const std::string& word :
+         {ProgramPath("kestrun"), tool_, std::string("env"), std::string("KESTRUN_ID"), std::string(","),
+          std::string("signal"), held.started->Name(), std::string(","), std::string("await"), held.release->Name(),
+          std::string(","), std::string("exit"), code}) {
+      words.push_back(word);
+    }
+    held.dorn = std::make_unique<Child>(Child::Start(words, Environment()));
+    return held;
+  }
+};
+
+TEST_F(SharedMaster, ServesEachBuildToItsEndInWhateverOrderTheyEnd) {
+  for (const bool firstEndsFirst : {true, false}) {
+    const Held first = StartHeld("3");
+    first.AwaitStart();
+    const Held second = StartHeld("5");
+    second.AwaitStart();
+    EXPECT_EQ((firstEndsFirst ? first : second).End(), firstEndsFirst ? 3 : 5);
+    EXPECT_TRUE(HasMaster());
+    EXPECT_EQ((firstEndsFirst ? second : first).End(), firstEndsFirst ? 5 : 3);
+    // The last one waits for the master's end.
+    EXPECT_FALSE(HasMaster());
+    EXPECT_NE(first.dorn->Output(), "");
+    EXPECT_EQ(first.dorn->Output(), second.dorn->Output());
+    EXPECT_EQ(first.dorn->Errors() + second.dorn->Errors(), "");
+  }
+}
+
+TEST_F(SharedMaster, OutlivesADornThatIsKilled) {
+  for (const bool killsFirst : {true, false}) {
+    const Held first = StartHeld("3");
+    first.AwaitStart();
+    const Held second = StartHeld("3");
+    second.AwaitStart();
+    const Held& killed = killsFirst ? first : second;
+    const Held& other = killsFirst ? second : first;
+    killed.dorn->Kill();
+    killed.dorn->Wait();
+    // A third one finds the same master, through whatever the killed one left.
+    const Held third = StartHeld("7");
+    third.AwaitStart();
+    EXPECT_EQ(third.End(), 7);
+    EXPECT_EQ(other.End(), 3);
+    EXPECT_EQ(third.dorn->Output(), other.dorn->Output());
+    EXPECT_FALSE(HasMaster());
+  }
+}
+
+TEST_F(SharedMaster, EndsWhenAllDornsAreKilled) {
+  const Held first = StartHeld("0");
+  first.AwaitStart();
+  const Held second = StartHeld("0");
+  second.AwaitStart();
+  first.dorn->Kill();
+  second.dorn->Kill();
+  // This one may meet the master before it has seen that, or while it ends.
+  const RunResult next = RunDorn({tool_, "exit", "9"});
+  EXPECT_EQ(next.exitCode, 9) << next.errors;
+  ExpectNothingLeft();
+}
+
+TEST_F(SharedMaster, ThatIsKilledLeavesTheBuildsAndMakesRoomForAnother) {
+  const Held first = StartHeld("3");
+  first.AwaitStart();
+  const DWORD master = MasterProcess();
+  KillProcess(master);
+  ExpectNoMaster();
+  const Held second = StartHeld("5");
+  second.AwaitStart();
+  EXPECT_NE(MasterProcess(), master);
+  EXPECT_EQ(second.End(), 5);
+  // Where a master runs the tools, the first one's tool has gone with its own.
+  const int code = first.End();
+  EXPECT_TRUE(code == 3 || code == 1) << code;
+  ExpectNoMaster();
+}
+
+TEST_F(SharedMaster, IsOneForTwentyDornsAtOnce) {
+  std::vector<Child> dorns;
+  for (int i = 0; i < 20; ++i) {
+    dorns.push_back(Child::Start({ProgramPath("dorn"), ProgramPath("kestrun"), tool_, "print", std::to_string(i), ",",
+                                  "exit", std::to_string(i)},
+                                 Environment()));
+  }
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(dorns[static_cast<std::size_t>(i)].Wait(), i) << dorns[static_cast<std::size_t>(i)].Errors();
+    EXPECT_EQ(dorns[static_cast<std::size_t>(i)].Output(), std::to_string(i) + "\n");
+  }
+  ExpectNoMaster();
+}
+
+// However dorns come and are killed, at whatever step of joining or leaving: one that is let be ends with its own
+// build's code, and in the end nothing is left.
+TEST_F(SharedMaster, ServesThoseThatAreLetBeAmongThoseThatAreKilled) {
+  const unsigned seed = ReadNumber("KESTRUN_KILL_SEED", std::random_device()());
+  SCOPED_TRACE("KESTRUN_KILL_SEED=" + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto below = [&](unsigned limit) { return std::uniform_int_distribution<unsigned>(0, limit - 1)(random); };
+  std::vector<std::pair<int, Child>> dorns;
+  for (int i = 0; i < static_cast<int>(Scaled(100)); ++i) {
+    const int code = i % 100;
+    dorns.emplace_back(code,
+                       Child::Start({ProgramPath("dorn"), ProgramPath("kestrun"), tool_, "exit", std::to_string(code)},
+                                    Environment()));
+    // Up to four at a time, and now and then none.
+    const std::size_t most = below(8) == 0 ? 0 : 4;
+    std::this_thread::sleep_for(std::chrono::milliseconds(below(15)));
+    while (dorns.size() > most) {
+      const auto chosen = dorns.begin() + below(static_cast<unsigned>(dorns.size()));
+      if (below(2) == 0) {
+        chosen->second.Kill();
+        chosen->second.Wait();
+      } else {
+        EXPECT_EQ(chosen->second.Wait(), chosen->first) << chosen->second.Errors();
+      }
+      dorns.erase(chosen);
+    }
+  }
+  dorns.clear();
+  ExpectNothingLeft();
+}
+
+TEST_F(SharedMaster, KeepsTheLimitOfTheDornThatStartedIt) {
+  const Held first = StartHeld("0", {"-j", "2"});
+  first.AwaitStart();
+  EXPECT_EQ(RunDorn({"-j", "2", tool_, "exit", "0"}).errors, "");
+  const RunResult other = RunDorn({"-j", "3", tool_, "exit", "0"});
+  EXPECT_EQ(other.exitCode, 0);
+  EXPECT_NE(other.errors.find("runs 2 tools at once; -j 3"), std::string::npos) << other.errors;
+  EXPECT_EQ(first.End(), 0);
+}
+
+TEST_F(SharedMaster, IsLeftAloneByABuildWithItsOwnWhereTheSystemAllowsTwo) {
+  const Held first = StartHeld("0");
+  first.AwaitStart();
+  const RunResult alone = RunDorn({"--alone", tool_, "env", "KESTRUN_ID"});
+  EXPECT_EQ(alone.exitCode, 0);
+  const bool isRefused = alone.errors.find("one master at a time") != std::string::npos;
+  EXPECT_EQ(first.End(), 0);
+  EXPECT_EQ(alone.output == first.dorn->Output(), isRefused) << alone.errors;
+}
+
+TEST_F(SharedMaster, GivesEachToolTheEnvironmentOfItsBuild) {
+  const Held first = StartHeld("0");
+  first.AwaitStart();
+  ChildOptions options = Environment();
+  options.environment["KESTRUN_TEST_VALUE"] = "of the second";
+  const std::string script = WriteScript("$TOOL env KESTRUN_TEST_VALUE\n");
+  const RunResult second = test::Run({ProgramPath("dorn"), ProgramPath("kestrun"), "-s", script}, options);
+  EXPECT_EQ(second.output, "of the second\n") << second.errors;
+  EXPECT_EQ(first.End(), 0);
+}
+
+TEST_F(SharedMaster, ServesADornInsideADorn) {
+  const std::string dorn = ProgramPath("dorn");
+  const RunResult result = RunDorn({dorn, dorn, ProgramPath("kestrun"), tool_, "print", "inner", ",", "exit", "4"});
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(result.output, "inner\n");
+  EXPECT_EQ(result.errors, "");
+  EXPECT_FALSE(HasMaster());
+}
+
+}  // namespace
+}  // namespace kestrun::test

@@ -1,0 +1,215 @@
+#include "transport/shared/ipc_introduction.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "connector.h"
+#include "ipc_ends.h"
+#include "support/child.h"
+#include "transport/shared/ipc_socket.h"
+
+namespace kestrun {
+namespace {
+
+using test::Child;
+using test::Connector;
+using test::IpcEnds;
+using test::kLongMs;
+using test::ReadText;
+using test::WriteText;
+
+TEST(IpcIntroduction, TwoConnectorsAtOnceGetConnectionsOfTheirOwn) {
+  IpcEnds ends;
+  ends.Listen();
+  auto accepted = std::async(std::launch::async, [&] {
+    std::vector<rc_ptr<IpcSocket>> sockets;
+    for (int i = 0; i < 4; ++i) sockets.emplace_back(ends.listener->Accept());
+    return sockets;
+  });
+  std::vector<std::future<rc_ptr<IpcSocket>>> connectors;
+  for (int i = 0; i < 4; ++i) {
+    connectors.push_back(std::async(std::launch::async, [&] {
+      rc_ptr<IpcSocket> socket(new IpcSocket());
+      EXPECT_TRUE(socket->Connect(ends.name, kLongMs));
+      WriteText(*socket, socket->GetName());
+      return socket;
+    }));
+  }
+  std::vector<rc_ptr<IpcSocket>> clients;
+  for (auto& connector : connectors) clients.push_back(connector.get());
+  for (const auto& server : accepted.get()) {
+    ASSERT_TRUE(server);
+    EXPECT_EQ(ReadText(*server, 200), server->GetName());
+  }
+}
+
+TEST(IpcIntroduction, NameLeavesRoomForThoseOfConnections) {
+  IpcEnds longest;
+  std::string name = longest.name;
+  name.resize(117, 'x');
+  IpcSocket refused;
+  EXPECT_FALSE(refused.Listen(name));
+  EXPECT_FALSE(refused.Connect(name, 100));
+  name.resize(116);
+  ASSERT_TRUE(longest.listener->Listen(name));
+  auto accepted = longest.Accept();
+  IpcSocket client;
+  EXPECT_TRUE(client.Connect(name, kLongMs));
+  EXPECT_TRUE(accepted.get());
+  EXPECT_LT(client.GetName().size(), 128u);
+}
+
+TEST(IpcIntroduction, ListenerThatDoesNotAnswerFailsTheConnector) {
+  IpcEnds ends;
+  ends.Listen();
+  IpcSocket client;
+  EXPECT_FALSE(client.Connect(ends.name, 50));
+  EXPECT_EQ(client.GetState(), IpcSocket::State::kFailed);
+}
+
+TEST(IpcIntroduction, TryAcceptDoesNotWaitForARequest) {
+  IpcEnds ends;
+  ends.Listen();
+  rc_ptr<IpcSocket> connection;
+  EXPECT_FALSE(ends.listener->TryAccept(connection));
+  EXPECT_FALSE(connection);
+}
+
+// Connectors that die -------------------------------------------------------------------------------------------------
+
+// Does as many steps as it is told, says so and waits for its death.
+KESTRUN_CHILD(DyingConnector) {
+  Connector connector(words[0]);
+  const int steps = std::stoi(words[1]);
+  if (steps > 0) connector.TakeTurn();
+  if (steps > 1) connector.Attach();
+  if (steps > 2) connector.Ask();
+  if (steps > 3) connector.AwaitReply();
+  if (steps > 4) connector.TakeReply();
+  test::Say("done");
+  test::AwaitLine();
+  return 0;
+}
+
+class DyingConnectors : public testing::TestWithParam<int> {
+ protected:
+  void RunAndKill() {
+    Child child = Child::Self("DyingConnector", {ends_.name, std::to_string(GetParam())});
+    ASSERT_EQ(child.ReadLine(), "done");
+    child.Kill();
+    child.Wait();
+  }
+  // As a reactor would: as often as it takes until a connection that talks is there.
+  std::future<std::string> AcceptAndRead() {
+    return std::async(std::launch::async, [this] {
+      for (;;) {
+        ends_.server = ends_.listener->Accept();
+        if (!ends_.server) continue;
+        const std::string text = ReadText(*ends_.server, 100, kNoLimit);
+        if (!text.empty()) return text;
+      }
+    });
+  }
+  // And at once: the listener does not wait out its limit of 5 s for the dead one.
+  void ExpectThatTheNextIsServed(std::future<std::string>& text) {
+    IpcSocket client;
+    const u32 start = GetTickCount();
+    ASSERT_TRUE(client.Connect(ends_.name, kLongMs));
+    EXPECT_LT(GetTickCount() - start, 5000u);
+    WriteText(client, client.GetName());
+    EXPECT_EQ(text.get(), client.GetName());
+  }
+
+  IpcEnds ends_;
+};
+
+TEST_P(DyingConnectors, NextOneIsServed) {
+  ends_.Listen();
+  auto text = AcceptAndRead();
+  RunAndKill();
+  ExpectThatTheNextIsServed(text);
+  EXPECT_EQ(ends_.listener->GetAvailable(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachStep, DyingConnectors, testing::Values(1, 2, 3, 4, 5));
+
+// The listener comes to it only after the connector has died: the request of a dead one stands in the ring.
+class DeadConnectors : public DyingConnectors {};
+
+TEST_P(DeadConnectors, LeaveNothingToTheNextOne) {
+  ends_.Listen();
+  RunAndKill();
+  auto text = AcceptAndRead();
+  ExpectThatTheNextIsServed(text);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachStep, DeadConnectors, testing::Values(1, 2, 3));
+
+class ConnectorThatHasAsked : public DyingConnectors {};
+
+TEST_P(ConnectorThatHasAsked, IsNotWaitedForOnceItIsDead) {
+  ends_.Listen();
+  RunAndKill();
+  const u32 start = GetTickCount();
+  EXPECT_FALSE(ends_.listener->Accept());
+  EXPECT_LT(GetTickCount() - start, 5000u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Dead, ConnectorThatHasAsked, testing::Values(3));
+
+KESTRUN_CHILD(RestlessConnector) {
+  for (;;) {
+    IpcSocket socket;
+    if (!socket.Connect(words[0], kLongMs)) return 1;
+    test::Say("connected");
+  }
+}
+
+// A connector gets through, to a connection of its own, while others are killed at any moment.
+TEST(IpcIntroduction, ConnectorsThatAreKilledAtRandomDoNotDisturbOthers) {
+  IpcEnds ends;
+  ends.Listen();
+  auto serving = std::async(std::launch::async, [&] {
+    while (ends.listener->GetState() == IpcSocket::State::kListening) {
+      const rc_ptr<IpcSocket> server = ends.listener->Accept();
+      if (server) WriteText(*server, server->GetName());
+    }
+  });
+  std::atomic<bool> isOver{false};
+  auto connecting = std::async(std::launch::async, [&] {
+    u32 count = 0;
+    for (; !isOver; ++count) {
+      IpcSocket client;
+      EXPECT_TRUE(client.Connect(ends.name, kLongMs));
+      EXPECT_EQ(ReadText(client, 200), client.GetName());
+    }
+    return count;
+  });
+  u32 refused = 0;
+  for (u32 round = 0; round < 12; ++round) {
+    try {
+      Child child = Child::Self("RestlessConnector", {ends.name});
+      for (u32 i = 0; i <= round * 7 % 12; ++i) EXPECT_EQ(child.ReadLine(), "connected");
+      child.Kill();
+      child.Wait();
+    } catch (const std::runtime_error& e) {
+      ++refused;
+      std::cout << e.what() << std::endl;
+      EXPECT_TRUE(test::RefusesProcesses()) << e.what();
+    }
+  }
+  EXPECT_LE(refused, 1u);
+  isOver = true;
+  EXPECT_GT(connecting.get(), 0u);
+  ends.listener->Close();
+  serving.get();
+}
+
+}  // namespace
+}  // namespace kestrun
