@@ -22,7 +22,6 @@ constexpr u32 kProjectBufferSize = 256;
 constexpr u32 kDefaultIpcTimeoutMs = 10000;
 // From here on a wait is worth a record of the log, so that a client that hangs can be told from one that builds.
 constexpr u32 kLongWaitMs = 2000;
-constexpr u32 kTickSlackMs = 100;
 
 void LogLongWait(const char* thing) {
   WriteLog(Log::Info, Log::STUB, std::string("Waiting for ") + thing,
@@ -168,11 +167,11 @@ rc_ptr<Message> MasterConnection::Receive(int timeoutMs) {
   if (timeoutMs >= 0) return channel->Receive(timeoutMs);
   const u32 start = GetTickCount();
   for (const Notice& notice : ListNotices("the result")) {
-    const u32 waitedMs = GetTickCount() - start;
-    const u32 leftMs = notice.afterMs > waitedMs ? notice.afterMs - waitedMs : 1;
-    const rc_ptr<Message> message = channel->Receive(static_cast<int>(leftMs));
-    // A channel that has ended gives nothing either, but sooner; the tick count is coarse.
-    if (message || GetTickCount() - start + kTickSlackMs < notice.afterMs) return LogReceived(message);
+    for (u32 waitedMs = 0; waitedMs < notice.afterMs; waitedMs = GetTickCount() - start) {
+      // The socket waits for whole seconds, so it may give up before the limit while it is still connected.
+      const rc_ptr<Message> message = channel->Receive(static_cast<int>(notice.afterMs - waitedMs));
+      if (message || !channel->IsConnected()) return LogReceived(message);
+    }
     notice.tell();
   }
   return LogReceived(channel->Receive(timeoutMs));

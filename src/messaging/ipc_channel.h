@@ -25,6 +25,8 @@ class IpcChannel : public MessageChannel {
   bool IsDatagram() override { return false; }
   std::int64_t GetLastActivity() override;
   bool ReadInto(MemoryStream& buffer, int timeoutMs) override;
+  // False once the peer has gone, also while something that it sent is still to be read.
+  bool IsConnected() const { return socket_->IsConnected(); }
 
  protected:
   const rc_ptr<IpcSocket> socket_;

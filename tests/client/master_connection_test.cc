@@ -100,7 +100,8 @@ TEST_F(MasterConnectionTest, WarnsWhileItWaitsForAResultAndGetsItAllTheSame) {
   SetEnvironmentVariableA("KESTRUN_JOB", master_.Id().c_str());
   testing::internal::CaptureStderr();
   master_.Listen();
-  MasterConnection connection(master_.Id(), settings_, options_, 20);
+  // A socket waits for whole seconds, so the wait for such a notice ends before its time.
+  MasterConnection connection(master_.Id(), settings_, options_, 1300);
   SetEnvironmentVariableA("KESTRUN_JOB", nullptr);
   std::thread client([&] {
     EXPECT_TRUE(connection.Send(new Message(MSG_STOP, kStubService, kMasterService)));
@@ -108,7 +109,7 @@ TEST_F(MasterConnectionTest, WarnsWhileItWaitsForAResultAndGetsItAllTheSame) {
   });
   master_.Accept();
   EXPECT_TRUE(master_.Receive());
-  Sleep(200);
+  Sleep(1600);
   master_.Send(FakeMaster::Result("", "", 5));
   client.join();
   EXPECT_EQ(testing::internal::GetCapturedStderr(), kNestingWarning);

@@ -1,4 +1,5 @@
 // One tool through a real master: exit codes, output, environment, and what becomes of processes left behind.
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <thread>
@@ -208,18 +209,22 @@ TEST_F(Masters, RunNoMoreToolsAtOnceThanTheSettingSays) {
 }
 
 TEST_F(Masters, ScheduleAtOnceWhenTheyAreEager) {
-  // One after the other: each job of a master that is not eager waits for a tick, and they come every 500 ms.
   const auto timeOfFourJobs = [this] {
-    StartMaster();
     const auto start = Clock::now();
     for (int i = 0; i < 4; ++i) EXPECT_EQ(Tool({"exit", std::to_string(i)}).exitCode, i);
-    const auto time = Clock::now() - start;
-    EXPECT_EQ(StopMaster(), 0);
-    return time;
+    return Clock::now() - start;
   };
-  const auto byTheTick = timeOfFourJobs();
+  // One after the other: each job of a master that is not eager waits for a tick, and they come every 500 ms.
+  constexpr auto kThreeTicks = 1500ms;
+  StartMaster();
+  EXPECT_GE(timeOfFourJobs(), kThreeTicks);
+  EXPECT_EQ(StopMaster(), 0);
   WriteSettings("\n[Extensions]\nEagerScheduling=bool:true\n");
-  EXPECT_LT(timeOfFourJobs(), byTheTick);
+  StartMaster();
+  // The quickest of some, since a busy machine may be slow but never quick.
+  auto quickest = timeOfFourJobs();
+  for (int i = 0; i < 9 && quickest >= kThreeTicks; ++i) quickest = std::min(quickest, timeOfFourJobs());
+  EXPECT_LT(quickest, kThreeTicks);
 }
 
 }  // namespace
