@@ -1,8 +1,9 @@
 // One tool through a real master: exit codes, output, environment, and what becomes of processes left behind.
-#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <thread>
+#include <vector>
 
 #include "build_fixture.h"
 
@@ -208,23 +209,44 @@ TEST_F(Masters, RunNoMoreToolsAtOnceThanTheSettingSays) {
   EXPECT_EQ(second.Wait(), 0);
 }
 
+// The times of all records of that title, in milliseconds of the day.
+std::vector<long> TimesOf(const std::string& title, const std::string& log) {
+  constexpr long kHour = 3600000, kMinute = 60000, kSecond = 1000;
+  std::vector<long> times;
+  for (std::size_t at = 0; (at = log.find(title, at)) != std::string::npos; ++at) {
+    long hours = 0, minutes = 0, seconds = 0, milliseconds = 0;
+    const std::size_t time = log.find(' ', log.find(" time:", at) + 1);
+    EXPECT_EQ(std::sscanf(log.c_str() + time, "%ld:%ld:%ld.%ld", &hours, &minutes, &seconds, &milliseconds), 4);
+    times.push_back(hours * kHour + minutes * kMinute + seconds * kSecond + milliseconds);
+  }
+  return times;
+}
+
 TEST_F(Masters, ScheduleAtOnceWhenTheyAreEager) {
-  const auto timeOfFourJobs = [this] {
+  constexpr int kJobs = 4;
+  constexpr auto kTick = 500ms;
+  const auto timeOfJobs = [this] {
+    StartMaster();
     const auto start = Clock::now();
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(Tool({"exit", std::to_string(i)}).exitCode, i);
-    return Clock::now() - start;
+    for (int i = 0; i < kJobs; ++i) EXPECT_EQ(Tool({"exit", std::to_string(i)}).exitCode, i);
+    const auto time = Clock::now() - start;
+    EXPECT_EQ(StopMaster(), 0);
+    return time;
   };
-  // One after the other: each job of a master that is not eager waits for a tick, and they come every 500 ms.
-  constexpr auto kThreeTicks = 1500ms;
-  StartMaster();
-  EXPECT_GE(timeOfFourJobs(), kThreeTicks);
-  EXPECT_EQ(StopMaster(), 0);
-  WriteSettings("\n[Extensions]\nEagerScheduling=bool:true\n");
-  StartMaster();
-  // The quickest of some, since a busy machine may be slow but never quick.
-  auto quickest = timeOfFourJobs();
-  for (int i = 0; i < 9 && quickest >= kThreeTicks; ++i) quickest = std::min(quickest, timeOfFourJobs());
-  EXPECT_LT(quickest, kThreeTicks);
+  // One after the other: each job of a master that is not eager waits for a tick.
+  EXPECT_GE(timeOfJobs(), (kJobs - 1) * kTick);
+  EXPECT_EQ(LogCount("Job made of a request"), 0);
+  WriteSettings("DiagnosticFlags=int:16\n\n[Extensions]\nEagerScheduling=bool:true\n");
+  timeOfJobs();
+  const std::vector<long> made = TimesOf("Job made of a request", LogText());
+  std::vector<long> scheduled = TimesOf("Scheduled build-job", LogText());
+  ASSERT_EQ(made.size(), std::size_t{kJobs});
+  ASSERT_EQ(scheduled.size(), std::size_t{2 * kJobs});
+  scheduled.erase(scheduled.begin(), scheduled.begin() + kJobs);
+  int atOnce = 0;
+  // A busy machine may stop the master between the two records, but hardly for each job.
+  for (std::size_t i = 0; i < made.size(); ++i) atOnce += scheduled[i] - made[i] < kTick.count() / 2 ? 1 : 0;
+  EXPECT_GE(atOnce, kJobs / 2);
 }
 
 }  // namespace
