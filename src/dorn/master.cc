@@ -66,24 +66,34 @@ Master::Start Master::JoinWithLock(const Path& program, const MasterWishes& wish
   OpenSession();
   // Before the look at the master: from here on it does not end by itself.
   users_ = MakeEvent(kDornUsersName, true);
-  switch (Find()) {
-    case Found::kRunning:
-      return JoinRunning(wishes, interruption);
-    case Found::kEnding:
-      switch (WaitForEither(process_.Get(), interruption, kEndLimitMs)) {
-        case WAIT_OBJECT_0:
-          break;
-        case WAIT_OBJECT_0 + 1:
-          return Start::kInterrupted;
-        default:
-          PrintError("the master of an earlier build does not end; the build command was not run");
-          return Start::kFailed;
+  u64 seen = session_->master;
+  do {
+    switch (Find(DornSession::GetMasterProcess(seen))) {
+      case Found::kRunning:
+        return JoinRunning(wishes, interruption);
+      case Found::kEnding: {
+        const Start start = AwaitEarlierEnd(interruption);
+        if (start != Start::kReady) return start;
+        break;
       }
-      break;
-    case Found::kNone:
-      break;
-  }
+      case Found::kNone:
+        break;
+    }
+    // The master of a killed dorn may have come in between; then it is the one.
+  } while (!session_->master.compare_exchange_strong(seen, DornSession::MakeMaster(GetCurrentProcessId(), 0)));
   return StartNew(program, wishes, interruption);
+}
+
+Master::Start Master::AwaitEarlierEnd(HANDLE interruption) {
+  switch (WaitForEither(process_.Get(), interruption, kEndLimitMs)) {
+    case WAIT_OBJECT_0:
+      return Start::kReady;
+    case WAIT_OBJECT_0 + 1:
+      return Start::kInterrupted;
+    default:
+      PrintError("the master of an earlier build does not end; the build command was not run");
+      return Start::kFailed;
+  }
 }
 
 // What others hold may vanish with them between the two looks.
@@ -111,8 +121,7 @@ void Master::OpenSession() {
   if (version != 0 && version != DornSession::kVersion) throw SyncException("a dorn of another version runs");
 }
 
-Master::Found Master::Find() {
-  const u32 processId = session_->masterProcess;
+Master::Found Master::Find(u32 processId) {
   if (processId == 0) return Found::kNone;
   const std::string id(session_->id, strnlen(session_->id, DornSession::kIdSize));
   if (!IsUsableId(id) || !OpenExisting(GetDornMasterName(id))) return Found::kNone;
@@ -146,8 +155,6 @@ Master::Start Master::StartNew(const Path& program, const MasterWishes& wishes, 
   ready_ = MakeEvent(ReadyName(id_), true);
   stop_ = MakeEvent(StopName(id_), true);
   finish_ = MakeEvent(FinishName(id_), false);
-  // A master that a killed dorn has started may come at any time; it finds another id and ends.
-  session_->masterProcess = 0;
   session_->version = DornSession::kVersion;
   session_->ending = DornSession::kRuns;
   session_->jobs = 0;
@@ -168,7 +175,7 @@ bool Master::Launch(const Path& program) {
   started_->SetApplicationPath(program);
   const std::string commandLine = JoinArguments(
       {program.ToString(), "-master", "-id", id_, "-er", ReadyName(id_), "-es", StopName(id_), "-ef", FinishName(id_)});
-  SetEnvironmentVariableA(kDornVariable, id_.c_str());
+  SetEnvironmentVariableA(kDornVariable, (std::to_string(GetCurrentProcessId()) + ":" + id_).c_str());
   const bool isStarted = started_->Start(
       commandLine, Process::BREAKAWAY | Process::PIPE_STDIN | Process::PIPE_STDOUT | Process::PIPE_STDERR, nullptr, 0);
   SetEnvironmentVariableA(kDornVariable, nullptr);

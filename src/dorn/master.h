@@ -54,7 +54,9 @@ class Master {
   Start JoinWithLock(const Path& program, const MasterWishes& wishes, HANDLE interruption);
   static std::unique_ptr<MappedFile> OpenRegion();
   void OpenSession();
-  Found Find();
+  // The master that the record names with that process id.
+  Found Find(u32 processId);
+  Start AwaitEarlierEnd(HANDLE interruption);
   Start JoinRunning(const MasterWishes& wishes, HANDLE interruption);
   Start StartNew(const Path& program, const MasterWishes& wishes, HANDLE interruption);
   Start AwaitReady(HANDLE interruption);

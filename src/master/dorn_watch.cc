@@ -1,6 +1,6 @@
 #include "master/dorn_watch.h"
 
-#include <cstring>
+#include <cstdlib>
 
 #include "master/master_log.h"
 #include "runtime/base/environment.h"
@@ -22,26 +22,30 @@ bool HasUsers() {
 }  // namespace
 
 std::unique_ptr<DornWatch> DornWatch::Open(const std::string& id, const std::string& stopEvent) {
-  std::string wantedId;
-  if (!GetEnvironmentValue(kDornVariable, wantedId)) return nullptr;
+  std::string dorn;
+  if (!GetEnvironmentValue(kDornVariable, dorn)) return nullptr;
   SetEnvironmentVariableA(kDornVariable, nullptr);
-  if (wantedId != id) return nullptr;
-  return std::make_unique<DornWatch>(id, stopEvent);
+  char* end = nullptr;
+  const u32 dornProcess = static_cast<u32>(std::strtoul(dorn.c_str(), &end, 10));
+  if (dornProcess == 0 || end != ":" + id) return nullptr;
+  return std::make_unique<DornWatch>(id, dornProcess, stopEvent);
 }
 
-DornWatch::DornWatch(const std::string& id, const std::string& stopEvent)
+DornWatch::DornWatch(const std::string& id, u32 dornProcess, const std::string& stopEvent)
     : stopEvent_(OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, stopEvent.c_str())),
       join_(kDornJoinName),
       region_(kDornSessionName, 0, false) {
   view_ = region_.CreateView(0, MappedFile::kWholeSize, true);
   if (view_->GetSize() < sizeof(DornSession)) throw SyncException("the record of the dorn session is too small");
   session_ = static_cast<DornSession*>(view_->GetData());
-  if (std::strncmp(session_->id, id.c_str(), DornSession::kIdSize) != 0) {
-    throw SyncException("the dorn that started this master has gone");
-  }
+  // Before the record names this process, since a dorn that finds it there looks for the event.
   alive_.Reset(CreateEventA(nullptr, TRUE, FALSE, GetDornMasterName(id).c_str()));
   if (!alive_) throw SyncException(static_cast<i32>(GetLastError()), "CreateEvent() failed in DornWatch");
-  session_->masterProcess = GetCurrentProcessId();
+  u64 expected = DornSession::MakeMaster(dornProcess, 0);
+  if (!session_->master.compare_exchange_strong(expected,
+                                                DornSession::MakeMaster(dornProcess, GetCurrentProcessId()))) {
+    throw SyncException("the dorn that started this master has gone");
+  }
   thread_ = new Thread("Dorn watch");
   if (!thread_->Start(MakeDelegate(&DornWatch::Watch, this))) throw SyncException("no thread to watch dorn");
 }

@@ -26,8 +26,8 @@ class DornWatch {
   // Null for a master that no dorn started. Throws SystemException if the dorn that did has gone already.
   static std::unique_ptr<DornWatch> Open(const std::string& id, const std::string& stopEvent);
 
-  // `stopEvent` is the name of the event that tells the master to stop.
-  DornWatch(const std::string& id, const std::string& stopEvent);
+  // `dornProcess` is the dorn that started this master, `stopEvent` the name of the event that tells it to stop.
+  DornWatch(const std::string& id, u32 dornProcess, const std::string& stopEvent);
   // The master has stopped.
   ~DornWatch();
   DornWatch(const DornWatch&) = delete;

@@ -24,7 +24,8 @@ namespace kestrun {
 inline constexpr const char* kDornSessionName = "dorn_session";
 inline constexpr const char* kDornJoinName = "dorn_session.join";
 inline constexpr const char* kDornUsersName = "dorn_session.users";
-// In the environment of a master that dorn starts; its value is the master's id. The master takes it out again.
+// In the environment of a master that dorn starts: dorn's process id, a colon and the master's id. The master takes it
+// out again.
 inline constexpr const char* kDornVariable = "KESTRUN_DORN_SESSION";
 
 // The event of a master.
@@ -35,7 +36,7 @@ inline std::string GetDornMasterName(const std::string& id) {
 // All processes of a user may write the record, so what is read from it is checked.
 struct DornSession {
   static constexpr u32 kSize = 65536;
-  static constexpr u32 kVersion = 1;
+  static constexpr u32 kVersion = 2;
   static constexpr std::size_t kIdSize = 128;
 
   enum Ending : u32 {
@@ -44,14 +45,22 @@ struct DornSession {
     kEndsByForce = 2  // and by force if that takes more than a second or two
   };
 
-  std::atomic<u32> version;        // 0 in a new record
-  std::atomic<u32> masterProcess;  // 0 until the master has come
+  std::atomic<u32> version;  // 0 in a new record
   std::atomic<u32> ending;
+  // MakeMaster of the dorn that starts the master and of the master, which is 0 until it has come. A master whose dorn
+  // was killed may come at any time, so it changes this word only where its own dorn's number still stands, and a dorn
+  // that starts the next one only where it is still what it has seen.
+  std::atomic<u64> master;
   std::atomic<u32> wantedJobs;  // by the dorn that started the master; 0: as its settings say
   std::atomic<u32> jobs;        // the master's limit; 0 until it has come
   char id[kIdSize];             // with its NUL; changes only while there is no master
+
+  static constexpr u64 MakeMaster(u32 dornProcess, u32 masterProcess) {
+    return static_cast<u64>(dornProcess) << 32 | masterProcess;
+  }
+  static constexpr u32 GetMasterProcess(u64 master) { return static_cast<u32>(master); }
 };
-static_assert(sizeof(DornSession) <= DornSession::kSize && std::atomic<u32>::is_always_lock_free);
+static_assert(sizeof(DornSession) <= DornSession::kSize && std::atomic<u64>::is_always_lock_free);
 
 }  // namespace kestrun
 

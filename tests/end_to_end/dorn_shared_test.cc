@@ -45,7 +45,7 @@ class SharedMaster : public Dorn {
     const auto* const record = static_cast<const DornSession*>(MapViewOfFile(region, FILE_MAP_READ, 0, 0, 0));
     EXPECT_NE(record, nullptr);
     if (record == nullptr) return 0;
-    const DWORD master = record->masterProcess;
+    const DWORD master = DornSession::GetMasterProcess(record->master);
     UnmapViewOfFile(record);
     CloseHandle(region);
     return master;
@@ -130,6 +130,22 @@ TEST_F(SharedMaster, ThatIsKilledLeavesTheBuildsAndMakesRoomForAnother) {
   // Where a master runs the tools, the first one's tool has gone with its own.
   const int code = first.End();
   EXPECT_TRUE(code == 3 || code == 1) << code;
+  ExpectNoMaster();
+}
+
+// It finds the record of the next dorn, also where that has given its master the same id.
+TEST_F(SharedMaster, IsNotReplacedByALateOneOfADornThatWasKilled) {
+  const Held held = StartHeld("7", {"--id", "same"});
+  held.AwaitStart();
+  const DWORD master = MasterProcess();
+  ChildOptions options = Environment();
+  options.environment[kDornVariable] = "1:same";
+  const RunResult late = test::Run({ProgramPath("kestrun"), "-master", "-id", "same"}, options);
+  EXPECT_EQ(late.exitCode, 1);
+  EXPECT_NE(late.errors.find("the dorn that started this master has gone"), std::string::npos) << late.errors;
+  EXPECT_EQ(MasterProcess(), master);
+  EXPECT_EQ(RunDorn({"--id", "same", tool_, "exit", "4"}).exitCode, 4);
+  EXPECT_EQ(held.End(), 7);
   ExpectNoMaster();
 }
 
