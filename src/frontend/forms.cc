@@ -59,7 +59,7 @@ int RunScript(IniFile& settings, const Options& options) {
 int RunMaster(IniFile& settings, const Options& options) {
   WriteLog(Log::Info, Log::STUB, "Creating master Kestrun instance");
   try {
-    const std::unique_ptr<DornWatch> dorns = DornWatch::Open(options.id, options.stopEvent);
+    const std::unique_ptr<DornWatch> dorns = DornWatch::Open(options);
     if (dorns) dorns->SettleJobs(settings, ProjectStub::kDefaultMaxConcurrentJobs);
     ProjectStub stub(settings, options);
     const int code = RunStub(stub);

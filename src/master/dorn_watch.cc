@@ -15,35 +15,43 @@ constexpr u32 kLookMs = 100;
 constexpr u32 kLockTimeoutMs = 50;
 constexpr u32 kForceAfterMs = 1200;
 
+UniqueHandle OpenEventOfDorn(const std::string& name) {
+  return UniqueHandle(OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, name.c_str()));
+}
+
 bool HasUsers() {
   return static_cast<bool>(UniqueHandle(OpenEventA(SYNCHRONIZE, FALSE, kDornUsersName)));
 }
 
 }  // namespace
 
-std::unique_ptr<DornWatch> DornWatch::Open(const std::string& id, const std::string& stopEvent) {
+std::unique_ptr<DornWatch> DornWatch::Open(const Options& options) {
   std::string dorn;
   if (!GetEnvironmentValue(kDornVariable, dorn)) return nullptr;
   SetEnvironmentVariableA(kDornVariable, nullptr);
   char* end = nullptr;
   const u32 dornProcess = static_cast<u32>(std::strtoul(dorn.c_str(), &end, 10));
-  if (dornProcess == 0 || end != ":" + id) return nullptr;
-  return std::make_unique<DornWatch>(id, dornProcess, stopEvent);
+  if (dornProcess == 0 || end != ":" + options.id) return nullptr;
+  return std::make_unique<DornWatch>(options, dornProcess);
 }
 
-DornWatch::DornWatch(const std::string& id, u32 dornProcess, const std::string& stopEvent)
-    : stopEvent_(OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, stopEvent.c_str())),
+DornWatch::DornWatch(const Options& options, u32 dornProcess)
+    : stopEvent_(OpenEventOfDorn(options.stopEvent)),
+      readyEvent_(OpenEventOfDorn(options.readyEvent)),
+      finishEvent_(OpenEventOfDorn(options.finishEvent)),
       join_(kDornJoinName),
       region_(kDornSessionName, 0, false) {
   view_ = region_.CreateView(0, MappedFile::kWholeSize, true);
   if (view_->GetSize() < sizeof(DornSession)) throw SyncException("the record of the dorn session is too small");
   session_ = static_cast<DornSession*>(view_->GetData());
-  // Before the record names this process, since a dorn that finds it there looks for the event.
-  alive_.Reset(CreateEventA(nullptr, TRUE, FALSE, GetDornMasterName(id).c_str()));
+  // All events before the record names this process, since a dorn that finds it there looks for them.
+  alive_.Reset(CreateEventA(nullptr, TRUE, FALSE, GetDornMasterName(options.id).c_str()));
   if (!alive_) throw SyncException(static_cast<i32>(GetLastError()), "CreateEvent() failed in DornWatch");
   u64 expected = DornSession::MakeMaster(dornProcess, 0);
-  if (!session_->master.compare_exchange_strong(expected,
-                                                DornSession::MakeMaster(dornProcess, GetCurrentProcessId()))) {
+  // They were made by the dorn that started this master, and are gone if it was killed before they were opened here.
+  const bool hasEvents = stopEvent_ && readyEvent_ && finishEvent_;
+  if (!hasEvents || !session_->master.compare_exchange_strong(
+                        expected, DornSession::MakeMaster(dornProcess, GetCurrentProcessId()))) {
     throw SyncException("the dorn that started this master has gone");
   }
   thread_ = new Thread("Dorn watch");

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "app/options.h"
 #include "platform/win32.h"
 #include "protocol/dorn_session.h"
 #include "runtime/base/handle.h"
@@ -24,10 +25,10 @@ namespace kestrun {
 class DornWatch {
  public:
   // Null for a master that no dorn started. Throws SystemException if the dorn that did has gone already.
-  static std::unique_ptr<DornWatch> Open(const std::string& id, const std::string& stopEvent);
+  static std::unique_ptr<DornWatch> Open(const Options& options);
 
-  // `dornProcess` is the dorn that started this master, `stopEvent` the name of the event that tells it to stop.
-  DornWatch(const std::string& id, u32 dornProcess, const std::string& stopEvent);
+  // `dornProcess` is the dorn that started this master, with these options.
+  DornWatch(const Options& options, u32 dornProcess);
   // The master has stopped.
   ~DornWatch();
   DornWatch(const DornWatch&) = delete;
@@ -41,7 +42,10 @@ class DornWatch {
   bool IsLeft();
   void EndByForce();
 
-  const UniqueHandle stopEvent_;  // empty if there is none of that name
+  const UniqueHandle stopEvent_;
+  // Held so that a dorn that joins finds them, also when the one that made them has gone.
+  const UniqueHandle readyEvent_;
+  const UniqueHandle finishEvent_;
   Mutex join_;
   MappedFile region_;
   rc_ptr<MappedFile::ViewImpl> view_;
