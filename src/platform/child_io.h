@@ -36,6 +36,11 @@ class ChildStartup {
   std::unique_ptr<State> state_;
 };
 
+// A creation flag: the child also inherits the descriptors above the standard ones that this process was started with,
+// such as the pipe of an outer make's jobserver, and none that it has opened. 0 where descriptors are the business of a
+// run-time library.
+extern const DWORD kInheritDescriptors;
+
 // Calls a thread back from a read that it is blocked in; the read fails with ERROR_OPERATION_ABORTED. No effect if
 // the thread is in no read at that moment, nor where a read from a child's pipe ends with the child by itself.
 void InterruptRead(HANDLE thread);

@@ -5,6 +5,8 @@
 
 namespace kestrun::platform {
 
+const DWORD kInheritDescriptors = 0;
+
 namespace {
 
 // PROC_THREAD_ATTRIBUTE_JOB_LIST, which older headers do not declare: known to Windows 10 and later.

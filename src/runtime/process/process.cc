@@ -34,6 +34,7 @@ DWORD GetPriorityClass(u32 flags) {
 DWORD GetCreationFlags(u32 flags) {
   DWORD result = GetPriorityClass(flags);
   if ((flags & Process::SHOW_WINDOW) == 0) result |= CREATE_NO_WINDOW;
+  if ((flags & Process::INHERIT_DESCRIPTORS) != 0) result |= platform::kInheritDescriptors;
   if ((flags & Process::NEW_CONSOLE) != 0) result |= CREATE_NEW_CONSOLE;
   if ((flags & (Process::OWN_JOB | Process::BREAKAWAY)) != 0) result |= CREATE_BREAKAWAY_FROM_JOB;
   return result;

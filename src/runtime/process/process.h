@@ -39,7 +39,8 @@ class Process : public rc_base {
     NO_STD_HANDLES = 0x100,  // the child gets no standard handles; ignored beside any pipe
     NEW_CONSOLE = 0x200,
     OWN_JOB = 0x400,              // leaves the parent's job and gets one of its own, which ends with this object
-    BREAKAWAY = 0x800  // leaves the parent's job; no job of its own
+    BREAKAWAY = 0x800,            // leaves the parent's job; no job of its own
+    INHERIT_DESCRIPTORS = 0x1000  // platform::kInheritDescriptors
   };
 
   // Holds nothing yet. The name is that of the job object; an empty one makes an unnamed job.

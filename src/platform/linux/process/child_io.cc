@@ -2,6 +2,8 @@
 
 namespace kestrun::platform {
 
+const DWORD kInheritDescriptors = 0x200000;
+
 // A child of this layer inherits its standard streams alone, whatever the start-up data say, and one that is held back
 // ends with its parent.
 struct ChildStartup::State {
