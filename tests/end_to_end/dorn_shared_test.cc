@@ -38,19 +38,6 @@ class SharedMaster : public Dorn {
     EXPECT_TRUE(BecomesTrue([&] { return NamedObjectsLeft(folder).empty(); }, 10000)) << NamedObjectsLeft(folder);
   }
 
-  // From the record that dorns share.
-  static DWORD MasterProcess() {
-    const HANDLE region = OpenFileMappingA(FILE_MAP_READ, FALSE, kDornSessionName);
-    EXPECT_NE(region, nullptr);
-    const auto* const record = static_cast<const DornSession*>(MapViewOfFile(region, FILE_MAP_READ, 0, 0, 0));
-    EXPECT_NE(record, nullptr);
-    if (record == nullptr) return 0;
-    const DWORD master = record->masterProcess;
-    UnmapViewOfFile(record);
-    CloseHandle(region);
-    return master;
-  }
-
   // dorn with these options around a build that prints the master's id, waits, and then runs a tool with this code.
   Held StartHeld(const std::string& code, const Words& options = {}) {
     Held held;
@@ -120,12 +107,12 @@ TEST_F(SharedMaster, EndsWhenAllDornsAreKilled) {
 TEST_F(SharedMaster, ThatIsKilledLeavesTheBuildsAndMakesRoomForAnother) {
   const Held first = StartHeld("3");
   first.AwaitStart();
-  const DWORD master = MasterProcess();
+  const DWORD master = MasterOfDorns();
   KillProcess(master);
   ExpectNoMaster();
   const Held second = StartHeld("5");
   second.AwaitStart();
-  EXPECT_NE(MasterProcess(), master);
+  EXPECT_NE(MasterOfDorns(), master);
   EXPECT_EQ(second.End(), 5);
   // Where a master runs the tools, the first one's tool has gone with its own.
   const int code = first.End();

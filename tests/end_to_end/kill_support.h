@@ -5,6 +5,7 @@
 #include <string>
 
 #include "build_fixture.h"
+#include "protocol/dorn_session.h"
 #include "protocol/names.h"
 #include "protocol/place_table.h"
 #include "support/becomes_true.h"
@@ -28,6 +29,19 @@ std::string NamedObjectsLeft(const std::string& folder);
 // How many processes run with KESTRUN_ID=ID in the environment that they were started with; 0 where the system does
 // not tell.
 int CountProcessesOf(const std::string& id);
+
+// The process of the master that dorns share, from their record; 0 if there is none.
+inline DWORD MasterOfDorns() {
+  const HANDLE region = OpenFileMappingA(FILE_MAP_READ, FALSE, kDornSessionName);
+  EXPECT_NE(region, nullptr);
+  const auto* const record = static_cast<const DornSession*>(MapViewOfFile(region, FILE_MAP_READ, 0, 0, 0));
+  EXPECT_NE(record, nullptr);
+  if (record == nullptr) return 0;
+  const DWORD master = record->masterProcess;
+  UnmapViewOfFile(record);
+  CloseHandle(region);
+  return master;
+}
 
 // An event that processes of a job hold open as long as they live.
 class Tether {
