@@ -53,7 +53,8 @@ int RunBuild(const Path& program, const std::vector<std::string>& command, const
   const rc_ptr<Process> build = new Process("");
   build->SetApplicationPath(program);
   const platform::SavedTerminal terminal;
-  if (!build->Start(JoinArguments(command), Process::OWN_JOB | Process::SHOW_WINDOW, nullptr, 0)) {
+  const u32 flags = Process::OWN_JOB | Process::SHOW_WINDOW | Process::INHERIT_DESCRIPTORS;
+  if (!build->Start(JoinArguments(command), flags, nullptr, 0)) {
     return kExitCannotStart;
   }
   const UniqueHandle ended = build->GetWaitHandle();

@@ -12,23 +12,34 @@ namespace kestrun::platform {
 // children at once do not leak each other's pipe ends into them: a write end in a foreign child would keep its
 // reader from ever seeing the end.
 //
+// With a job the child is also born in it, where the system can do that: a parent that is killed before it could put
+// the child into the job would otherwise leave it behind, suspended and with its pipes open.
+//
 // Used for one CreateProcessA with inheriting on. A handle that is not inheritable stays behind.
-class OnlyStandardHandles {
+class ChildStartup {
  public:
-  explicit OnlyStandardHandles(const STARTUPINFOA& startupInfo);
-  OnlyStandardHandles(const OnlyStandardHandles&) = delete;
-  OnlyStandardHandles& operator=(const OnlyStandardHandles&) = delete;
-  ~OnlyStandardHandles();
+  // The job is null for none; it must outlive this object.
+  ChildStartup(const STARTUPINFOA& startupInfo, HANDLE job);
+  ChildStartup(const ChildStartup&) = delete;
+  ChildStartup& operator=(const ChildStartup&) = delete;
+  ~ChildStartup();
 
   // What to give to CreateProcessA; lives as long as this object.
   STARTUPINFOA* GetStartupInfo();
   // To be added to the creation flags.
   DWORD GetCreationFlags() const;
+  // False without a job, and where the caller has to put the child into it.
+  bool PutsInJob() const;
 
  private:
   struct State;
   std::unique_ptr<State> state_;
 };
+
+// A creation flag: the child also inherits the descriptors above the standard ones that this process was started with,
+// such as the pipe of an outer make's jobserver, and none that it has opened. 0 where descriptors are the business of a
+// run-time library.
+extern const DWORD kInheritDescriptors;
 
 // Calls a thread back from a read that it is blocked in; the read fails with ERROR_OPERATION_ABORTED. No effect if
 // the thread is in no read at that moment, nor where a read from a child's pipe ends with the child by itself.

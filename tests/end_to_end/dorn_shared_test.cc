@@ -1,6 +1,5 @@
 // Several dorns of one user: one master, and builds that know nothing of one another.
 #include <random>
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -25,28 +24,6 @@ struct Held {
   }
 };
 
-// The record that dorns share. There is one as long as some process has it, and so for the life of this object.
-class Record {
- public:
-  Record()
-      : region_(
-            CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, DornSession::kSize, kDornSessionName)),
-        record_(static_cast<DornSession*>(MapViewOfFile(region_, FILE_MAP_WRITE, 0, 0, 0))) {
-    if (record_ == nullptr) throw std::runtime_error("no record of the dorn session");
-  }
-  ~Record() {
-    UnmapViewOfFile(record_);
-    CloseHandle(region_);
-  }
-  Record(const Record&) = delete;
-  Record& operator=(const Record&) = delete;
-  DornSession* operator->() const { return record_; }
-
- private:
-  const HANDLE region_;
-  DornSession* const record_;
-};
-
 class SharedMaster : public Dorn {
  protected:
   SharedMaster() {
@@ -60,9 +37,6 @@ class SharedMaster : public Dorn {
     const std::string folder = *Environment().environment["KESTRUN_OBJECT_DIR"];
     EXPECT_TRUE(BecomesTrue([&] { return NamedObjectsLeft(folder).empty(); }, 10000)) << NamedObjectsLeft(folder);
   }
-
-  // From the record that dorns share.
-  static DWORD MasterProcess() { return DornSession::GetMasterProcess(Record()->master); }
 
   // dorn with these options around a build that prints the master's id, waits, and then runs a tool with this code.
   Held StartHeld(const std::string& code, const Words& options = {}) {
@@ -133,12 +107,12 @@ TEST_F(SharedMaster, EndsWhenAllDornsAreKilled) {
 TEST_F(SharedMaster, ThatIsKilledLeavesTheBuildsAndMakesRoomForAnother) {
   const Held first = StartHeld("3");
   first.AwaitStart();
-  const DWORD master = MasterProcess();
+  const DWORD master = MasterOfDorns();
   KillProcess(master);
   ExpectNoMaster();
   const Held second = StartHeld("5");
   second.AwaitStart();
-  EXPECT_NE(MasterProcess(), master);
+  EXPECT_NE(MasterOfDorns(), master);
   EXPECT_EQ(second.End(), 5);
   // Where a master runs the tools, the first one's tool has gone with its own.
   const int code = first.End();
@@ -151,7 +125,7 @@ TEST_F(SharedMaster, ThatIsKilledLeavesTheBuildsAndMakesRoomForAnother) {
 TEST_F(SharedMaster, IsNotReplacedByALateOneOfADornThatWasKilled) {
   const Held held = StartHeld("7", {"--id", "same"});
   held.AwaitStart();
-  const DWORD master = MasterProcess();
+  const DWORD master = MasterOfDorns();
   const auto runLateMaster = [this] {
     ChildOptions options = Environment();
     options.environment[kDornVariable] = "1:same";
@@ -161,15 +135,15 @@ TEST_F(SharedMaster, IsNotReplacedByALateOneOfADornThatWasKilled) {
     EXPECT_NE(late.errors.find("the dorn that started this master has gone"), std::string::npos) << late.errors;
   };
   runLateMaster();
-  EXPECT_EQ(MasterProcess(), master);
+  EXPECT_EQ(MasterOfDorns(), master);
   EXPECT_EQ(RunDorn({"--id", "same", tool_, "exit", "4"}).exitCode, 4);
   EXPECT_EQ(held.End(), 7);
   ExpectNoMaster();
-  const Record record;
+  const DornRecord record;
   record->version = DornSession::kVersion;
   record->master = DornSession::MakeMaster(1, 0);
   runLateMaster();
-  EXPECT_EQ(MasterProcess(), 0u);
+  EXPECT_EQ(MasterOfDorns(), 0u);
   EXPECT_EQ(RunDorn({tool_, "exit", "5"}).exitCode, 5);
 }
 

@@ -2,9 +2,11 @@
 #ifndef KESTRUN_TESTS_END_TO_END_KILL_SUPPORT_H_
 #define KESTRUN_TESTS_END_TO_END_KILL_SUPPORT_H_
 
+#include <stdexcept>
 #include <string>
 
 #include "build_fixture.h"
+#include "protocol/dorn_session.h"
 #include "protocol/names.h"
 #include "protocol/place_table.h"
 #include "support/becomes_true.h"
@@ -28,6 +30,33 @@ std::string NamedObjectsLeft(const std::string& folder);
 // How many processes run with KESTRUN_ID=ID in the environment that they were started with; 0 where the system does
 // not tell.
 int CountProcessesOf(const std::string& id);
+
+// The record that dorns share. There is one as long as some process has it, and so for the life of this object.
+class DornRecord {
+ public:
+  DornRecord()
+      : region_(
+            CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, DornSession::kSize, kDornSessionName)),
+        record_(static_cast<DornSession*>(MapViewOfFile(region_, FILE_MAP_WRITE, 0, 0, 0))) {
+    if (record_ == nullptr) throw std::runtime_error("no record of the dorn session");
+  }
+  ~DornRecord() {
+    UnmapViewOfFile(record_);
+    CloseHandle(region_);
+  }
+  DornRecord(const DornRecord&) = delete;
+  DornRecord& operator=(const DornRecord&) = delete;
+  DornSession* operator->() const { return record_; }
+
+ private:
+  const HANDLE region_;
+  DornSession* const record_;
+};
+
+// The process of the master that dorns share, from their record; 0 if there is none.
+inline DWORD MasterOfDorns() {
+  return DornSession::GetMasterProcess(DornRecord()->master);
+}
 
 // An event that processes of a job hold open as long as they live.
 class Tether {

@@ -5,11 +5,22 @@
 
 namespace kestrun::platform {
 
-struct OnlyStandardHandles::State {
+const DWORD kInheritDescriptors = 0;
+
+namespace {
+
+// PROC_THREAD_ATTRIBUTE_JOB_LIST, which older headers do not declare: known to Windows 10 and later.
+constexpr DWORD_PTR kJobListAttribute = 0x2000D;
+constexpr DWORD kMostAttributes = 2;
+
+}  // namespace
+
+struct ChildStartup::State {
   STARTUPINFOEXA startupInfo{};
   std::vector<HANDLE> handles;
-  std::vector<unsigned char> attributes;  // the system's list, opaque
-  bool restricted = false;
+  HANDLE job = nullptr;
+  std::vector<unsigned char> attributes;  // the system's list, opaque; empty for none
+  bool putsInJob = false;
 
   LPPROC_THREAD_ATTRIBUTE_LIST AttributeList() {
     return reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(attributes.data());
@@ -22,42 +33,50 @@ struct OnlyStandardHandles::State {
     if (std::find(handles.begin(), handles.end(), handle) == handles.end()) handles.push_back(handle);
   }
 
-  bool Restrict() {
-    if (handles.empty()) return false;
+  void MakeAttributeList() {
     SIZE_T size = 0;
-    InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
+    InitializeProcThreadAttributeList(nullptr, kMostAttributes, 0, &size);
     attributes.resize(size);
-    if (!InitializeProcThreadAttributeList(AttributeList(), 1, 0, &size)) return false;
-    if (UpdateProcThreadAttribute(AttributeList(), 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, handles.data(),
-                                  handles.size() * sizeof(HANDLE), nullptr, nullptr)) {
-      return true;
-    }
-    DeleteProcThreadAttributeList(AttributeList());
-    return false;
+    if (!InitializeProcThreadAttributeList(AttributeList(), kMostAttributes, 0, &size)) attributes.clear();
+  }
+
+  bool Set(DWORD_PTR attribute, void* value, std::size_t size) {
+    return !attributes.empty() &&
+           UpdateProcThreadAttribute(AttributeList(), 0, attribute, value, size, nullptr, nullptr) != FALSE;
   }
 };
 
-OnlyStandardHandles::OnlyStandardHandles(const STARTUPINFOA& startupInfo) : state_(std::make_unique<State>()) {
-  state_->startupInfo.StartupInfo = startupInfo;
-  state_->Add(startupInfo.hStdInput);
-  state_->Add(startupInfo.hStdOutput);
-  state_->Add(startupInfo.hStdError);
-  state_->restricted = state_->Restrict();
-  if (!state_->restricted) return;
-  state_->startupInfo.StartupInfo.cb = sizeof(STARTUPINFOEXA);
-  state_->startupInfo.lpAttributeList = state_->AttributeList();
+ChildStartup::ChildStartup(const STARTUPINFOA& startupInfo, HANDLE job) : state_(std::make_unique<State>()) {
+  State& state = *state_;
+  state.startupInfo.StartupInfo = startupInfo;
+  state.job = job;
+  state.Add(startupInfo.hStdInput);
+  state.Add(startupInfo.hStdOutput);
+  state.Add(startupInfo.hStdError);
+  state.MakeAttributeList();
+  if (!state.handles.empty()) {
+    state.Set(PROC_THREAD_ATTRIBUTE_HANDLE_LIST, state.handles.data(), state.handles.size() * sizeof(HANDLE));
+  }
+  state.putsInJob = job != nullptr && state.Set(kJobListAttribute, &state.job, sizeof state.job);
+  if (state.attributes.empty()) return;
+  state.startupInfo.StartupInfo.cb = sizeof(STARTUPINFOEXA);
+  state.startupInfo.lpAttributeList = state.AttributeList();
 }
 
-OnlyStandardHandles::~OnlyStandardHandles() {
-  if (state_->restricted) DeleteProcThreadAttributeList(state_->AttributeList());
+ChildStartup::~ChildStartup() {
+  if (!state_->attributes.empty()) DeleteProcThreadAttributeList(state_->AttributeList());
 }
 
-STARTUPINFOA* OnlyStandardHandles::GetStartupInfo() {
+STARTUPINFOA* ChildStartup::GetStartupInfo() {
   return &state_->startupInfo.StartupInfo;
 }
 
-DWORD OnlyStandardHandles::GetCreationFlags() const {
-  return state_->restricted ? static_cast<DWORD>(EXTENDED_STARTUPINFO_PRESENT) : 0;
+DWORD ChildStartup::GetCreationFlags() const {
+  return state_->attributes.empty() ? 0 : static_cast<DWORD>(EXTENDED_STARTUPINFO_PRESENT);
+}
+
+bool ChildStartup::PutsInJob() const {
+  return state_->putsInJob;
 }
 
 void InterruptRead(HANDLE thread) {

@@ -32,8 +32,9 @@ DWORD GetPriorityClass(u32 flags) {
 }
 
 DWORD GetCreationFlags(u32 flags) {
-  DWORD result = GetPriorityClass(flags) | CREATE_SUSPENDED;
+  DWORD result = GetPriorityClass(flags);
   if ((flags & Process::SHOW_WINDOW) == 0) result |= CREATE_NO_WINDOW;
+  if ((flags & Process::INHERIT_DESCRIPTORS) != 0) result |= platform::kInheritDescriptors;
   if ((flags & Process::NEW_CONSOLE) != 0) result |= CREATE_NEW_CONSOLE;
   if ((flags & (Process::OWN_JOB | Process::BREAKAWAY)) != 0) result |= CREATE_BREAKAWAY_FROM_JOB;
   return result;
@@ -121,6 +122,19 @@ HANDLE ChooseHandle(const ChildPipe& pipe, bool isPiped, DWORD standardHandle) {
 
 }  // namespace
 
+struct Process::LaunchRequest {
+  const std::string& commandLine;
+  u32 flags;
+  bool isHeldBack;  // until it is resumed
+  const Environment* environment;
+};
+
+struct Process::LaunchOutcome {
+  bool isCreated;
+  DWORD error;
+  bool isInJob;
+};
+
 class Process::SharedHandle : public rc_base {
  public:
   explicit SharedHandle(HANDLE handle) : handle_(handle) {}
@@ -186,43 +200,61 @@ rc_ptr<Process::SharedHandle> Process::GetProcessHandle() {
 bool Process::Start(const std::string& commandLine, u32 flags, const Environment* environment, u32 affinityMask) {
   flags = SettleFlags(flags);
   ChildPipes pipes(flags);
+  UniqueHandle job = (flags & OWN_JOB) != 0 ? MakeJob(jobName_) : UniqueHandle();
+  // One that is to be changed before its first instruction. Any other must not be left suspended by the sudden death of
+  // this process.
+  const bool isHeldBack = job || affinityMask != 0;
   PROCESS_INFORMATION child{};
-  if (!LaunchSuspended(commandLine, flags, environment, pipes, child)) return false;
+  if (!Launch({commandLine, flags, isHeldBack, environment}, pipes, job, child)) return false;
   const UniqueHandle thread(child.hThread);
   {
     const Lock lock(handleLock_);
     process_ = new SharedHandle(child.hProcess);
+    job_ = std::move(job);
   }
   processId_ = child.dwProcessId;
-  // The child has not run an instruction yet, so nothing that it starts can escape the job.
-  if ((flags & OWN_JOB) != 0) PutInJob(child.hProcess);
   ApplyAffinity(child.hProcess, affinityMask);
   TakePipes(pipes);
-  ResumeThread(thread.Get());
+  if (isHeldBack) ResumeThread(thread.Get());
   return true;
 }
 
-bool Process::LaunchSuspended(const std::string& commandLine, u32 flags, const Environment* environment,
-                              const ChildPipes& pipes, PROCESS_INFORMATION& child) {
+// Where the child can't be born in its job it is put there, and `job` emptied if that fails.
+bool Process::Launch(const LaunchRequest& request, const ChildPipes& pipes, UniqueHandle& job,
+                     PROCESS_INFORMATION& child) {
+  LaunchOutcome outcome = Create(request, pipes, job.Get(), child);
+  // A job around this one may refuse to have another nested in it.
+  if (job && outcome.error == ERROR_ACCESS_DENIED) outcome = Create(request, pipes, nullptr, child);
+  if (!outcome.isCreated) {
+    exitCode_ = outcome.error;
+    PrintLine("CreateProcess(" + request.commandLine + ") failed with error " + std::to_string(outcome.error));
+    return false;
+  }
+  // The child has not run an instruction yet, so nothing that it starts can escape the job.
+  if (job && !outcome.isInJob && !AssignProcessToJobObject(job.Get(), child.hProcess)) job.Reset();
+  return true;
+}
+
+Process::LaunchOutcome Process::Create(const LaunchRequest& request, const ChildPipes& pipes, HANDLE job,
+                                       PROCESS_INFORMATION& child) {
   STARTUPINFOA startupInfo{};
   startupInfo.cb = sizeof startupInfo;
   startupInfo.dwFlags = STARTF_USESHOWWINDOW;
-  startupInfo.wShowWindow = (flags & SHOW_WINDOW) != 0 ? SW_SHOWDEFAULT : SW_HIDE;
-  const bool hasHandles = (flags & NO_STD_HANDLES) == 0;
+  startupInfo.wShowWindow = (request.flags & SHOW_WINDOW) != 0 ? SW_SHOWDEFAULT : SW_HIDE;
+  const bool hasHandles = (request.flags & NO_STD_HANDLES) == 0;
   if (hasHandles) pipes.FillIn(startupInfo);
-  platform::OnlyStandardHandles onlyStandardHandles(startupInfo);
+  platform::ChildStartup startup(startupInfo, job);
 
-  std::string writableCommandLine = commandLine;  // CreateProcessA may change it
-  const std::unique_ptr<char[]> block = environment != nullptr ? BuildEnvironmentBlock(*environment) : nullptr;
-  const bool isCreated = CreateChild(
-      applicationPath_.IsEmpty() ? nullptr : applicationPath_.c_str(), writableCommandLine.data(), nullptr, nullptr,
-      hasHandles, GetCreationFlags(flags) | onlyStandardHandles.GetCreationFlags(), block.get(),
-      workingDirectory_.IsEmpty() ? nullptr : workingDirectory_.c_str(), onlyStandardHandles.GetStartupInfo(), &child);
-  if (isCreated) return true;
-  const DWORD error = GetLastError();
-  exitCode_ = error;
-  PrintLine("CreateProcess(" + commandLine + ") failed with error " + std::to_string(error));
-  return false;
+  std::string writableCommandLine = request.commandLine;  // CreateProcessA may change it
+  const std::unique_ptr<char[]> block =
+      request.environment != nullptr ? BuildEnvironmentBlock(*request.environment) : nullptr;
+  const DWORD creationFlags = GetCreationFlags(request.flags) | startup.GetCreationFlags() |
+                              (request.isHeldBack ? static_cast<DWORD>(CREATE_SUSPENDED) : 0);
+  const bool isCreated =
+      CreateChild(applicationPath_.IsEmpty() ? nullptr : applicationPath_.c_str(), writableCommandLine.data(), nullptr,
+                  nullptr, hasHandles, creationFlags, block.get(),
+                  workingDirectory_.IsEmpty() ? nullptr : workingDirectory_.c_str(), startup.GetStartupInfo(), &child);
+  return {isCreated, isCreated ? DWORD{ERROR_SUCCESS} : GetLastError(), startup.PutsInJob()};
 }
 
 BOOL Process::CreateChild(LPCSTR applicationName, LPSTR commandLine, SECURITY_ATTRIBUTES* processAttributes,
@@ -231,13 +263,6 @@ BOOL Process::CreateChild(LPCSTR applicationName, LPSTR commandLine, SECURITY_AT
                           PROCESS_INFORMATION* processInformation) {
   return CreateProcessA(applicationName, commandLine, processAttributes, threadAttributes, inheritHandles,
                         creationFlags, environment, currentDirectory, startupInfo, processInformation);
-}
-
-void Process::PutInJob(HANDLE process) {
-  UniqueHandle job = MakeJob(jobName_);
-  if (!job || !AssignProcessToJobObject(job.Get(), process)) return;
-  const Lock lock(handleLock_);
-  job_ = std::move(job);
 }
 
 void Process::TakePipes(ChildPipes& pipes) {

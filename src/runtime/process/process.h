@@ -38,8 +38,9 @@ class Process : public rc_base {
     PIPE_STDERR = 0x80,      // the child's standard error is a pipe
     NO_STD_HANDLES = 0x100,  // the child gets no standard handles; ignored beside any pipe
     NEW_CONSOLE = 0x200,
-    OWN_JOB = 0x400,   // leaves the parent's job and gets one of its own, which ends with this object
-    BREAKAWAY = 0x800  // leaves the parent's job; no job of its own
+    OWN_JOB = 0x400,              // leaves the parent's job and gets one of its own, which ends with this object
+    BREAKAWAY = 0x800,            // leaves the parent's job; no job of its own
+    INHERIT_DESCRIPTORS = 0x1000  // platform::kInheritDescriptors
   };
 
   // Holds nothing yet. The name is that of the job object; an empty one makes an unnamed job.
@@ -123,10 +124,11 @@ class Process : public rc_base {
   class SharedHandle;
   struct PipeReader;
   struct ChildPipes;
+  struct LaunchRequest;
+  struct LaunchOutcome;
 
-  bool LaunchSuspended(const std::string& commandLine, u32 flags, const Environment* environment,
-                       const ChildPipes& pipes, PROCESS_INFORMATION& child);
-  void PutInJob(HANDLE process);
+  bool Launch(const LaunchRequest& request, const ChildPipes& pipes, UniqueHandle& job, PROCESS_INFORMATION& child);
+  LaunchOutcome Create(const LaunchRequest& request, const ChildPipes& pipes, HANDLE job, PROCESS_INFORMATION& child);
   void TakePipes(ChildPipes& pipes);
   void AddReader(const char* name, const rc_ptr<Stream>& pipe, Stream* destination, const rc_ptr<OutputGate>& gate);
   bool StartReaders();

@@ -1,7 +1,5 @@
 // Command lines of a shell, run as they are, behind a program that only becomes the next one, and behind kestrun.
 #include <algorithm>
-#include <map>
-#include <random>
 
 #include "../same_build_fixture.h"
 
@@ -86,39 +84,6 @@ TEST_F(SameBuild, ToolsThatWaitForOneAnotherAreLetRun) {
     EXPECT_EQ(direct.result.output, through.result.output) << row;
     EXPECT_EQ(direct.result.exitCode, through.result.exitCode) << row;
   }
-}
-
-// Clients are killed while they come, wait, start or run. Those that are not get what their tools give, and in the end
-// every slot is free.
-TEST_F(SameBuild, RandomKillsLoseNoSlot) {
-  StartTransparentMaster("MaxConcurrentJobs=int:2\n");
-  std::mt19937 random(ReadNumber("KESTRUN_KILL_SEED", 11));
-  const unsigned count = Scaled(300);
-  std::map<unsigned, Child> clients;
-  for (unsigned n = 0; n < count; ++n) {
-    clients.emplace(n, StartTool({"print", std::to_string(n), ",", "exit", std::to_string(n % 7)}));
-    if (random() % 3 == 0) {
-      const auto victim = std::next(clients.begin(), static_cast<int>(random() % clients.size()));
-      victim->second.Kill();
-      clients.erase(victim);
-    }
-    while (clients.size() > 8) {
-      auto& [number, client] = *clients.begin();
-      EXPECT_EQ(client.Wait(), static_cast<int>(number % 7)) << client.Errors();
-      EXPECT_EQ(client.Output(), std::to_string(number) + "\n");
-      clients.erase(clients.begin());
-    }
-  }
-  clients.clear();
-  // Two tools that wait for each other need both slots. Where one is missing the second is let run beside the limit.
-  const int beside = LogCount("beside the limit");
-  NamedEvent here;
-  NamedEvent there;
-  Child one = StartTool({"signal", here.Name(), ",", "await", there.Name()});
-  Child two = StartTool({"await", here.Name(), ",", "signal", there.Name()});
-  EXPECT_EQ(one.Wait(), 0);
-  EXPECT_EQ(two.Wait(), 0);
-  EXPECT_EQ(LogCount("beside the limit"), beside);
 }
 
 // Each make is a job of the one above it, and every line is a job of its own.

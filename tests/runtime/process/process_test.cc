@@ -57,6 +57,47 @@ class ProcessTest : public testing::Test {
   rc_ptr<MemoryStream> err_ = new MemoryStream;
 };
 
+// Stands still between the creation of its child and everything that is done to the child afterwards.
+class HeldBehindCreation : public Process {
+ public:
+  HeldBehindCreation() : Process("") {}
+
+ protected:
+  BOOL CreateChild(LPCSTR applicationName, LPSTR commandLine, SECURITY_ATTRIBUTES* processAttributes,
+                   SECURITY_ATTRIBUTES* threadAttributes, BOOL inheritHandles, DWORD creationFlags, LPVOID environment,
+                   LPCSTR currentDirectory, STARTUPINFOA* startupInfo,
+                   PROCESS_INFORMATION* processInformation) override {
+    const BOOL isCreated =
+        Process::CreateChild(applicationName, commandLine, processAttributes, threadAttributes, inheritHandles,
+                             creationFlags, environment, currentDirectory, startupInfo, processInformation);
+    test::Say(std::to_string(processInformation->dwProcessId));
+    test::AwaitLine();
+    return isCreated;
+  }
+};
+
+// Words: the flags, and those of the tool.
+KESTRUN_CHILD(StandsBehindCreation) {
+  const u32 flags = static_cast<u32>(std::stoul(words[0]));
+  const rc_ptr<Process> process = new HeldBehindCreation;
+  return process->Start(Tool({words.begin() + 1, words.end()}), flags, nullptr, 0) ? 0 : 1;
+}
+
+TEST(SuddenDeath, AChildThatIsNotYetRunningEndsWithItsParent) {
+  test::Child parent = test::Child::Self("StandsBehindCreation", {std::to_string(Process::OWN_JOB), "hold"});
+  const unsigned long child = std::stoul(parent.ReadLine());
+  EXPECT_TRUE(test::ProcessExists(child));
+  parent.Kill();
+  EXPECT_TRUE(test::ProcessEndsWithin(child, 10000));
+}
+
+// It is to outlive its parent, and needs nothing of it in order to run.
+TEST(SuddenDeath, AChildWithoutAJobRunsFromItsCreationOn) {
+  test::Child parent = test::Child::Self("StandsBehindCreation", {std::to_string(Process::BREAKAWAY), "exit", "0"});
+  EXPECT_TRUE(test::ProcessEndsWithin(std::stoul(parent.ReadLine()), 10000));
+  parent.Kill();
+}
+
 TEST_F(ProcessTest, ADescendantThatKeepsThePipesDoesNotHoldUpRun) {
   EXPECT_EQ(Run({"background", "plain", "hold", "then", "fill", "3000000", "0", ",", "exit", "3"}), 3);
   const std::string text = TextOf(out_);

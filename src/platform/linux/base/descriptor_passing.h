@@ -11,8 +11,8 @@
 
 namespace kestrun::platform {
 
-// In one message.
-inline constexpr std::size_t kMaxPassedDescriptors = 4;
+// In one message: as many as the kernel takes.
+inline constexpr std::size_t kMaxPassedDescriptors = 253;
 
 // Sends at least one byte, with 1 to kMaxPassedDescriptors descriptors. How many bytes went, or -1 with errno; goes on
 // after a signal.

@@ -13,7 +13,8 @@
 //   kReady       a report of the process that is to become the tool
 //   kStart       a command to that process, which then becomes the tool. It carries as descriptors the working
 //   directory
-//                and those standard streams that are not empty; the text that its header announces follows it
+//                and those standard streams that are not empty, and then further ones; the text that its header
+//                announces follows it
 //   (commands)   to the supervisor
 //   kEnded       a report: the tool has ended
 //   kEmpty       a report: what the tool left behind has ended too; only if kEnded has not said that nothing is left
@@ -62,13 +63,15 @@ enum ToolFlag : std::uint32_t {
 };
 
 // What a tool is started with. Followed by `textSize` bytes: the program's path, then `argumentCount` arguments and
-// `variableCount` environment entries, each with its NUL.
+// `variableCount` environment entries, each with its NUL, and `furtherCount` numbers (int) that the further descriptors
+// are to have in the tool.
 struct ToolHeader {
   std::uint32_t flags;
   std::uint32_t streams;  // bit n: stream n comes along as a descriptor; the others are /dev/null
   std::int32_t nice;      // added to the caller's own
   std::uint32_t argumentCount;
   std::uint32_t variableCount;
+  std::uint32_t furtherCount;
   std::uint64_t textSize;
   std::uint64_t descriptorLimit;
   std::uint64_t descriptorMaximum;

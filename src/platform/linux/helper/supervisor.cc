@@ -140,10 +140,10 @@ class Supervisor {
     hasOwnGroup_ = (header.flags & kToolOwnGroup) != 0;
     if (hasOwnGroup_) setpgid(0, 0);
     if (header.nice != 0) setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, 0) + header.nice);
+    const bool inFolder = start_.EnterWorkingDirectory();
+    start_.PlaceDescriptors();
     const rlimit limit{header.descriptorLimit, header.descriptorMaximum};
     setrlimit(RLIMIT_NOFILE, &limit);
-    const bool inFolder = start_.EnterWorkingDirectory();
-    start_.PlaceStreams();
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);

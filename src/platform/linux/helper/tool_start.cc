@@ -1,8 +1,10 @@
 #include "platform/linux/helper/tool_start.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstdio>
@@ -43,7 +45,11 @@ bool ToolStart::Receive(int control) {
     if (command.kind == CommandKind::kStart) break;
   }
   header_ = command.tool;
-  return count == 1 + static_cast<std::size_t>(std::popcount(header_.streams & 7u)) && ReceiveText(control);
+  return count == 1 + StreamCount() + header_.furtherCount && ReceiveText(control);
+}
+
+std::size_t ToolStart::StreamCount() const {
+  return static_cast<std::size_t>(std::popcount(header_.streams & 7u));
 }
 
 bool ToolStart::ReceiveText(int control) {
@@ -55,6 +61,8 @@ bool ToolStart::ReceiveText(int control) {
   path_ = Take(at);
   TakeAll(at, header_.argumentCount, arguments_);
   TakeAll(at, header_.variableCount, variables_);
+  furtherNumbers_.resize(header_.furtherCount);
+  if (header_.furtherCount > 0) std::memcpy(furtherNumbers_.data(), at, header_.furtherCount * sizeof(int));
   return true;
 }
 
@@ -62,10 +70,22 @@ bool ToolStart::EnterWorkingDirectory() const {
   return fchdir(descriptors_[0]) == 0;
 }
 
-void ToolStart::PlaceStreams() const {
+void ToolStart::PlaceDescriptors() {
   std::size_t next = 1;
   for (int i = 0; i < 3; ++i) {
     if ((header_.streams & (1u << i)) != 0) dup2(descriptors_[next++], i);
+  }
+  PlaceFurther();
+}
+
+// First out of the way of one another, then each to its number, where it is not closed on exec.
+void ToolStart::PlaceFurther() {
+  if (furtherNumbers_.empty()) return;
+  int* const further = descriptors_ + 1 + StreamCount();
+  const int above = *std::max_element(furtherNumbers_.begin(), furtherNumbers_.end()) + 1;
+  for (std::size_t i = 0; i < furtherNumbers_.size(); ++i) further[i] = fcntl(further[i], F_DUPFD_CLOEXEC, above);
+  for (std::size_t i = 0; i < furtherNumbers_.size(); ++i) {
+    if (further[i] >= 0) dup2(further[i], furtherNumbers_[i]);
   }
 }
 

@@ -22,13 +22,17 @@ class ToolStart {
   const ToolHeader& header() const { return header_; }
 
   bool EnterWorkingDirectory() const;
-  // Makes the streams that came along descriptors 0 to 2; those that did not stay what they are, /dev/null.
-  void PlaceStreams() const;
+  // Makes the streams that came along descriptors 0 to 2; those that did not stay what they are, /dev/null. Further
+  // descriptors get the numbers that came with them. After this only Execute may follow: what else was open may have
+  // made room.
+  void PlaceDescriptors();
   // Returns only if the program can't be run, after a line on the standard error.
   void Execute() const;
 
  private:
   bool ReceiveText(int control);
+  std::size_t StreamCount() const;
+  void PlaceFurther();
 
   ToolHeader header_ = {};
   int descriptors_[kMaxPassedDescriptors] = {};
@@ -36,6 +40,7 @@ class ToolStart {
   const char* path_ = nullptr;
   std::vector<char*> arguments_;
   std::vector<char*> variables_;
+  std::vector<int> furtherNumbers_;
 };
 
 // Reads exactly `size` bytes; false when the socket ends before.

@@ -20,21 +20,28 @@ struct StartDescriptors {
       streams |= 1u << i;
       values[count++] = request.streams[i]->Descriptor();
     }
+    for (const int descriptor : request.further) {
+      if (count == kMaxPassedDescriptors) break;
+      values[count++] = descriptor;
+      ++furtherCount;
+    }
   }
 
   std::uint32_t streams = 0;
+  std::uint32_t furtherCount = 0;
   int values[kMaxPassedDescriptors];
   std::size_t count = 0;
 };
 
 // A kStart command and the text behind it.
-std::string MakeStart(const ChildRequest& request, bool killsOnClose, std::uint32_t streams) {
+std::string MakeStart(const ChildRequest& request, bool killsOnClose, const StartDescriptors& given) {
   const rlimit limit = OriginalDescriptorLimit();
   Command command = {};
   command.kind = CommandKind::kStart;
   ToolHeader& tool = command.tool;
   tool.flags = (request.hasOwnGroup ? kToolOwnGroup : 0u) | (killsOnClose ? kToolKillOnClose : 0u);
-  tool.streams = streams;
+  tool.streams = given.streams;
+  tool.furtherCount = given.furtherCount;
   tool.nice = request.nice;
   tool.descriptorLimit = limit.rlim_cur;
   tool.descriptorMaximum = limit.rlim_max;
@@ -45,6 +52,7 @@ std::string MakeStart(const ChildRequest& request, bool killsOnClose, std::uint3
   append(request.path);
   for (const std::string& entry : request.arguments) append(entry);
   for (const std::string& entry : request.variables) append(entry);
+  text.append(reinterpret_cast<const char*>(request.further.data()), given.furtherCount * sizeof(int));
   tool.textSize = text.size() - sizeof command;
   text.replace(0, sizeof command, reinterpret_cast<const char*>(&command), sizeof command);
   return text;
@@ -54,7 +62,7 @@ std::string MakeStart(const ChildRequest& request, bool killsOnClose, std::uint3
 
 void SendStart(int control, const ChildRequest& request, bool killsOnClose) {
   const StartDescriptors given(request);
-  const std::string start = MakeStart(request, killsOnClose, given.streams);
+  const std::string start = MakeStart(request, killsOnClose, given);
   const ssize_t sent = SendDescriptors(control, start.data(), start.size(), given.values, given.count);
   if (sent <= 0) return;
   const std::size_t done = static_cast<std::size_t>(sent);

@@ -19,6 +19,7 @@ struct ChildRequest {
   std::vector<std::string> variables;  // "NAME=value"
   FileDescriptor workingDirectory;
   std::shared_ptr<FileObject> streams[3];  // null is /dev/null
+  std::vector<int> further;                // open descriptors that the tool has under the same numbers
   SessionKind session = SessionKind::kShared;
   bool hasOwnGroup = false;
   bool mayBeInterrupted = false;  // the caller asked for the group, and so to be able to signal it

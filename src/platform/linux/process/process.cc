@@ -1,4 +1,5 @@
 // CreateProcessA, and what can be asked of and done to a process.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -7,9 +8,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "platform/api/process_api.h"
+#include "platform/child_io.h"
 #include "platform/linux/base/command_line.h"
 #include "platform/linux/base/environment.h"
 #include "platform/linux/files/file_names.h"
@@ -97,6 +101,19 @@ DWORD PrepareRequest(LPCSTR application, LPCSTR commandLine, DWORD flags, LPCVOI
   return OpenWorkingDirectory(folder, request.workingDirectory);
 }
 
+// What this process was given at its start: everything that it opens itself is closed on exec.
+std::vector<int> ListInheritedDescriptors() {
+  std::vector<int> descriptors;
+  const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/proc/self/fd"), &closedir);
+  if (!folder) return descriptors;
+  while (const dirent* const entry = readdir(folder.get())) {
+    const int descriptor = std::atoi(entry->d_name);
+    if (descriptor > STDERR_FILENO && fcntl(descriptor, F_GETFD) == 0) descriptors.push_back(descriptor);
+  }
+  std::sort(descriptors.begin(), descriptors.end());
+  return descriptors;
+}
+
 // A tool that keeps this process's standard input may read from its terminal, so it stays in this session and group: in
 // another group, a read from the terminal would stop it.
 void PlaceInSession(DWORD flags, ChildRequest& request) {
@@ -139,6 +156,7 @@ BOOL CreateProcessA(LPCSTR applicationName, LPSTR commandLine, LPSECURITY_ATTRIB
   if (error == ERROR_SUCCESS) {
     TakeStreams(*startupInfo, request);
     PlaceInSession(creationFlags, request);
+    if ((creationFlags & kInheritDescriptors) != 0) request.further = ListInheritedDescriptors();
     std::copy_n(request.streams + 1, 2, outputs);
     child = ChildProcess::Start(std::move(request), error);
   }
