@@ -47,6 +47,8 @@ class Mutex : public StoredWaitable {
     return true;
   }
 
+  pid_t Owner() const { return OwnerThread(memory_->mutex); }
+
   // For the thread that has just made the object and initialised its mutex as owned.
   void SetInitialOwner() { CurrentThreadData().ownedMutexes.push_back({memory_, scope(), 1}); }
 
@@ -98,6 +100,12 @@ void InitialiseMutex(ObjectHeader& header, bool owned) {
 }
 
 }  // namespace
+
+bool FindMutexOwner(HANDLE mutex, pid_t* thread) {
+  const auto object = LookUp<Mutex>(mutex);
+  if (object) *thread = object->Owner();
+  return object != nullptr;
+}
 
 void AbandonOwnedMutexes(ThreadData& data) {
   // The kernel would do this only once the thread is gone, which is after its handle is signalled.
