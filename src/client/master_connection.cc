@@ -33,6 +33,12 @@ void LogStep(const char* step) {
   WriteLog(Log::Debug, Log::STUB, step, {{"pid", std::to_string(GetCurrentProcessId())}});
 }
 
+void ReportObstacle(const std::string& obstacle) {
+  if (obstacle.empty()) return;
+  PrintWarning(obstacle);
+  WriteLog(Log::Warning, Log::STUB, "Could not connect: " + obstacle, {{"pid", std::to_string(GetCurrentProcessId())}});
+}
+
 rc_ptr<Message> LogReceived(const rc_ptr<Message>& message) {
   if (message) LogStep("Result received");
   return message;
@@ -134,6 +140,7 @@ bool MasterConnection::Connect() {
   // A connector has its turn in one call, so this wait can be told only when it is over.
   if (GetTickCount() - start >= kLongWaitMs) LogLongWait("the introduction to the master");
   if (!isConnected) {
+    ReportObstacle(socket->GetObstacle());
     const std::string count = std::to_string(CountProcesses("kestrun.exe"));
     WriteStandardError("There are currently " + count + " instances of kestrun.exe running.\n");
     return false;

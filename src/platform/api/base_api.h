@@ -120,6 +120,7 @@ using LPSECURITY_ATTRIBUTES = SECURITY_ATTRIBUTES*;
 #define ERROR_NOT_OWNER 288u
 #define ERROR_TOO_MANY_POSTS 298u
 #define ERROR_NO_SYSTEM_RESOURCES 1450u
+#define ERROR_TIMEOUT 1460u
 #define ERROR_RESOURCE_TYPE_NOT_FOUND 1813u
 
 // One value a thread. Successful calls leave it alone unless their Windows twins set it.

@@ -88,7 +88,6 @@ void Log::SetDebug(bool debug) {
 
 void Log::SetEnabled(bool enabled) {
   const Lock lock(lock_);
-  if (!mutex_) mutex_ = std::make_unique<Mutex>(mutexName_.c_str(), EveryoneAccess().GetAttributes());
   enabled_ = enabled;
   Open();
   hasFile_ = file_.IsValid();
@@ -163,9 +162,20 @@ void Log::Write(int level, int component, const std::string& message, const Fiel
   std::string record = LevelWord(level) + ": [" + ComponentWord(component) + "] " + message + kLineEnd;
   record += " time:" + FormatTime(now) + kLineEnd;
   for (const auto& [key, value] : fields) record.append(" ").append(key).append(":").append(value).append(kLineEnd);
-  if (!mutex_->Lock(kMutexLimitMs)) return;
+  Mutex* const mutex = GetMutex();
+  if (mutex == nullptr || !mutex->Lock(kMutexLimitMs)) return;
   Append(record);
-  mutex_->Unlock();
+  mutex->Unlock();
+}
+
+Mutex* Log::GetMutex() {
+  const Lock lock(lock_);
+  try {
+    if (!mutex_) mutex_ = std::make_unique<Mutex>(mutexName_.c_str(), EveryoneAccess().GetAttributes());
+  } catch (const SyncException&) {
+    // The system has said why on the standard error stream; the next record tries again.
+  }
+  return mutex_.get();
 }
 
 void Log::Append(const std::string& record) {

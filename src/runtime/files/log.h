@@ -37,7 +37,7 @@ class Log {
   static Log* Get();
 
   // Daily mode. With `cleanUp` the oldest file goes whenever the files of this prefix exceed 20 MiB, at most one a
-  // record and never the only one. Does nothing if an instance exists. Throws SyncException.
+  // record and never the only one. Does nothing if an instance exists.
   static void Init(const std::string& prefix, bool cleanUp);
 
   // Single-file mode; the path is turned to lower case if it is shorter than 261 characters. Where only the folder as
@@ -90,6 +90,8 @@ class Log {
   void OpenToday();
   void Rotate();
   void Append(const std::string& record);
+  // Null if it can't be made.
+  Mutex* GetMutex();
 
   // Constant after construction.
   const Path directory_;
@@ -102,9 +104,10 @@ class Log {
   std::atomic<bool> debug_{false};
   std::atomic<bool> hasFile_{false};
 
-  // The cross-process lock; held by writers before lock_. Made before the file, since most logs are never enabled.
+  CriticalSection lock_;  // what follows; SetEnabled and GetMutex take it alone
+  // The cross-process lock; held by writers before lock_. Made with the first record: most processes write none, and
+  // one that only tells its version must not wait for others.
   std::unique_ptr<Mutex> mutex_;
-  CriticalSection lock_;  // what follows; SetEnabled takes it alone
   UniqueFile file_;
   std::string refusal_;
   int currentDay_ = -1;

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/host.h"
+#include "transport/shared/introduction_turn.h"
 #include "transport/sockets/socket_exception.h"
 
 namespace kestrun {
@@ -11,6 +12,11 @@ namespace {
 
 constexpr u32 kSliceMs = 1000;
 constexpr u32 kBothEnds = 2;
+
+std::string DescribeObstacle(u32 holder) {
+  const std::string process = holder != 0 ? "process " + std::to_string(holder) : "another process";
+  return process + " keeps other clients from connecting to the master; let it go on, or end it";
+}
 
 }  // namespace
 
@@ -32,7 +38,13 @@ bool IpcSocket::Listen(const std::string& name) {
 
 bool IpcSocket::Connect(const std::string& name, u32 timeoutMs) {
   if (region_->IsOwner() || !IpcIntroduction::IsListeningName(name)) return false;
-  const NamedMutexLock connectLock(IpcIntroduction::GetLockName(name));
+  obstacle_.clear();
+  const IntroductionTurn turn(IpcIntroduction::GetLockName(name), timeoutMs);
+  if (!turn) {
+    obstacle_ = DescribeObstacle(turn.GetHolder());
+    state_ = State::kFailed;
+    return false;
+  }
   if (!region_->Open(name)) return false;
   state_ = State::kConnecting;
   const bool hasJoined = IpcIntroduction::Join(*region_, timeoutMs);

@@ -78,9 +78,13 @@ class IpcSocket : public rc_base {
   // when it is asked. From the thread that accepts.
   void PrepareNext();
 
-  // Waits without limit while other connectors are being introduced, then at most timeoutMs for each of the two steps.
-  // False if no socket listens on the name (the state stays as it was) or the introduction failed (state failed).
+  // Waits while other connectors are being introduced, for each of them at most timeoutMs, and then at most timeoutMs
+  // for the listener's answer. False if no socket listens on the name (the state stays as it was) or the introduction
+  // failed (state failed).
   bool Connect(const std::string& name, u32 timeoutMs);
+  // Of a Connect that has failed because another process keeps its turn: a text for the user that names it. Else empty.
+  // From the thread that connects.
+  const std::string& GetObstacle() const { return obstacle_; }
 
   void Close();
 
@@ -122,6 +126,7 @@ class IpcSocket : public rc_base {
 
   const std::unique_ptr<IpcRegion> region_;  // never null
   std::atomic<State> state_{State::kClosed};
+  std::string obstacle_;
 
   // Guards the one below, which a listening socket has. Accept shares it, so that Close may come meanwhile.
   CriticalSection introductionLock_;

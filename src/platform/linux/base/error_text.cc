@@ -50,6 +50,7 @@ constexpr ErrorText kTexts[] = {
     {ERROR_TOO_MANY_POSTS, "The semaphore's count would pass its limit."},
     {ERROR_FILE_INVALID, "The file is empty or has changed."},
     {ERROR_NO_SYSTEM_RESOURCES, "The system lacks the resources for the call."},
+    {ERROR_TIMEOUT, "The wait for a lock took too long."},
     {ERROR_RESOURCE_TYPE_NOT_FOUND, "The file has no such resource."},
     {WSAEINTR, "The call was interrupted."},
     {WSAEWOULDBLOCK, "The socket is not ready; the call would block."},

@@ -30,7 +30,7 @@ class Mutex : public StoredWaitable {
   DWORD Acquire(const Deadline& deadline) override {
     const DWORD result = TryAcquire();
     if (result != WAIT_TIMEOUT || deadline.HasPassed()) return result;
-    return Taken(deadline.IsNever() ? pthread_mutex_lock(&memory_->mutex) : LockUntil(deadline));
+    return Taken(LockRobustUntil(memory_->mutex, deadline));
   }
 
   bool SignalOne() override {
@@ -46,6 +46,8 @@ class Mutex : public StoredWaitable {
     Wake(0);
     return true;
   }
+
+  pid_t Owner() const { return OwnerThread(memory_->mutex); }
 
   // For the thread that has just made the object and initialised its mutex as owned.
   void SetInitialOwner() { CurrentThreadData().ownedMutexes.push_back({memory_, scope(), 1}); }
@@ -64,21 +66,6 @@ class Mutex : public StoredWaitable {
     if (entry == owned.end()) return false;
     ++entry->depth;
     return true;
-  }
-
-  int LockUntil(const Deadline& deadline) {
-#ifdef __SANITIZE_THREAD__
-    // ThreadSanitizer does not intercept pthread_mutex_clocklock, and mishandles EOWNERDEAD from timedlock.
-    int result;
-    while ((result = pthread_mutex_trylock(&memory_->mutex)) == EBUSY && !deadline.HasPassed()) {
-      const timespec pause{0, 1'000'000};
-      nanosleep(&pause, nullptr);
-    }
-    return result;
-#else
-    const timespec until = deadline.ToTimespec();
-    return pthread_mutex_clocklock(&memory_->mutex, CLOCK_MONOTONIC, &until);
-#endif
   }
 
   DWORD Taken(int lockResult) {
@@ -113,6 +100,12 @@ void InitialiseMutex(ObjectHeader& header, bool owned) {
 }
 
 }  // namespace
+
+bool FindMutexOwner(HANDLE mutex, pid_t* thread) {
+  const auto object = LookUp<Mutex>(mutex);
+  if (object) *thread = object->Owner();
+  return object != nullptr;
+}
 
 void AbandonOwnedMutexes(ThreadData& data) {
   // The kernel would do this only once the thread is gone, which is after its handle is signalled.

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/api/base_api.h"
+#include "platform/linux/objects/lock_holder.h"
 #include "platform/linux/objects/object_folder.h"
 #include "platform/linux/objects/robust_mutex.h"
 
@@ -90,7 +91,9 @@ bool ObjectSlots::ClaimFree(unsigned from, unsigned to, unsigned* slot) {
 
 // Claims a slot that has never been used.
 bool ObjectSlots::ClaimUnused(unsigned* slot) {
-  const RobustLock lock(layout_.growth);
+  // A bucket's mutex is held here: those that wait for that one must not give up before this wait does.
+  const RobustLock lock(layout_.growth, kTableLockLimitMs / 2);
+  if (!lock) return FailByHolder(ProcessOfThread(OwnerThread(layout_.growth)));
   const std::uint32_t next = layout_.used;
   if (next == kMaxObjects) {
     ReportUnusableFolder("its object table is full, with " + std::to_string(kMaxObjects) + " objects");

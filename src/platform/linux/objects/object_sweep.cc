@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "platform/linux/base/file_descriptor.h"
+#include "platform/linux/objects/lock_holder.h"
 #include "platform/linux/objects/object_folder.h"
 #include "platform/linux/objects/robust_mutex.h"
 
@@ -32,21 +33,24 @@ bool RenewStamp(int folder) {
   return stamp && futimens(stamp.get(), nullptr) == 0;
 }
 
-// Removes the marks of the dead from one slot, and reclaims it if no others are left. True if there were any, or if the
-// slot was claimed by a dead process.
-bool SweepSlot(ObjectLayout& layout, ObjectSlots& slots, unsigned slot, const ProcessSet& dead) {
+enum class Swept { kNothing, kFreed, kLocked };
+
+// Removes the marks of the dead from one slot, and reclaims it if no others are left. kFreed if there were any, or if
+// the slot was claimed by a dead process; kLocked, with nothing done, if its bucket can't be had within the limit.
+Swept SweepSlot(ObjectLayout& layout, ObjectSlots& slots, unsigned slot, const ProcessSet& dead, DWORD limitMs) {
   ObjectSlot& object = slots[slot];
   const SlotState state = slots.State(slot);
-  if (state.phase == SlotPhase::kFree) return false;
+  if (state.phase == SlotPhase::kFree) return Swept::kNothing;
   const auto isDead = [&dead](unsigned process) { return dead.Has(process); };
   // A process that sweeps on its way into the table has no process slot yet. It does so under the gate, which is held
   // here: if a slot is still claimed by such a process, that process died over it.
   const bool isUnfinished = state.phase == SlotPhase::kClaimed && (state.owner == kMaxProcesses || isDead(state.owner));
   // A slot with such a mark is not reclaimed by other processes until the mark goes, so it stays the same object.
-  if (!isUnfinished && !object.held.Any(isDead) && !object.pinned.Any(isDead)) return false;
+  if (!isUnfinished && !object.held.Any(isDead) && !object.pinned.Any(isDead)) return Swept::kNothing;
   {
     ObjectBucket& bucket = layout.buckets[object.bucket % kObjectBuckets];
-    const RobustLock lock(bucket.mutex);
+    const RobustLock lock(bucket.mutex, limitMs);
+    if (!lock) return Swept::kLocked;
     object.held.RemoveAll(dead);
     object.pinned.RemoveAll(dead);
     if (object.held.IsEmpty()) slots.Unlink(bucket, slot);
@@ -56,29 +60,35 @@ bool SweepSlot(ObjectLayout& layout, ObjectSlots& slots, unsigned slot, const Pr
   } else if (object.pinned.IsEmpty()) {
     slots.Reclaim(slot, state.generation);
   }
-  return true;
+  return Swept::kFreed;
 }
 
 }  // namespace
 
 int SweepTable(ObjectLayout& layout, const ProcessSlots& processes, ObjectSlots& slots) {
   const auto dead = std::make_unique<ProcessSet>();
-  int freed = 0;
+  int processesFreed = 0;
   for (unsigned process = 0; process < kMaxProcesses; ++process) {
     if (!processes.IsStale(process)) continue;
     dead->Add(process);
-    ++freed;
+    ++processesFreed;
   }
-  if (freed == 0) return 0;
+  if (processesFreed == 0) return 0;
   const unsigned used = slots.Used();
+  int objectsFreed = 0;
+  DWORD limitMs = kShortLockLimitMs;
   for (unsigned slot = 0; slot < used; ++slot) {
-    if (SweepSlot(layout, slots, slot, *dead)) ++freed;
+    const Swept swept = SweepSlot(layout, slots, slot, *dead, limitMs);
+    if (swept == Swept::kFreed) ++objectsFreed;
+    if (swept == Swept::kLocked) limitMs = 0;
   }
+  // A slot behind a lock that a stopped process keeps may still have their marks.
+  if (limitMs == 0) return objectsFreed;
   dead->Any([&layout](unsigned process) {
     layout.hasMarks[process].store(0);
     return false;
   });
-  return freed;
+  return processesFreed + objectsFreed;
 }
 
 bool SweepIsDue() {

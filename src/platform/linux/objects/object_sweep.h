@@ -14,7 +14,8 @@ namespace kestrun::platform {
 // last time in the change time of a file. Cheap enough to be called for each new object; may be called from any thread.
 bool SweepIsDue();
 
-// Under the gate. Gives the number of object slots and process slots that are free again.
+// Under the gate. Leaves out what lies behind a lock that a stopped process keeps, for a later sweep. Gives the number
+// of object slots and process slots that are free again.
 int SweepTable(ObjectLayout& layout, const ProcessSlots& processes, ObjectSlots& slots);
 
 }  // namespace kestrun::platform

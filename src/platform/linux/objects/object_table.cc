@@ -14,6 +14,7 @@
 
 #include "platform/api/sync_api.h"
 #include "platform/linux/base/never_destroyed.h"
+#include "platform/linux/objects/lock_holder.h"
 #include "platform/linux/objects/object_folder.h"
 #include "platform/linux/objects/object_sweep.h"
 #include "platform/linux/objects/robust_mutex.h"
@@ -68,6 +69,21 @@ class ObjectTable::Visit {
   ObjectTable& table_;
 };
 
+// Holds the mutex of a bucket. False if another process has kept it for too long; the last error is then set.
+class ObjectTable::BucketLock {
+ public:
+  BucketLock(ObjectTable& table, unsigned bucket)
+      : lock_(table.layout_.buckets[bucket].mutex, table.isStuck_[bucket] ? kShortLockLimitMs : kTableLockLimitMs) {
+    // Not where it is so already: the line of memory is shared by all threads.
+    if (table.isStuck_[bucket] != !lock_) table.isStuck_[bucket] = !lock_;
+    if (!lock_) FailByHolder(ProcessOfThread(OwnerThread(table.layout_.buckets[bucket].mutex)));
+  }
+  explicit operator bool() const { return static_cast<bool>(lock_); }
+
+ private:
+  const RobustLock lock_;
+};
+
 ObjectTable::ObjectTable(FileDescriptor file, ObjectLayout& layout)
     : file_(std::move(file)),
       layout_(layout),
@@ -107,7 +123,11 @@ ObjectTable* ObjectTable::Enter() {
     if (!file) return nullptr;
     // Before the gate, whose unlocking needs the table's file to be open.
     std::unique_ptr<ObjectTable> table;
-    const TableGate gate(file.get());
+    // Whether the gate was waited for in vain before.
+    static std::atomic<bool> isStuck{false};
+    const TableGate gate(file.get(), isStuck ? kShortLockLimitMs : kTableLockLimitMs);
+    isStuck = !gate && errno == ETIMEDOUT;
+    if (isStuck) return FailByHolder(HolderOfByte(file.get(), kGateByte)), nullptr;
     struct stat status {};
     if (!gate || fstat(file.get(), &status) != 0) {
       const int error = errno;
@@ -146,7 +166,8 @@ bool ObjectTable::Find(const Request& request, Found* found) {
   const Visit visit(*this);
   const unsigned number = BucketOf(request.name);
   ObjectBucket& bucket = layout_.buckets[number];
-  const RobustLock lock(bucket.mutex);
+  const BucketLock lock(*this, number);
+  if (!lock) return false;
   const unsigned slot = slots_.Find(bucket, request.name);
   if (slot != ObjectSlots::kNone) {
     if (slots_.IsHeld(slot)) return OpenObject(request, slot, found);
@@ -161,11 +182,13 @@ bool ObjectTable::Find(const Request& request, Found* found) {
 void ObjectTable::Release(unsigned slot) {
   ObjectSlot& object = slots_[slot];
   ObjectBucket& bucket = layout_.buckets[object.bucket];
-  const RobustLock lock(bucket.mutex);
+  const BucketLock lock(*this, object.bucket);
   const std::lock_guard guard(lock_);
   if (--own_[slot].holds != 0) return;
   object.held.Remove(processes_.own());
-  if (object.held.IsEmpty()) slots_.Unlink(bucket, slot);
+  // Without the lock the slot stays in its chain, as if this process had been killed: the object can't be opened any
+  // more, and the next process that asks for its name takes it out.
+  if (lock && object.held.IsEmpty()) slots_.Unlink(bucket, slot);
 }
 
 bool ObjectTable::IsHeldElsewhere(unsigned slot) {
@@ -179,7 +202,7 @@ bool ObjectTable::IsHeldElsewhere(unsigned slot) {
 
 int ObjectTable::Sweep() {
   const Visit visit(*this);
-  const TableGate gate(file_.get());
+  const TableGate gate(file_.get(), kShortLockLimitMs);
   return gate ? SweepTable(layout_, processes_, slots_) : 0;
 }
 

@@ -10,9 +10,15 @@
 //
 // A process that enters a table which no living process uses starts it anew. A table stays mapped until the process
 // ends. All functions may be called from any thread.
+//
+// A process that is stopped while it holds the gate or the mutex of a bucket holds up the others for 5 s once, and for
+// a moment each time after that. Then their calls fail with ERROR_TIMEOUT, after a line on the standard error stream
+// that names the process and the folder.
 #ifndef KESTRUN_PLATFORM_LINUX_OBJECTS_OBJECT_TABLE_H_
 #define KESTRUN_PLATFORM_LINUX_OBJECTS_OBJECT_TABLE_H_
 
+#include <array>
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -58,7 +64,8 @@ class ObjectTable {
   // True if there is a hold on it beside the caller's, in this process or in another that lives.
   bool IsHeldElsewhere(unsigned slot);
 
-  // Reclaims what dead processes left. Gives the number of object slots and process slots that are free again.
+  // Reclaims what dead processes left, unless another process keeps the gate. Gives the number of object slots and
+  // process slots that are free again.
   int Sweep();
 
   HubWord* hubs() { return layout_.hubs; }
@@ -75,6 +82,7 @@ class ObjectTable {
   };
   // The process counts as having marks for as long as one of these lives.
   class Visit;
+  class BucketLock;
 
   ObjectTable(FileDescriptor file, ObjectLayout& layout);
 
@@ -97,6 +105,9 @@ class ObjectTable {
   ObjectLayout& layout_;
   ProcessSlots processes_;
   ObjectSlots slots_;
+
+  // Buckets whose mutex was last waited for in vain. Whoever needs them next waits no longer than a moment.
+  std::array<std::atomic<bool>, kObjectBuckets> isStuck_{};
 
   // Taken after a bucket's mutex.
   std::mutex lock_;

@@ -3,7 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <ctime>
+
+#include "platform/linux/objects/deadline.h"
 
 namespace kestrun::platform {
 
@@ -31,6 +35,19 @@ bool TryLock(int file, off_t byte) {
   return Lock(file, F_OFD_SETLK, F_WRLCK, byte);
 }
 
+// The kernel has no wait with a limit for such a lock, so one that is taken is tried again: the gate is held for far
+// less than the longest pause.
+bool LockUntil(int file, off_t byte, const Deadline& deadline) {
+  timespec pause{0, 20'000};
+  while (!TryLock(file, byte)) {
+    if (errno != EAGAIN && errno != EACCES) return false;
+    if (deadline.HasPassed()) return errno = ETIMEDOUT, false;
+    nanosleep(&pause, nullptr);
+    pause.tv_nsec = std::min(2 * pause.tv_nsec, 5'000'000L);
+  }
+  return true;
+}
+
 bool IsLockedElsewhere(int file, off_t start, off_t length) {
   struct flock range = RangeOf(F_WRLCK, start, length);
   // A failed query counts as locked: then nothing is removed or taken over.
@@ -39,7 +56,8 @@ bool IsLockedElsewhere(int file, off_t start, off_t length) {
 
 }  // namespace
 
-TableGate::TableGate(int file) : file_(file), isHeld_(Lock(file, F_OFD_SETLKW, F_WRLCK, kGateByte)) {}
+TableGate::TableGate(int file, DWORD limitMs)
+    : file_(file), isHeld_(LockUntil(file, kGateByte, Deadline::After(limitMs))) {}
 
 TableGate::~TableGate() {
   if (isHeld_) Lock(file_, F_OFD_SETLK, F_UNLCK, kGateByte);

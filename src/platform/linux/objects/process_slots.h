@@ -11,15 +11,16 @@
 #ifndef KESTRUN_PLATFORM_LINUX_OBJECTS_PROCESS_SLOTS_H_
 #define KESTRUN_PLATFORM_LINUX_OBJECTS_PROCESS_SLOTS_H_
 
+#include "platform/api/base_api.h"
 #include "platform/linux/objects/object_layout.h"
 
 namespace kestrun::platform {
 
-// Keeps all other processes from entering or sweeping the table of that file. Waits for its turn. False with errno
-// where the file system or a sandbox has no such locks.
+// Keeps all other processes from entering or sweeping the table of that file. Waits for its turn. False with errno:
+// ETIMEDOUT if the limit has passed, and another value where the file system or a sandbox has no such locks.
 class TableGate {
  public:
-  explicit TableGate(int file);
+  TableGate(int file, DWORD limitMs);
   ~TableGate();
   TableGate(const TableGate&) = delete;
   TableGate& operator=(const TableGate&) = delete;

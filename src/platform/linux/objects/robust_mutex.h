@@ -6,33 +6,33 @@
 #define KESTRUN_PLATFORM_LINUX_OBJECTS_ROBUST_MUTEX_H_
 
 #include <pthread.h>
+#include <sys/types.h>
 
-#include <cerrno>
+#include "platform/linux/objects/deadline.h"
 
 namespace kestrun::platform {
 
-inline void InitialiseRobustMutex(pthread_mutex_t& mutex) {
-  pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
-  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-  pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-  pthread_mutex_init(&mutex, &attributes);
-  pthread_mutexattr_destroy(&attributes);
-}
+void InitialiseRobustMutex(pthread_mutex_t& mutex);
+
+// Waits for the mutex until then: 0, EOWNERDEAD, ETIMEDOUT or another errno value.
+int LockRobustUntil(pthread_mutex_t& mutex, const Deadline& deadline);
+
+// The kernel's id of the thread that owns the mutex; 0 if none does, or if the C library does not tell.
+pid_t OwnerThread(const pthread_mutex_t& mutex);
 
 // Holds the mutex for a scope. For data that is valid after each single store, so that the death of the owner before
-// leaves nothing to mend.
+// leaves nothing to mend. False if the limit passed before the mutex was free: then its owner is stopped, most likely.
 class RobustLock {
  public:
-  explicit RobustLock(pthread_mutex_t& mutex) : mutex_(mutex) {
-    if (pthread_mutex_lock(&mutex_) == EOWNERDEAD) pthread_mutex_consistent(&mutex_);
-  }
-  ~RobustLock() { pthread_mutex_unlock(&mutex_); }
+  RobustLock(pthread_mutex_t& mutex, DWORD limitMs);
+  ~RobustLock();
   RobustLock(const RobustLock&) = delete;
   RobustLock& operator=(const RobustLock&) = delete;
+  explicit operator bool() const { return isHeld_; }
 
  private:
   pthread_mutex_t& mutex_;
+  bool isHeld_;
 };
 
 }  // namespace kestrun::platform

@@ -6,6 +6,8 @@
 #ifndef KESTRUN_PLATFORM_LINUX_OBJECTS_STORED_WAITABLE_H_
 #define KESTRUN_PLATFORM_LINUX_OBJECTS_STORED_WAITABLE_H_
 
+#include <sys/types.h>
+
 #include <memory>
 
 #include "platform/linux/objects/handle_table.h"
@@ -30,6 +32,9 @@ class StoredWaitable : public Waitable {
  private:
   const std::unique_ptr<NamedObject> name_;
 };
+
+// The thread that owns the mutex, 0 if none does. False if the handle is not that of a mutex.
+bool FindMutexOwner(HANDLE mutex, pid_t* thread);
 
 // A handle on a new object, or on the one that bears the name; then the last error is ERROR_ALREADY_EXISTS. Null with
 // the last error. T has kKind and a constructor that takes a header and a hold, which is null for an object without a

@@ -2,12 +2,15 @@
 
 #include <strings.h>
 
+#include <cstdint>
 #include <cstring>
 #include <iterator>
 
 #include "platform/api/diagnostics_api.h"
 #include "platform/api/sync_api.h"
 #include "platform/linux/objects/handle_table.h"
+#include "platform/linux/objects/lock_holder.h"
+#include "platform/linux/objects/stored_waitable.h"
 
 namespace kestrun::platform {
 
@@ -31,6 +34,7 @@ FARPROC AsProc(T* function) {
 }
 
 constexpr int kObjectBasicInformation = 0;
+constexpr int kMutantOwnerInformation = 1;
 constexpr NTSTATUS kStatusInvalidInfoClass = static_cast<NTSTATUS>(0xC0000003u);
 constexpr NTSTATUS kStatusInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004u);
 constexpr NTSTATUS kStatusInvalidHandle = static_cast<NTSTATUS>(0xC0000008u);
@@ -58,7 +62,28 @@ NTSTATUS QueryObject(HANDLE handle, int what, void* buffer, ULONG length, ULONG*
   return 0;
 }
 
-const Function kNtdll[] = {{"NtQueryObject", AsProc(QueryObject)}};
+struct ClientId {
+  HANDLE process;
+  HANDLE thread;
+};
+
+HANDLE IdAsHandle(pid_t id) {
+  return reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(id));
+}
+
+// Tells which thread of which process owns a mutex: both are 0 if none does.
+NTSTATUS QueryMutant(HANDLE handle, int what, void* buffer, ULONG length, ULONG* returnedLength) {
+  if (what != kMutantOwnerInformation) return kStatusInvalidInfoClass;
+  if (length < sizeof(ClientId)) return kStatusInfoLengthMismatch;
+  pid_t thread = 0;
+  if (!FindMutexOwner(handle, &thread)) return kStatusInvalidHandle;
+  const ClientId answer{IdAsHandle(ProcessOfThread(thread)), IdAsHandle(thread)};
+  std::memcpy(buffer, &answer, sizeof answer);
+  if (returnedLength) *returnedLength = sizeof answer;
+  return 0;
+}
+
+const Function kNtdll[] = {{"NtQueryObject", AsProc(QueryObject)}, {"NtQueryMutant", AsProc(QueryMutant)}};
 
 const Function kDbghelp[] = {{"MiniDumpWriteDump", AsProc(MiniDumpWriteDump)}};
 

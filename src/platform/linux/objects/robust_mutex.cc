@@ -1,0 +1,57 @@
+#include "platform/linux/objects/robust_mutex.h"
+
+#include <cerrno>
+#include <ctime>
+
+namespace kestrun::platform {
+
+void InitialiseRobustMutex(pthread_mutex_t& mutex) {
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+  pthread_mutex_init(&mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+}
+
+int LockRobustUntil(pthread_mutex_t& mutex, const Deadline& deadline) {
+  if (deadline.IsNever()) return pthread_mutex_lock(&mutex);
+#ifdef __SANITIZE_THREAD__
+  // ThreadSanitizer does not intercept pthread_mutex_clocklock, and mishandles EOWNERDEAD from timedlock.
+  int result;
+  while ((result = pthread_mutex_trylock(&mutex)) == EBUSY) {
+    if (deadline.HasPassed()) return ETIMEDOUT;
+    const timespec pause{0, 1'000'000};
+    nanosleep(&pause, nullptr);
+  }
+  return result;
+#else
+  const timespec until = deadline.ToTimespec();
+  return pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &until);
+#endif
+}
+
+pid_t OwnerThread(const pthread_mutex_t& mutex) {
+#ifdef __GLIBC__
+  // The futex word, of which the kernel itself expects the owner's id in these bits.
+  return static_cast<pid_t>(static_cast<unsigned>(__atomic_load_n(&mutex.__data.__lock, __ATOMIC_RELAXED)) &
+                            0x3FFFFFFF);
+#else
+  static_cast<void>(mutex);
+  return 0;
+#endif
+}
+
+RobustLock::RobustLock(pthread_mutex_t& mutex, DWORD limitMs) : mutex_(mutex) {
+  // Nearly always free, and then no clock is read.
+  int result = pthread_mutex_trylock(&mutex_);
+  if (result == EBUSY) result = LockRobustUntil(mutex_, Deadline::After(limitMs));
+  if (result == EOWNERDEAD) pthread_mutex_consistent(&mutex_);
+  isHeld_ = result == 0 || result == EOWNERDEAD;
+}
+
+RobustLock::~RobustLock() {
+  if (isHeld_) pthread_mutex_unlock(&mutex_);
+}
+
+}  // namespace kestrun::platform
