@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <memory>
@@ -22,8 +23,13 @@ namespace {
 std::string HomeFolder() {
   std::string home;
   if (FindVariable("HOME", home) && !home.empty()) return home;
-  const passwd* const user = getpwuid(getuid());
-  return user != nullptr ? user->pw_dir : "";
+  // getpwuid would load shared libraries of the system's, which a static program can't rely on.
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> users(std::fopen("/etc/passwd", "re"), std::fclose);
+  if (!users) return "";
+  while (const passwd* const user = fgetpwent(users.get())) {
+    if (user->pw_uid == getuid()) return user->pw_dir;
+  }
+  return "";
 }
 
 unsigned ProcessorsOfAffinity() {

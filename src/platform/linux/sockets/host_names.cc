@@ -4,19 +4,15 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
+#include "platform/linux/sockets/name_lookup.h"
 #include "platform/linux/sockets/socket_object.h"
 
 namespace kestrun::platform {
 
 namespace {
-
-struct AddressListCloser {
-  void operator()(addrinfo* list) const { freeaddrinfo(list); }
-};
 
 // What a hostent points at.
 class HostEntry {
@@ -41,29 +37,20 @@ class HostEntry {
 
 thread_local HostEntry hostEntry;
 
-hostent* FailResolving(int error) {
-  WSASetLastError(error == EAI_NONAME  ? WSAHOST_NOT_FOUND
-                  : error == EAI_AGAIN ? WSATRY_AGAIN
-                  : error == EAI_FAIL  ? WSANO_RECOVERY
-                                       : WSANO_DATA);
+hostent* FailResolving() {
+  WSASetLastError(h_errno == HOST_NOT_FOUND ? WSAHOST_NOT_FOUND
+                  : h_errno == TRY_AGAIN    ? WSATRY_AGAIN
+                  : h_errno == NO_RECOVERY  ? WSANO_RECOVERY
+                                            : WSANO_DATA);
   return nullptr;
 }
 
 }  // namespace
 
 hostent* gethostbyname(const char* name) {
-  addrinfo wanted{};
-  wanted.ai_family = AF_INET;
-  wanted.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  const int error = getaddrinfo(name, nullptr, &wanted, &found);
-  if (error != 0) return FailResolving(error);
-  const std::unique_ptr<addrinfo, AddressListCloser> list(found);
   std::vector<in_addr> addresses;
-  for (const addrinfo* item = found; item != nullptr; item = item->ai_next) {
-    addresses.push_back({reinterpret_cast<const ::sockaddr_in*>(item->ai_addr)->sin_addr.s_addr});
-  }
-  return hostEntry.Make(name, std::move(addresses));
+  for (const ::in_addr& found : LookUpAddresses(name)) addresses.push_back({found.s_addr});
+  return addresses.empty() ? FailResolving() : hostEntry.Make(name, std::move(addresses));
 }
 
 hostent* gethostbyaddr(const char* address, int length, int family) {
@@ -71,14 +58,10 @@ hostent* gethostbyaddr(const char* address, int length, int family) {
     WSASetLastError(WSAEFAULT);
     return nullptr;
   }
-  ::sockaddr_in asked{};
-  asked.sin_family = AF_INET;
-  std::memcpy(&asked.sin_addr, address, sizeof asked.sin_addr);
-  char name[NI_MAXHOST];
-  const int error = getnameinfo(reinterpret_cast<const ::sockaddr*>(&asked), sizeof asked, name, sizeof name, nullptr,
-                                0, NI_NAMEREQD);
-  if (error != 0) return FailResolving(error);
-  return hostEntry.Make(name, {in_addr{asked.sin_addr.s_addr}});
+  ::in_addr asked{};
+  std::memcpy(&asked, address, sizeof asked);
+  const std::string name = LookUpName(asked);
+  return name.empty() ? FailResolving() : hostEntry.Make(name, {in_addr{asked.s_addr}});
 }
 
 char* inet_ntoa(in_addr address) {

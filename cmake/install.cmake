@@ -1,0 +1,23 @@
+# What cmake --install puts where. Nothing that is installed holds the prefix, so the installed tree can be moved:
+# dorn looks for kestrun beside itself, and neither reads any other file of the installation.
+include(GNUInstallDirs)
+
+if(WIN32)
+  # The programs and what there is to read in one folder, as an archive for Windows has them.
+  set(bin .)
+  set(doc .)
+else()
+  set(bin "${CMAKE_INSTALL_BINDIR}")
+  set(doc "${CMAKE_INSTALL_DOCDIR}")
+  install(FILES docs/kestrun.1 docs/dorn.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+endif()
+
+install(TARGETS kestrun dorn RUNTIME DESTINATION "${bin}")
+install(FILES LICENSE README.md CHANGELOG.md SECURITY.md DESTINATION "${doc}")
+# The pages keep their folder, so that the links between them and the README hold.
+install(DIRECTORY docs/ DESTINATION "${doc}/docs" FILES_MATCHING PATTERN "*.md")
+install(DIRECTORY examples/ DESTINATION "${doc}/examples" USE_SOURCE_PERMISSIONS)
+
+configure_file("${CMAKE_SOURCE_DIR}/cmake/uninstall.cmake.in" "${CMAKE_BINARY_DIR}/uninstall.cmake" @ONLY)
+add_custom_target(uninstall COMMAND "${CMAKE_COMMAND}" -P "${CMAKE_BINARY_DIR}/uninstall.cmake" USES_TERMINAL
+                  COMMENT "Removing what the last cmake --install put in place")
