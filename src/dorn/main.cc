@@ -4,6 +4,7 @@
 #include "dorn/options.h"
 #include "dorn/program_search.h"
 #include "dorn/report.h"
+#include "dorn/report_page.h"
 #include "dorn/session.h"
 #include "dorn/settings.h"
 #include "platform/host.h"
@@ -26,6 +27,13 @@ void PrintWhere() {
   std::printf("version   %s\n", GetVersionString().c_str());
 }
 
+int WriteReport(const Options& options) {
+  std::string error;
+  if (WriteReportFile(options.recordFile, options.pageFile, error)) return 0;
+  PrintError(error);
+  return kExitFailure;
+}
+
 int RunAction(const Options& options) {
   switch (options.action) {
     case Options::Action::kHelp:
@@ -42,6 +50,8 @@ int RunAction(const Options& options) {
       return CheckSettings() ? 0 : kExitFailure;
     case Options::Action::kUpdateSettings:
       return UpdateSettings();
+    case Options::Action::kReportFrom:
+      return WriteReport(options);
     case Options::Action::kBuild:
       break;
   }

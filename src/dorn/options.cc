@@ -36,6 +36,7 @@ class Parser {
     if (word == "--version") return Choose(Action::kVersion);
     if (word == "--where") return Choose(Action::kWhere);
     if (word == "--settings") return TakeSettings();
+    if (word == "--report-from") return TakeReportFrom();
     if (word == "--id") return TakeId();
     if (word == "-j") return TakeJobs(Next());
     if (word.compare(0, 2, "-j") == 0) return TakeJobs(word.substr(2));
@@ -54,6 +55,14 @@ class Parser {
     if (at_ == words_.size()) return Choose(Options::Action::kListSettings);
     if (Next() == "update" && at_ == words_.size()) return Choose(Options::Action::kUpdateSettings);
     return "--settings stands alone, or with the word update";
+  }
+
+  std::string TakeReportFrom() {
+    options_.recordFile = Next();
+    options_.pageFile = Next();
+    if (options_.pageFile.empty() || at_ != words_.size())
+      return "--report-from wants a build record and a page to write";
+    return Choose(Options::Action::kReportFrom);
   }
 
   std::string TakeId() {
@@ -106,6 +115,8 @@ const char* GetUsage() {
          "   --id ID            - the master's id; without it one that no other build uses\n"
          "   --settings         - show all settings with their value, where it comes from and their meaning\n"
          "   --settings update  - add the recommended settings that the file lacks\n"
+         "   --report-from RECORD.json FILE.html\n"
+         "                      - draw the report page of a build record, and run nothing\n"
          "   --where            - show where settings, log and named objects are, and the version\n"
          "   --help             - print this message and exit\n"
          "   --version          - print version information and exit\n"

@@ -39,7 +39,8 @@ TEST(DornOptions, NeedNoCommandForWhatOnlyTells) {
                                             {{"--version"}, Action::kVersion},
                                             {{"--where"}, Action::kWhere},
                                             {{"--settings"}, Action::kListSettings},
-                                            {{"--settings", "update"}, Action::kUpdateSettings}};
+                                            {{"--settings", "update"}, Action::kUpdateSettings},
+                                            {{"--report-from", "a.json", "b.html"}, Action::kReportFrom}};
   for (const auto& [arguments, action] : cases) {
     Options options;
     std::string error;
@@ -65,7 +66,11 @@ TEST(DornOptions, AreRefusedWithAReason) {
                          {"-j1025", "make"},
                          {"-j99999999999999999999", "make"},
                          {"--settings", "make"},
-                         {"--settings", "update", "x"}};
+                         {"--settings", "update", "x"},
+                         {"--report-from"},
+                         {"--report-from", "a.json"},
+                         {"--report-from", "a.json", ""},
+                         {"--report-from", "a.json", "b.html", "make"}};
   for (const Words& arguments : cases) {
     Options options;
     std::string error;

@@ -1,0 +1,25 @@
+// A build record as one HTML page: style, scripts and record are all in it, and it loads nothing.
+//
+// Any thread may call these functions.
+#ifndef KESTRUN_DORN_REPORT_PAGE_H_
+#define KESTRUN_DORN_REPORT_PAGE_H_
+
+#include <string>
+#include <string_view>
+
+#include "runtime/files/path.h"
+
+namespace kestrun::dorn {
+
+// The page for a record, which is JSON text. Whatever bytes the record holds, they neither end the element that holds
+// them nor make the page anything but valid UTF-8; what the record says stays the same. Bytes that are no UTF-8 become
+// U+FFFD. A record that is no JSON gives a page that says so.
+std::string WriteReportPage(std::string_view record);
+
+// Reads a record from a file and writes its page to another, which is replaced if it is there. False, with the reason
+// in `error`, if one of them can't be read or written; the page may be incomplete then.
+bool WriteReportFile(const Path& recordFile, const Path& pageFile, std::string& error);
+
+}  // namespace kestrun::dorn
+
+#endif  // KESTRUN_DORN_REPORT_PAGE_H_

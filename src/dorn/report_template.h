@@ -1,0 +1,18 @@
+// The HTML page of a build report without its record. cmake/embed_page.cmake makes it from the files of dorn/report.
+#ifndef KESTRUN_DORN_REPORT_TEMPLATE_H_
+#define KESTRUN_DORN_REPORT_TEMPLATE_H_
+
+#include <string_view>
+
+namespace kestrun::dorn {
+
+struct ReportTemplate {
+  std::string_view head;  // ends where the record begins, inside a script element of type application/json
+  std::string_view tail;
+};
+
+ReportTemplate GetReportTemplate();
+
+}  // namespace kestrun::dorn
+
+#endif  // KESTRUN_DORN_REPORT_TEMPLATE_H_
