@@ -54,8 +54,9 @@ std::FILE* OpenRegularFile(const std::string& name);
 // is no other user. 0 where the access of files and folders is all there is.
 extern const DWORD kRefuseFilesOfOthers;
 
-// For messages, why such a call failed: the name is no regular file, so that opening it could wait without end; or the
-// file, the folder or the symbolic link belongs to another user. Empty if that is not so.
+// For messages, why such a call failed: the name is no regular file, so that opening it could wait without end, or this
+// process may open no more files; or the file, the folder or the symbolic link belongs to another user. Empty if that
+// is not so.
 std::string WhyNoFile(const std::string& name);
 std::string WhyOfOthers(const std::string& name);
 
