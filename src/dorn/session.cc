@@ -153,6 +153,7 @@ int RunSession(const Options& options) {
     PrintError("cannot find kestrun, neither beside dorn nor in PATH");
     return kExitFailure;
   }
+  platform::RemoveAbandonedObjects();
   const OwnObjects objects(options.isAlone);
   const Interruption interruption;
   const CountedTimes times;
