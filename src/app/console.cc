@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/host.h"
+#include "platform/win32.h"
 
 namespace kestrun {
 
@@ -56,7 +57,10 @@ void PrintError(std::string_view text) {
 void PrintWarning(std::string_view text) {
   Write(stderr, "KESTRUN: warning: " + std::string(text) + "\n");
 }
-void PrintWayOut() {
+void PrintNoMaster(const std::string& error) {
+  const bool couldLook = GetLastError() != ERROR_TOO_MANY_OPEN_FILES;
+  PrintError(error);
+  if (!couldLook) return;
   Write(stderr, "KESTRUN: run the build as \"dorn <build command>\", which starts a master for it\n");
 }
 

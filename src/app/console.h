@@ -20,8 +20,9 @@ bool HasLostOutput();
 void PrintError(std::string_view text);
 void PrintWarning(std::string_view text);
 
-// Behind the error that there is no master: how a build gets one.
-void PrintWayOut();
+// The error of a client that found no master, and below it how to start one. Not where the last error says that this
+// process may open no more files: then it could not look.
+void PrintNoMaster(const std::string& error);
 
 }  // namespace kestrun
 

@@ -18,8 +18,7 @@ CompilerStub::CompilerStub(IniFile& settings, const Options& options, const Path
 int CompilerStub::Run() {
   const std::string project = ChooseProject(options_);
   if (!connection_.OpenClientAccess()) {
-    PrintError("could not access master Kestrun instance (this should have been started by DORN) - aborting...");
-    PrintWayOut();
+    PrintNoMaster("could not access master Kestrun instance (this should have been started by DORN) - aborting...");
     return kFailure;
   }
   if (!WaitForAccess()) return kFailure;

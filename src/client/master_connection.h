@@ -34,7 +34,7 @@ class MasterConnection {
   // The settings and the options outlive the connection.
   MasterConnection(std::string id, IniFile& settings, const Options& options, u32 nestedNoticeMs = kNestedNoticeMs);
 
-  // False if there is no master. Writes nothing.
+  // False if there is no master; the last error is that of looking for it. Writes nothing.
   bool OpenClientAccess();
 
   // How waiting for admission speaks to the user and to the log; the client stubs differ in it.

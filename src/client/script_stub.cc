@@ -27,8 +27,7 @@ ScriptStub::~ScriptStub() = default;
 int ScriptStub::Run() {
   project_ = ChooseProject(options_) + "(" + std::to_string(GetCurrentProcessId()) + ")";
   if (!connection_.OpenClientAccess()) {
-    PrintError("Could not access master Kestrun instance (this should have been started by DORN) - aborting...");
-    PrintWayOut();
+    PrintNoMaster("Could not access master Kestrun instance (this should have been started by DORN) - aborting...");
     return kFailure;
   }
   if (!WaitForAccess() || !HasSendableDirectory() || !PrepareJobs()) return kFailure;

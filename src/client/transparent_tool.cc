@@ -16,7 +16,7 @@ constexpr int kFailure = 1;
 constexpr int kOverdueCode = 124;
 
 int Report(const std::string& tool, const platform::RunFailure& failure) {
-  PrintError("cannot run " + tool + ": " + failure.cause);
+  PrintError("cannot run " + (tool.empty() ? "\"\"" : tool) + ": " + failure.cause);
   return failure.exitCode;
 }
 

@@ -43,6 +43,8 @@ class Master {
 
   // After a Join that gave kReady.
   const std::string& GetId() const { return id_; }
+  // Signalled when the master has ended.
+  HANDLE GetProcess() const { return process_.Get(); }
 
   // The build is over, or Join has failed. The last dorn tells the master to end and waits for that; others return at
   // once. With `isInterrupted`, or after `interruption` is signalled, the master is given a second or two.

@@ -14,6 +14,7 @@
 #include "runtime/base/environment.h"
 #include "runtime/files/common_folder.h"
 #include "runtime/files/delete_tree.h"
+#include "runtime/files/ini_file.h"
 #include "runtime/process/process.h"
 
 namespace kestrun::dorn {
@@ -47,19 +48,36 @@ bool EndsAfterInterruption(Process& build, HANDLE ended, const Interruption& int
   return WaitForSingleObject(ended, kAskedEndMs) == WAIT_OBJECT_0;
 }
 
+// Clients that come from now on find no master.
+void TellOfLostMaster() {
+  IniFile settings;
+  settings.Load(GetSettingsPath());
+  if (!settings.GetBool("Extensions/TransparentTools", false)) return;
+  PrintWarning("the master has ended before the build; from here on tools run without a limit");
+}
+
+// Until the build has ended or is to be ended: true for the latter. `master` is null for that of another dorn.
+bool AwaitEnd(HANDLE build, HANDLE interruption, HANDLE master) {
+  const HANDLE handles[] = {build, interruption, master};
+  DWORD outcome = WaitForMultipleObjects(master != nullptr ? 3 : 2, handles, FALSE, INFINITE);
+  if (outcome == WAIT_OBJECT_0 + 2) {
+    TellOfLostMaster();
+    outcome = WaitForMultipleObjects(2, handles, FALSE, INFINITE);
+  }
+  return outcome != WAIT_OBJECT_0;
+}
+
 // Runs the build command on the terminal of this process until it ends; one that does not end after an interruption is
 // ended by force. Its background processes end with it.
-int RunBuild(const Path& program, const std::vector<std::string>& command, const Interruption& interruption) {
+int RunBuild(const Path& program, const std::vector<std::string>& command, const Interruption& interruption,
+             HANDLE master) {
   const rc_ptr<Process> build = new Process("");
   build->SetApplicationPath(program);
   const platform::SavedTerminal terminal;
   const u32 flags = Process::OWN_JOB | Process::SHOW_WINDOW | Process::INHERIT_DESCRIPTORS;
-  if (!build->Start(JoinArguments(command), flags, nullptr, 0)) {
-    return kExitCannotStart;
-  }
+  if (!build->Start(JoinArguments(command), flags, nullptr, 0)) return kExitCannotStart;
   const UniqueHandle ended = build->GetWaitHandle();
-  const HANDLE handles[] = {ended.Get(), interruption.GetHandle()};
-  const bool isInterrupted = WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0;
+  const bool isInterrupted = AwaitEnd(ended.Get(), interruption.GetHandle(), master);
   u32 code = static_cast<u32>(kExitFailure);
   // The caller is told of the interruption and not of what dorn did about it.
   if (isInterrupted && !EndsAfterInterruption(*build, ended.Get(), interruption)) {
@@ -93,7 +111,7 @@ int RunUnderMaster(const Options& options, const Path& kestrun, const Path& prog
       break;
   }
   SetEnvironmentVariableA("KESTRUN_ID", master.GetId().c_str());
-  const int code = RunBuild(program, options.command, interruption);
+  const int code = RunBuild(program, options.command, interruption, master.GetProcess());
   master.Leave(interruption.HasHappened(), interruption.GetHandle());
   return code;
 }
@@ -135,10 +153,11 @@ int RunSession(const Options& options) {
     PrintError("cannot find kestrun, neither beside dorn nor in PATH");
     return kExitFailure;
   }
+  platform::RemoveAbandonedObjects();
   const OwnObjects objects(options.isAlone);
   const Interruption interruption;
   const CountedTimes times;
-  if (HasOuterMaster(options)) return RunBuild(program, options.command, interruption);
+  if (HasOuterMaster(options)) return RunBuild(program, options.command, interruption, nullptr);
   WriteFirstSettings();
   if (!CheckSettings()) return kExitFailure;
   TellOfMissingSettings();

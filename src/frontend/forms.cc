@@ -95,7 +95,7 @@ int RunTool(IniFile& settings, const Options& options) {
 // With Extensions/TransparentTools: a tool with a time limit, and one without any master. False where a master is there
 // that hands out no slots: it is served as described.
 bool RunTransparentTool(int argc, const char* const* argv, IniFile& settings, const Options& options, int& exitCode) {
-  if (options.tool.empty() || !settings.GetBool("Extensions/TransparentTools", false)) return false;
+  if (!settings.GetBool("Extensions/TransparentTools", false)) return false;
   TransparentTool tool(options, GetToolWords(options, argc, argv));
   if (settings.GetBool("Extensions/EnforceJobTimeout", false)) tool.SetTimeout(options.timeoutSeconds);
   const std::string id = GetInheritedId(options);

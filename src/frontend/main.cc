@@ -53,7 +53,7 @@ class ProcessServices {
 void LoadSettings(IniFile& settings) {
   const Path file = GetCommonPath() / "Zelvo.ini";
   const std::string refusal = settings.Load(file) ? "" : platform::WhyNoFile(file.ToString());
-  if (!refusal.empty()) PrintWarning("the settings are not read, " + file.ToString() + ": " + refusal);
+  if (!refusal.empty()) PrintWarning("the settings are not read, " + GetFullPath(file).ToString() + ": " + refusal);
   Log* log = Log::Get();
   if (log == nullptr) return;
   if (settings.GetBool("LocalSettings/LoggingEnabled", false)) log->SetEnabled(true);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <initializer_list>
 #include <string_view>
+#include <vector>
 
 namespace kestrun {
 
@@ -20,18 +21,37 @@ bool IsJobserverPipe(std::string_view word) {
   return false;
 }
 
+// "-j" and "-j4".
+bool IsJobCount(std::string_view word) {
+  return word.substr(0, 2) == "-j" && word.find_first_not_of("0123456789", 2) == std::string_view::npos;
+}
+
+// The words up to "--" with the blank behind each, and as the last one what begins with that.
+std::vector<std::string_view> SplitFlags(std::string_view flags) {
+  std::vector<std::string_view> words;
+  for (std::size_t begin = 0; begin < flags.size();) {
+    const std::size_t end = std::min(flags.find(' ', begin), flags.size());
+    const bool isLast = flags.substr(begin, end - begin) == "--";
+    const std::size_t next = isLast ? flags.size() : std::min(end + 1, flags.size());
+    words.push_back(flags.substr(begin, next - begin));
+    begin = next;
+  }
+  return words;
+}
+
+std::string_view WithoutBlank(std::string_view word) {
+  return word.substr(0, word.find(' '));
+}
+
 }  // namespace
 
 std::string WithoutJobserverPipe(const std::string& makeFlags) {
+  const std::vector<std::string_view> words = SplitFlags(makeFlags);
+  const auto isPipe = [](std::string_view word) { return IsJobserverPipe(WithoutBlank(word)); };
+  if (std::none_of(words.begin(), words.end(), isPipe)) return makeFlags;
   std::string result;
-  for (std::size_t begin = 0; begin < makeFlags.size();) {
-    const std::size_t end = std::min(makeFlags.find(' ', begin), makeFlags.size());
-    const std::string_view word = std::string_view(makeFlags).substr(begin, end - begin);
-    if (word == "--") return result.append(makeFlags, begin);
-    // The blank goes with its word.
-    const std::size_t next = std::min(end + 1, makeFlags.size());
-    if (!IsJobserverPipe(word)) result.append(makeFlags, begin, next - begin);
-    begin = next;
+  for (const std::string_view word : words) {
+    if (!isPipe(word) && !IsJobCount(WithoutBlank(word))) result.append(word);
   }
   return result;
 }

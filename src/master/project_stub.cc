@@ -330,8 +330,14 @@ void ProjectStub::OnStarted() {
 bool ProjectStub::CheckListener() {
   if (dispatcher_.IsListening()) return true;
   const std::size_t longest = IpcSocket::kMaxListeningName - GetListeningName("").size();
-  PrintError(id_.size() > longest ? "the id is too long, it may have " + std::to_string(longest) + " bytes: " + id_
-                                  : "cannot listen for clients, another process still uses the id " + id_);
+  const UniqueHandle ofOther(OpenFileMappingA(FILE_MAP_READ, FALSE, GetListeningName(id_).c_str()));
+  if (id_.size() > longest) {
+    PrintError("the id is too long, it may have " + std::to_string(longest) + " bytes: " + id_);
+  } else if (ofOther) {
+    PrintError("cannot listen for clients, another process still uses the id " + id_);
+  } else {
+    PrintError("cannot listen for clients with the id " + id_);
+  }
   return false;
 }
 

@@ -54,8 +54,9 @@ std::FILE* OpenRegularFile(const std::string& name);
 // is no other user. 0 where the access of files and folders is all there is.
 extern const DWORD kRefuseFilesOfOthers;
 
-// For messages, why such a call failed: the name is no regular file, so that opening it could wait without end; or the
-// file, the folder or the symbolic link belongs to another user. Empty if that is not so.
+// For messages, why such a call failed: the name is no regular file, so that opening it could wait without end, or this
+// process may open no more files; or the file, the folder or the symbolic link belongs to another user. Empty if that
+// is not so.
 std::string WhyNoFile(const std::string& name);
 std::string WhyOfOthers(const std::string& name);
 
@@ -69,13 +70,17 @@ std::string NamedObjectFolder();
 // is made; the folder is the caller's to remove. False where all processes of a user share one set of names.
 bool SeparateNamedObjects();
 
+// Removes what processes that were killed after a SeparateNamedObjects have left behind. Before the first named object is
+// made.
+void RemoveAbandonedObjects();
+
 // Asks a child of this process to end, as a user does who ends it from outside (SIGTERM). False where the system has
 // no way to ask one process alone, or if there is no such child.
 bool AskToEnd(DWORD childId);
 
 // Makes the processor time of the children that shared this process's terminal, with all that was below them, count as
-// time of this process's children, as a shell's `time` shows it. Waits for what stands between, at most `limitMs`. For a
-// process whose children have all ended. Nothing where the system keeps no such count.
+// time of this process's children, as a shell's `time` shows it. Waits for what stands between, at most `limitMs`. For
+// a process whose children have all ended. Nothing where the system keeps no such count.
 void TakeOverChildTimes(DWORD limitMs);
 
 // A handle as the int that the reactor keeps, and back. Handles have 32 significant bits on every system.

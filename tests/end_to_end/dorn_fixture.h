@@ -33,12 +33,12 @@ class Dorn : public Build {
     return test::Run(commandLine, Environment());
   }
 
-  RunningBuild StartBuild() {
+  RunningBuild StartBuild(bool ownGroup = true) {
     const std::string pids = UniqueName("pids");
     const std::string file = folder_.File(pids);
     NamedEvent started;
     ChildOptions options = Environment();
-    options.ownGroup = true;
+    options.ownGroup = ownGroup;
     RunningBuild build{
         Child::Start({ProgramPath("dorn"), ProgramPath("kestrun"), tool_, "note", file, ",", "background", "session",
                       "note", file, ",", "signal", started.Name(), ",", "hold", "then", "hold"},

@@ -170,12 +170,16 @@ TEST_F(SameBuild, WhatCannotRunIsSaidAsAShellSaysIt) {
   const RunResult missing = Kestrun({"no-such-tool-anywhere"});
   EXPECT_EQ(missing.exitCode, 127);
   EXPECT_NE(missing.errors.find("KESTRUN: error: cannot run no-such-tool-anywhere: "), std::string::npos);
+  const RunResult unnamed = Kestrun({""});
+  EXPECT_EQ(unnamed.exitCode, 127);
+  EXPECT_NE(unnamed.errors.find("KESTRUN: error: cannot run \"\": "), std::string::npos) << unnamed.errors;
   // A master that knows no slots is served as described.
   EXPECT_EQ(StopMaster(), 0);
   WriteSettings("");
   StartMaster();
   EXPECT_EQ(Tool({"exit", "4"}).exitCode, 4);
   EXPECT_EQ(Kestrun({"no-such-tool-anywhere"}).exitCode, 1);
+  EXPECT_EQ(Kestrun({""}).errors, "KESTRUN: error: No tool specified\n");
 }
 
 }  // namespace

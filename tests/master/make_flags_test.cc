@@ -11,9 +11,11 @@ TEST(MakeFlags, LoseTheDescriptorsOfAJobserverAndNothingElse) {
     const char* without;
   } cases[] = {
       {"", ""},
-      {" -j4 --jobserver-auth=3,4", " -j4 "},
-      {"kw -j --jobserver-fds=10,11 --no-print-directory", "kw -j --no-print-directory"},
-      {" -j4 --jobserver-auth=-2,-2 -- A=b", " -j4 -- A=b"},
+      {" -j4 --jobserver-auth=3,4", " "},
+      {"kw -j --jobserver-fds=10,11 --no-print-directory", "kw --no-print-directory"},
+      {"kw -j4 --no-print-directory", "kw -j4 --no-print-directory"},
+      {" -j4x --jobserver-auth=3,4", " -j4x "},
+      {" -j4 --jobserver-auth=-2,-2 -- A=b", " -- A=b"},
       {" -j4 --jobserver-auth=fifo:/tmp/GMfifo1,2", " -j4 --jobserver-auth=fifo:/tmp/GMfifo1,2"},
       {" -- F=--jobserver-auth=3,4 --jobserver-auth=3,4", " -- F=--jobserver-auth=3,4 --jobserver-auth=3,4"},
       {"--jobserver-auth=3,4  --jobserver-authority=5,6 ", " --jobserver-authority=5,6 "},

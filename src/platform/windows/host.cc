@@ -25,6 +25,8 @@ bool SeparateNamedObjects() {
   return false;
 }
 
+void RemoveAbandonedObjects() {}
+
 void SetStandardStreamsBinary() {
   _setmode(_fileno(stdout), _O_BINARY);
   _setmode(_fileno(stderr), _O_BINARY);

@@ -36,6 +36,18 @@ TEST_F(OddStart, InADeletedFolderSaysSo) {
             "KESTRUN: error: the working directory has been deleted\nKESTRUN: warning: building locally...\n");
 }
 
+// It is told what kept it from its settings and its master, and not to start one.
+TEST_F(OddStart, WithTooFewDescriptorsSaysSo) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers look at memory through a pipe";
+#endif
+  const RunResult tool = test::Run(
+      {"/bin/sh", "-c", "ulimit -n 4; exec " + ProgramPath("kestrun") + " " + tool_ + " exit 0"}, WithEnvironment({}));
+  EXPECT_EQ(tool.exitCode, 1);
+  EXPECT_NE(tool.errors.find("Zelvo.ini: Too many open files\n"), std::string::npos) << tool.errors;
+  EXPECT_EQ(tool.errors.find("run the build as"), std::string::npos) << tool.errors;
+}
+
 TEST_F(OddStart, ReadsAScriptFromAPipe) {
   StartMaster();
   ChildOptions options;

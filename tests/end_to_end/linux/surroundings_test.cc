@@ -89,7 +89,9 @@ TEST_F(Surroundings, FilesThatMayNotGrowAreNamedOrDoneWithout) {
   GTEST_SKIP() << "the sanitizer writes a file as a program starts";
 #endif
   for (const char* bytes : {"0", "1024", "8192", "65536", "200000"}) {
-    ExpectWorksOrFails(RunBuild({std::string("filesize=") + bytes}), "for named objects: File too large", bytes);
+    const RunResult result = RunBuild({std::string("filesize=") + bytes});
+    ExpectWorksOrFails(result, "for named objects: File too large", bytes);
+    EXPECT_EQ(result.errors.find("another process"), std::string::npos) << result.errors;
   }
 }
 

@@ -4,8 +4,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "platform/host.h"
+#include "platform/linux/base/file_descriptor.h"
 #include "platform/linux/files/file_names.h"
 
 namespace kestrun::platform {
@@ -58,7 +60,10 @@ std::FILE* OpenRegularFile(const std::string& name) {
 
 std::string WhyNoFile(const std::string& name) {
   struct stat info;
-  return stat(SystemName(name).c_str(), &info) == 0 && IsNoFile(info) ? "it is no regular file" : "";
+  if (stat(SystemName(name).c_str(), &info) != 0) return "";
+  if (IsNoFile(info)) return "it is no regular file";
+  const FileDescriptor file(open(SystemName(name).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  return !file && (errno == EMFILE || errno == ENFILE) ? std::strerror(errno) : "";
 }
 
 std::string WhyOfOthers(const std::string& name) {

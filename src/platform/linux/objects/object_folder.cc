@@ -16,12 +16,14 @@
 #include "platform/host.h"
 #include "platform/linux/base/never_destroyed.h"
 #include "platform/linux/base/start_state.h"
+#include "platform/linux/objects/separate_folder.h"
 
 namespace kestrun::platform {
 
 namespace {
 
 constexpr const char* kFolderVariable = "KESTRUN_OBJECT_DIR";
+constexpr int kOpenTries = 1000;
 
 // A file that would grow beyond the user's limit is an error of the call, as on a full disk, and does not end the
 // process. Tools start with every signal at its default.
@@ -36,7 +38,9 @@ int OpenFolder(const std::string& path) {
 std::string FaultOf(const std::string& path, int fd) {
   const int error = errno;
   struct stat status {};
-  if ((fd >= 0 ? fstat(fd, &status) : lstat(path.c_str(), &status)) != 0) return std::strerror(errno);
+  if ((fd >= 0 ? fstat(fd, &status) : lstat(path.c_str(), &status)) != 0) {
+    return std::strerror(fd >= 0 ? errno : error);
+  }
   if (S_ISLNK(status.st_mode)) return "it is a symbolic link";
   if (!S_ISDIR(status.st_mode)) return "it is not a directory";
   if (status.st_uid != geteuid()) return "it belongs to another user";
@@ -90,11 +94,7 @@ class ObjectFolder {
     const int current = fd_.load(std::memory_order_relaxed);
     if (current != stale) return current;
     if (path_.empty()) path_ = Choose();
-    int fd = OpenFolder(path_);
-    if (fd < 0 && errno == ENOENT) {
-      if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) return Refuse(std::strerror(errno));
-      fd = OpenFolder(path_);
-    }
+    const int fd = OpenOrMake();
     const std::string fault = FaultOf(path_, fd);
     if (!fault.empty()) {
       if (fd >= 0) close(fd);
@@ -102,6 +102,19 @@ class ObjectFolder {
     }
     // The old descriptor stays open: another thread may be about to use it.
     fd_.store(fd, std::memory_order_release);
+    return fd;
+  }
+
+  // -1 with errno. Between its making and its lock a folder looks abandoned, and may be removed.
+  int OpenOrMake() {
+    int fd = -1;
+    for (int tries = 0; tries < kOpenTries; ++tries) {
+      fd = OpenFolder(path_);
+      if (fd < 0 && (errno != ENOENT || (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST))) break;
+      if (fd >= 0 && (!IsSeparateFolder(path_) || HoldSeparateFolder(fd))) break;
+      if (fd >= 0) close(fd);
+      fd = -1;
+    }
     return fd;
   }
 
@@ -128,12 +141,11 @@ int OpenIn(int folder, const std::string& leaf, int flags) {
 }  // namespace
 
 bool SeparateNamedObjects() {
-  // Process ids are used again, and a folder of a killed process may still be there.
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  const std::string folder =
-      ObjectFolder::Choose() + "-" + std::to_string(getpid()) + "." + std::to_string(now.tv_nsec);
-  return SetEnvironmentVariableA(kFolderVariable, folder.c_str()) != FALSE;
+  return SetEnvironmentVariableA(kFolderVariable, NameSeparateFolder(ObjectFolder::Choose()).c_str()) != FALSE;
+}
+
+void RemoveAbandonedObjects() {
+  RemoveAbandonedFolders(ObjectFolder::Choose());
 }
 
 std::string NamedObjectFolder() {
