@@ -54,6 +54,7 @@ class Master {
   Start JoinWithLock(const Path& program, const MasterWishes& wishes, HANDLE interruption);
   static std::unique_ptr<MappedFile> OpenRegion();
   void OpenSession();
+  void EnterAsUser();
   Found Find();
   Start JoinRunning(const MasterWishes& wishes, HANDLE interruption);
   Start StartNew(const Path& program, const MasterWishes& wishes, HANDLE interruption);

@@ -9,7 +9,7 @@
 //   dorn_session.<id>    event    the master of this id            tells it from another process that got its number
 //
 // A dorn that finds a master in the record joins it; any other starts one. The master ends when no dorn is left: it is
-// told by the last one that leaves, and finds out by itself where that one was killed.
+// told by the last one that leaves, and by the system where that one was killed.
 #ifndef KESTRUN_PROTOCOL_DORN_SESSION_H_
 #define KESTRUN_PROTOCOL_DORN_SESSION_H_
 
@@ -37,6 +37,7 @@ struct DornSession {
   static constexpr u32 kSize = 65536;
   static constexpr u32 kVersion = 1;
   static constexpr std::size_t kIdSize = 128;
+  static constexpr std::size_t kMaxUsers = 64;
 
   enum Ending : u32 {
     kRuns = 0,
@@ -50,6 +51,10 @@ struct DornSession {
   std::atomic<u32> wantedJobs;  // by the dorn that started the master; 0: as its settings say
   std::atomic<u32> jobs;        // the master's limit; 0 until it has come
   char id[kIdSize];             // with its NUL; changes only while there is no master
+
+  // Process ids of dorns, for a master that sleeps until one of them ends: not all of them need be here, and those that
+  // have ended stay until a dorn takes their place. Whether any lives, the event tells alone.
+  std::atomic<u32> users[kMaxUsers];
 };
 static_assert(sizeof(DornSession) <= DornSession::kSize && std::atomic<u32>::is_always_lock_free);
 
