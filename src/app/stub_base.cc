@@ -1,5 +1,6 @@
 #include "app/stub_base.h"
 
+#include <set>
 #include <vector>
 
 #include "app/console.h"
@@ -14,9 +15,8 @@ constexpr u32 kIdBufferSize = 256;
 StubBase* currentStub = nullptr;  // guarded by CurrentLock
 
 std::string ResolveId(const Options& options) {
-  if (!options.id.empty()) return options.id;
-  const std::string inherited = ReadBoundedVariable("KESTRUN_ID", kIdBufferSize);
-  return inherited.empty() ? std::to_string(GetCurrentProcessId()) : inherited;
+  const std::string id = GetBuildId(options);
+  return id.empty() ? std::to_string(GetCurrentProcessId()) : id;
 }
 
 }  // namespace
@@ -44,6 +44,10 @@ CurrentStub::~CurrentStub() {
   currentStub = nullptr;
 }
 
+std::string GetBuildId(const Options& options) {
+  return options.id.empty() ? ReadBoundedVariable("KESTRUN_ID", kIdBufferSize) : options.id;
+}
+
 std::string GetWorkingDirectory() {
   char buffer[kMaxPath] = {};
   GetCurrentDirectoryA(kMaxPath, buffer);
@@ -54,7 +58,8 @@ std::string ReadBoundedVariable(const char* name, u32 bufferSize) {
   std::vector<char> buffer(bufferSize);
   const u32 length = GetEnvironmentVariableA(name, buffer.data(), bufferSize);
   if (length < bufferSize) return std::string(buffer.data(), length);
-  PrintWarning(std::string(name) + " is too long, ignored");
+  static std::set<std::string> reported;
+  if (reported.insert(name).second) PrintWarning(std::string(name) + " is too long, ignored");
   return {};
 }
 

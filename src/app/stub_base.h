@@ -47,11 +47,15 @@ class CurrentStub {
   CurrentStub& operator=(const CurrentStub&) = delete;
 };
 
+// The id of the build that this process belongs to: Options::id, else KESTRUN_ID; empty for none. For the main thread.
+std::string GetBuildId(const Options& options);
+
 // The current directory; empty if the system can't tell it in 260 bytes.
 std::string GetWorkingDirectory();
 
 // An environment variable whose value has to fit a buffer of this size, its end mark included. Empty if it is not
-// set; a longer value counts as not set, with a warning on the standard error stream.
+// set; a longer value counts as not set, with a warning on the standard error stream, one for each variable. For the
+// main thread.
 std::string ReadBoundedVariable(const char* name, u32 bufferSize);
 
 }  // namespace kestrun

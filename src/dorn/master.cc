@@ -43,6 +43,11 @@ UniqueHandle OpenExisting(const std::string& name) {
   return UniqueHandle(OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, name.c_str()));
 }
 
+// A process that has ended may still be opened for a while.
+bool IsRunning(const UniqueHandle& process) {
+  return process && WaitForSingleObject(process.Get(), 0) == WAIT_TIMEOUT;
+}
+
 // Index of the signalled handle, or a number above both.
 DWORD WaitForEither(HANDLE first, HANDLE second, u32 limitMs) {
   const HANDLE handles[] = {first, second};
@@ -66,6 +71,7 @@ Master::Start Master::JoinWithLock(const Path& program, const MasterWishes& wish
   OpenSession();
   // Before the look at the master: from here on it does not end by itself.
   users_ = MakeEvent(kDornUsersName, true);
+  EnterAsUser();
   u64 seen = session_->master;
   do {
     switch (Find(DornSession::GetMasterProcess(seen))) {
@@ -119,6 +125,15 @@ void Master::OpenSession() {
   session_ = static_cast<DornSession*>(view_->GetData());
   const u32 version = session_->version;
   if (version != 0 && version != DornSession::kVersion) throw SyncException("a dorn of another version runs");
+}
+
+// With the lock. In the place of one that has ended; where all live the master has others to watch.
+void Master::EnterAsUser() {
+  for (std::atomic<u32>& user : session_->users) {
+    if (user != 0 && IsRunning(UniqueHandle(OpenProcess(SYNCHRONIZE, FALSE, user)))) continue;
+    user = GetCurrentProcessId();
+    return;
+  }
 }
 
 Master::Found Master::Find(u32 processId) {

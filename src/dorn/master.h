@@ -56,6 +56,7 @@ class Master {
   Start JoinWithLock(const Path& program, const MasterWishes& wishes, HANDLE interruption);
   static std::unique_ptr<MappedFile> OpenRegion();
   void OpenSession();
+  void EnterAsUser();
   // The master that the record names with that process id.
   Found Find(u32 processId);
   Start AwaitEarlierEnd(HANDLE interruption);

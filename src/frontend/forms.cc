@@ -1,15 +1,14 @@
 #include "frontend/forms.h"
 
-#include <cstdlib>
 #include <memory>
 
 #include "app/console.h"
+#include "app/stub_base.h"
 #include "client/compiler_stub.h"
 #include "client/script_stub.h"
 #include "client/tool_lookup.h"
 #include "client/transparent_tool.h"
 #include "frontend/option_parser.h"
-#include "frontend/transparent_form.h"
 #include "frontend/usage.h"
 #include "master/dorn_watch.h"
 #include "master/project_stub.h"
@@ -94,19 +93,21 @@ int RunTool(IniFile& settings, const Options& options) {
 
 // With Extensions/TransparentTools: a tool with a time limit, and one without any master. False where a master is there
 // that hands out no slots: it is served as described.
-bool RunTransparentTool(int argc, const char* const* argv, IniFile& settings, const Options& options, int& exitCode) {
+bool RunTransparentTool(int argc, const char* const* argv, IniFile& settings, const Options& options,
+                        TransparentRun transparent, int& exitCode) {
   if (!settings.GetBool("Extensions/TransparentTools", false)) return false;
   TransparentTool tool(options, GetToolWords(options, argc, argv));
   if (settings.GetBool("Extensions/EnforceJobTimeout", false)) tool.SetTimeout(options.timeoutSeconds);
-  const std::string id = GetInheritedId(options);
-  if (tool.RunInSlot(id, exitCode) == TransparentTool::Outcome::kDone) return true;
+  const std::string id = GetBuildId(options);
+  const bool isAsked = transparent == TransparentRun::kNoServer;
+  if (!isAsked && tool.RunInSlot(id, exitCode) == TransparentTool::Outcome::kDone) return true;
   if (UniqueHandle(OpenSemaphoreA(SYNCHRONIZE, FALSE, GetAccessName(id).c_str()))) return false;
   WriteLog(Log::Info, Log::STUB, "No master: running the tool alone");
   exitCode = tool.RunAlone();
   return true;
 }
 
-int RunForm(int argc, const char* const* argv, IniFile& settings, const Options& options) {
+int RunForm(int argc, const char* const* argv, IniFile& settings, const Options& options, TransparentRun transparent) {
   if (options.showHelp) {
     PrintUsage();
     return 0;
@@ -122,13 +123,14 @@ int RunForm(int argc, const char* const* argv, IniFile& settings, const Options&
     return 0;
   }
   int exitCode = 0;
-  if (RunTransparentTool(argc, argv, settings, options, exitCode)) return exitCode;
+  if (RunTransparentTool(argc, argv, settings, options, transparent, exitCode)) return exitCode;
   return RunTool(settings, options);
 }
 
 }  // namespace
 
-int RunFrontEnd(int argc, const char* const* argv, const std::string& commandLine, IniFile& settings) {
+int RunFrontEnd(int argc, const char* const* argv, const std::string& commandLine, IniFile& settings,
+                TransparentRun transparent) {
   Options options;
   switch (ReadOptions(commandLine, options)) {
     case OptionsFault::kEnvironment:
@@ -140,7 +142,7 @@ int RunFrontEnd(int argc, const char* const* argv, const std::string& commandLin
     case OptionsFault::kNone:
       break;
   }
-  const int exitCode = RunForm(argc, argv, settings, options);
+  const int exitCode = RunForm(argc, argv, settings, options, transparent);
   return exitCode == 0 && HasLostOutput() ? kFailure : exitCode;
 }
 

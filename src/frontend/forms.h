@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "frontend/transparent_form.h"
 #include "runtime/files/ini_file.h"
 
 namespace kestrun {
@@ -12,7 +13,9 @@ namespace kestrun {
 // tool) and gives the exit code of the process. `commandLine` is the raw one, with the program's name; `argc` and
 // `argv` are the same as single words, which only a tool that runs transparently is given. A SystemException of a stub
 // ends here, as exit code 1; so does a success whose output could not be written.
-int RunFrontEnd(int argc, const char* const* argv, const std::string& commandLine, IniFile& settings);
+// `transparent` is what RunTransparently gave before: a server that did not answer is not asked again.
+int RunFrontEnd(int argc, const char* const* argv, const std::string& commandLine, IniFile& settings,
+                TransparentRun transparent);
 
 }  // namespace kestrun
 

@@ -65,11 +65,12 @@ int RunProcess(int argc, char** argv) {
   const std::string commandLine = GetCommandLineA();
   int exitCode = 0;
   // Before any service: the tool is to find this process as it was started.
-  if (RunTransparently(commandLine, argc, argv, exitCode)) return exitCode;
+  const TransparentRun transparent = RunTransparently(commandLine, argc, argv, exitCode);
+  if (transparent == TransparentRun::kDone) return exitCode;
   const ProcessServices services;
   IniFile settings;
   LoadSettings(settings);
-  return RunFrontEnd(argc, argv, commandLine, settings);
+  return RunFrontEnd(argc, argv, commandLine, settings, transparent);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "frontend/transparent_form.h"
 
-#include <cstdlib>
-
+#include "app/stub_base.h"
 #include "client/transparent_tool.h"
 #include "frontend/option_parser.h"
 
@@ -9,21 +8,12 @@ namespace kestrun {
 
 namespace {
 
-constexpr std::size_t kLongestId = 255;
-
 bool NamesToolAlone(const Options& options) {
   return !options.tool.empty() && !options.showHelp && !options.showVersion && !options.master &&
          options.scriptPath.empty();
 }
 
 }  // namespace
-
-std::string GetInheritedId(const Options& options) {
-  if (!options.id.empty()) return options.id;
-  const char* const inherited = std::getenv("KESTRUN_ID");
-  const std::string id = inherited != nullptr ? inherited : "";
-  return id.size() <= kLongestId ? id : "";
-}
 
 std::vector<std::string> GetToolWords(const Options& options, int argc, const char* const* argv) {
   const int index = static_cast<int>(options.wordsBeforeTool) + 1;
@@ -33,15 +23,16 @@ std::vector<std::string> GetToolWords(const Options& options, int argc, const ch
   return {argv + index, argv + argc};
 }
 
-bool RunTransparently(const std::string& commandLine, int argc, const char* const* argv, int& exitCode) {
+TransparentRun RunTransparently(const std::string& commandLine, int argc, const char* const* argv, int& exitCode) {
   Options options;
-  if (ReadOptions(commandLine, options) != OptionsFault::kNone || !NamesToolAlone(options)) return false;
+  const bool isRead = ReadOptions(commandLine, options) == OptionsFault::kNone;
   // A time limit is a setting's business.
-  if (options.timeoutSeconds != 0) return false;
-  const std::string id = GetInheritedId(options);
-  if (id.empty()) return false;
+  if (!isRead || !NamesToolAlone(options) || options.timeoutSeconds != 0) return TransparentRun::kNotAsked;
+  const std::string id = GetBuildId(options);
+  if (id.empty()) return TransparentRun::kNoServer;
   TransparentTool tool(options, GetToolWords(options, argc, argv));
-  return tool.RunInSlot(id, exitCode) == TransparentTool::Outcome::kDone;
+  const bool isDone = tool.RunInSlot(id, exitCode) == TransparentTool::Outcome::kDone;
+  return isDone ? TransparentRun::kDone : TransparentRun::kNoServer;
 }
 
 }  // namespace kestrun

@@ -12,13 +12,15 @@ namespace kestrun {
 // The tool and its arguments among the words that the process was started with; empty if they can't be told there.
 std::vector<std::string> GetToolWords(const Options& options, int argc, const char* const* argv);
 
-// The id of the master that this process belongs to: -id, else KESTRUN_ID; empty for none.
-std::string GetInheritedId(const Options& options);
+enum class TransparentRun {
+  kDone,      // the exit code is known; where a process can become another program, this is not seen
+  kNoServer,  // no master hands out slots under the id of this process, or it has none
+  kNotAsked,  // the command line does not name a tool, or the settings decide about it
+};
 
-// Where the command line names a tool, and a master hands out slots under the id of this process, runs the tool in one:
-// true, with the exit code, if that was done (where a process can become another program it does not return). Reads no
-// settings, writes no log and starts no thread; false changes nothing.
-bool RunTransparently(const std::string& commandLine, int argc, const char* const* argv, int& exitCode);
+// Where the command line names a tool, and a master hands out slots under the id of this process, runs the tool in one.
+// Reads no settings, writes no log and starts no thread; whatever is not kDone changes nothing.
+TransparentRun RunTransparently(const std::string& commandLine, int argc, const char* const* argv, int& exitCode);
 
 }  // namespace kestrun
 

@@ -9,8 +9,10 @@ namespace kestrun {
 
 namespace {
 
-// How soon a master notices that its last dorn was killed. A look costs some microseconds.
+// How often a master that ends, or knows no dorn whose end would wake it, looks whether one is left.
 constexpr u32 kLookMs = 100;
+// The same beside a dorn that it knows: a system without a notice of a process's end does not wake it.
+constexpr u32 kSafetyLookMs = 1000;
 // A dorn holds the lock while it waits for the end of this process, so the thread must not wait for the lock alone.
 constexpr u32 kLockTimeoutMs = 50;
 constexpr u32 kForceAfterMs = 1200;
@@ -75,7 +77,7 @@ void DornWatch::SettleJobs(IniFile& settings, u32 defaultJobs) {
 void DornWatch::Watch() {
   while (session_->ending == DornSession::kRuns) {
     if (IsLeft()) EndByForce();
-    if (end_.Wait(kLookMs)) return;
+    if (!AwaitChange()) return;
   }
   // The dorn that leaves has signalled the stop event, unless it was killed before that.
   SetEvent(stopEvent_.Get());
@@ -84,6 +86,28 @@ void DornWatch::Watch() {
     if (end_.Wait(kLookMs)) return;
   }
   if (!end_.Wait(kForceAfterMs)) EndByForce();
+}
+
+// Waits until a dorn ends, the master is told to stop, or it is time to look again. False if the thread is to end.
+bool DornWatch::AwaitChange() {
+  if (!user_) user_ = FindUser();
+  // A stop that did not come from a dorn stays signalled.
+  const bool isStopped = stopEvent_ && WaitForHandle(stopEvent_.Get(), 0);
+  if (!user_ || !stopEvent_ || isStopped) return !end_.Wait(kLookMs);
+  const HANDLE handles[] = {end_.GetHandle(), user_.Get(), stopEvent_.Get()};
+  const DWORD index = WaitForMultipleObjects(3, handles, FALSE, kSafetyLookMs);
+  if (index == WAIT_OBJECT_0 + 1) user_.Reset();
+  return index != WAIT_OBJECT_0;
+}
+
+// Empty if there is none that lives in the record.
+UniqueHandle DornWatch::FindUser() const {
+  for (const std::atomic<u32>& id : session_->users) {
+    if (id == 0) continue;
+    UniqueHandle user(OpenProcess(SYNCHRONIZE, FALSE, id));
+    if (user && !WaitForHandle(user.Get(), 0)) return user;
+  }
+  return {};
 }
 
 // The last dorn was killed. One that joins does so under the lock: it either is seen here, or sees that this master

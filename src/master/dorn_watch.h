@@ -21,6 +21,8 @@ namespace kestrun {
 // if it can't wait for the tools that still run, the process is ended by force after a second, and they with it. Where
 // the last dorn was killed the process ends at once: nothing waits for it any more.
 //
+// It sleeps until one of the dorns ends, and wakes once a second for the case that the system does not tell of that.
+//
 // Threads: one, "Dorn watch". Construction and destruction on one thread.
 class DornWatch {
  public:
@@ -39,6 +41,8 @@ class DornWatch {
 
  private:
   void Watch();
+  bool AwaitChange();
+  UniqueHandle FindUser() const;
   bool IsLeft();
   void EndByForce();
 
@@ -52,6 +56,7 @@ class DornWatch {
   DornSession* session_;  // in view_
   UniqueHandle alive_;    // held, and nothing else
   Condition end_;         // ends the thread
+  UniqueHandle user_;     // a dorn that lives; of the thread
   rc_ptr<Thread> thread_;
 };
 

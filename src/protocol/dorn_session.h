@@ -9,7 +9,7 @@
 //   dorn_session.<id>    event    the master of this id            tells it from another process that got its number
 //
 // A dorn that finds a master in the record joins it; any other starts one. The master ends when no dorn is left: it is
-// told by the last one that leaves, and finds out by itself where that one was killed.
+// told by the last one that leaves, and by the system where that one was killed.
 #ifndef KESTRUN_PROTOCOL_DORN_SESSION_H_
 #define KESTRUN_PROTOCOL_DORN_SESSION_H_
 
@@ -38,6 +38,7 @@ struct DornSession {
   static constexpr u32 kSize = 65536;
   static constexpr u32 kVersion = 2;
   static constexpr std::size_t kIdSize = 128;
+  static constexpr std::size_t kMaxUsers = 64;
 
   enum Ending : u32 {
     kRuns = 0,
@@ -54,6 +55,10 @@ struct DornSession {
   std::atomic<u32> wantedJobs;  // by the dorn that started the master; 0: as its settings say
   std::atomic<u32> jobs;        // the master's limit; 0 until it has come
   char id[kIdSize];             // with its NUL; changes only while there is no master
+
+  // Process ids of dorns, for a master that sleeps until one of them ends: not all of them need be here, and those that
+  // have ended stay until a dorn takes their place. Whether any lives, the event tells alone.
+  std::atomic<u32> users[kMaxUsers];
 
   static constexpr u64 MakeMaster(u32 dornProcess, u32 masterProcess) {
     return static_cast<u64>(dornProcess) << 32 | masterProcess;

@@ -27,6 +27,7 @@
 
 #include "platform/linux/base/descriptor_passing.h"
 #include "platform/linux/helper/helper_protocol.h"
+#include "platform/linux/helper/job_groups.h"
 #include "platform/linux/helper/kill_children.h"
 #include "platform/linux/helper/supervisor.h"
 
@@ -63,7 +64,7 @@ void PrepareSignals() {
 
 class ZygoteLoop {
  public:
-  explicit ZygoteLoop(int socket) : socket_(socket) {}
+  explicit ZygoteLoop(int socket) : socket_(socket), groups_(JobGroups::OfThisProcess()) { groups_.Sweep(); }
 
   [[noreturn]] void Run() {
     sigset_t whileWaiting;
@@ -93,9 +94,13 @@ class ZygoteLoop {
     for (pid_t pid = 0; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
       const auto supervisor = std::find(supervisors_.begin(), supervisors_.end(), pid);
       if (supervisor == supervisors_.end() || WIFSIGNALED(status)) hasOrphans = true;
-      if (supervisor != supervisors_.end()) supervisors_.erase(supervisor);
+      if (supervisor == supervisors_.end()) continue;
+      supervisors_.erase(supervisor);
+      groups_.End(pid);
     }
-    if (hasOrphans) KillChildren(0, supervisors_.data(), supervisors_.size());
+    if (!hasOrphans) return;
+    KillChildren(0, supervisors_.data(), supervisors_.size());
+    groups_.Sweep();
   }
 
   void ReceiveRequest() {
@@ -118,6 +123,7 @@ class ZygoteLoop {
     const pid_t pid = fork();
     if (pid == 0) {
       close(socket_);
+      groups_.Enter(getpid());
       RunSupervisor(control);
     }
     if (pid > 0) {
@@ -131,6 +137,7 @@ class ZygoteLoop {
   }
 
   const int socket_;
+  const JobGroups groups_;
   bool isConnected_ = true;
   std::vector<pid_t> supervisors_;
 };

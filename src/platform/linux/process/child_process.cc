@@ -11,6 +11,7 @@
 #include "platform/host.h"
 #include "platform/linux/base/never_destroyed.h"
 #include "platform/linux/base/process_stat.h"
+#include "platform/linux/helper/job_groups.h"
 
 namespace kestrun::platform {
 namespace {
@@ -196,7 +197,7 @@ bool ChildProcess::OnReadable() {
   ChildRequest done;
   {
     const std::lock_guard lock(mutex_);
-    // Without a report the supervisor was killed; the zygote kills what was below it.
+    // Without a report the supervisor was killed; the zygote kills what was below it, if that one lives.
     isFirst = SetExitCode(isReport ? report.exitCode : 128 + SIGKILL);
     if (isFirst) done = std::move(request_);
     if (isReport) {
@@ -207,6 +208,7 @@ bool ChildProcess::OnReadable() {
     // A job may still ask for, or end, what the tool has left behind.
     goesOn = isReport && isInJob_ && phase_ != Phase::kIdle;
   }
+  if (!isReport) JobGroups::OfThisProcess().End(supervisorPid_);
   if (isFirst) TellEnd();
   return goesOn;
 }
