@@ -4,6 +4,8 @@
 
 #include "client/transparent_tool.h"
 #include "frontend/option_parser.h"
+#include "frontend/usage.h"
+#include "platform/tool_process.h"
 
 namespace kestrun {
 
@@ -41,7 +43,9 @@ bool RunTransparently(const std::string& commandLine, int argc, const char* cons
   const std::string id = GetInheritedId(options);
   if (id.empty()) return false;
   TransparentTool tool(options, GetToolWords(options, argc, argv));
-  return tool.RunInSlot(id, exitCode) == TransparentTool::Outcome::kDone;
+  if (tool.RunInSlot(id, exitCode) != TransparentTool::Outcome::kDone) return false;
+  if (exitCode == platform::kExitNotFound) ExplainWrongOption(options.tool);
+  return true;
 }
 
 }  // namespace kestrun
