@@ -2,8 +2,8 @@
 # that is in a help text is completed. At build time for the target "completions":
 #   cmake -DKESTRUN=<program> -DDORN=<program> -DOUT=<folder> -P completions.cmake
 if(NOT CMAKE_SCRIPT_MODE_FILE)
-  # A program for another system can't be asked here.
-  if(NOT CMAKE_CROSSCOMPILING)
+  # A program for another system can't be asked here, and one with sanitizers is not for installing.
+  if(NOT CMAKE_CROSSCOMPILING AND NOT KESTRUN_SANITIZE)
     set(KESTRUN_COMPLETIONS "${CMAKE_BINARY_DIR}/completions")
     set(files)
     foreach(program kestrun dorn)
