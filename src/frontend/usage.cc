@@ -81,7 +81,7 @@ void PrintUsage() {
 void PrintHelp() {
   WriteStandardOutput(GetVersionString() + "\n" + kForms + "\nOptions:\n" +
                       DescribeAll({Reader::kUser, Reader::kScripts}) + "Options for programs that start a master:\n" +
-                      DescribeAll({Reader::kIntegration}) + "Told by --help alone, and not in this version:\n" +
+                      DescribeAll({Reader::kIntegration}) + "Told by --help, but not in this version:\n" +
                       DescribeAll({Reader::kNone}) + kRest);
 }
 
