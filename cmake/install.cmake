@@ -12,6 +12,12 @@ else()
   install(FILES docs/kestrun.1 docs/dorn.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
 endif()
 
+if(KESTRUN_COMPLETIONS)
+  set(data "${CMAKE_INSTALL_DATADIR}")
+  install(DIRECTORY "${KESTRUN_COMPLETIONS}/bash/" DESTINATION "${data}/bash-completion/completions")
+  install(DIRECTORY "${KESTRUN_COMPLETIONS}/zsh/" DESTINATION "${data}/zsh/site-functions")
+  install(DIRECTORY "${KESTRUN_COMPLETIONS}/fish/" DESTINATION "${data}/fish/vendor_completions.d")
+endif()
 install(TARGETS kestrun dorn RUNTIME DESTINATION "${bin}")
 install(FILES LICENSE README.md CHANGELOG.md SECURITY.md DESTINATION "${doc}")
 # The pages keep their folder, so that the links between them and the README hold.

@@ -44,6 +44,8 @@ function(complete_debian_package root)
   foreach(page ${pages})
     run(gzip -9n "${page}")
   endforeach()
+  # Debian's zsh looks for those of packages here.
+  file(RENAME "${root}/share/zsh/site-functions" "${root}/share/zsh/vendor-completions")
   file(MAKE_DIRECTORY "${root}/share/lintian/overrides")
   file(COPY_FILE "${sources}/cmake/debian/lintian-overrides" "${root}/share/lintian/overrides/kestrun")
   run(strip --remove-section=.comment "${root}/bin/kestrun" "${root}/bin/dorn")

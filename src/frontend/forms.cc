@@ -12,6 +12,7 @@
 #include "frontend/usage.h"
 #include "master/dorn_watch.h"
 #include "master/project_stub.h"
+#include "platform/tool_process.h"
 #include "protocol/names.h"
 #include "runtime/base/exception.h"
 #include "runtime/base/handle.h"
@@ -80,6 +81,7 @@ int RunTool(IniFile& settings, const Options& options) {
   const Path toolPath = FindTypedTool(options.tool);
   if (toolPath.IsEmpty()) {
     PrintError("Could not get full path for tool " + ToLower(options.tool));
+    ExplainWrongOption(options.tool);
     return kFailure;
   }
   try {
@@ -104,12 +106,13 @@ bool RunTransparentTool(int argc, const char* const* argv, IniFile& settings, co
   if (UniqueHandle(OpenSemaphoreA(SYNCHRONIZE, FALSE, GetAccessName(id).c_str()))) return false;
   WriteLog(Log::Info, Log::STUB, "No master: running the tool alone");
   exitCode = tool.RunAlone();
+  if (exitCode == platform::kExitNotFound) ExplainWrongOption(options.tool);
   return true;
 }
 
 int RunForm(int argc, const char* const* argv, IniFile& settings, const Options& options, TransparentRun transparent) {
   if (options.showHelp) {
-    PrintUsage();
+    options.tool == "all" ? PrintHelp() : PrintUsage();
     return 0;
   }
   if (options.showVersion) {
@@ -132,12 +135,14 @@ int RunForm(int argc, const char* const* argv, IniFile& settings, const Options&
 int RunFrontEnd(int argc, const char* const* argv, const std::string& commandLine, IniFile& settings,
                 TransparentRun transparent) {
   Options options;
-  switch (ReadOptions(commandLine, options)) {
+  std::string cause;
+  switch (ReadOptions(commandLine, options, &cause)) {
     case OptionsFault::kEnvironment:
-      WriteStandardError("KESTRUN: error parsing KESTRUN_OPTS environment variable\n");
+      WriteStandardError("KESTRUN: error parsing KESTRUN_OPTS environment variable\nKESTRUN: " + cause + "\n");
       return kFailure;
     case OptionsFault::kCommandLine:
       PrintUsage();
+      if (argc > 1) PrintError(cause);
       return kFailure;
     case OptionsFault::kNone:
       break;

@@ -2,15 +2,15 @@
 
 #include <cctype>
 #include <cstdlib>
-#include <limits>
 
 #include "frontend/command_line_tail.h"
-#include "protocol/protocol.h"
-#include "runtime/base/text.h"
+#include "frontend/option_table.h"
 
 namespace kestrun {
 
 namespace {
+
+constexpr char kNothingToDo[] = "no tool is named, and no script";
 
 bool IsSpace(char c) {
   return std::isspace(static_cast<unsigned char>(c)) != 0;
@@ -47,104 +47,6 @@ class Tokenizer {
   std::size_t position_ = 0;
 };
 
-// The kinds of options. Each tells whether the next token is the option's value, how the value gets into the record
-// (false if it is a bad one), and how the command line's record is put over the environment's.
-
-template <std::string Options::*field>
-struct Text {
-  static constexpr bool kTakesValue = true;
-  static bool Set(Options& options, const std::string& value) {
-    options.*field = value;
-    return true;
-  }
-  static void Merge(Options& result, const Options& commandLine) {
-    if (!(commandLine.*field).empty()) result.*field = commandLine.*field;
-  }
-};
-
-template <bool Options::*field>
-struct Switch {
-  static constexpr bool kTakesValue = false;
-  static bool Set(Options& options, const std::string&) {
-    options.*field = true;
-    return true;
-  }
-  static void Merge(Options& result, const Options& commandLine) { result.*field |= commandLine.*field; }
-};
-
-template <u32 bit>
-struct Flag {
-  static constexpr bool kTakesValue = false;
-  static bool Set(Options& options, const std::string&) {
-    options.flags |= bit;
-    return true;
-  }
-  static void Merge(Options& result, const Options& commandLine) { result.flags |= commandLine.flags & bit; }
-};
-
-struct Timeout {
-  static constexpr bool kTakesValue = true;
-  static bool Set(Options& options, const std::string& minutes) {
-    if (!IsNumber(minutes)) return false;
-    constexpr u64 kMax = std::numeric_limits<u32>::max();
-    const u64 value = std::strtoull(minutes.c_str(), nullptr, 10);
-    options.timeoutSeconds = static_cast<u32>(value > kMax / 60 ? kMax : value * 60);
-    return true;
-  }
-  static void Merge(Options& result, const Options& commandLine) {
-    if (commandLine.timeoutSeconds != 0) result.timeoutSeconds = commandLine.timeoutSeconds;
-  }
-};
-
-struct Marker {
-  static constexpr bool kTakesValue = true;
-  static bool Set(Options& options, const std::string& marker) {
-    options.marker = marker;
-    return !marker.empty();
-  }
-  static void Merge(Options& result, const Options& commandLine) {
-    if (commandLine.marker != kDefaultMarker) result.marker = commandLine.marker;
-  }
-};
-
-struct OptionRule {
-  const char* name;
-  bool takesValue;
-  bool (*set)(Options& options, const std::string& value);
-  void (*merge)(Options& result, const Options& commandLine);
-};
-
-template <class Kind>
-constexpr OptionRule Rule(const char* name) {
-  return {name, Kind::kTakesValue, Kind::Set, Kind::Merge};
-}
-
-constexpr OptionRule kOptionRules[] = {
-    Rule<Switch<&Options::showHelp>>("--help"),
-    Rule<Switch<&Options::showVersion>>("--version"),
-    Rule<Flag<FLAG_VERBOSE>>("-v"),
-    Rule<Timeout>("-t"),
-    Rule<Text<&Options::name>>("-n"),
-    Rule<Marker>("-m"),
-    Rule<Text<&Options::scriptPath>>("-s"),
-    Rule<Switch<&Options::master>>("-master"),
-    // The command line's project is never empty unless it says so, so that its default beats the environment.
-    Rule<Text<&Options::project>>("-p"),
-    Rule<Switch<&Options::expandEnvironment>>("-e"),
-    Rule<Text<&Options::stopEvent>>("-es"),
-    Rule<Text<&Options::readyEvent>>("-er"),
-    Rule<Text<&Options::finishEvent>>("-ef"),
-    Rule<Text<&Options::id>>("-id"),
-    Rule<Flag<FLAG_KEEP_GOING>>("-k"),
-};
-
-const OptionRule* FindRule(const std::string& text) {
-  for (const OptionRule& rule : kOptionRules) {
-    if (text == rule.name) return &rule;
-  }
-  return nullptr;
-}
-
 // The arguments begin at the quote of a quoted first argument, so that all the user's quoting stays.
 void TakeTool(Options& options, const TokenList& list, std::size_t index) {
   options.tool = list.tokens[index].text;
@@ -161,6 +63,32 @@ bool NeedsNoTool(const Options& options) {
   return options.showVersion || options.showHelp || options.master || !options.scriptPath.empty();
 }
 
+std::string DescribeMissingTool(const std::string& word) {
+  if (word.empty()) return "it holds nothing but blanks";
+  if (word[0] == '-') return "\"" + word + "\" is no option of kestrun";
+  return "\"" + word + "\" is no option; a tool stands on the command line";
+}
+
+// Empty, or why the text does not parse.
+std::string FindFault(Options& options, const std::string& text, bool fromEnvironment) {
+  const TokenList list = TokenizeCommandLine(text);
+  if (list.tokens.empty()) return fromEnvironment ? "" : kNothingToDo;
+  for (std::size_t index = 0; index < list.tokens.size(); ++index) {
+    const OptionRule* rule = FindRule(list.tokens[index].text);
+    if (rule == nullptr) {
+      if (fromEnvironment) return DescribeMissingTool(list.tokens[index].text);
+      TakeTool(options, list, index);
+      return "";
+    }
+    const bool isValueMissing = rule->TakesValue() && ++index == list.tokens.size();
+    if (isValueMissing) return std::string(rule->name) + " wants a value behind it: " + rule->name + " " + rule->value;
+    const std::string& value = list.tokens[index].text;
+    if (!rule->set(options, value))
+      return std::string(rule->name) + " wants " + rule->wanted + ", not \"" + value + "\"";
+  }
+  return fromEnvironment || NeedsNoTool(options) ? "" : kNothingToDo;
+}
+
 }  // namespace
 
 TokenList TokenizeCommandLine(const std::string& text) {
@@ -171,38 +99,28 @@ TokenList TokenizeCommandLine(const std::string& text) {
   return list;
 }
 
-bool ParseOptions(Options& options, const std::string& text, bool fromEnvironment) {
-  const TokenList list = TokenizeCommandLine(text);
-  if (list.tokens.empty()) return fromEnvironment;
-  for (std::size_t index = 0; index < list.tokens.size(); ++index) {
-    const OptionRule* rule = FindRule(list.tokens[index].text);
-    if (rule == nullptr) {
-      if (fromEnvironment) return false;
-      TakeTool(options, list, index);
-      return true;
-    }
-    if (rule->takesValue && ++index == list.tokens.size()) return false;
-    if (!rule->set(options, list.tokens[index].text)) return false;
-  }
-  return fromEnvironment || NeedsNoTool(options);
+bool ParseOptions(Options& options, const std::string& text, bool fromEnvironment, std::string* cause) {
+  const std::string fault = FindFault(options, text, fromEnvironment);
+  if (cause != nullptr) *cause = fault;
+  return fault.empty();
 }
 
 void MergeOptions(Options& result, const Options& environment, const Options& commandLine) {
   result = environment;
-  for (const OptionRule& rule : kOptionRules) rule.merge(result, commandLine);
-  Text<&Options::tool>::Merge(result, commandLine);
-  Text<&Options::toolArgs>::Merge(result, commandLine);
+  MergeByRules(result, commandLine);
+  if (!commandLine.tool.empty()) result.tool = commandLine.tool;
+  if (!commandLine.toolArgs.empty()) result.toolArgs = commandLine.toolArgs;
   result.wordsBeforeTool = commandLine.wordsBeforeTool;
   // A marker that only the environment gave has not been applied to the command line's arguments yet.
   ReplaceMarker(result.toolArgs, result.marker);
 }
 
-OptionsFault ReadOptions(const std::string& commandLine, Options& options) {
+OptionsFault ReadOptions(const std::string& commandLine, Options& options, std::string* cause) {
   Options fromEnvironment;
   const char* const text = std::getenv("KESTRUN_OPTS");
-  if (text != nullptr && !ParseOptions(fromEnvironment, text, true)) return OptionsFault::kEnvironment;
+  if (text != nullptr && !ParseOptions(fromEnvironment, text, true, cause)) return OptionsFault::kEnvironment;
   Options fromCommandLine;
-  if (!ParseOptions(fromCommandLine, GetCommandLineTail(commandLine), false)) return OptionsFault::kCommandLine;
+  if (!ParseOptions(fromCommandLine, GetCommandLineTail(commandLine), false, cause)) return OptionsFault::kCommandLine;
   MergeOptions(options, fromEnvironment, fromCommandLine);
   return OptionsFault::kNone;
 }

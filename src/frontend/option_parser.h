@@ -27,8 +27,9 @@ struct TokenList {
 TokenList TokenizeCommandLine(const std::string& text);
 
 // Fills the record from the text. False if the text does not parse: an option without its value, a bad number, an
-// empty marker, a tool where none may stand (fromEnvironment), or nothing to do.
-bool ParseOptions(Options& options, const std::string& text, bool fromEnvironment);
+// empty marker, a tool where none may stand (fromEnvironment), or nothing to do. `cause`, which may be null, tells
+// which.
+bool ParseOptions(Options& options, const std::string& text, bool fromEnvironment, std::string* cause = nullptr);
 
 // The record to work with: what the command line gave, put over what the environment gave, by the same table that
 // parses them. Empty texts, a time limit of 0 and the default marker override nothing. The project of the environment
@@ -39,7 +40,7 @@ void MergeOptions(Options& result, const Options& environment, const Options& co
 enum class OptionsFault { kNone, kEnvironment, kCommandLine };
 
 // Both texts of a process: KESTRUN_OPTS, and the command line with the program's name. Prints nothing.
-OptionsFault ReadOptions(const std::string& commandLine, Options& options);
+OptionsFault ReadOptions(const std::string& commandLine, Options& options, std::string* cause = nullptr);
 
 }  // namespace kestrun
 

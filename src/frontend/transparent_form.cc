@@ -3,6 +3,8 @@
 #include "app/stub_base.h"
 #include "client/transparent_tool.h"
 #include "frontend/option_parser.h"
+#include "frontend/usage.h"
+#include "platform/tool_process.h"
 
 namespace kestrun {
 
@@ -31,8 +33,9 @@ TransparentRun RunTransparently(const std::string& commandLine, int argc, const 
   const std::string id = GetBuildId(options);
   if (id.empty()) return TransparentRun::kNoServer;
   TransparentTool tool(options, GetToolWords(options, argc, argv));
-  const bool isDone = tool.RunInSlot(id, exitCode) == TransparentTool::Outcome::kDone;
-  return isDone ? TransparentRun::kDone : TransparentRun::kNoServer;
+  if (tool.RunInSlot(id, exitCode) != TransparentTool::Outcome::kDone) return TransparentRun::kNoServer;
+  if (exitCode == platform::kExitNotFound) ExplainWrongOption(options.tool);
+  return TransparentRun::kDone;
 }
 
 }  // namespace kestrun

@@ -1,10 +1,20 @@
+// The help texts, made from the table of options.
 #ifndef KESTRUN_FRONTEND_USAGE_H_
 #define KESTRUN_FRONTEND_USAGE_H_
+
+#include <string>
 
 namespace kestrun {
 
 // The version line and the options that are for users, on the standard output stream.
 void PrintUsage();
+
+// The text of --help all: what the program is for, what holds of it, all options, the environment, examples.
+void PrintHelp();
+
+// Behind the error that there is no such tool: a line on the standard error stream, if the tool's name looks like an
+// option.
+void ExplainWrongOption(const std::string& tool);
 
 }  // namespace kestrun
 

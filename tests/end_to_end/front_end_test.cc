@@ -28,12 +28,45 @@ TEST_F(FrontEnd, TellsHowItIsUsed) {
   EXPECT_EQ(std::count(version.output.begin(), version.output.end(), '\n'), 1);
 }
 
-TEST_F(FrontEnd, AnswersACommandLineThatItCannotUseWithTheUsageText) {
-  for (const Words& words : {Words{}, Words{"-t", "abc", "cl"}, Words{"-n"}, Words{"-m", "", "cl"}, Words{"-k"}}) {
-    const RunResult result = Kestrun(words);
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_NE(result.output.find("usage: Kestrun"), std::string::npos);
+TEST_F(FrontEnd, TellsMoreWhenAskedForAll) {
+  const RunResult help = Kestrun({"--help", "all"});
+  EXPECT_EQ(help.exitCode, 0);
+  // An option that the short text leaves out, and an example.
+  for (const char* text : {"   -s <script>     - ", "   -es <event>     - ", "dorn kestrun -s jobs.script\n"}) {
+    EXPECT_NE(help.output.find(text), std::string::npos) << text;
   }
+  // Any other word leaves the usage text as it is.
+  EXPECT_EQ(Kestrun({"--help", "al"}).output, Kestrun({"--help"}).output);
+}
+
+TEST_F(FrontEnd, AnswersACommandLineThatItCannotUseWithTheUsageTextAndTheCause) {
+  const struct {
+    Words words;
+    const char* errors;
+  } cases[] = {
+      {{}, ""},
+      {{"-t", "abc", "cl"}, "KESTRUN: error: -t wants a number of minutes, not \"abc\"\n"},
+      {{"-n"}, "KESTRUN: error: -n wants a value behind it: -n <name>\n"},
+      {{"-m", "", "cl"}, "KESTRUN: error: -m wants at least one character, not \"\"\n"},
+      {{"-k"}, "KESTRUN: error: no tool is named, and no script\n"},
+  };
+  for (const auto& c : cases) {
+    const RunResult result = Kestrun(c.words);
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.output, Kestrun({"--help"}).output);
+    EXPECT_EQ(result.errors, c.errors);
+  }
+}
+
+TEST_F(FrontEnd, CallsAWrongOptionAWrongOption) {
+  const RunResult result = Kestrun({"-chx", tool_});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(
+      result.errors,
+      "KESTRUN: error: Cannot locate executable for \"-chx\"\n"
+      "KESTRUN: error: Could not get full path for tool -chx\n"
+      "KESTRUN: \"-chx\" is an option that this version does not have, and so was taken for the tool; kestrun --help "
+      "all tells the options\n");
 }
 
 TEST_F(FrontEnd, NamesAToolThatIsMissing) {
@@ -53,7 +86,9 @@ TEST_F(FrontEnd, RefusesAnOptionsVariableThatDoesNotParse) {
   options.environment["KESTRUN_OPTS"] = "-t soon";
   const RunResult result = Kestrun({tool_}, options);
   EXPECT_EQ(result.exitCode, 1);
-  EXPECT_EQ(result.errors, "KESTRUN: error parsing KESTRUN_OPTS environment variable\n");
+  EXPECT_EQ(result.errors,
+            "KESTRUN: error parsing KESTRUN_OPTS environment variable\n"
+            "KESTRUN: -t wants a number of minutes, not \"soon\"\n");
 }
 
 TEST_F(FrontEnd, RunsNothingWithoutAMaster) {

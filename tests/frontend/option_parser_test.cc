@@ -93,6 +93,26 @@ TEST(ParseOptions, TakesNoToolFromTheEnvironment) {
   for (const char* text : {"cl", "-v cl", " ", "-chx"}) EXPECT_FALSE(Parses(text, true)) << text;
 }
 
+TEST(ParseOptions, TellsTheCauseOfAFailureInTheEnvironment) {
+  const struct {
+    const char* text;
+    const char* cause;
+  } cases[] = {
+      {"-k", ""},
+      {" ", "it holds nothing but blanks"},
+      {"-k gcc", "\"gcc\" is no option; a tool stands on the command line"},
+      {"-K", "\"-K\" is no option of kestrun"},
+      {"-di", "\"-di\" is no option of kestrun"},
+      {"-k -p", "-p wants a value behind it: -p <name>"},
+  };
+  for (const auto& c : cases) {
+    Options options;
+    std::string cause = "left as it was";
+    ParseOptions(options, c.text, true, &cause);
+    EXPECT_EQ(cause, c.cause) << c.text;
+  }
+}
+
 class MergeTest : public testing::Test {
  protected:
   Options Merge(const std::string& environment, const std::string& commandLine) {
