@@ -13,7 +13,7 @@ function randomNumbers(seed) {
   };
 }
 
-const random = randomNumbers(20261123);
+let random;
 const between = (low, high) => low + random() * (high - low);
 // Most are short, some are very long.
 const longTailed = (typical) => typical * Math.exp(between(-1, 1) + (random() < 0.03 ? between(1, 2.2) : 0));
@@ -117,6 +117,7 @@ function breakOff(jobs, at) {
 }
 
 function makeRecord(count, slots, kind) {
+  random = randomNumbers(20261123);
   const build = {
     started_unix_us: 1795467228000000, duration_us: 0, command: `make -j${slots * 2} all check`, folder: '/home/robin/example',
     exit_code: 0, slots, host: 'builder', kestrun_version: '1.0.0.0', jobs_dropped: 0,

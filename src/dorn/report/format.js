@@ -19,9 +19,10 @@ function formatTime(us) {
   return `${Math.floor(seconds / 3600)} h ${pad2(Math.floor((seconds % 3600) / 60))} min`;
 }
 
-// A moment of the build for an axis whose marks are `step` apart.
-function formatMark(us, step) {
+// A moment of the build for an axis whose marks are `step` apart, and that goes up to `end`.
+function formatMark(us, step, end) {
   if (us === 0) return '0';
+  if (end < 1e6) return `${(us / 1000).toFixed(limit(Math.ceil(3 - Math.log10(step)), 0, 3))} ms`;
   if (step >= 6e7) return us >= 3.6e9 ? `${Math.floor(us / 3.6e9)}:${pad2(Math.floor((us % 3.6e9) / 6e7))} h` : `${us / 6e7} min`;
   const digits = step >= 1e6 ? 0 : Math.min(6, Math.ceil(6 - Math.log10(step)));
   const seconds = us / 1e6;

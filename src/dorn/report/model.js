@@ -17,6 +17,10 @@ const MOST_EMPTY_LANES = 64;
 
 const isKnown = Number.isFinite;
 
+function limit(value, low, high) {
+  return Math.min(Math.max(value, low), high);
+}
+
 function textOf(value) {
   return typeof value === 'string' ? value : '';
 }

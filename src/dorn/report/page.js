@@ -320,15 +320,24 @@ class Page {
 
   showStretches() {
     const { stretches, slots, end, begin } = this.model;
-    byId('stretches-hint').textContent = stretches.length
-      ? `Stretches in which on average at least ${formatShare(EMPTY_SHARE)} of the slots were empty, the most costly first. They are ` +
-        'tinted in the chart of busy slots.'
-      : 'No stretch in which slots stood empty to speak of.';
+    byId('stretches-hint').textContent = this.emptinessInWords();
     const head = make('thead', {}, make('tr', {}, ...['When', 'Length', 'Busy', 'Empty slot time', 'Waiting', 'What ran then'].map((name, k) =>
       make('th', { scope: 'col', class: k > 0 && k < 5 && k !== 3 ? 'number' : null }, name))));
     const all = slots * (end - begin);
     const rows = stretches.map((stretch) => this.stretchRow(stretch, all, stretches[0].lost));
     byId('stretch-table').replaceChildren(...(rows.length ? [head, make('tbody', {}, ...rows)] : []));
+  }
+
+  emptinessInWords() {
+    const { stretches, slots, end, begin, totals, count } = this.model;
+    if (totals.busyShare === null) return 'Not known.';
+    const empty = slots * (end - begin) - totals.busyTime;
+    const sum = `In all, slots stood empty for ${formatTime(Math.max(0, empty))} of ${formatTime(slots * (end - begin))}. `;
+    const least = count ? `The same jobs take at least ${formatTime(totals.busyTime / slots)} in ${plural(slots, 'slot', 'slots')}. ` : '';
+    return sum + least + (stretches.length
+      ? `Below are the stretches in which on average at least ${formatShare(EMPTY_SHARE)} of the slots were empty, the most costly first; ` +
+        'the chart of busy slots is tinted there.'
+      : 'There was no longer stretch of it.');
   }
 
   stretchRow(stretch, all, most) {

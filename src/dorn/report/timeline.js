@@ -16,10 +16,6 @@ const SCROLL_PAUSE_MS = 250;
 const WAIT_STEPS_US = [1e4, 1e5, 1e6, 1e7];
 const WAIT_NAMES = ['below 10 ms', 'below 100 ms', 'below 1 s', 'below 10 s', '10 s and more'];
 
-function limit(value, low, high) {
-  return Math.min(Math.max(value, low), high);
-}
-
 function niceStep(least) {
   const steps = [];
   for (let unit = 1; unit < 1e8; unit *= 10) steps.push(unit, 2 * unit, 5 * unit);
@@ -286,7 +282,7 @@ class Timeline {
       context.stroke();
       context.fillStyle = colours['ink-2'];
       context.textAlign = x < GUTTER + 20 ? 'left' : x > this.width - 24 ? 'right' : 'center';
-      context.fillText(formatMark(at, step), x, AXIS.y + AXIS.h / 2);
+      context.fillText(formatMark(at, step, this.end), x, AXIS.y + AXIS.h / 2);
     }
   }
 
@@ -300,7 +296,7 @@ class Timeline {
   drawLevel(band, level, most, name, colour) {
     const { context, colours } = this;
     this.label(name, band.y + 7);
-    this.label(`of ${formatCount(most)}`, band.y + 21, true);
+    this.label(level.most || band === BUSY ? `of ${formatCount(most)}` : 'none', band.y + 21, true);
     if (band === BUSY) this.shadeStretches(band);
     context.fillStyle = colours[colour];
     this.fillColumns(averages(level, this.from, this.to, Math.floor(this.plotWidth)), most, band.y, band.h);
