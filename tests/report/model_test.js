@@ -59,6 +59,11 @@ test('jobs that run at the same time in one slot get rows of their own, and the 
   assert.strictEqual(model.totals.busyTime, 900000);
 });
 
+test('processor time is not counted twice where jobs are below others', () => {
+  const below = (number, parent, cpu) => ms(0, 100, 0, { number, parent, cpu_us: cpu });
+  assert.strictEqual(buildModel(recordOf([below(1, 0, 900), below(2, 1, 300), below(3, 2, 100), below(4, 77, 20)])).totals.cpu, 920);
+});
+
 test('a stretch is found where slots are empty, not where they are full, and across a short busy moment', () => {
   const full = [ms(0, 300, 0), ms(0, 300, 1)];
   const stretches = (jobs) => buildModel(recordOf(jobs)).stretches.map((s) => [s.from / 1000, s.to / 1000, s.lost / 1000]);
@@ -111,6 +116,7 @@ test('a job is labelled by its name, else by its tool and its file', () => {
   const label = (command, more = {}) => jobLabel({ tool: command.split(' ')[0], command, ...more });
   assert.strictEqual(label('gcc -I x -c src/a.c -o out/a.o'), 'gcc a.c');
   assert.strictEqual(label('/usr/bin/ld -o out/prog x.a'), 'ld prog');
+  assert.strictEqual(label('sh -c "cd /x && \\"make\\" y"'), 'sh cd /x && \\"make\\" y');
   assert.strictEqual(label('make'), 'make');
   assert.strictEqual(label('gcc -c a.c', { name: 'My job' }), 'My job');
   assert.strictEqual(jobLabel({}), '(unknown)');

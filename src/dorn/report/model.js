@@ -15,6 +15,8 @@ const MOST_ROWS_OF_A_LANE = 12;
 // Above this number only the slots that ran something get a lane.
 const MOST_EMPTY_LANES = 64;
 
+const LONGEST_COMMAND_OF_A_LABEL = 4000;
+
 const isKnown = Number.isFinite;
 
 function limit(value, low, high) {
@@ -33,14 +35,20 @@ function toolName(job) {
   return baseName(textOf(job.tool)) || baseName(textOf(job.command).split(' ', 1)[0]) || '(unknown)';
 }
 
+// The words of a command line, quoted ones without their quotes.
+function wordsOf(command) {
+  return Array.from(command.slice(0, LONGEST_COMMAND_OF_A_LABEL).matchAll(/"((?:[^"\\]|\\.)*)"|\S+/g), ([word, quoted]) => quoted ?? word);
+}
+
 // What tells one job from the next at a glance: its name, or its tool and the file that it works on.
 function jobLabel(job) {
   if (textOf(job.name)) return job.name;
-  const words = textOf(job.command).split(/\s+/).slice(1);
+  const words = wordsOf(textOf(job.command)).slice(1);
   const isSource = (word) => /^[^-].*\.(c|cc|cpp|cxx|m|mm|s|S|rs|go|java|f90|cu|ts|y|l)$/.test(word);
   const output = words.indexOf('-o') >= 0 ? words[words.indexOf('-o') + 1] : undefined;
   const subject = words.find(isSource) || output || words.find((word) => /^[^-]/.test(word)) || '';
-  return subject ? `${toolName(job)} ${baseName(subject)}` : toolName(job);
+  if (!subject) return toolName(job);
+  return `${toolName(job)} ${/\s/.test(subject) ? subject : baseName(subject)}`;
 }
 
 // Index of the first element that is greater than the value, in an array that does not descend.
@@ -300,11 +308,13 @@ function findWhatRan(model, stretch) {
 function sumTotals(model) {
   const { jobs, count, start } = model;
   const length = model.end - model.begin;
+  const numbers = new Set(jobs.map((job) => job.number));
   const totals = { ran: 0, failed: 0, time: 0, cpu: null, cpuKnown: 0, memory: null, memoryJob: -1 };
   for (let i = 0; i < count; ++i) {
     const job = jobs[i];
     if (isFailure(model, i)) ++totals.failed;
-    if (isKnown(job.cpu_us)) totals.cpu = (totals.cpu ?? 0) + job.cpu_us;
+    // A job's processor time holds that of the jobs below it.
+    if (isKnown(job.cpu_us) && !numbers.has(job.parent)) totals.cpu = (totals.cpu ?? 0) + job.cpu_us;
     if (isKnown(job.cpu_us)) ++totals.cpuKnown;
     if (isKnown(job.peak_memory_bytes) && job.peak_memory_bytes > (totals.memory ?? -1)) {
       totals.memory = job.peak_memory_bytes;
@@ -319,6 +329,7 @@ function sumTotals(model) {
   totals.mostWait = count ? waits[count - 1] : null;
   totals.busyTime = areaOf(model.busy, model.begin, model.end);
   totals.busyShare = model.slots && length > 0 ? Math.min(1, totals.busyTime / (model.slots * length)) : null;
+  model.hasJobsBelowOthers = jobs.some((job) => numbers.has(job.parent));
   model.totals = totals;
 }
 

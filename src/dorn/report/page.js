@@ -114,7 +114,7 @@ class Page {
     const { totals, count, end, begin } = this.model;
     if (totals.cpu === null) return count ? 'not known' : null;
     const cores = end > begin ? `${(totals.cpu / (end - begin)).toFixed(2)} processors on average` : null;
-    return totals.cpuKnown < totals.ran ? `of ${formatCount(totals.cpuKnown)} of ${formatCount(totals.ran)} jobs` : cores;
+    return totals.cpuKnown < totals.ran ? `known of ${formatCount(totals.cpuKnown)} of ${formatCount(totals.ran)} jobs` : cores;
   }
 
   memoryInWords() {
@@ -303,6 +303,9 @@ class Page {
       list.push(make('button', { type: 'button', class: 'plain', onclick: () => { this.failuresShown += JOBS_MORE; this.showFailures(); } },
         `Show ${formatCount(Math.min(rest, JOBS_MORE))} of ${formatCount(rest)} more`));
     }
+    if (failures.length && !failures.some((job) => textOf(this.model.jobs[job].output_head))) {
+      list.unshift(make('p', { class: 'hint' }, 'What they printed is not in the record: it went to the build’s own output.'));
+    }
     byId('failures-title').textContent = failures.length ? `Failures (${formatCount(failures.length)})` : 'Failures';
     byId('failure-list').replaceChildren(...(list.length ? list : [make('p', { class: 'hint' }, 'No job failed.')]));
   }
@@ -315,7 +318,7 @@ class Page {
       make('p', { class: 'mono dimmed' }, cutText(textOf(raw.command))),
       make('p', { class: 'dimmed' }, `${isKnown(raw.started_us) ? `started at ${formatTime(raw.started_us)}, ran ${formatTime(runOf(model, job))}` : 'never ran'}` +
         `${textOf(raw.folder) ? ` in ${raw.folder}` : ''}`),
-      textOf(raw.output_head) ? make('pre', { class: 'output', tabindex: '0' }, raw.output_head) : make('p', { class: 'hint' }, 'Its output is not in the record.'));
+      textOf(raw.output_head) ? make('pre', { class: 'output', tabindex: '0' }, raw.output_head) : null);
   }
 
   showStretches() {
@@ -365,6 +368,7 @@ class Page {
 
   showTools() {
     const { model } = this;
+    byId('tools-hint').hidden = !model.hasJobsBelowOthers;
     const tools = this.areAllToolsShown ? model.toolsByTime : model.toolsByTime.slice(0, TOOLS_SHOWN);
     const names = ['Tool', 'Jobs', 'Failed', 'Time', 'Mean', 'Longest', 'Processor time', 'Waited'];
     const head = make('thead', {}, make('tr', {}, ...names.map((name, k) => make('th', { scope: 'col', class: k && k !== 3 && k !== 5 ? 'number' : null }, name))));
@@ -383,8 +387,8 @@ class Page {
     const isChosen = byId('search').value.trim() === query;
     const colour = this.timeline.palettes.tool[Math.min(tool.rank, COLOURS_OF_TOOLS)];
     return make('tr', { class: isChosen ? 'chosen' : null },
-      make('td', {}, make('button', { type: 'button', class: 'link', 'aria-pressed': String(isChosen), title: `Search ${query}`, onclick: () => this.toggleSearch(query) },
-        make('i', { class: 'swatch', style: `background:${colour}` }), cutText(tool.name, 60))),
+      make('td', {}, make('button', { type: 'button', class: 'link tool', 'aria-pressed': String(isChosen), title: `Search ${query}`, onclick: () => this.toggleSearch(query) },
+        make('i', { class: 'swatch', style: `background:${colour}` }), cutText(tool.name, 32))),
       make('td', { class: 'number' }, formatCount(tool.jobs)),
       make('td', { class: tool.failed ? 'number bad' : 'number' }, formatCount(tool.failed)),
       make('td', {}, barOf(tool.time / (model.toolsByTime[0].time || 1), `${formatTime(tool.time)}, ${formatShare(tool.time / (model.totals.time || 1))}`, null, colour)),
@@ -466,6 +470,7 @@ class Page {
   // After a change of the page's colours.
   repaint() {
     this.timeline.readColours();
+    this.timeline.draw();
     this.showLegend();
     this.showTools();
     this.showJobs();

@@ -296,7 +296,7 @@ class Timeline {
   drawLevel(band, level, most, name, colour) {
     const { context, colours } = this;
     this.label(name, band.y + 7);
-    this.label(level.most || band === BUSY ? `of ${formatCount(most)}` : 'none', band.y + 21, true);
+    this.label(band === BUSY ? `of ${formatCount(most)}` : level.most ? `≤ ${formatCount(most)}` : 'none', band.y + 21, true);
     if (band === BUSY) this.shadeStretches(band);
     context.fillStyle = colours[colour];
     this.fillColumns(averages(level, this.from, this.to, Math.floor(this.plotWidth)), most, band.y, band.h);
