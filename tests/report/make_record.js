@@ -61,10 +61,17 @@ function phasesOf(count) {
   return phases;
 }
 
-function outcomeOf(job, task) {
+function outcomeOf(task) {
   const draw = random();
-  if (draw < 0.002 && task.tool !== 'ld') {
-    return { outcome: 'failed', exit_code: 1, output_head: `src/${job.number}.cc: In function 'int main()':\nsrc/${job.number}.cc:42:7: error: 'frobnicate' was not declared in this scope\n   42 |   int x = frobnicate();\n      |           ^~~~~~~~~~\n` };
+  const source = / -c (\S+)/.exec(task.command)?.[1];
+  if (draw < 0.002 && source) {
+    const line = Math.floor(between(10, 300));
+    return {
+      outcome: 'failed',
+      exit_code: 1,
+      output_head: `${source}: In function 'int open_table(const char*)':\n${source}:${line}:17: error: 'lenght' was not declared in this scope; ` +
+        `did you mean 'length'?\n  ${line} |   if (size < lenght) return -1;\n      |              ^~~~~~\n      |              length\n`,
+    };
   }
   if (draw < 0.0025) return { outcome: 'signalled', exit_code: null, signal: 11 };
   if (draw < 0.0028) return { outcome: 'overdue', exit_code: null, signal: 9 };
@@ -79,7 +86,7 @@ function makeJob(number, task, times) {
     cpu_us: Math.round((times.ended_us - times.started_us) * between(0.82, 0.99)),
     peak_memory_bytes: Math.round(task.memory), output_bytes: 0,
   };
-  Object.assign(job, outcomeOf(job, task));
+  Object.assign(job, outcomeOf(task));
   if (job.output_head) job.output_bytes = job.output_head.length;
   return job;
 }

@@ -23,10 +23,17 @@ function niceStep(least) {
   return [...steps.filter((step) => step <= 1e7), ...long].find((step) => step >= least) ?? least;
 }
 
+const pixelsOfColours = new Map();
+
 // A colour of the style sheet, "#rrggbb", as a pixel of an ImageData seen as 32-bit words.
 function pixelOf(colour, alpha) {
-  const value = parseInt(colour.slice(1), 16);
-  return ((Math.round(alpha * 255) << 24) | ((value & 255) << 16) | (value & 0xff00) | (value >> 16)) >>> 0;
+  let value = pixelsOfColours.get(colour);
+  if (value === undefined) {
+    const rgb = parseInt(colour.slice(1), 16);
+    value = ((rgb & 255) << 16) | (rgb & 0xff00) | (rgb >> 16);
+    pixelsOfColours.set(colour, value);
+  }
+  return ((Math.round(alpha * 255) << 24) | value) >>> 0;
 }
 
 // The average of a level in each pixel column of a span.
@@ -501,8 +508,9 @@ class Timeline {
     context.lineWidth = 2;
     context.strokeStyle = colours.select;
     context.strokeRect(x, place.y - 1, width, this.rowHeight + 2);
-    context.restore();
     context.lineWidth = 1;
+    if (isFailure(model, selected)) this.drawMarks([x], place.y);
+    context.restore();
   }
 
   // The job at a place of the canvas, or the nearest within some pixels; -1 if there is none.
