@@ -5,6 +5,7 @@ const JOBS_MORE = 50;
 const TOOLS_SHOWN = 15;
 const FAILURES_SHOWN = 10;
 const LONGEST_COMMAND_OF_A_LIST = 400;
+const LONGEST_COMMAND_IN_LARGE = 160;
 const COLOUR_NAMES = ['tool', 'outcome', 'wait'];
 
 const byId = (id) => document.getElementById(id);
@@ -67,6 +68,7 @@ class Page {
     const command = textOf(build.command) || '(command not known)';
     document.title = `Build report: ${cutText(command, 80)}`;
     byId('command').textContent = command;
+    byId('command').classList.toggle('long', command.length > LONGEST_COMMAND_IN_LARGE);
     byId('about').replaceChildren(this.stateBadge(), ...this.aboutBuild());
     byId('figures').replaceChildren(...[
       this.figure('Duration', isKnown(build.duration_us) ? formatTime(build.duration_us) : formatTime(this.model.end),

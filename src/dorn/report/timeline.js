@@ -7,7 +7,6 @@ const AXIS = { y: 30, h: 20 };
 const BUSY = { y: 54, h: 52 };
 const WAITING = { y: 112, h: 34 };
 const LANES_Y = 158;
-const WAIT_TRACK = 3;
 const LEAST_SPAN_US = 20;
 const ZOOM_STEP = 1.5;
 const COLOURS_OF_TOOLS = 8;
@@ -80,11 +79,12 @@ class Timeline {
 
   layOut() {
     const rows = this.model.lanes.reduce((sum, lane) => sum + lane.rows.length, 0);
-    this.rowHeight = limit(Math.floor(400 / Math.max(rows, 1)), 5, 26);
+    this.rowHeight = limit(Math.floor(400 / Math.max(rows, 1)), 2, 26);
+    this.waitTrack = this.rowHeight > 4 ? 3 : 0;
     const gap = this.rowHeight > 8 ? 6 : 1;
     let y = LANES_Y;
     this.lanes = this.model.lanes.map((lane) => {
-      const placed = { lane, y, h: lane.rows.length * this.rowHeight + WAIT_TRACK };
+      const placed = { lane, y, h: lane.rows.length * this.rowHeight + this.waitTrack };
       y += placed.h + gap;
       return placed;
     });
@@ -329,16 +329,16 @@ class Timeline {
     const isLabelled = this.rowHeight > 8;
     this.lanes.forEach((placed, number) => {
       const { lane, y, h } = placed;
-      if (isLabelled || number % 4 === 0) this.label(isLabelled && number === 0 ? `Slot ${lane.label}` : lane.label, y + h / 2);
+      if (isLabelled || number % Math.ceil(16 / this.rowHeight) === 0) this.label(isLabelled && number === 0 ? `Slot ${lane.label}` : lane.label, y + h / 2);
       context.fillStyle = colours.lane;
-      context.fillRect(GUTTER, y, this.plotWidth, h - WAIT_TRACK);
+      context.fillRect(GUTTER, y, this.plotWidth, h - this.waitTrack);
     });
     context.save();
     context.beginPath();
     context.rect(GUTTER, LANES_Y - 4, this.plotWidth, this.height);
     context.clip();
     for (const placed of this.lanes) {
-      this.drawWaits(placed);
+      if (this.waitTrack) this.drawWaits(placed);
       placed.lane.rows.forEach((row, k) => this.drawRow(row, placed.y + k * this.rowHeight));
     }
     context.restore();
@@ -370,8 +370,7 @@ class Timeline {
   drawRow(row, y) {
     const { model } = this;
     const height = this.rowHeight;
-    const columns = Math.ceil(this.plotWidth) + 1;
-    const fine = { weight: new Float32Array(columns), cover: new Float32Array(columns), job: new Int32Array(columns), used: false };
+    const fine = this.emptyColumns(Math.ceil(this.plotWidth) + 1);
     const failures = [];
     for (let k = firstAbove(row.stops, this.from); k < row.jobs.length; ++k) {
       const i = row.jobs[k];
@@ -411,6 +410,17 @@ class Timeline {
     let length = Math.floor(text.length * (room / context.measureText(text).width));
     while (length > 2 && context.measureText(`${text.slice(0, length)}…`).width > room) --length;
     return length > 2 ? `${text.slice(0, length)}…` : '';
+  }
+
+  emptyColumns(columns) {
+    if (this.fine?.cover.length !== columns) {
+      this.fine = { weight: new Float32Array(columns), cover: new Float32Array(columns), job: new Int32Array(columns) };
+    } else if (this.fine.used) {
+      this.fine.weight.fill(0);
+      this.fine.cover.fill(0);
+    }
+    this.fine.used = false;
+    return this.fine;
   }
 
   addFine(fine, i, x, width) {
