@@ -17,8 +17,12 @@ const ranFor = (job) => job.ended_us - job.started_us;
 const counted = (number) => number.toLocaleString('en-GB');
 
 let browser;
-before(async () => { browser = await Browser.start(); });
-after(async () => { await browser.close(); });
+before(async () => {
+  browser = await Browser.start();
+});
+after(async () => {
+  await browser.close();
+});
 
 // Writes the page of a record, which may be text, and opens it at the size of a usual screen.
 async function openPage(name, record, { scheme = 'light', width = 1440 } = {}) {
@@ -32,12 +36,18 @@ async function openPage(name, record, { scheme = 'light', width = 1440 } = {}) {
 // A page says nothing on the console and asks for nothing but itself.
 function assertQuiet() {
   assert.deepStrictEqual(browser.complaints, []);
-  assert.deepStrictEqual(browser.requests.filter((url) => !url.startsWith('file:') && !url.startsWith('data:,')), []);
+  assert.deepStrictEqual(
+    browser.requests.filter((url) => !url.startsWith('file:') && !url.startsWith('data:,')),
+    [],
+  );
   assert.strictEqual(browser.requests.filter((url) => url.startsWith('file:')).length, 1);
 }
 
 const textOf = (selector) => browser.evaluate(`document.querySelector(${JSON.stringify(selector)}).innerText`);
-const figure = (name) => browser.evaluate(`[...document.querySelectorAll('#figures dt')].find((dt) => dt.innerText === ${JSON.stringify(name)}).nextSibling.innerText`);
+const figure = (name) =>
+  browser.evaluate(
+    `[...document.querySelectorAll('#figures dt')].find((dt) => dt.innerText === ${JSON.stringify(name)}).nextSibling.innerText`,
+  );
 const viewOf = () => browser.evaluate('[buildReport.timeline.from, buildReport.timeline.to]');
 const focused = () => browser.evaluate('document.activeElement.id');
 const selected = () => browser.evaluate('buildReport.timeline.selected');
@@ -71,7 +81,9 @@ async function assertCounts(record) {
   assert.strictEqual(await textOf('h1'), build.command);
   const cards = await browser.evaluate("document.querySelectorAll('#failure-list article').length");
   assert.strictEqual(cards, Math.min(10, failures.length));
-  const tools = await browser.evaluate("[...document.querySelectorAll('#tool-table tbody tr')].map((row) => [row.cells[0].innerText, row.cells[1]?.innerText])");
+  const tools = await browser.evaluate(
+    "[...document.querySelectorAll('#tool-table tbody tr')].map((row) => [row.cells[0].innerText, row.cells[1]?.innerText])",
+  );
   const ofFirst = jobs.filter((job) => path.basename(job.tool) === tools[0][0]);
   assert.strictEqual(tools[0][1], counted(ofFirst.length));
   const slowest = jobs.filter((job) => job.started_us !== null).sort((a, b) => ranFor(b) - ranFor(a))[0];
@@ -100,7 +112,10 @@ test('a bar has the colour of its tool, and a click on it opens its details', as
     const [r, g, b] = buildReport.timeline.context.getImageData(at, place.y + 2, 1, 1).data;
     return '#' + [r, g, b].map((v) => v.toString(16).padStart(2, '0')).join('');
   })()`);
-  assert.strictEqual(pixel, await browser.evaluate("getComputedStyle(document.documentElement).getPropertyValue('--tool-0').trim()"));
+  assert.strictEqual(
+    pixel,
+    await browser.evaluate("getComputedStyle(document.documentElement).getPropertyValue('--tool-0').trim()"),
+  );
   await browser.mouse('mouseMoved', x, y);
   assert.ok((await textOf('#tooltip')).includes(record.jobs[job].command.slice(0, 40)));
   await browser.click(x, y);
@@ -111,7 +126,9 @@ test('a bar has the colour of its tool, and a click on it opens its details', as
 
 test('wheel, keys and buttons zoom and pan within the build', async () => {
   const [from, to] = await viewOf();
-  const box = await browser.evaluate("(() => { const b = document.querySelector('#canvas').getBoundingClientRect(); return [b.x + b.width / 2, b.y + 200]; })()");
+  const box = await browser.evaluate(
+    "(() => { const b = document.querySelector('#canvas').getBoundingClientRect(); return [b.x + b.width / 2, b.y + 200]; })()",
+  );
   await browser.mouse('mouseWheel', ...box, { deltaX: 0, deltaY: -200 });
   await browser.frames();
   const near = await viewOf();
@@ -187,14 +204,21 @@ test('a search counts, steps from match to match, and narrows the list of jobs',
   }
   assert.ok(visited.every((job) => matching.includes(job)));
   assert.ok(visited[0].started_us < visited[1].started_us && visited[1].started_us < visited[2].started_us);
-  assert.strictEqual(await browser.evaluate("document.querySelectorAll('#job-table tbody tr').length"), Math.min(20, matching.length));
+  assert.strictEqual(
+    await browser.evaluate("document.querySelectorAll('#job-table tbody tr').length"),
+    Math.min(20, matching.length),
+  );
   assert.match(await search('nowhere to be found'), /^0 of /);
   assert.match(await textOf('#jobs-hint'), /finds no job/);
 });
 
 test('dark and light follow the system, and the switch goes before it', async () => {
-  const ground = () => browser.evaluate("(() => { const [r] = getComputedStyle(document.body).backgroundColor.match(/\\d+/g); return Number(r) < 128 ? 'dark' : 'light'; })()");
-  const canvasGround = () => browser.evaluate('buildReport.timeline.context.getImageData(2, 150, 1, 1).data[0] < 128 ? "dark" : "light"');
+  const ground = () =>
+    browser.evaluate(
+      "(() => { const [r] = getComputedStyle(document.body).backgroundColor.match(/\\d+/g); return Number(r) < 128 ? 'dark' : 'light'; })()",
+    );
+  const canvasGround = () =>
+    browser.evaluate('buildReport.timeline.context.getImageData(2, 150, 1, 1).data[0] < 128 ? "dark" : "light"');
   await openPage('plain', makeRecord(700, 8, 'plain'), { scheme: 'dark' });
   assert.deepStrictEqual([await ground(), await canvasGround()], ['dark', 'dark']);
   await browser.screenshot(inWork('dark.png'));
@@ -220,7 +244,10 @@ test('a build that has not ended, and one without jobs, are shown as such', asyn
   await openPage('ended', ended);
   assert.match(await textOf('#about'), /Not ended/);
   assert.match(await textOf('#figures'), /until the last job known/);
-  assert.match(await textOf('#legend'), new RegExp(`${ended.jobs.filter((job) => job.started_us === null).length} jobs never ran`));
+  assert.match(
+    await textOf('#legend'),
+    new RegExp(`${ended.jobs.filter((job) => job.started_us === null).length} jobs never ran`),
+  );
   const page = await textOf('body');
   assert.ok(!/NaN|undefined|null|Infinity/.test(page), page);
   assertQuiet();
@@ -234,7 +261,15 @@ test('text of a record stays text', async () => {
   const nasty = `</script><script>window.wasRun = 1</script><img src=x onerror="window.wasRun = 2"><!--\u2028\u0000"'`;
   const record = makeRecord(20, 2, 'plain');
   record.build.command = record.build.folder = record.build.host = nasty;
-  for (const job of record.jobs) Object.assign(job, { command: nasty, folder: nasty, name: nasty, outcome: 'failed', output_head: nasty, tool: nasty });
+  for (const job of record.jobs)
+    Object.assign(job, {
+      command: nasty,
+      folder: nasty,
+      name: nasty,
+      outcome: 'failed',
+      output_head: nasty,
+      tool: nasty,
+    });
   await openPage('nasty', record);
   assert.strictEqual(await browser.evaluate("document.querySelector('h1').textContent"), nasty);
   await browser.evaluate('buildReport.page.open(0)');
@@ -245,7 +280,11 @@ test('text of a record stays text', async () => {
 });
 
 test('a damaged record is said to be one', async () => {
-  for (const [record, said] of [['{"kestrun_build_record": 1, "jobs": [', /damaged/], ['{}', /not a build record/], ['', /damaged/]]) {
+  for (const [record, said] of [
+    ['{"kestrun_build_record": 1, "jobs": [', /damaged/],
+    ['{}', /not a build record/],
+    ['', /damaged/],
+  ]) {
     await openPage('damaged', record);
     assert.match(await textOf('#trouble'), said);
     assertQuiet();
@@ -287,8 +326,10 @@ test('100 000 jobs can be opened, searched and panned', async (context) => {
     timeline.setView(model.end * 0.4, model.end * 0.42);
     return { readMs, shownMs, search: page.searchTime, whole, half, near: await measure(() => timeline.pan(0.05)) };
   })()`);
-  context.diagnostic(`100 000 jobs, milliseconds: opened ${opened.toFixed(0)}, of which the record read ${times.readMs.toFixed(0)}, shown ${times.shownMs.toFixed(0)}; ` +
-    `search ${times.search.toFixed(0)}; drawing the whole ${times.whole.toFixed(1)}, panning a half ${times.half.toFixed(1)}, panning a fiftieth ${times.near.toFixed(1)}`);
+  context.diagnostic(
+    `100 000 jobs, milliseconds: opened ${opened.toFixed(0)}, of which the record read ${times.readMs.toFixed(0)}, shown ${times.shownMs.toFixed(0)}; ` +
+      `search ${times.search.toFixed(0)}; drawing the whole ${times.whole.toFixed(1)}, panning a half ${times.half.toFixed(1)}, panning a fiftieth ${times.near.toFixed(1)}`,
+  );
   assertQuiet();
   await browser.screenshot(inWork('large.png'));
 });

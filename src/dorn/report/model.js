@@ -37,7 +37,10 @@ function toolName(job) {
 
 // The words of a command line, quoted ones without their quotes.
 function wordsOf(command) {
-  return Array.from(command.slice(0, LONGEST_COMMAND_OF_A_LABEL).matchAll(/"((?:[^"\\]|\\.)*)"|\S+/g), ([word, quoted]) => quoted ?? word);
+  return Array.from(
+    command.slice(0, LONGEST_COMMAND_OF_A_LABEL).matchAll(/"((?:[^"\\]|\\.)*)"|\S+/g),
+    ([word, quoted]) => quoted ?? word,
+  );
 }
 
 // What tells one job from the next at a glance: its name, or its tool and the file that it works on.
@@ -87,7 +90,11 @@ function levelOf(begins, ends) {
     time.push(at);
     value.push(b - e);
   }
-  return { time: Float64Array.from(time), value: Int32Array.from(value), most: value.reduce((a, b) => Math.max(a, b), 0) };
+  return {
+    time: Float64Array.from(time),
+    value: Int32Array.from(value),
+    most: value.reduce((a, b) => Math.max(a, b), 0),
+  };
 }
 
 // Calls visit(from, to, value) for each step of a level between two times.
@@ -104,7 +111,9 @@ function forEachStep(level, from, to, visit) {
 
 function areaOf(level, from, to) {
   let area = 0;
-  forEachStep(level, from, to, (a, b, value) => { area += (b - a) * value; });
+  forEachStep(level, from, to, (a, b, value) => {
+    area += (b - a) * value;
+  });
   return area;
 }
 
@@ -158,7 +167,9 @@ function readKinds(model) {
   });
   model.tools = [...tools.values()];
   model.toolsByTime = [...model.tools].sort((a, b) => b.time - a.time || b.jobs - a.jobs || (a.name < b.name ? -1 : 1));
-  model.toolsByTime.forEach((tool, rank) => { tool.rank = rank; });
+  model.toolsByTime.forEach((tool, rank) => {
+    tool.rank = rank;
+  });
 }
 
 function newTool(name, index) {
@@ -247,8 +258,12 @@ function layRows(model, jobs) {
 
 function findLevels(model) {
   const busy = model.lanes.flatMap((lane) =>
-    (lane.isSlotless ? lane.jobs.map((i) => [model.start[i], model.stop[i]]) : lane.busy));
-  model.busy = levelOf(Float64Array.from(busy, (b) => b[0]), Float64Array.from(busy, (b) => b[1]));
+    lane.isSlotless ? lane.jobs.map((i) => [model.start[i], model.stop[i]]) : lane.busy,
+  );
+  model.busy = levelOf(
+    Float64Array.from(busy, (b) => b[0]),
+    Float64Array.from(busy, (b) => b[1]),
+  );
   const until = Float64Array.from(model.start, (start, i) => (Number.isNaN(start) ? model.stop[i] : start));
   model.waiting = levelOf(Float64Array.from(model.queued), until);
 }
@@ -341,8 +356,10 @@ function buildModel(record) {
   const build = record.build && typeof record.build === 'object' ? record.build : {};
   const jobs = (Array.isArray(record.jobs) ? record.jobs : []).filter((job) => job && typeof job === 'object');
   const model = { version: record.kestrun_build_record, build, jobs, count: jobs.length };
-  model.slots = isKnown(build.slots) && build.slots > 0 ? build.slots
-    : jobs.reduce((most, job) => Math.max(most, Number.isInteger(job.slot) ? job.slot + 1 : 0), 0);
+  model.slots =
+    isKnown(build.slots) && build.slots > 0
+      ? build.slots
+      : jobs.reduce((most, job) => Math.max(most, Number.isInteger(job.slot) ? job.slot + 1 : 0), 0);
   readTimes(model);
   readKinds(model);
   model.order = orderInTime(model);
@@ -362,25 +379,36 @@ function conditionOf(model, key, text) {
   const duration = /^([\d.]+)(us|ms|s|m|min|h)?$/.exec(text);
   const limit = duration ? Number(duration[1]) * DURATION_UNITS[duration[2] ?? 's'] : NaN;
   switch (key) {
-    case 'tool': return (i) => model.tools[model.tool[i]].name.toLowerCase() === text;
-    case 'outcome': return (i) => OUTCOMES[model.outcome[i]] === text;
-    case 'slot': return (i) => String(jobs[i].slot + 1) === text && jobs[i].slot !== null;
-    case 'over': return (i) => runOf(model, i) > limit;
-    case 'waited': return (i) => waitOf(model, i) > limit;
-    default: return (i) => searchTexts(model)[i].includes(text);
+    case 'tool':
+      return (i) => model.tools[model.tool[i]].name.toLowerCase() === text;
+    case 'outcome':
+      return (i) => OUTCOMES[model.outcome[i]] === text;
+    case 'slot':
+      return (i) => String(jobs[i].slot + 1) === text && jobs[i].slot !== null;
+    case 'over':
+      return (i) => runOf(model, i) > limit;
+    case 'waited':
+      return (i) => waitOf(model, i) > limit;
+    default:
+      return (i) => searchTexts(model)[i].includes(text);
   }
 }
 
 function searchTexts(model) {
-  model.texts = model.texts ?? model.jobs.map((job) =>
-    `${textOf(job.name)}\n${textOf(job.tool)}\n${textOf(job.command)}\n${textOf(job.folder)}\n#${job.number}`.toLowerCase());
+  model.texts =
+    model.texts ??
+    model.jobs.map((job) =>
+      `${textOf(job.name)}\n${textOf(job.tool)}\n${textOf(job.command)}\n${textOf(job.folder)}\n#${job.number}`.toLowerCase(),
+    );
   return model.texts;
 }
 
 // Which jobs a search finds, 1 for each; null for a search without words. All words must hold.
 function searchJobs(model, query) {
   const conditions = [];
-  for (const [, key, quoted, plain] of query.toLowerCase().matchAll(/(?:(tool|outcome|slot|over|waited):)?(?:"([^"]*)"|(\S+))/g)) {
+  for (const [, key, quoted, plain] of query
+    .toLowerCase()
+    .matchAll(/(?:(tool|outcome|slot|over|waited):)?(?:"([^"]*)"|(\S+))/g)) {
     conditions.push(conditionOf(model, key, quoted ?? plain));
   }
   if (!conditions.length) return null;

@@ -97,8 +97,24 @@ class Timeline {
     const style = getComputedStyle(document.documentElement);
     const read = (name) => style.getPropertyValue(`--${name}`).trim();
     this.colours = {};
-    for (const name of ['ink', 'ink-2', 'ink-3', 'line', 'line-2', 'surface', 'lane', 'accent', 'busy', 'busy-2', 'waiting', 'dim',
-      'empty', 'failure', 'select']) this.colours[name] = read(name);
+    for (const name of [
+      'ink',
+      'ink-2',
+      'ink-3',
+      'line',
+      'line-2',
+      'surface',
+      'lane',
+      'accent',
+      'busy',
+      'busy-2',
+      'waiting',
+      'dim',
+      'empty',
+      'failure',
+      'select',
+    ])
+      this.colours[name] = read(name);
     this.palettes = {
       tool: Array.from({ length: COLOURS_OF_TOOLS + 1 }, (_, k) => read(`tool-${k}`)),
       outcome: OUTCOMES.map((name) => read(`outcome-${name}`)),
@@ -303,7 +319,11 @@ class Timeline {
   drawLevel(band, level, most, name, colour) {
     const { context, colours } = this;
     this.label(name, band.y + 7);
-    this.label(band === BUSY ? `of ${formatCount(most)}` : level.most ? `≤ ${formatCount(most)}` : 'none', band.y + 21, true);
+    this.label(
+      band === BUSY ? `of ${formatCount(most)}` : level.most ? `≤ ${formatCount(most)}` : 'none',
+      band.y + 21,
+      true,
+    );
     if (band === BUSY) this.shadeStretches(band);
     context.fillStyle = colours[colour];
     this.fillColumns(averages(level, this.from, this.to, Math.floor(this.plotWidth)), most, band.y, band.h);
@@ -329,7 +349,8 @@ class Timeline {
     const isLabelled = this.rowHeight > 8;
     this.lanes.forEach((placed, number) => {
       const { lane, y, h } = placed;
-      if (isLabelled || number % Math.ceil(16 / this.rowHeight) === 0) this.label(isLabelled && number === 0 ? `Slot ${lane.label}` : lane.label, y + h / 2);
+      if (isLabelled || number % Math.ceil(16 / this.rowHeight) === 0)
+        this.label(isLabelled && number === 0 ? `Slot ${lane.label}` : lane.label, y + h / 2);
       context.fillStyle = colours.lane;
       context.fillRect(GUTTER, y, this.plotWidth, h - this.waitTrack);
     });
@@ -350,7 +371,9 @@ class Timeline {
     context.fillStyle = colours.waiting;
     let left = -1;
     let right = -1;
-    const flush = () => { if (right > left) context.fillRect(left, y + h - 2, right - left, 2); };
+    const flush = () => {
+      if (right > left) context.fillRect(left, y + h - 2, right - left, 2);
+    };
     for (const [from, to] of lane.waits) {
       if (to < this.from) continue;
       if (from > this.to) break;
@@ -400,7 +423,11 @@ class Timeline {
     if (height < 14 || room < 28) return;
     context.fillStyle = this.isDimmed(i) ? colours['ink-3'] : colours.surface;
     context.textAlign = 'left';
-    context.fillText(this.shorten(jobLabel(this.model.jobs[i]), room), Math.max(left, GUTTER) + 5, y + height / 2 + 0.5);
+    context.fillText(
+      this.shorten(jobLabel(this.model.jobs[i]), room),
+      Math.max(left, GUTTER) + 5,
+      y + height / 2 + 0.5,
+    );
   }
 
   // The text, or its beginning, that fits; "" where too little of it would.
@@ -495,9 +522,11 @@ class Timeline {
 
   findPlaces() {
     const places = new Map();
-    this.lanes.forEach((placed, lane) => placed.lane.rows.forEach((row, k) => {
-      for (const i of row.jobs) places.set(i, { lane, y: placed.y + k * this.rowHeight });
-    }));
+    this.lanes.forEach((placed, lane) =>
+      placed.lane.rows.forEach((row, k) => {
+        for (const i of row.jobs) places.set(i, { lane, y: placed.y + k * this.rowHeight });
+      }),
+    );
     return places;
   }
 
@@ -535,7 +564,8 @@ class Timeline {
     let least = Infinity;
     for (let k = firstAbove(row.stops, from); k < row.jobs.length && model.start[row.jobs[k]] <= to; ++k) {
       const i = row.jobs[k];
-      const distance = Math.max(0, this.xOf(model.start[i]) - x, x - this.xOf(model.stop[i])) + (this.isDimmed(i) ? 2 : 0);
+      const distance =
+        Math.max(0, this.xOf(model.start[i]) - x, x - this.xOf(model.stop[i])) + (this.isDimmed(i) ? 2 : 0);
       if (distance >= least) continue;
       least = distance;
       best = i;
@@ -582,7 +612,13 @@ class Timeline {
     canvas.addEventListener('pointerleave', () => this.hideHints());
     canvas.addEventListener('dblclick', (event) => this.onDoubleClick(event));
     canvas.addEventListener('keydown', (event) => this.onKey(event));
-    window.addEventListener('scroll', () => { this.lastScroll = performance.now(); }, { passive: true });
+    window.addEventListener(
+      'scroll',
+      () => {
+        this.lastScroll = performance.now();
+      },
+      { passive: true },
+    );
   }
 
   onWheel(event) {
