@@ -18,7 +18,7 @@ function(write_array name text)
 endfunction()
 
 set(script "")
-foreach(file model.js format.js timeline.js page.js)
+foreach(file model.js format.js timeline.js elements.js theme.js head.js sections.js details.js page.js)
   read_text(text ${file})
   string(APPEND script "${text}\n")
 endforeach()

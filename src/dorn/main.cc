@@ -29,7 +29,7 @@ void PrintWhere() {
 
 int WriteReport(const Options& options) {
   std::string error;
-  if (WriteReportFile(options.recordFile, options.pageFile, error)) return 0;
+  if (SaveReportPageOf(options.recordToDraw, options.pageToWrite, error)) return 0;
   PrintError(error);
   return kExitFailure;
 }

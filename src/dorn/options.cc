@@ -58,9 +58,9 @@ class Parser {
   }
 
   std::string TakeReportFrom() {
-    options_.recordFile = Next();
-    options_.pageFile = Next();
-    if (options_.pageFile.empty() || at_ != words_.size())
+    options_.recordToDraw = Next();
+    options_.pageToWrite = Next();
+    if (options_.pageToWrite.empty() || at_ != words_.size())
       return "--report-from wants a build record and a page to write";
     return Choose(Options::Action::kReportFrom);
   }

@@ -24,8 +24,8 @@ struct Options {
   std::string id;                    // empty: one that no other build uses
   u32 jobs = 0;                      // -j; 0: as the settings say
   bool isAlone = false;              // --alone
-  std::string recordFile;            // --report-from
-  std::string pageFile;              // its second value
+  std::string recordToDraw;          // --report-from
+  std::string pageToWrite;           // its second value
   std::vector<std::string> command;  // the build command and its arguments, as they are
 };
 

@@ -101,15 +101,17 @@ std::string WriteReportPage(std::string_view record) {
   return page;
 }
 
-bool WriteReportFile(const Path& recordFile, const Path& pageFile, std::string& error) {
+bool SaveReportPage(std::string_view record, const Path& pageFile, std::string& error) {
+  if (WriteFileWhole(pageFile, WriteReportPage(record))) return true;
+  error = WithReason("cannot write", pageFile);
+  return false;
+}
+
+bool SaveReportPageOf(const Path& recordFile, const Path& pageFile, std::string& error) {
   std::string record;
-  error.clear();
-  if (!ReadFileWhole(recordFile, record)) {
-    error = WithReason("cannot read", recordFile);
-  } else if (!WriteFileWhole(pageFile, WriteReportPage(record))) {
-    error = WithReason("cannot write", pageFile);
-  }
-  return error.empty();
+  if (ReadFileWhole(recordFile, record)) return SaveReportPage(record, pageFile, error);
+  error = WithReason("cannot read", recordFile);
+  return false;
 }
 
 }  // namespace kestrun::dorn

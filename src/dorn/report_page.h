@@ -16,9 +16,12 @@ namespace kestrun::dorn {
 // U+FFFD. A record that is no JSON gives a page that says so.
 std::string WriteReportPage(std::string_view record);
 
-// Reads a record from a file and writes its page to another, which is replaced if it is there. False, with the reason
-// in `error`, if one of them can't be read or written; the page may be incomplete then.
-bool WriteReportFile(const Path& recordFile, const Path& pageFile, std::string& error);
+// Writes the page of a record to a file, which is replaced if it is there. False, with the reason in `error`, if it
+// can't be written; the page may be incomplete then.
+bool SaveReportPage(std::string_view record, const Path& pageFile, std::string& error);
+
+// The same for a record that is in a file.
+bool SaveReportPageOf(const Path& recordFile, const Path& pageFile, std::string& error);
 
 }  // namespace kestrun::dorn
 

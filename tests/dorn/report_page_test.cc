@@ -84,7 +84,7 @@ TEST(ReportPage, IsWrittenFromAFileToAFile) {
   std::string error;
   const Path record(folder.Write("record.json", "{\"x\": \"<\"}"));
   const Path page(folder.Write("page.html", std::string(1 << 20, 'x')));
-  ASSERT_TRUE(WriteReportFile(record, page, error)) << error;
+  ASSERT_TRUE(SaveReportPageOf(record, page, error)) << error;
   EXPECT_EQ(RecordIn(folder.Read("page.html")), "{\"x\": \"\\u003c\"}");
 }
 
@@ -93,10 +93,10 @@ TEST(ReportPage, NamesTheFileThatCanNotBeReadOrWritten) {
   const Path record(folder.Write("record.json", "{}"));
   const Path nowhere(folder.Write("none", "") + "/x");
   std::string error;
-  EXPECT_FALSE(WriteReportFile(nowhere, record, error));
+  EXPECT_FALSE(SaveReportPageOf(nowhere, record, error));
   EXPECT_NE(error.find(nowhere.ToString()), std::string::npos) << error;
   EXPECT_EQ(folder.Read("record.json"), "{}");
-  EXPECT_FALSE(WriteReportFile(record, nowhere, error));
+  EXPECT_FALSE(SaveReportPageOf(record, nowhere, error));
   EXPECT_NE(error.find("write " + nowhere.ToString()), std::string::npos) << error;
 }
 

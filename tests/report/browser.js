@@ -12,9 +12,22 @@ class Browser {
   static async start() {
     const browser = new Browser();
     browser.profile = fs.mkdtempSync(path.join(os.tmpdir(), 'kestrun-report-'));
-    const flags = ['--headless=new', '--no-sandbox', '--disable-gpu', '--hide-scrollbars', '--no-first-run', '--disable-extensions',
-      '--disable-background-networking', '--disable-dev-shm-usage', '--remote-debugging-pipe', `--user-data-dir=${browser.profile}`, 'about:blank'];
-    browser.child = spawn(process.env.CHROMIUM ?? 'chromium', flags, { stdio: ['ignore', 'ignore', 'ignore', 'pipe', 'pipe'] });
+    const flags = [
+      '--headless=new',
+      '--no-sandbox',
+      '--disable-gpu',
+      '--hide-scrollbars',
+      '--no-first-run',
+      '--disable-extensions',
+      '--disable-background-networking',
+      '--disable-dev-shm-usage',
+      '--remote-debugging-pipe',
+      `--user-data-dir=${browser.profile}`,
+      'about:blank',
+    ];
+    browser.child = spawn(process.env.CHROMIUM ?? 'chromium', flags, {
+      stdio: ['ignore', 'ignore', 'ignore', 'pipe', 'pipe'],
+    });
     browser.ended = new Promise((resolve) => browser.child.once('exit', resolve));
     browser.ended.then(() => browser.failAll(new Error('the browser has ended')));
     browser.child.once('error', (error) => browser.failAll(error));
@@ -60,9 +73,12 @@ class Browser {
       return;
     }
     const { method, params } = message;
-    if (method === 'Runtime.exceptionThrown') this.complaints.push(params.exceptionDetails.exception?.description ?? params.exceptionDetails.text);
-    if (method === 'Runtime.consoleAPICalled' && ['error', 'warning'].includes(params.type)) this.complaints.push(params.args.map((a) => a.value ?? a.description).join(' '));
-    if (method === 'Log.entryAdded' && ['error', 'warning'].includes(params.entry.level)) this.complaints.push(params.entry.text);
+    if (method === 'Runtime.exceptionThrown')
+      this.complaints.push(params.exceptionDetails.exception?.description ?? params.exceptionDetails.text);
+    if (method === 'Runtime.consoleAPICalled' && ['error', 'warning'].includes(params.type))
+      this.complaints.push(params.args.map((a) => a.value ?? a.description).join(' '));
+    if (method === 'Log.entryAdded' && ['error', 'warning'].includes(params.entry.level))
+      this.complaints.push(params.entry.text);
     if (method === 'Network.requestWillBeSent') this.requests.push(params.request.url);
     this.events.get(method)?.(params);
   }
@@ -109,14 +125,21 @@ class Browser {
 
   // The value of an expression in the page; a promise's value if it is one.
   async evaluate(expression) {
-    const { result, exceptionDetails } = await this.send('Runtime.evaluate', { expression, awaitPromise: true, returnByValue: true, userGesture: true });
+    const { result, exceptionDetails } = await this.send('Runtime.evaluate', {
+      expression,
+      awaitPromise: true,
+      returnByValue: true,
+      userGesture: true,
+    });
     if (exceptionDetails) throw new Error(exceptionDetails.exception?.description ?? exceptionDetails.text);
     return result.value;
   }
 
   // After two frames all that was asked to be drawn has been.
   frames() {
-    return this.evaluate('new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve())))');
+    return this.evaluate(
+      'new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve())))',
+    );
   }
 
   async press(key, modifiers = 0) {
@@ -143,7 +166,11 @@ class Browser {
   }
 
   async screenshot(file, isWholePage = false) {
-    const { data } = await this.send('Page.captureScreenshot', { format: 'png', captureBeyondViewport: isWholePage, ...(isWholePage ? { clip: await this.pageClip() } : {}) });
+    const { data } = await this.send('Page.captureScreenshot', {
+      format: 'png',
+      captureBeyondViewport: isWholePage,
+      ...(isWholePage ? { clip: await this.pageClip() } : {}),
+    });
     fs.writeFileSync(file, Buffer.from(data, 'base64'));
   }
 

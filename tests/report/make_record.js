@@ -13,13 +13,26 @@ function randomNumbers(seed) {
   };
 }
 
-const random = randomNumbers(20261123);
+let random;
 const between = (low, high) => low + random() * (high - low);
 // Most are short, some are very long.
 const longTailed = (typical) => typical * Math.exp(between(-1, 1) + (random() < 0.03 ? between(1, 2.2) : 0));
 
 const FOLDERS = ['core', 'parser', 'net', 'render', 'store', 'util', 'format', 'session'];
-const WORDS = ['buffer', 'token', 'queue', 'frame', 'layout', 'index', 'cache', 'stream', 'table', 'writer', 'lexer', 'socket'];
+const WORDS = [
+  'buffer',
+  'token',
+  'queue',
+  'frame',
+  'layout',
+  'index',
+  'cache',
+  'stream',
+  'table',
+  'writer',
+  'lexer',
+  'socket',
+];
 
 function compileTask(k) {
   const folder = FOLDERS[k % FOLDERS.length];
@@ -49,10 +62,21 @@ function phasesOf(count) {
     const size = Math.min(Math.max(Math.ceil(count / 6), 4), left - 2);
     const phase = [];
     for (let k = 0; k < size - 1; ++k) {
-      phase.push(random() < 0.08 ? otherTask('python3', `tools/generate.py --table ${number} --out out/gen_${number}.h`, 180e3, 40) : compileTask(number));
+      phase.push(
+        random() < 0.08
+          ? otherTask('python3', `tools/generate.py --table ${number} --out out/gen_${number}.h`, 180e3, 40)
+          : compileTask(number),
+      );
       ++number;
     }
-    phases.push(phase, [otherTask('ar', `rcs out/lib${FOLDERS[group % FOLDERS.length]}.a out/${FOLDERS[group % FOLDERS.length]}/*.o`, 120e3, 20)]);
+    phases.push(phase, [
+      otherTask(
+        'ar',
+        `rcs out/lib${FOLDERS[group % FOLDERS.length]}.a out/${FOLDERS[group % FOLDERS.length]}/*.o`,
+        120e3,
+        20,
+      ),
+    ]);
     left -= size;
   }
   if (left > 1) phases.push([otherTask('ld', '-o out/program out/*.a -lm', 3.5e6, 700)]);
@@ -61,10 +85,18 @@ function phasesOf(count) {
   return phases;
 }
 
-function outcomeOf(job, task) {
+function outcomeOf(task) {
   const draw = random();
-  if (draw < 0.002 && task.tool !== 'ld') {
-    return { outcome: 'failed', exit_code: 1, output_head: `src/${job.number}.cc: In function 'int main()':\nsrc/${job.number}.cc:42:7: error: 'frobnicate' was not declared in this scope\n   42 |   int x = frobnicate();\n      |           ^~~~~~~~~~\n` };
+  const source = / -c (\S+)/.exec(task.command)?.[1];
+  if (draw < 0.002 && source) {
+    const line = Math.floor(between(10, 300));
+    return {
+      outcome: 'failed',
+      exit_code: 1,
+      output_head:
+        `${source}: In function 'int open_table(const char*)':\n${source}:${line}:17: error: 'lenght' was not declared in this scope; ` +
+        `did you mean 'length'?\n  ${line} |   if (size < lenght) return -1;\n      |              ^~~~~~\n      |              length\n`,
+    };
   }
   if (draw < 0.0025) return { outcome: 'signalled', exit_code: null, signal: 11 };
   if (draw < 0.0028) return { outcome: 'overdue', exit_code: null, signal: 9 };
@@ -74,12 +106,23 @@ function outcomeOf(job, task) {
 
 function makeJob(number, task, times) {
   const job = {
-    number, parent: 0, project: '', name: '', client_pid: 4000 + number * 2, tool: task.tool, command: task.command,
-    folder: '/home/robin/example', ...times, outcome: 'ok', exit_code: 0, signal: 0,
+    number,
+    parent: 0,
+    project: '',
+    name: '',
+    client_pid: 4000 + number * 2,
+    tool: task.tool,
+    command: task.command,
+    folder: '/home/robin/example',
+    ...times,
+    outcome: 'ok',
+    exit_code: 0,
+    signal: 0,
     cpu_us: Math.round((times.ended_us - times.started_us) * between(0.82, 0.99)),
-    peak_memory_bytes: Math.round(task.memory), output_bytes: 0,
+    peak_memory_bytes: Math.round(task.memory),
+    output_bytes: 0,
   };
-  Object.assign(job, outcomeOf(job, task));
+  Object.assign(job, outcomeOf(task));
   if (job.output_head) job.output_bytes = job.output_head.length;
   return job;
 }
@@ -96,7 +139,12 @@ function runPhases(phases, slots) {
       const start = Math.max(queued + 90, free[slot] + between(30, 400));
       free[slot] = start + task.time;
       end = Math.max(end, free[slot]);
-      const times = { queued_us: Math.round(queued), started_us: Math.round(start), ended_us: Math.round(free[slot]), slot };
+      const times = {
+        queued_us: Math.round(queued),
+        started_us: Math.round(start),
+        ended_us: Math.round(free[slot]),
+        slot,
+      };
       jobs.push(makeJob(jobs.length + 1, task, times));
     });
     now = end + between(2e3, 30e3);
@@ -109,7 +157,15 @@ function breakOff(jobs, at) {
   for (const job of jobs) {
     if (job.ended_us <= at) continue;
     const isWaiting = job.started_us > at;
-    Object.assign(job, { ended_us: null, outcome: isWaiting ? 'waiting' : 'running', exit_code: null, signal: null, cpu_us: null, peak_memory_bytes: null, output_bytes: null });
+    Object.assign(job, {
+      ended_us: null,
+      outcome: isWaiting ? 'waiting' : 'running',
+      exit_code: null,
+      signal: null,
+      cpu_us: null,
+      peak_memory_bytes: null,
+      output_bytes: null,
+    });
     delete job.output_head;
     if (isWaiting) Object.assign(job, { started_us: null, slot: null });
   }
@@ -117,16 +173,28 @@ function breakOff(jobs, at) {
 }
 
 function makeRecord(count, slots, kind) {
+  random = randomNumbers(20261123);
   const build = {
-    started_unix_us: 1795467228000000, duration_us: 0, command: `make -j${slots * 2} all check`, folder: '/home/robin/example',
-    exit_code: 0, slots, host: 'builder', kestrun_version: '1.0.0.0', jobs_dropped: 0,
+    started_unix_us: 1795467228000000,
+    duration_us: 0,
+    command: `make -j${slots * 2} all check`,
+    folder: '/home/robin/example',
+    exit_code: 0,
+    slots,
+    host: 'builder',
+    kestrun_version: '1.0.0.0',
+    jobs_dropped: 0,
   };
   if (kind === 'empty') return { kestrun_build_record: 1, build: { ...build, duration_us: 34000 }, jobs: [] };
   const { jobs, end } = runPhases(phasesOf(count), slots);
   build.duration_us = end;
   build.exit_code = jobs.some((job) => ['failed', 'signalled', 'overdue'].includes(job.outcome)) ? 2 : 0;
   if (kind !== 'ended') return { kestrun_build_record: 1, build, jobs };
-  return { kestrun_build_record: 1, build: { ...build, duration_us: null, exit_code: null }, jobs: breakOff(jobs, end * 0.5) };
+  return {
+    kestrun_build_record: 1,
+    build: { ...build, duration_us: null, exit_code: null },
+    jobs: breakOff(jobs, end * 0.5),
+  };
 }
 
 module.exports = { makeRecord };

@@ -19,10 +19,12 @@ function formatTime(us) {
   return `${Math.floor(seconds / 3600)} h ${pad2(Math.floor((seconds % 3600) / 60))} min`;
 }
 
-// A moment of the build for an axis whose marks are `step` apart.
-function formatMark(us, step) {
+// A moment of the build for an axis whose marks are `step` apart, and that goes up to `end`.
+function formatMark(us, step, end) {
   if (us === 0) return '0';
-  if (step >= 6e7) return us >= 3.6e9 ? `${Math.floor(us / 3.6e9)}:${pad2(Math.floor((us % 3.6e9) / 6e7))} h` : `${us / 6e7} min`;
+  if (end < 1e6) return `${(us / 1000).toFixed(limit(Math.ceil(3 - Math.log10(step)), 0, 3))} ms`;
+  if (step >= 6e7)
+    return us >= 3.6e9 ? `${Math.floor(us / 3.6e9)}:${pad2(Math.floor((us % 3.6e9) / 6e7))} h` : `${us / 6e7} min`;
   const digits = step >= 1e6 ? 0 : Math.min(6, Math.ceil(6 - Math.log10(step)));
   const seconds = us / 1e6;
   if (seconds < 60) return `${seconds.toFixed(digits)} s`;
@@ -69,13 +71,21 @@ function formatClock(unixUs) {
 function describeOutcome(job, outcome) {
   const code = isKnown(job.exit_code) ? job.exit_code : null;
   switch (outcome) {
-    case 'ok': return 'succeeded';
-    case 'failed': return code === null ? 'failed' : `failed, exit ${code}`;
-    case 'signalled': return isKnown(job.signal) && job.signal > 0 ? `ended by signal ${job.signal}` : 'ended by a signal';
-    case 'overdue': return 'ended, out of time';
-    case 'cancelled': return 'cancelled';
-    case 'running': return 'still running';
-    case 'waiting': return 'still waiting';
-    default: return 'outcome not known';
+    case 'ok':
+      return 'succeeded';
+    case 'failed':
+      return code === null ? 'failed' : `failed, exit ${code}`;
+    case 'signalled':
+      return isKnown(job.signal) && job.signal > 0 ? `ended by signal ${job.signal}` : 'ended by a signal';
+    case 'overdue':
+      return 'ended, out of time';
+    case 'cancelled':
+      return 'cancelled';
+    case 'running':
+      return 'still running';
+    case 'waiting':
+      return 'still waiting';
+    default:
+      return 'outcome not known';
   }
 }

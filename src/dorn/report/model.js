@@ -15,7 +15,13 @@ const MOST_ROWS_OF_A_LANE = 12;
 // Above this number only the slots that ran something get a lane.
 const MOST_EMPTY_LANES = 64;
 
+const LONGEST_COMMAND_OF_A_LABEL = 4000;
+
 const isKnown = Number.isFinite;
+
+function limit(value, low, high) {
+  return Math.min(Math.max(value, low), high);
+}
 
 function textOf(value) {
   return typeof value === 'string' ? value : '';
@@ -29,14 +35,23 @@ function toolName(job) {
   return baseName(textOf(job.tool)) || baseName(textOf(job.command).split(' ', 1)[0]) || '(unknown)';
 }
 
+// The words of a command line, quoted ones without their quotes.
+function wordsOf(command) {
+  return Array.from(
+    command.slice(0, LONGEST_COMMAND_OF_A_LABEL).matchAll(/"((?:[^"\\]|\\.)*)"|\S+/g),
+    ([word, quoted]) => quoted ?? word,
+  );
+}
+
 // What tells one job from the next at a glance: its name, or its tool and the file that it works on.
 function jobLabel(job) {
   if (textOf(job.name)) return job.name;
-  const words = textOf(job.command).split(/\s+/).slice(1);
+  const words = wordsOf(textOf(job.command)).slice(1);
   const isSource = (word) => /^[^-].*\.(c|cc|cpp|cxx|m|mm|s|S|rs|go|java|f90|cu|ts|y|l)$/.test(word);
   const output = words.indexOf('-o') >= 0 ? words[words.indexOf('-o') + 1] : undefined;
   const subject = words.find(isSource) || output || words.find((word) => /^[^-]/.test(word)) || '';
-  return subject ? `${toolName(job)} ${baseName(subject)}` : toolName(job);
+  if (!subject) return toolName(job);
+  return `${toolName(job)} ${/\s/.test(subject) ? subject : baseName(subject)}`;
 }
 
 // Index of the first element that is greater than the value, in an array that does not descend.
@@ -75,7 +90,11 @@ function levelOf(begins, ends) {
     time.push(at);
     value.push(b - e);
   }
-  return { time: Float64Array.from(time), value: Int32Array.from(value), most: value.reduce((a, b) => Math.max(a, b), 0) };
+  return {
+    time: Float64Array.from(time),
+    value: Int32Array.from(value),
+    most: value.reduce((a, b) => Math.max(a, b), 0),
+  };
 }
 
 // Calls visit(from, to, value) for each step of a level between two times.
@@ -92,7 +111,9 @@ function forEachStep(level, from, to, visit) {
 
 function areaOf(level, from, to) {
   let area = 0;
-  forEachStep(level, from, to, (a, b, value) => { area += (b - a) * value; });
+  forEachStep(level, from, to, (a, b, value) => {
+    area += (b - a) * value;
+  });
   return area;
 }
 
@@ -146,7 +167,9 @@ function readKinds(model) {
   });
   model.tools = [...tools.values()];
   model.toolsByTime = [...model.tools].sort((a, b) => b.time - a.time || b.jobs - a.jobs || (a.name < b.name ? -1 : 1));
-  model.toolsByTime.forEach((tool, rank) => { tool.rank = rank; });
+  model.toolsByTime.forEach((tool, rank) => {
+    tool.rank = rank;
+  });
 }
 
 function newTool(name, index) {
@@ -235,8 +258,12 @@ function layRows(model, jobs) {
 
 function findLevels(model) {
   const busy = model.lanes.flatMap((lane) =>
-    (lane.isSlotless ? lane.jobs.map((i) => [model.start[i], model.stop[i]]) : lane.busy));
-  model.busy = levelOf(Float64Array.from(busy, (b) => b[0]), Float64Array.from(busy, (b) => b[1]));
+    lane.isSlotless ? lane.jobs.map((i) => [model.start[i], model.stop[i]]) : lane.busy,
+  );
+  model.busy = levelOf(
+    Float64Array.from(busy, (b) => b[0]),
+    Float64Array.from(busy, (b) => b[1]),
+  );
   const until = Float64Array.from(model.start, (start, i) => (Number.isNaN(start) ? model.stop[i] : start));
   model.waiting = levelOf(Float64Array.from(model.queued), until);
 }
@@ -296,11 +323,13 @@ function findWhatRan(model, stretch) {
 function sumTotals(model) {
   const { jobs, count, start } = model;
   const length = model.end - model.begin;
+  const numbers = new Set(jobs.map((job) => job.number));
   const totals = { ran: 0, failed: 0, time: 0, cpu: null, cpuKnown: 0, memory: null, memoryJob: -1 };
   for (let i = 0; i < count; ++i) {
     const job = jobs[i];
     if (isFailure(model, i)) ++totals.failed;
-    if (isKnown(job.cpu_us)) totals.cpu = (totals.cpu ?? 0) + job.cpu_us;
+    // A job's processor time holds that of the jobs below it.
+    if (isKnown(job.cpu_us) && !numbers.has(job.parent)) totals.cpu = (totals.cpu ?? 0) + job.cpu_us;
     if (isKnown(job.cpu_us)) ++totals.cpuKnown;
     if (isKnown(job.peak_memory_bytes) && job.peak_memory_bytes > (totals.memory ?? -1)) {
       totals.memory = job.peak_memory_bytes;
@@ -315,6 +344,7 @@ function sumTotals(model) {
   totals.mostWait = count ? waits[count - 1] : null;
   totals.busyTime = areaOf(model.busy, model.begin, model.end);
   totals.busyShare = model.slots && length > 0 ? Math.min(1, totals.busyTime / (model.slots * length)) : null;
+  model.hasJobsBelowOthers = jobs.some((job) => numbers.has(job.parent));
   model.totals = totals;
 }
 
@@ -326,8 +356,10 @@ function buildModel(record) {
   const build = record.build && typeof record.build === 'object' ? record.build : {};
   const jobs = (Array.isArray(record.jobs) ? record.jobs : []).filter((job) => job && typeof job === 'object');
   const model = { version: record.kestrun_build_record, build, jobs, count: jobs.length };
-  model.slots = isKnown(build.slots) && build.slots > 0 ? build.slots
-    : jobs.reduce((most, job) => Math.max(most, Number.isInteger(job.slot) ? job.slot + 1 : 0), 0);
+  model.slots =
+    isKnown(build.slots) && build.slots > 0
+      ? build.slots
+      : jobs.reduce((most, job) => Math.max(most, Number.isInteger(job.slot) ? job.slot + 1 : 0), 0);
   readTimes(model);
   readKinds(model);
   model.order = orderInTime(model);
@@ -347,25 +379,36 @@ function conditionOf(model, key, text) {
   const duration = /^([\d.]+)(us|ms|s|m|min|h)?$/.exec(text);
   const limit = duration ? Number(duration[1]) * DURATION_UNITS[duration[2] ?? 's'] : NaN;
   switch (key) {
-    case 'tool': return (i) => model.tools[model.tool[i]].name.toLowerCase() === text;
-    case 'outcome': return (i) => OUTCOMES[model.outcome[i]] === text;
-    case 'slot': return (i) => String(jobs[i].slot + 1) === text && jobs[i].slot !== null;
-    case 'over': return (i) => runOf(model, i) > limit;
-    case 'waited': return (i) => waitOf(model, i) > limit;
-    default: return (i) => searchTexts(model)[i].includes(text);
+    case 'tool':
+      return (i) => model.tools[model.tool[i]].name.toLowerCase() === text;
+    case 'outcome':
+      return (i) => OUTCOMES[model.outcome[i]] === text;
+    case 'slot':
+      return (i) => String(jobs[i].slot + 1) === text && jobs[i].slot !== null;
+    case 'over':
+      return (i) => runOf(model, i) > limit;
+    case 'waited':
+      return (i) => waitOf(model, i) > limit;
+    default:
+      return (i) => searchTexts(model)[i].includes(text);
   }
 }
 
 function searchTexts(model) {
-  model.texts = model.texts ?? model.jobs.map((job) =>
-    `${textOf(job.name)}\n${textOf(job.tool)}\n${textOf(job.command)}\n${textOf(job.folder)}\n#${job.number}`.toLowerCase());
+  model.texts =
+    model.texts ??
+    model.jobs.map((job) =>
+      `${textOf(job.name)}\n${textOf(job.tool)}\n${textOf(job.command)}\n${textOf(job.folder)}\n#${job.number}`.toLowerCase(),
+    );
   return model.texts;
 }
 
 // Which jobs a search finds, 1 for each; null for a search without words. All words must hold.
 function searchJobs(model, query) {
   const conditions = [];
-  for (const [, key, quoted, plain] of query.toLowerCase().matchAll(/(?:(tool|outcome|slot|over|waited):)?(?:"([^"]*)"|(\S+))/g)) {
+  for (const [, key, quoted, plain] of query
+    .toLowerCase()
+    .matchAll(/(?:(tool|outcome|slot|over|waited):)?(?:"([^"]*)"|(\S+))/g)) {
     conditions.push(conditionOf(model, key, quoted ?? plain));
   }
   if (!conditions.length) return null;

@@ -7,7 +7,6 @@ const AXIS = { y: 30, h: 20 };
 const BUSY = { y: 54, h: 52 };
 const WAITING = { y: 112, h: 34 };
 const LANES_Y = 158;
-const WAIT_TRACK = 3;
 const LEAST_SPAN_US = 20;
 const ZOOM_STEP = 1.5;
 const COLOURS_OF_TOOLS = 8;
@@ -16,10 +15,6 @@ const SCROLL_PAUSE_MS = 250;
 const WAIT_STEPS_US = [1e4, 1e5, 1e6, 1e7];
 const WAIT_NAMES = ['below 10 ms', 'below 100 ms', 'below 1 s', 'below 10 s', '10 s and more'];
 
-function limit(value, low, high) {
-  return Math.min(Math.max(value, low), high);
-}
-
 function niceStep(least) {
   const steps = [];
   for (let unit = 1; unit < 1e8; unit *= 10) steps.push(unit, 2 * unit, 5 * unit);
@@ -27,10 +22,17 @@ function niceStep(least) {
   return [...steps.filter((step) => step <= 1e7), ...long].find((step) => step >= least) ?? least;
 }
 
+const pixelsOfColours = new Map();
+
 // A colour of the style sheet, "#rrggbb", as a pixel of an ImageData seen as 32-bit words.
 function pixelOf(colour, alpha) {
-  const value = parseInt(colour.slice(1), 16);
-  return ((Math.round(alpha * 255) << 24) | ((value & 255) << 16) | (value & 0xff00) | (value >> 16)) >>> 0;
+  let value = pixelsOfColours.get(colour);
+  if (value === undefined) {
+    const rgb = parseInt(colour.slice(1), 16);
+    value = ((rgb & 255) << 16) | (rgb & 0xff00) | (rgb >> 16);
+    pixelsOfColours.set(colour, value);
+  }
+  return ((Math.round(alpha * 255) << 24) | value) >>> 0;
 }
 
 // The average of a level in each pixel column of a span.
@@ -77,11 +79,12 @@ class Timeline {
 
   layOut() {
     const rows = this.model.lanes.reduce((sum, lane) => sum + lane.rows.length, 0);
-    this.rowHeight = limit(Math.floor(400 / Math.max(rows, 1)), 5, 26);
+    this.rowHeight = limit(Math.floor(400 / Math.max(rows, 1)), 2, 26);
+    this.waitTrack = this.rowHeight > 4 ? 3 : 0;
     const gap = this.rowHeight > 8 ? 6 : 1;
     let y = LANES_Y;
     this.lanes = this.model.lanes.map((lane) => {
-      const placed = { lane, y, h: lane.rows.length * this.rowHeight + WAIT_TRACK };
+      const placed = { lane, y, h: lane.rows.length * this.rowHeight + this.waitTrack };
       y += placed.h + gap;
       return placed;
     });
@@ -94,8 +97,24 @@ class Timeline {
     const style = getComputedStyle(document.documentElement);
     const read = (name) => style.getPropertyValue(`--${name}`).trim();
     this.colours = {};
-    for (const name of ['ink', 'ink-2', 'ink-3', 'line', 'line-2', 'surface', 'lane', 'accent', 'busy', 'busy-2', 'waiting', 'dim',
-      'empty', 'failure', 'select']) this.colours[name] = read(name);
+    for (const name of [
+      'ink',
+      'ink-2',
+      'ink-3',
+      'line',
+      'line-2',
+      'surface',
+      'lane',
+      'accent',
+      'busy',
+      'busy-2',
+      'waiting',
+      'dim',
+      'empty',
+      'failure',
+      'select',
+    ])
+      this.colours[name] = read(name);
     this.palettes = {
       tool: Array.from({ length: COLOURS_OF_TOOLS + 1 }, (_, k) => read(`tool-${k}`)),
       outcome: OUTCOMES.map((name) => read(`outcome-${name}`)),
@@ -286,7 +305,7 @@ class Timeline {
       context.stroke();
       context.fillStyle = colours['ink-2'];
       context.textAlign = x < GUTTER + 20 ? 'left' : x > this.width - 24 ? 'right' : 'center';
-      context.fillText(formatMark(at, step), x, AXIS.y + AXIS.h / 2);
+      context.fillText(formatMark(at, step, this.end), x, AXIS.y + AXIS.h / 2);
     }
   }
 
@@ -300,7 +319,11 @@ class Timeline {
   drawLevel(band, level, most, name, colour) {
     const { context, colours } = this;
     this.label(name, band.y + 7);
-    this.label(`of ${formatCount(most)}`, band.y + 21, true);
+    this.label(
+      band === BUSY ? `of ${formatCount(most)}` : level.most ? `≤ ${formatCount(most)}` : 'none',
+      band.y + 21,
+      true,
+    );
     if (band === BUSY) this.shadeStretches(band);
     context.fillStyle = colours[colour];
     this.fillColumns(averages(level, this.from, this.to, Math.floor(this.plotWidth)), most, band.y, band.h);
@@ -326,16 +349,17 @@ class Timeline {
     const isLabelled = this.rowHeight > 8;
     this.lanes.forEach((placed, number) => {
       const { lane, y, h } = placed;
-      if (isLabelled || number % 4 === 0) this.label(isLabelled && number === 0 ? `Slot ${lane.label}` : lane.label, y + h / 2);
+      if (isLabelled || number % Math.ceil(16 / this.rowHeight) === 0)
+        this.label(isLabelled && number === 0 ? `Slot ${lane.label}` : lane.label, y + h / 2);
       context.fillStyle = colours.lane;
-      context.fillRect(GUTTER, y, this.plotWidth, h - WAIT_TRACK);
+      context.fillRect(GUTTER, y, this.plotWidth, h - this.waitTrack);
     });
     context.save();
     context.beginPath();
     context.rect(GUTTER, LANES_Y - 4, this.plotWidth, this.height);
     context.clip();
     for (const placed of this.lanes) {
-      this.drawWaits(placed);
+      if (this.waitTrack) this.drawWaits(placed);
       placed.lane.rows.forEach((row, k) => this.drawRow(row, placed.y + k * this.rowHeight));
     }
     context.restore();
@@ -347,7 +371,9 @@ class Timeline {
     context.fillStyle = colours.waiting;
     let left = -1;
     let right = -1;
-    const flush = () => { if (right > left) context.fillRect(left, y + h - 2, right - left, 2); };
+    const flush = () => {
+      if (right > left) context.fillRect(left, y + h - 2, right - left, 2);
+    };
     for (const [from, to] of lane.waits) {
       if (to < this.from) continue;
       if (from > this.to) break;
@@ -367,8 +393,7 @@ class Timeline {
   drawRow(row, y) {
     const { model } = this;
     const height = this.rowHeight;
-    const columns = Math.ceil(this.plotWidth) + 1;
-    const fine = { weight: new Float32Array(columns), cover: new Float32Array(columns), job: new Int32Array(columns), used: false };
+    const fine = this.emptyColumns(Math.ceil(this.plotWidth) + 1);
     const failures = [];
     for (let k = firstAbove(row.stops, this.from); k < row.jobs.length; ++k) {
       const i = row.jobs[k];
@@ -398,7 +423,11 @@ class Timeline {
     if (height < 14 || room < 28) return;
     context.fillStyle = this.isDimmed(i) ? colours['ink-3'] : colours.surface;
     context.textAlign = 'left';
-    context.fillText(this.shorten(jobLabel(this.model.jobs[i]), room), Math.max(left, GUTTER) + 5, y + height / 2 + 0.5);
+    context.fillText(
+      this.shorten(jobLabel(this.model.jobs[i]), room),
+      Math.max(left, GUTTER) + 5,
+      y + height / 2 + 0.5,
+    );
   }
 
   // The text, or its beginning, that fits; "" where too little of it would.
@@ -408,6 +437,17 @@ class Timeline {
     let length = Math.floor(text.length * (room / context.measureText(text).width));
     while (length > 2 && context.measureText(`${text.slice(0, length)}…`).width > room) --length;
     return length > 2 ? `${text.slice(0, length)}…` : '';
+  }
+
+  emptyColumns(columns) {
+    if (this.fine?.cover.length !== columns) {
+      this.fine = { weight: new Float32Array(columns), cover: new Float32Array(columns), job: new Int32Array(columns) };
+    } else if (this.fine.used) {
+      this.fine.weight.fill(0);
+      this.fine.cover.fill(0);
+    }
+    this.fine.used = false;
+    return this.fine;
   }
 
   addFine(fine, i, x, width) {
@@ -482,9 +522,11 @@ class Timeline {
 
   findPlaces() {
     const places = new Map();
-    this.lanes.forEach((placed, lane) => placed.lane.rows.forEach((row, k) => {
-      for (const i of row.jobs) places.set(i, { lane, y: placed.y + k * this.rowHeight });
-    }));
+    this.lanes.forEach((placed, lane) =>
+      placed.lane.rows.forEach((row, k) => {
+        for (const i of row.jobs) places.set(i, { lane, y: placed.y + k * this.rowHeight });
+      }),
+    );
     return places;
   }
 
@@ -505,8 +547,9 @@ class Timeline {
     context.lineWidth = 2;
     context.strokeStyle = colours.select;
     context.strokeRect(x, place.y - 1, width, this.rowHeight + 2);
-    context.restore();
     context.lineWidth = 1;
+    if (isFailure(model, selected)) this.drawMarks([x], place.y);
+    context.restore();
   }
 
   // The job at a place of the canvas, or the nearest within some pixels; -1 if there is none.
@@ -521,7 +564,8 @@ class Timeline {
     let least = Infinity;
     for (let k = firstAbove(row.stops, from); k < row.jobs.length && model.start[row.jobs[k]] <= to; ++k) {
       const i = row.jobs[k];
-      const distance = Math.max(0, this.xOf(model.start[i]) - x, x - this.xOf(model.stop[i])) + (this.isDimmed(i) ? 2 : 0);
+      const distance =
+        Math.max(0, this.xOf(model.start[i]) - x, x - this.xOf(model.stop[i])) + (this.isDimmed(i) ? 2 : 0);
       if (distance >= least) continue;
       least = distance;
       best = i;
@@ -568,7 +612,13 @@ class Timeline {
     canvas.addEventListener('pointerleave', () => this.hideHints());
     canvas.addEventListener('dblclick', (event) => this.onDoubleClick(event));
     canvas.addEventListener('keydown', (event) => this.onKey(event));
-    window.addEventListener('scroll', () => { this.lastScroll = performance.now(); }, { passive: true });
+    window.addEventListener(
+      'scroll',
+      () => {
+        this.lastScroll = performance.now();
+      },
+      { passive: true },
+    );
   }
 
   onWheel(event) {
