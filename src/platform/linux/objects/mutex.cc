@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "platform/api/sync_api.h"
+#include "platform/linux/objects/observed_lock.h"
 #include "platform/linux/objects/robust_mutex.h"
 #include "platform/linux/objects/stored_waitable.h"
 #include "platform/linux/objects/thread_object.h"
@@ -67,18 +68,9 @@ class Mutex : public StoredWaitable {
   }
 
   int LockUntil(const Deadline& deadline) {
-#ifdef __SANITIZE_THREAD__
-    // ThreadSanitizer does not intercept pthread_mutex_clocklock, and mishandles EOWNERDEAD from timedlock.
-    int result;
-    while ((result = pthread_mutex_trylock(&memory_->mutex)) == EBUSY && !deadline.HasPassed()) {
-      const timespec pause{0, 1'000'000};
-      nanosleep(&pause, nullptr);
-    }
-    return result;
-#else
     const timespec until = deadline.ToTimespec();
-    return pthread_mutex_clocklock(&memory_->mutex, CLOCK_MONOTONIC, &until);
-#endif
+    const ObservedLock observed(memory_->mutex);
+    return observed.Note(pthread_mutex_clocklock(&memory_->mutex, CLOCK_MONOTONIC, &until));
   }
 
   DWORD Taken(int lockResult) {
