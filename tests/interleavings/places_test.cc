@@ -11,59 +11,64 @@ namespace kestrun::interleavings {
 namespace {
 
 constexpr const char* kId = "id";
-constexpr i32 kPlaces = 1;
 constexpr u32 kWaitMs = 600000;
 constexpr u32 kRetryMs = 2000;
 // The keeper looks for dead clients once a second.
 constexpr u64 kSettleMs = 5000;
 
+struct Shape {
+  u32 clients = 2;
+  u32 plain = 0;      // of the clients the last ones, which know no table and take their slots from the semaphore
+  u32 impatient = 0;  // of the clients the first ones, which give up after a millisecond
+  i32 places = 1;
+  // It then has a successor of the same id, and a client that finds it gone asks once more.
+  bool canMasterDie = false;
+};
+
 class Places : public Scenario {
  public:
-  // The last `plain` clients take their slots from the semaphore, as clients do that know no table. A master that may
-  // die has a successor of the same id; a client that finds it gone asks once more.
-  Places(u32 clients, u32 plain, bool canMasterDie = false)
-      : clients_(clients), plain_(plain), canMasterDie_(canMasterDie) {}
+  explicit Places(const Shape& shape) : shape_(shape) {}
 
   void Start(World& world) override {
-    state_.assign(clients_, State::kComing);
-    keeper_ = world.AddProcess("master", canMasterDie_, [] { Serve(); });
+    state_.assign(shape_.clients, State::kComing);
+    keeper_ = world.AddProcess("master", shape_.canMasterDie, [this] { Serve(); });
     world.RunUntilIdle(keeper_);
-    for (u32 i = 0; i < clients_; ++i) {
+    for (u32 i = 0; i < shape_.clients; ++i) {
       // What a client without the table holds is lost with it, as docs/protocol.md says.
-      const bool canDie = i < clients_ - plain_ && !canMasterDie_;
+      const bool canDie = i < shape_.clients - shape_.plain && !shape_.canMasterDie;
       world.AddProcess("client " + std::to_string(i + 1), canDie, [this, i] { Take(i); });
     }
     servers_ = {keeper_};
-    if (canMasterDie_) servers_.insert(world.AddProcess("successor", false, [] { Succeed(); }));
+    if (shape_.canMasterDie) servers_.insert(world.AddProcess("successor", false, [this] { Succeed(); }));
     world.SetEnd(servers_, kSettleMs);
   }
   void Check(World& world) override {
     i32 holders = 0;
-    for (u32 i = 0; i < clients_; ++i) {
+    for (u32 i = 0; i < shape_.clients; ++i) {
       const ProcessState process = world.GetState(ProcessOf(i));
       const bool lives = process == ProcessState::kAlive || process == ProcessState::kStopped;
       if (lives && state_[i] == State::kHolding) ++holders;
     }
-    if (holders > kPlaces) world.Fail("more clients are admitted than there are places");
+    if (holders > shape_.places) world.Fail("more clients are admitted than there are places");
   }
   void CheckEnd(World& world) override {
-    for (u32 i = 0; i < clients_; ++i) {
+    for (u32 i = 0; i < shape_.clients; ++i) {
       const bool lives = !world.WasKilled(ProcessOf(i));
       if (lives && state_[i] != State::kGone) world.Fail("a living client was not admitted");
     }
-    if (world.Find(GetAccessName(kId))->count != kPlaces) world.Fail("a place was lost");
+    if (world.Find(GetAccessName(kId))->count != shape_.places) world.Fail("a place was lost");
   }
 
  private:
   enum class State { kComing, kHolding, kGone };
 
   int ProcessOf(u32 client) const { return keeper_ + 1 + static_cast<int>(client); }
-  static void Serve() {
-    const PlaceKeeper keeper(kId, kPlaces);
+  void Serve() {
+    const PlaceKeeper keeper(kId, static_cast<u32>(shape_.places));
     World::Get().SetIdle(true);
     Sleep(INFINITE);
   }
-  static void Succeed() {
+  void Succeed() {
     {
       Mutex keeper(GetKeeperName(kId).c_str());
       World::Get().SetIdle(true);
@@ -81,8 +86,14 @@ class Places : public Scenario {
   }
   bool TryTake(u32 index) {
     ClientSlot slot;
-    if (!slot.Open(kId, index < clients_ - plain_)) return false;
-    if (slot.Wait(kWaitMs) != ClientSlot::Outcome::kAdmitted) return false;
+    if (!slot.Open(kId, index < shape_.clients - shape_.plain)) return false;
+    const bool isImpatient = index < shape_.impatient;
+    const ClientSlot::Outcome outcome = slot.Wait(isImpatient ? 1 : kWaitMs);
+    if (isImpatient && outcome == ClientSlot::Outcome::kTimeOver) {
+      state_[index] = State::kGone;
+      return true;
+    }
+    if (outcome != ClientSlot::Outcome::kAdmitted) return false;
     state_[index] = State::kHolding;
     // A step of the tool, so that others can come in between.
     SwitchProcess();
@@ -94,46 +105,54 @@ class Places : public Scenario {
     SetEvent(event.Get());
   }
 
-  const u32 clients_;
-  const u32 plain_;
-  const bool canMasterDie_;
+  const Shape shape_;
   int keeper_ = 0;
   std::set<int> servers_;
   std::vector<State> state_;
 };
 
 TEST(PlaceInterleavings, OfOneClientThatMayBeKilled) {
-  Places scenario(1, 0);
+  Places scenario({.clients = 1});
   ExpectSound(scenario, {.kills = 1});
 }
 
 TEST(PlaceInterleavings, OfTwoClientsOneOfWhichMayBeKilled) {
-  Places scenario(2, 0);
+  Places scenario({.clients = 2});
   ExpectSound(scenario, {.kills = 1});
 }
 
 TEST(PlaceInterleavings, OfTwoClientsOneOfWhichMayBeStopped) {
-  Places scenario(2, 0);
+  Places scenario({.clients = 2});
   ExpectSound(scenario, {.stops = 1});
 }
 
 TEST(PlaceInterleavings, OfThreeClientsTwoOfWhichMayBeKilled) {
-  Places scenario(3, 0);
+  Places scenario({.clients = 3});
   ExpectSound(scenario, {.kills = 2});
 }
 
 TEST(PlaceInterleavings, OfTwoClientsWhoseMasterMayBeKilled) {
-  Places scenario(2, 0, true);
+  Places scenario({.clients = 2, .canMasterDie = true});
   ExpectSound(scenario, {.kills = 1});
 }
 
 TEST(PlaceInterleavings, OfAClientBesideOneWithoutTheTable) {
-  Places scenario(2, 1);
+  Places scenario({.clients = 2, .plain = 1});
   ExpectSound(scenario, {.kills = 1});
 }
 
+TEST(PlaceInterleavings, OfTwoClientsOneOfWhichGivesUp) {
+  Places scenario({.clients = 2, .impatient = 1});
+  ExpectSound(scenario, {.early = 1});
+}
+
+TEST(PlaceInterleavings, OfFourClientsForTwoPlacesAtRandom) {
+  Places scenario({.clients = 4, .impatient = 2, .places = 2});
+  ExpectSoundAtRandom(scenario, {.kills = 1, .early = 2});
+}
+
 TEST(PlaceInterleavings, OfThreeClientsAtRandom) {
-  Places scenario(3, 1);
+  Places scenario({.clients = 3, .plain = 1});
   ExpectSoundAtRandom(scenario, {.kills = 2, .stops = 1, .early = 1});
 }
 
