@@ -39,7 +39,7 @@ PlaceKeeper::PlaceKeeper(const std::string& id, u32 places, JobSlots* slots)
   try {
     if (slots_ == nullptr) access_ = std::make_unique<Semaphore>(static_cast<i32>(places), GetAccessName(id).c_str());
     OpenTable();
-    AdoptGranted();
+    AdoptGranted(places);
     thread_ = new Thread("Place keeper");
     if (!thread_->Start(MakeDelegate(&PlaceKeeper::Serve, this))) throw SyncException("no thread to keep the places");
   } catch (const SystemException&) {
@@ -66,21 +66,21 @@ void PlaceKeeper::OpenTable() {
 }
 
 // The clients keep the earlier master's semaphore open as well, so that access_ is the one from which their counts were
-// taken.
-void PlaceKeeper::AdoptGranted() {
+// taken. A master that is killed may have taken a count that it has not granted yet, or released one whose entry still
+// stands; so the count is not taken over but set anew. What clients without the table hold is not in it.
+void PlaceKeeper::AdoptGranted(u32 places) {
   for (u32 i = 0; i < PlaceTable::kSlots; ++i) {
     const u64 word = table_->slots[i];
     const PlaceState state = GetPlaceState(word);
     if (state != PlaceState::kGranted && state != PlaceState::kReturned) continue;
-    if (slots_ != nullptr) {
-      // The tools of those clients run on beside the limit.
-      table_->slots[i] = 0;
-    } else if (Enter(i, word)) {
-      records_[i].isGranted = true;
-    } else {
-      access_->Release();
-    }
+    // The tools of those clients run on beside the limit.
+    if (slots_ != nullptr) table_->slots[i] = 0;
+    if (slots_ == nullptr && Enter(i, word)) records_[i].isGranted = true;
   }
+  if (slots_ != nullptr) return;
+  while (access_->Wait(0)) {
+  }
+  for (u32 taken = clients_; taken < places; ++taken) access_->Release();
 }
 
 void PlaceKeeper::Serve() {

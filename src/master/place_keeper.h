@@ -52,7 +52,7 @@ class PlaceKeeper {
   };
 
   void OpenTable();
-  void AdoptGranted();
+  void AdoptGranted(u32 places);
   void Serve();
   void ReadTable();
   void ReclaimDead();

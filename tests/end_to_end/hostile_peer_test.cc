@@ -1,7 +1,9 @@
 // A master and peers that keep to no protocol. Each harms itself alone: beside it, other clients are served.
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <functional>
+#include <random>
 #include <vector>
 
 #include "build_fixture.h"
@@ -37,6 +39,16 @@ class HostilePeer : public Build {
     rc_ptr<Message> request = new Message(MSG_BUILD_REQUEST, kStubService, kMasterService);
     request->AddString(SEG_TOOL, tool_).AddString(SEG_ARGUMENTS, arguments).AddString(SEG_WORKING_DIR, ".");
     return request;
+  }
+  rc_ptr<IpcSocket> ConnectInTheEnd(class Scribbler& scribbler);
+  // The first may still find what was written, and runs its tool itself or fails; it says so.
+  void ExpectThatAClientIsServedInTheEnd() {
+    const RunResult result = Tool({"print", "served", ",", "exit", "4"});
+    if (result.exitCode == 4) {
+      EXPECT_EQ(result.output, "served\n");
+    } else {
+      EXPECT_NE(result.errors, "") << "exit code " << result.exitCode;
+    }
   }
   // A client that was served by the master, and has not had to run its tool itself.
   void ExpectAHealthyClient(const char* beside) {
@@ -234,6 +246,92 @@ TEST_F(HostilePeer, ThatKeepsTheLockOfTheListeningNameHoldsUpNoConnection) {
     }
   }
   ExpectAHealthyClient("one that has given the lock back");
+  EXPECT_EQ(StopMaster(), 0);
+}
+
+// Writes random words over the shared memory that a client of the master can reach: the headers of its own rings and of
+// those of the listening name, their data, and the table of places.
+class Scribbler {
+ public:
+  Scribbler(const std::string& id, u32 seed) : id_(id), random_(seed) {
+    Map("zelvo_client_ipc_" + id);
+    Map("zelvo_client_places_" + id);
+  }
+  void Map(const std::string& name) {
+    try {
+      regions_.push_back(std::make_unique<MappedFile>(name, 0, false));
+      views_.push_back(regions_.back()->CreateView(0, MappedFile::kWholeSize, true));
+    } catch (const MappedFileException& e) {
+      ADD_FAILURE() << name << ": " << e.what();
+    }
+  }
+  void WriteSome(int count) {
+    for (int i = 0; i < count; ++i) {
+      const auto& view = views_[Random() % views_.size()];
+      const u32 words = view->GetSize() / 4;
+      // Every other one goes where it hurts: into the header of a ring.
+      const u32 inHeader = Random() % 2 * (0x10000 / 4) + Random() % 4;
+      const u32 at = Random() % 2 == 0 && words > 0x10000 / 4 ? inHeader : Random() % words;
+      std::atomic_ref<u32>(static_cast<u32*>(view->GetData())[at]).store(Value(), std::memory_order_relaxed);
+    }
+  }
+  // As after any change of the table, and a request that may not be there.
+  void WakeMaster() {
+    Condition(("zelvo_client_places_" + id_ + ".call").c_str()).Signal();
+    Condition(("zelvo_client_ipc_" + id_ + ".c2s.ne").c_str()).Signal();
+  }
+  u32 Random() { return static_cast<u32>(random_()); }
+
+ private:
+  // Small numbers, numbers near the bounds, and any.
+  u32 Value() {
+    const u32 value = Random();
+    const u32 edges[] = {0, 1, 0xFFEF, 0xFFF0, 0xFFF1, 0x10000, 0x7FFFFFFF, 0xFFFFFFFF};
+    if (value % 3 == 0) return edges[value / 3 % 8];
+    return value % 3 == 1 ? value % 0x10000 : value;
+  }
+
+  const std::string id_;
+  std::mt19937 random_;
+  std::vector<std::unique_ptr<MappedFile>> regions_;
+  std::vector<rc_ptr<MappedFile::ViewImpl>> views_;
+};
+
+// The listening region is repaired whenever the master wakes, and a reply that is lost costs its own connector alone.
+rc_ptr<IpcSocket> HostilePeer::ConnectInTheEnd(Scribbler& scribbler) {
+  const u32 start = GetTickCount();
+  while (GetTickCount() - start < 60000 && !Master().EndsWithin(0)) {
+    rc_ptr<IpcSocket> socket = new IpcSocket;
+    if (socket->Connect("zelvo_client_ipc_" + id_, 500)) return socket;
+    scribbler.WakeMaster();
+    SwitchToThread();
+  }
+  return nullptr;
+}
+
+// While it goes on others may fail, but with an end and with words; after it they are served as ever.
+TEST_F(HostilePeer, ThatScribblesOverAllSharedMemoryNeitherStopsNorHangsTheMaster) {
+  const u32 seed = ReadNumber("KESTRUN_SCRIBBLE_SEED", 20240131);
+  SCOPED_TRACE("KESTRUN_SCRIBBLE_SEED=" + std::to_string(seed));
+  WriteSettings("[Extensions]\nReclaimPlaces=bool:true\nEagerScheduling=bool:true\n");
+  StartMaster();
+  Scribbler scribbler(id_, seed);
+  const unsigned rounds = Scaled(ReadNumber("KESTRUN_SCRIBBLE_ROUNDS", 100));
+  for (unsigned round = 0; round < rounds; ++round) {
+    const rc_ptr<IpcSocket> socket = ConnectInTheEnd(scribbler);
+    ASSERT_TRUE(socket) << "round " << round;
+    Scribbler own(id_, scribbler.Random());
+    own.Map(socket->GetName());
+    const rc_ptr<IpcChannel> channel = new IpcChannel(socket);
+    channel->Send(Request("exit 5"));
+    own.WriteSome(50);
+    socket->SignalReader();
+    scribbler.WriteSome(20);
+    scribbler.WakeMaster();
+    ASSERT_FALSE(Master().EndsWithin(0)) << "round " << round;
+  }
+  ExpectThatAClientIsServedInTheEnd();
+  ExpectAHealthyClient("one that has scribbled");
   EXPECT_EQ(StopMaster(), 0);
 }
 

@@ -114,6 +114,17 @@ TEST_F(Places, GoOnUnderTheNextMasterOfTheId) {
   ExpectFree(kPlaces);
 }
 
+// A master that is killed between taking a place and granting it has neither granted nor released it.
+TEST_F(Places, TakenByAMasterThatDiedAreNotLost) {
+  Child holder = StartAdmitted();
+  ASSERT_TRUE(access_.Wait(0));
+  keeper_ = nullptr;
+  keeper_ = std::make_unique<PlaceKeeper>(id_, kPlaces);
+  ExpectFree(kPlaces - 1);
+  End(holder);
+  ExpectFree(kPlaces);
+}
+
 TEST_F(Places, AreNotWaitedForBehindAMasterThatHasGone) {
   const Child holders[] = {StartAdmitted(), StartAdmitted(), StartAdmitted()};
   Child waits = StartClient();

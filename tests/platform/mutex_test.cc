@@ -55,6 +55,37 @@ TEST(Mutex, AnOwnerThatClosedOneHandleAndDiesStillAbandonsTheOther) {
   EXPECT_EQ(WaitForSingleObject(newer, 30000), WAIT_ABANDONED);
 }
 
+// A waiter that sleeps takes the lock by another call than one that finds it free. ThreadSanitizer has to see both.
+TEST(Mutex, TakenWithALimitExcludesOtherThreads) {
+  ScopedHandle mutex = CreateMutexA(nullptr, FALSE, nullptr);
+  long sum = 0;
+  const auto add = [&] {
+    for (int i = 0; i < 200; ++i) {
+      ASSERT_EQ(WaitForSingleObject(mutex, 60000), WAIT_OBJECT_0);
+      ++sum;
+      SwitchToThread();
+      EXPECT_TRUE(ReleaseMutex(mutex));
+    }
+  };
+  std::thread other(add);
+  add();
+  other.join();
+  EXPECT_EQ(sum, 400);
+}
+
+TEST(Mutex, IsNotTakenByAWaiterWhoseLimitHasPassed) {
+  ScopedHandle mutex = CreateMutexA(nullptr, TRUE, nullptr);
+  DWORD result = WAIT_FAILED;
+  std::thread([&] { result = WaitForSingleObject(mutex, 20); }).join();
+  EXPECT_EQ(result, WAIT_TIMEOUT);
+  EXPECT_TRUE(ReleaseMutex(mutex));
+  std::thread([&] {
+    result = WaitForSingleObject(mutex, 20);
+    ReleaseMutex(mutex);
+  }).join();
+  EXPECT_EQ(result, WAIT_OBJECT_0);
+}
+
 TEST(CriticalSection, IsRecursiveAndExcludesOtherThreads) {
   CRITICAL_SECTION section;
   InitializeCriticalSection(&section);

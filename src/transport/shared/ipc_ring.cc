@@ -93,12 +93,15 @@ bool IpcRing::TakeLock(u32 timeoutMs) {
   return true;
 }
 
-// In short slices, since only the loop sees an Interrupt. A lock that has timed out already is not waited for again.
+// In short slices, since only the loop sees an Interrupt. A lock that has timed out already is not waited for again,
+// except for one slice where more than the usual timeout is given: its holder may have gone, and the one that holds it
+// now may be honest.
 bool IpcRing::WaitForLock(u32 timeoutMs) {
   const u32 start = GetTickCount();
   if (HasLockTimedOut() && timeoutMs <= kLockTimeoutMs) return false;
-  while (!isInterrupted_ && !(hasLockTimeout_ && (GetTickCount() - start >= timeoutMs || IsUnusable()))) {
+  while (!isInterrupted_) {
     if (lock_.Lock(kLockSliceMs)) return true;
+    if (hasLockTimeout_ && (GetTickCount() - start >= timeoutMs || IsUnusable())) break;
   }
   u32 notTimedOut = 0;
   if (hasLockTimeout_) lockTimedOutSince_.compare_exchange_strong(notTimedOut, std::max(start, 1u));

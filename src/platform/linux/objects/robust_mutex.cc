@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <ctime>
 
+#include "platform/linux/objects/observed_lock.h"
+
 namespace kestrun::platform {
 
 void InitialiseRobustMutex(pthread_mutex_t& mutex) {
@@ -16,19 +18,9 @@ void InitialiseRobustMutex(pthread_mutex_t& mutex) {
 
 int LockRobustUntil(pthread_mutex_t& mutex, const Deadline& deadline) {
   if (deadline.IsNever()) return pthread_mutex_lock(&mutex);
-#ifdef __SANITIZE_THREAD__
-  // ThreadSanitizer does not intercept pthread_mutex_clocklock, and mishandles EOWNERDEAD from timedlock.
-  int result;
-  while ((result = pthread_mutex_trylock(&mutex)) == EBUSY) {
-    if (deadline.HasPassed()) return ETIMEDOUT;
-    const timespec pause{0, 1'000'000};
-    nanosleep(&pause, nullptr);
-  }
-  return result;
-#else
   const timespec until = deadline.ToTimespec();
-  return pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &until);
-#endif
+  const ObservedLock observed(mutex);
+  return observed.Note(pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &until));
 }
 
 pid_t OwnerThread(const pthread_mutex_t& mutex) {
