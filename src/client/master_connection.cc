@@ -168,6 +168,11 @@ bool MasterConnection::Send(const rc_ptr<Message>& message) {
   return false;
 }
 
+rc_ptr<Message> MasterConnection::ReceiveBuffered() {
+  const rc_ptr<IpcChannel> channel = GetChannel();
+  return channel ? channel->ReceiveBuffered() : nullptr;
+}
+
 rc_ptr<Message> MasterConnection::Receive(int timeoutMs) {
   const rc_ptr<IpcChannel> channel = GetChannel();
   if (!channel) return nullptr;

@@ -64,6 +64,8 @@ class MasterConnection {
   // The next message; a timeout of -1 waits without limit. Empty if the time is over, or if there is no working
   // channel.
   rc_ptr<Message> Receive(int timeoutMs);
+  // A message that has come with an earlier one; empty if there is none. Does not wait.
+  rc_ptr<Message> ReceiveBuffered();
 
   // Closes the channel, which ends a Receive that is under way.
   void Stop();

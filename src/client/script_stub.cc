@@ -1,5 +1,7 @@
 #include "client/script_stub.h"
 
+#include <map>
+
 #include "app/console.h"
 #include "client/job_script.h"
 #include "client/script_file.h"
@@ -16,6 +18,10 @@ constexpr int kFailure = 1;
 constexpr u32 kSendThreadEndMs = 10000;
 constexpr int kPollMs = 100;
 constexpr int kWithoutLimit = -1;
+// Short jobs end thousands of times a second. To wake up for each would take as much processor time as the master takes
+// to handle it, so while many results are missing those of so many milliseconds are taken at once.
+constexpr u32 kGatherMs = 2;
+constexpr std::size_t kManyResults = 64;
 
 }  // namespace
 
@@ -32,6 +38,7 @@ int ScriptStub::Run() {
   }
   if (!WaitForAccess() || !HasSendableDirectory() || !PrepareJobs()) return kFailure;
   if (jobs_.empty()) return 0;
+  missingResults_ = jobs_.size();
   if (!connection_.Connect()) {
     PrintError("Could not initiate build request to master");
     return kFailure;
@@ -58,9 +65,12 @@ bool ScriptStub::PrepareJobs() {
     return false;
   }
   if (options_.expandEnvironment) text = ExpandScriptVariables(text);
+  std::map<std::string, Path> tools;  // most lines of a script name the same few
   for (ScriptJob& job : ParseJobScript(text)) {
     ReplaceMarker(job.arguments, options_.marker);
-    const Path tool = FindTool(job.tool);
+    const auto [entry, isNew] = tools.try_emplace(job.tool);
+    Path& tool = entry->second;
+    if (isNew) tool = FindTool(job.tool);
     if (tool.IsEmpty()) return false;
     rc_ptr<Message> request = connection_.BuildRequest(tool, job.arguments, project_);
     request->AddString(SEG_ECHO_TEXT, job.echoText);
@@ -125,7 +135,7 @@ void ScriptStub::FatalError(const std::string& text) {
 int ScriptStub::ReceiveResults() {
   int timeoutMs = kPollMs;
   for (;;) {
-    const rc_ptr<Message> message = connection_.Receive(timeoutMs);
+    const rc_ptr<Message> message = ReceiveNext(timeoutMs);
     if (!message && timeoutMs == kWithoutLimit) {
       if (!connection_.IsStopped()) PrintError("Comms Error waiting for response from master");
       return StubFailureCode;
@@ -151,14 +161,25 @@ int ScriptStub::ReceiveResults() {
   }
 }
 
+rc_ptr<Message> ScriptStub::ReceiveNext(int timeoutMs) {
+  if (mayGather_ && missingResults_ > kManyResults) {
+    if (rc_ptr<Message> message = connection_.ReceiveBuffered()) return message;
+    Sleep(kGatherMs);
+  }
+  return connection_.Receive(timeoutMs);
+}
+
 bool ScriptStub::HandleScriptResult(const rc_ptr<Message>& message) {
   const MessageReader reader(message);
   const std::string_view stdoutText = reader.GetText(SEG_STDOUT);
   const std::string_view stderrText = reader.GetText(SEG_STDERR);
   i32 code = 0;
   u32 keepGoing = 0;
-  reader.ReadInt(SEG_EXIT_CODE, code);
+  // Output that comes in parts is followed by a result with an exit code.
+  const bool isEnd = reader.ReadInt(SEG_EXIT_CODE, code);
   reader.ReadUnsigned(SEG_KEEP_GOING, keepGoing);
+  mayGather_ = stdoutText.empty() && stderrText.empty();
+  if (isEnd && missingResults_ > 0) --missingResults_;
   if (code == StubFailureCode) PrintError(stderrText);
   if (!stdoutText.empty()) WriteStandardOutput(stdoutText);
   if (!stderrText.empty()) WriteStandardError(stderrText);

@@ -3,6 +3,7 @@
 #define KESTRUN_CLIENT_SCRIPT_STUB_H_
 
 #include <atomic>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,8 @@ class ScriptStub : public StubBase {
   int SendAndReceive();
   void SendJobs();
   int ReceiveResults();
+  // As MasterConnection::Receive; results that come close together are taken together.
+  rc_ptr<Message> ReceiveNext(int timeoutMs);
   // True ends the receive loop.
   bool HandleScriptResult(const rc_ptr<Message>& message);
   // Tells the sending thread to stop and waits for it; one that doesn't end takes the process with it.
@@ -41,6 +44,8 @@ class ScriptStub : public StubBase {
   MasterConnection connection_;
   std::string project_;                // set when Run begins, with this process's id behind it; only read afterwards
   int resultCode_ = 0;                 // main thread only
+  std::size_t missingResults_ = 0;     // main thread only
+  bool mayGather_ = false;             // main thread only: the latest result was without output
   std::vector<rc_ptr<Message>> jobs_;  // complete before the sending thread starts, only read afterwards
   rc_ptr<Thread> sendThread_;          // guarded by threadLock_
   CriticalSection threadLock_;

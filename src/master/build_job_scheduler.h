@@ -6,6 +6,7 @@
 #include <deque>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "master/build_job.h"
@@ -30,8 +31,8 @@ namespace kestrun {
 //   DiscardOutput       a finished job is counted and not kept: its output and its environment are released even if the
 //                       job is still referred to. A second result for it counts as one for an unknown job.
 //
-// Threads: everything but Stop, SendResult and SendOutput runs on the dispatcher client's thread, one call at a time,
-// and so needs no lock. Those three may come from any thread and touch no record.
+// Threads: everything but Stop, SendResult and SendOutput is called by the master's message handler, one call at a
+// time, and so needs no lock. Those three may come from any thread and touch no record.
 class BuildJobScheduler {
  public:
   // Starts the local job queue. The dispatcher outlives the scheduler.
@@ -40,6 +41,8 @@ class BuildJobScheduler {
   BuildJobScheduler& operator=(const BuildJobScheduler&) = delete;
 
   bool HasThreads() const { return localQueue_.HasThreads(); }
+  // See LocalJobQueue.
+  void SetResultTaker(LocalJobQueue::ResultTaker taker) { localQueue_.SetResultTaker(std::move(taker)); }
 
   void AddJob(const rc_ptr<BuildJob>& job);
   std::size_t CountUnfinishedJobs() const { return pendingJobs_.size() + activeJobs_.size(); }

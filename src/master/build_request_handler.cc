@@ -96,8 +96,8 @@ rc_ptr<BuildJob> BuildRequestHandler::ParseRequest(const rc_ptr<Message>& reques
   reader.ReadString(SEG_ECHO_TEXT, echoText);
   u32 timeoutSeconds = 0;
   reader.ReadUnsigned(SEG_JOB_TIMEOUT, timeoutSeconds);
-  rc_ptr<BuildJob> job = CreateJob(tool, arguments, workingDirectory, FindEnvironment(*request), flags | options_.flags,
-                                   echoText, project);
+  rc_ptr<BuildJob> job =
+      CreateJob(tool, arguments, workingDirectory, FindEnvironment(request), flags | options_.flags, echoText, project);
   job->timeoutSeconds = timeoutSeconds;
   job->clientAddress = request->GetAddress();
   return job;
@@ -120,10 +120,11 @@ rc_ptr<BuildJob> BuildRequestHandler::CreateJob(const std::string& tool, const s
 
 // The jobs of a script all come with the same environment, so it is compared first and parsed only if it differs.
 // Parsing takes longer than receiving a request does, and requests would pile up in memory.
-std::shared_ptr<const Environment> BuildRequestHandler::FindEnvironment(const Message& request) {
-  if (!lastEnvironment_ || !HasEnvironment(request, *lastEnvironment_)) {
-    lastEnvironment_ = std::make_shared<const Environment>(ReadEnvironment(request));
-  }
+std::shared_ptr<const Environment> BuildRequestHandler::FindEnvironment(const rc_ptr<Message>& request) {
+  const bool isKnown =
+      lastEnvironment_ && (ShareEnvironment(*request, *lastRequest_) || HasEnvironment(*request, *lastEnvironment_));
+  if (!isKnown) lastEnvironment_ = std::make_shared<const Environment>(ReadEnvironment(*request));
+  lastRequest_ = request;
   return lastEnvironment_;
 }
 

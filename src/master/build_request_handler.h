@@ -56,7 +56,7 @@ class BuildRequestHandler {
   rc_ptr<BuildJob> CreateJob(const std::string& tool, const std::string& arguments, const Path& workingDirectory,
                              const std::shared_ptr<const Environment>& environment, u32 flags,
                              const std::string& echoText, const std::string& projectName);
-  std::shared_ptr<const Environment> FindEnvironment(const Message& request);
+  std::shared_ptr<const Environment> FindEnvironment(const rc_ptr<Message>& request);
 
   MessageDispatcher* const dispatcher_;
   const Options options_;
@@ -68,6 +68,7 @@ class BuildRequestHandler {
   // Used by the thread that parses, of which there is one at a time.
   u32 nextJobId_ = 0;  // number of the last job
   std::shared_ptr<const Environment> lastEnvironment_;
+  rc_ptr<Message> lastRequest_;  // which has that environment
   std::atomic<bool> stopped_{false};
 };
 

@@ -53,13 +53,15 @@ void AddOverdueLine(MemoryStream& output, u32 seconds) {
   if (output.Append(text.data(), static_cast<u32>(text.size())) == 0) throw StreamException("Out of memory");
 }
 
-// The client's. A job without one runs in the master's environment.
-std::unique_ptr<const Environment> MakeToolEnvironment(const BuildJob& job) {
-  auto environment =
-      std::make_unique<Environment>(job.environment && !job.environment->empty() ? *job.environment : GetEnvironment());
-  const auto makeFlags = environment->find("MAKEFLAGS");
-  if (makeFlags != environment->end()) makeFlags->second = WithoutJobserverPipe(makeFlags->second);
-  return environment;
+// The client's, which the jobs of a script share. A job without one runs in the master's environment.
+std::shared_ptr<const Environment> MakeToolEnvironment(const BuildJob& job) {
+  std::shared_ptr<const Environment> given = job.environment;
+  if (!given || given->empty()) given = std::make_shared<const Environment>(GetEnvironment());
+  const auto makeFlags = given->find("MAKEFLAGS");
+  if (makeFlags == given->end()) return given;
+  auto changed = std::make_shared<Environment>(*given);
+  (*changed)["MAKEFLAGS"] = WithoutJobserverPipe(makeFlags->second);
+  return changed;
 }
 
 }  // namespace
@@ -142,7 +144,7 @@ void LocalJobQueue::RunJob(BuildJob& job, const Address& localAddress) {
     // The output exceeds a segment's limit or the memory: the job fails, and its stub is told why.
     result = ResultMessage(localAddress, job, timer, -1, TextStream(""), TextStream(std::string(e.what()) + "\r\n"));
   }
-  dispatcher_.Post(result, false);
+  Answer(result);
   LogJob(job, "Posting job result back to main thread", {{"local_addr", localAddress.ToString()}});
 }
 
@@ -152,14 +154,18 @@ void LocalJobQueue::SkipJob(BuildJob& job, const Address& localAddress) {
   EventTimer timer("event timer");
   timer.Start();
   timer.Stop();
-  dispatcher_.Post(ResultMessage(localAddress, job, timer, -1, TextStream(""), TextStream("")), false);
+  Answer(ResultMessage(localAddress, job, timer, -1, TextStream(""), TextStream("")));
+}
+
+void LocalJobQueue::Answer(const rc_ptr<Message>& result) {
+  if (!takeResult_ || !takeResult_(result)) dispatcher_.Post(result, false);
 }
 
 LocalJobQueue::ToolEnd LocalJobQueue::RunTool(BuildJob& job, const rc_ptr<Process>& process,
                                               const rc_ptr<JobOutput>& output) {
   HeldJobSlot slot(slots_);
   if (!slot.IsGranted()) return {-1, false};
-  const std::unique_ptr<const Environment> environment = slots_ != nullptr ? MakeToolEnvironment(job) : nullptr;
+  const std::shared_ptr<const Environment> environment = slots_ != nullptr ? MakeToolEnvironment(job) : nullptr;
   if (!process->Start(job.commandLine, slots_ != nullptr ? kToolFlags : kJobFlags, environment.get(), 0))
     return {-1, false};
   slot.SetProcess(process->GetProcessId());

@@ -3,6 +3,9 @@
 #define KESTRUN_MASTER_LOCAL_JOB_QUEUE_H_
 
 #include <atomic>
+#include <functional>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "master/build_job.h"
@@ -19,8 +22,9 @@
 
 namespace kestrun {
 
-// Owned by the scheduler. Each job that was pushed is answered by one MSG_LOCAL_JOB_RESULT, which is posted to the
-// master's own service; nothing else in a job changes but its echo text. Without slots the number of threads is the
+// Owned by the scheduler. Each job that was pushed is answered by one MSG_LOCAL_JOB_RESULT, which is offered to the
+// taker of results on the thread that ran the job, and otherwise posted to the master's own service; nothing else in a
+// job changes but its echo text. Without slots the number of threads is the
 // only limit on how many jobs run at once.
 //
 // Output that is collected, or that clients have not taken, is bounded in all: over the bound a tool's output goes to
@@ -53,6 +57,11 @@ class LocalJobQueue {
   LocalJobQueue(const LocalJobQueue&) = delete;
   LocalJobQueue& operator=(const LocalJobQueue&) = delete;
 
+  // True if the result was handled; else it is posted. It must not wait for the queue's threads, or for a client.
+  using ResultTaker = std::function<bool(const rc_ptr<Message>&)>;
+  // Before the first Push. Handling a result where it arises saves waking a thread for it.
+  void SetResultTaker(ResultTaker taker) { takeResult_ = std::move(taker); }
+
   // False if no thread could be started.
   bool HasThreads() const { return !threads_.empty(); }
 
@@ -76,6 +85,7 @@ class LocalJobQueue {
   void SkipJob(BuildJob& job, const Address& localAddress);
   ToolEnd RunTool(BuildJob& job, const rc_ptr<Process>& process, const rc_ptr<JobOutput>& output);
   u32 WaitLimitMs(const BuildJob& job) const;
+  void Answer(const rc_ptr<Message>& result);
   void CancelOrphans();
 
   MessageDispatcher& dispatcher_;
@@ -84,6 +94,7 @@ class LocalJobQueue {
   const bool keepsOutput_;
   const bool cancelsOrphans_;
   const bool enforcesTimeout_;
+  ResultTaker takeResult_;                // may be empty
   BlockingQueue<rc_ptr<BuildJob>> jobs_;  // an empty pointer ends the thread that takes it
   RunningTools runningTools_;
   std::vector<rc_ptr<Thread>> threads_;  // constant after construction

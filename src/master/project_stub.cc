@@ -108,6 +108,7 @@ ProjectStub::ProjectStub(IniFile& settings, const Options& options)
       scheduler_(ReadMaxJobs(settings), &settings, &dispatcher_, slots_.get()),
       requestHandler_(&settings, options, &dispatcher_, MakeJobListener()) {
   if (isEager_) dispatcher_.SetStartDelay(0);
+  scheduler_.SetResultTaker([this](const rc_ptr<Message>& result) { return TryResultHere(result); });
   OpenPlaces(settings);
   dispatcher_.AddErrorListener(MakeDelegate(&ProjectStub::OnDispatcherError, this));
   dispatcher_.AddReactorErrorListener(MakeDelegate(&ProjectStub::OnReactorError, this));
@@ -233,6 +234,20 @@ void ProjectStub::HandleMessage(rc_ptr<Message> message) {
     default:
       return;
   }
+}
+
+// Results wait for nothing: their order among other messages does not matter, and the handler neither stops the queue
+// nor waits for a client that does not read. With thousands of jobs a second, waking the message thread for each of
+// them takes more time than handling it.
+bool ProjectStub::TryResultHere(const rc_ptr<Message>& message) {
+  const TryLock lock(handlingLock_);
+  if (!lock) return false;
+  try {
+    HandleMessage(message);
+  } catch (const SystemException& e) {
+    WriteMasterLog(Log::Error, "Could not handle a job's result", {{"exception", e.what()}});
+  }
+  return true;
 }
 
 void ProjectStub::OnJobResult(const rc_ptr<Message>& message) {

@@ -26,8 +26,9 @@ namespace kestrun {
 // them, and the kernel objects by which stubs and the integration find and steer it. It runs until it is told to stop:
 // by the stop event, a MSG_STOP, a console event, or an error of the dispatcher or its reactor.
 //
-// All messages are handled one after the other on the thread of the dispatcher's client. Run blocks on the main thread;
-// Stop may come from any thread.
+// All messages are handled one after the other, under one lock, on the thread of the dispatcher's client; only the
+// result of a job may be handled on the local build thread that has it, if no other message is just handled. Run blocks
+// on the main thread; Stop may come from any thread.
 class ProjectStub : public StubBase {
  public:
   // MaxConcurrentJobs without a setting.
@@ -45,6 +46,8 @@ class ProjectStub : public StubBase {
 
  private:
   void HandleMessage(rc_ptr<Message> message);
+  // On a local build thread. False if another message is being handled.
+  bool TryResultHere(const rc_ptr<Message>& message);
   void OnJobResult(const rc_ptr<Message>& message);
   void OnTick();
   void OnJobsFinished();
@@ -80,12 +83,12 @@ class ProjectStub : public StubBase {
   std::atomic<bool> isStarted_{false};
   const bool isEager_;
   CriticalSection handlingLock_;          // held while a message is handled
-  std::atomic<DWORD> handlingThread_{0};  // the message thread
+  std::atomic<DWORD> handlingThread_{0};  // that of the latest message
   bool hasThreads_ = true;                // constant after construction
   bool isEnding_ = false;                 // guarded by handlingLock_: the destructor has come, messages are dropped
   MessageDispatcher dispatcher_;
   std::unique_ptr<JobSlots> slots_;  // null without Extensions/TransparentTools
-  FailureList failures_;             // message thread; read by Run once that thread has ended
+  FailureList failures_;             // under handlingLock_; read by Run once all threads have ended
   BuildJobScheduler scheduler_;
   // Exactly one of the two is set: the plain semaphore, or the keeper.
   std::unique_ptr<Semaphore> clientAccess_;

@@ -1,5 +1,6 @@
 #include "messaging/message.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "messaging/segment_list.h"
@@ -21,13 +22,35 @@ Message::Message(const Address& address, u32 type, u32 source, u32 destination)
     : header_(HeaderWord(type, source, destination)), address_(address) {}
 
 Message::Message(const Address& address, u32 length, Stream& stream) : header_(0), address_(address) {
-  if (length < kHeaderSize) throw FormatException("Not enough bytes for a message");
   const u32 available = stream.GetAvailable();
+  ReadHeader(length, stream);
+  while (available - stream.GetAvailable() < length) segments_.push_back(Segment::Parse(stream));
+}
+
+Message::Message(const Address& address, u32 length, MemoryStream& stream, const Message* alike)
+    : header_(0), address_(address) {
+  const u32 begin = stream.GetPosition();
+  ReadHeader(length, stream);
+  if (alike != nullptr) segments_.reserve(alike->segments_.size());
+  for (u32 done = stream.GetPosition() - begin; done < length; done = stream.GetPosition() - begin) {
+    const u32 left = std::min(length - done, stream.GetAvailable());
+    const rc_ptr<Segment> candidate = alike != nullptr ? alike->GetSegment(GetSegmentCount()) : nullptr;
+    const u32 matched = candidate ? candidate->MatchWire(std::as_const(stream).GetData() + begin + done, left) : 0;
+    if (matched > 0) {
+      segments_.push_back(candidate);
+      stream.Seek(begin + done + matched);
+    } else {
+      segments_.push_back(Segment::Parse(stream));
+    }
+  }
+}
+
+void Message::ReadHeader(u32 length, Stream& stream) {
+  if (length < kHeaderSize) throw FormatException("Not enough bytes for a message");
   for (u32* field : {&header_, &sequence_}) {
     u32 word = 0;
     if (stream.Read(&word, sizeof word) == sizeof word) *field = word;
   }
-  while (available - stream.GetAvailable() < length) segments_.push_back(Segment::Parse(stream));
 }
 
 Message::~Message() = default;

@@ -44,6 +44,9 @@ class Message : public rc_base {
   // Parses a message of `length` bytes. It stops at the first end of a segment at or past `length`; what was taken from
   // the stream tells whether the segments were in step. Memory follows the bytes that are there, not what they claim.
   Message(const Address& address, u32 length, Stream& stream);
+  // The same from memory. `alike`, if given, is an earlier message: segments that are equal at the same place are
+  // shared with it. The requests of a script differ in a few of some forty.
+  Message(const Address& address, u32 length, MemoryStream& stream, const Message* alike);
   ~Message() override;
 
   u32 GetType() const { return header_ & 0xFFFFFF; }
@@ -84,6 +87,8 @@ class Message : public rc_base {
   void Describe(std::ostream& out) const;
 
  private:
+  void ReadHeader(u32 length, Stream& stream);
+
   u32 header_;
   u32 sequence_ = 0;
   std::vector<rc_ptr<Segment>> segments_;

@@ -1,5 +1,6 @@
 #include "messaging/message_channel.h"
 
+#include <optional>
 #include <utility>
 
 #include "messaging/wire_format.h"
@@ -13,6 +14,9 @@ namespace {
 constexpr u32 kMaxIdleCapacity = 0x100000;
 // The most that a buffer can hold.
 constexpr u32 kMaxFrameLength = 0x7FFFFFFF;
+constexpr u32 kSmallFrame = 0x4000;
+// The last message is kept for its segments up to this size.
+constexpr u32 kMostKept = 0x10000;
 
 }  // namespace
 
@@ -38,10 +42,12 @@ u32 MessageChannel::BuildFrame(const Message& message, Message::Streams& out) {
 
 u32 MessageChannel::Transmit(rc_ptr<Message> message) {
   const Lock lock(sendLock_);
-  const ScopedThreadPriority priority(THREAD_PRIORITY_ABOVE_NORMAL);
   message->SetSequence(++sequence_);
   Message::Streams frame;
   const u32 size = BuildFrame(*message, frame);
+  // A small frame is out before another thread could be in the way, and to change the priority twice takes longer.
+  std::optional<ScopedThreadPriority> priority;
+  if (size > kSmallFrame) priority.emplace(THREAD_PRIORITY_ABOVE_NORMAL);
   for (const auto& part : frame) {
     const auto& stream = static_cast<const MemoryStream&>(*part);
     if (stream.GetSize() > 0) output_->Write(stream.GetData(), stream.GetSize());
@@ -87,13 +93,15 @@ bool MessageChannel::HandleEvent() {
 // A read that fails may still have brought the rest of a frame, so the bytes decide and not the result alone.
 rc_ptr<Message> MessageChannel::Receive(int timeoutMs) {
   for (;;) {
-    while (!HasBytes(bytesWanted_)) {
-      const bool isUp = ReadInto(*input_, timeoutMs);
-      if (!isUp && !HasBytes(bytesWanted_)) return nullptr;
-    }
-    if (receiveState_ == ReceiveState::kBody) break;
-    TakeFrameLength();
+    if (rc_ptr<Message> message = ReceiveBuffered()) return message;
+    const bool isUp = ReadInto(*input_, timeoutMs);
+    if (!isUp && !HasBytes(bytesWanted_)) return nullptr;
   }
+}
+
+rc_ptr<Message> MessageChannel::ReceiveBuffered() {
+  if (receiveState_ == ReceiveState::kLength && HasBytes(bytesWanted_)) TakeFrameLength();
+  if (receiveState_ == ReceiveState::kLength || !HasBytes(bytesWanted_)) return nullptr;
   rc_ptr<Message> message = TakeMessage();
   RecycleInput();
   return message;
@@ -111,10 +119,11 @@ void MessageChannel::TakeFrameLength() {
 
 rc_ptr<Message> MessageChannel::TakeMessage() {
   const u32 begin = input_->GetPosition();
-  rc_ptr<Message> message(new Message(GetAddress(), bytesWanted_, *input_));
+  rc_ptr<Message> message(new Message(GetAddress(), bytesWanted_, *input_, last_.Get()));
   if (input_->GetPosition() - begin != bytesWanted_) {
     throw Message::FormatException("Segments do not end with their message");
   }
+  last_ = bytesWanted_ <= kMostKept ? message : nullptr;
   bytesWanted_ = wire::kFrameHeaderSize;
   receiveState_ = ReceiveState::kLength;
   return message;

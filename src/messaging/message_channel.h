@@ -51,6 +51,8 @@ class MessageChannel : public Reactor::EventHandler {
   virtual bool Broadcast(rc_ptr<Message> message, u16 port);
   // -1 waits without limit. A time-out in the middle of a frame loses nothing: the next call goes on from there.
   virtual rc_ptr<Message> Receive(int timeoutMs);
+  // A message that an earlier Receive has read from the transport along with its own; null if there is none.
+  rc_ptr<Message> ReceiveBuffered();
   // Begins event mode. The delegate is called on the reactor's thread for channels of this kind.
   virtual bool Register(Reactor* reactor, MessageDelegate delegate);
   // The peer.
@@ -89,7 +91,8 @@ class MessageChannel : public Reactor::EventHandler {
   // Owned by the thread that receives.
   rc_ptr<MemoryStream> input_;
   ReceiveState receiveState_ = ReceiveState::kLength;
-  u32 bytesWanted_;  // a frame's length field or the message behind it
+  u32 bytesWanted_;       // a frame's length field or the message behind it
+  rc_ptr<Message> last_;  // null if it was large
   bool hasRefusals_ = false;
   u32 sequence_ = 1;
 };

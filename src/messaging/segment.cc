@@ -220,6 +220,28 @@ u64 Segment::GetWireSize() const {
   return size;
 }
 
+u32 Segment::MatchWire(const u8* bytes, u32 count) const {
+  u32 words[2];
+  const bool isComparable = std::holds_alternative<std::string>(content_) || std::holds_alternative<Nested>(content_);
+  if (count < sizeof words || !isComparable) return 0;
+  std::memcpy(words, bytes, sizeof words);
+  const auto* nested = std::get_if<Nested>(&content_);
+  const u32 length = nested != nullptr ? static_cast<u32>(nested->size()) : GetDataLength();
+  if (words[0] != (nested != nullptr ? GetType() | kNestedBit : type_) || words[1] != length) return 0;
+  u32 size = sizeof words;
+  if (nested == nullptr) {
+    const bool isEqual =
+        count - size >= length && std::string_view(reinterpret_cast<const char*>(bytes) + size, length) == GetText();
+    return isEqual ? size + length : 0;
+  }
+  for (const auto& segment : *nested) {
+    const u32 matched = segment->MatchWire(bytes + size, count - size);
+    if (matched == 0) return 0;
+    size += matched;
+  }
+  return size;
+}
+
 void Segment::Serialize(Streams& out) const {
   Stream& last = *out.back();
   const u32 nestedCount = GetNestedCount();

@@ -46,6 +46,17 @@ Environment ReadEnvironment(const Message& message) {
   return environment;
 }
 
+bool ShareEnvironment(const Message& one, const Message& other) {
+  if (one.GetSegmentCount() != other.GetSegmentCount()) return false;
+  for (u32 i = 0; i < one.GetSegmentCount(); ++i) {
+    const rc_ptr<Message::Segment> segment = one.GetSegment(i);
+    const rc_ptr<Message::Segment> counterpart = other.GetSegment(i);
+    const bool isVariable = segment->GetType() == SEG_ENV_VAR || counterpart->GetType() == SEG_ENV_VAR;
+    if (isVariable && segment.Get() != counterpart.Get()) return false;
+  }
+  return true;
+}
+
 bool HasEnvironment(const Message& message, const Environment& environment) {
   auto expected = environment.begin();
   for (u32 i = 0; i < message.GetSegmentCount(); ++i) {

@@ -22,6 +22,10 @@ Environment ReadEnvironment(const Message& message);
 // them. Faster than reading them; a false only means that they have to be read.
 bool HasEnvironment(const Message& message, const Environment& environment);
 
+// True if the variables of both messages are the same segments, as those of two requests of one script are. A false
+// only means that they have to be compared.
+bool ShareEnvironment(const Message& one, const Message& other);
+
 }  // namespace kestrun
 
 #endif  // KESTRUN_PROTOCOL_ENVIRONMENT_SEGMENTS_H_

@@ -86,6 +86,21 @@ TEST_F(ScriptStubTest, GoesOnAfterFailuresThatAreMarkedSoAndEndsWithTheLast) {
   EXPECT_EQ(child.Errors(), "e");
 }
 
+// Silent results of a long script are gathered; each text is still written, in order, and none is left behind.
+TEST_F(ScriptStubTest, TakesEveryResultOfALongScriptInOrder) {
+  constexpr int kJobs = 200;
+  Child child = StartAndTakeJobs(kJobs);
+  std::string expected;
+  for (int i = 0; i < kJobs; ++i) {
+    const std::string text = i % 3 == 0 ? std::to_string(i) + "," : "";
+    expected += text;
+    master_.Send(FakeMaster::Result(text, "", i == kJobs - 1 ? 4 : 0, true));
+  }
+  master_.SendType(MSG_PROJECT_COMPLETE);
+  EXPECT_EQ(child.Wait(), 4);
+  EXPECT_EQ(child.Output(), expected);
+}
+
 TEST_F(ScriptStubTest, EndsWithTheFirstFailureThatIsNotMarked) {
   Child child = StartAndTakeJobs(3);
   master_.Send(FakeMaster::Result("", "", 0));

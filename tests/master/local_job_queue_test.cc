@@ -4,6 +4,7 @@
 
 #include <iterator>
 #include <thread>
+#include <vector>
 
 #include "job_test.h"
 #include "protocol/message_reader.h"
@@ -125,6 +126,24 @@ TEST_F(LocalJobQueueTest, InSlotsRunsToolsInTheClientsEnvironmentWithoutTheJobse
   job->environment = std::make_shared<const Environment>(environment);
   queue.Push(job);
   EXPECT_EQ(TextOf(NextMessage(), SEG_STDOUT), "k -j8 \nyes\n");
+}
+
+TEST_F(LocalJobQueueTest, PostsOnlyTheResultsThatTheTakerRefuses) {
+  LocalJobQueue queue(1, settings_, dispatcher_);
+  std::vector<i32> offered;
+  queue.SetResultTaker([&](const rc_ptr<Message>& result) {
+    offered.push_back(NumberOf(result, SEG_JOB_ID));
+    return offered.back() != 3;
+  });
+  const rc_ptr<BuildJob> cancelled = Job(2, "p", "exit 0");
+  queue.Cancel(*cancelled);
+  queue.Push(Job(1, "p", "exit 0"));
+  queue.Push(cancelled);
+  queue.Push(Job(3, "p", "exit 5"));
+  const rc_ptr<Message> posted = NextMessage();
+  EXPECT_EQ(NumberOf(posted, SEG_JOB_ID), 3);
+  EXPECT_EQ(NumberOf(posted, SEG_EXIT_CODE), 5);
+  EXPECT_EQ(offered, (std::vector<i32>{1, 2, 3}));
 }
 
 TEST_F(LocalJobQueueTest, AnswersCancelledJobsInTheirTurnWithoutRunningThem) {

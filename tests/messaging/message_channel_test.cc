@@ -116,6 +116,17 @@ TEST_F(MessageChannelTest, ReceiveGoesOnWhereATimeoutCutIt) {
   EXPECT_EQ(TextOf(channel->Receive(100)), "next");
 }
 
+TEST_F(MessageChannelTest, GivesWhatCameTogetherWithoutAnotherRead) {
+  const rc_ptr<FakeChannel> channel(new FakeChannel());
+  const std::string frame = Frame("cut");
+  channel->blocks = {Frame("one") + Frame("two") + frame.substr(0, 7), frame.substr(7)};
+  EXPECT_FALSE(channel->ReceiveBuffered());
+  EXPECT_EQ(TextOf(channel->Receive(100)), "one");
+  EXPECT_EQ(TextOf(channel->ReceiveBuffered()), "two");
+  EXPECT_FALSE(channel->ReceiveBuffered());
+  EXPECT_EQ(TextOf(channel->Receive(100)), "cut");
+}
+
 TEST_F(MessageChannelTest, ReceiveGivesTheMessageThatCameWithTheEnd) {
   const rc_ptr<FakeChannel> channel(new FakeChannel());
   channel->staysUp = false;

@@ -23,5 +23,23 @@ TEST(EnvironmentSegments, GiveTheEnvironmentBackAndTellItFromEveryOther) {
   }
 }
 
+TEST(EnvironmentSegments, AreTheSameOnlyWhereEachVariableIs) {
+  const auto variables = MakeEnvironmentSegments({{"A", "1"}, {"B", "2"}});
+  const auto requestWith = [&](std::initializer_list<std::size_t> which) {
+    rc_ptr<Message> request = Request({});
+    for (const std::size_t i : which) request->AddSegment(variables[i].Get());
+    return request;
+  };
+  const rc_ptr<Message> both = requestWith({0, 1});
+  EXPECT_TRUE(ShareEnvironment(*both, *requestWith({0, 1})));
+  EXPECT_FALSE(ShareEnvironment(*both, *requestWith({0})));
+  EXPECT_FALSE(ShareEnvironment(*both, *requestWith({0, 1, 1})));
+  EXPECT_FALSE(ShareEnvironment(*both, *requestWith({0, 0})));
+  const rc_ptr<Message> other = requestWith({0});
+  other->AddString(SEG_TOOL, "no variable");
+  EXPECT_FALSE(ShareEnvironment(*both, *other));
+  EXPECT_FALSE(ShareEnvironment(*other, *both));
+}
+
 }  // namespace
 }  // namespace kestrun

@@ -14,6 +14,8 @@ class CriticalSection {
   CriticalSection& operator=(const CriticalSection&) = delete;
 
   void Enter() { EnterCriticalSection(&section_); }
+  // False if another thread holds it.
+  bool TryEnter() { return TryEnterCriticalSection(&section_) != FALSE; }
   void Leave() { LeaveCriticalSection(&section_); }
 
  private:
@@ -30,6 +32,22 @@ class Lock {
 
  private:
   CriticalSection* section_;
+};
+
+// Holds a section for a scope if no other thread holds it at the start.
+class TryLock {
+ public:
+  explicit TryLock(CriticalSection& section) : section_(section.TryEnter() ? &section : nullptr) {}
+  ~TryLock() {
+    if (section_ != nullptr) section_->Leave();
+  }
+  TryLock(const TryLock&) = delete;
+  TryLock& operator=(const TryLock&) = delete;
+
+  explicit operator bool() const { return section_ != nullptr; }
+
+ private:
+  CriticalSection* const section_;
 };
 
 }  // namespace kestrun

@@ -1,6 +1,7 @@
 #include "platform/linux/helper/tool_start.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -37,6 +38,9 @@ bool ToolStart::Receive(int control) {
   Command command = {};
   std::size_t count = 0;
   for (;;) {
+    // A receiver that sleeps is also woken when the other end takes a report from the socket; poll is not.
+    pollfd wait{control, POLLIN, 0};
+    poll(&wait, 1, -1);
     const ssize_t length = ReceiveDescriptors(control, &command, sizeof command, descriptors_, count);
     if (length < 0 && errno == EINTR) continue;
     if (length <= 0) return false;
