@@ -59,6 +59,9 @@ extern const DWORD kRefuseFilesOfOthers;
 std::string WhyNoFile(const std::string& name);
 std::string WhyOfOthers(const std::string& name);
 
+// The machine's name as its users know it; empty if it has none.
+std::string HostName();
+
 // Processors that this process may really use: affinity and, where there is one, the cgroup quota. At least 1.
 unsigned UsableProcessors();
 
@@ -74,8 +77,8 @@ bool SeparateNamedObjects();
 bool AskToEnd(DWORD childId);
 
 // Makes the processor time of the children that shared this process's terminal, with all that was below them, count as
-// time of this process's children, as a shell's `time` shows it. Waits for what stands between, at most `limitMs`. For a
-// process whose children have all ended. Nothing where the system keeps no such count.
+// time of this process's children, as a shell's `time` shows it. Waits for what stands between, at most `limitMs`. For
+// a process whose children have all ended. Nothing where the system keeps no such count.
 void TakeOverChildTimes(DWORD limitMs);
 
 // A handle as the int that the reactor keeps, and back. Handles have 32 significant bits on every system.

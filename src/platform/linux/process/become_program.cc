@@ -22,6 +22,8 @@ namespace {
 // Where shells look without a PATH.
 constexpr const char* kDefaultPath = "/usr/local/bin:/usr/bin:/bin";
 constexpr const char* kShell = "/bin/sh";
+// Deeper trees of processes are cut where they are only looked at.
+constexpr int kMostLevels = 16;
 
 // The files that a name may mean, in order.
 std::vector<std::string> ListCandidates(const std::string& name) {
@@ -123,6 +125,10 @@ bool FindProgram(const std::string& name, const std::string& argumentText, Progr
 std::uint32_t ParentProcess(std::uint32_t processId) {
   ProcessStat stat = {};
   return ReadProcessStat(static_cast<pid_t>(processId), stat) ? static_cast<std::uint32_t>(stat.parent) : 0;
+}
+
+std::uint64_t PeakMemoryOfTree(std::uint32_t processId) {
+  return PeakMemoryBelow(static_cast<pid_t>(processId), kMostLevels);
 }
 
 std::uint64_t ProcessorTimeOfTree(std::uint32_t processId) {
