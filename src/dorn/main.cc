@@ -1,11 +1,13 @@
 #include <cstdio>
 
 #include "dorn/exit_codes.h"
+#include "dorn/history.h"
 #include "dorn/options.h"
 #include "dorn/program_search.h"
 #include "dorn/report.h"
 #include "dorn/session.h"
 #include "dorn/settings.h"
+#include "dorn/status.h"
 #include "platform/host.h"
 #include "runtime/base/exception.h"
 #include "runtime/files/common_folder.h"
@@ -42,6 +44,10 @@ int RunAction(const Options& options) {
       return CheckSettings() ? 0 : kExitFailure;
     case Options::Action::kUpdateSettings:
       return UpdateSettings();
+    case Options::Action::kStatus:
+      return RunStatus(options);
+    case Options::Action::kHistory:
+      return ListHistory();
     case Options::Action::kBuild:
       break;
   }
