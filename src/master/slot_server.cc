@@ -131,7 +131,7 @@ void SlotServer::OnGone(Client client, const std::function<platform::ProcessEnd(
   slots_.Leave(kClientBit | client);
   if (job.isWaiting) {
     end.outcome = JobOutcome::kCancelled;
-  } else {
+  } else if (journal_.IsObserved()) {
     SetEnd(readEnd(), end);
   }
   journal_.Finish(job.number, std::move(end));

@@ -76,7 +76,7 @@ struct JournalState {
   u64 startedUnixUs = 0;       // the same since 1970
   u64 done = 0;                // jobs that have ended, since the master started
   u64 failed = 0;              // of those
-  u64 unknown = 0;             // of those, without a known outcome
+  u64 unknown = 0;             // of those, without a known outcome, like tools of clients while nothing followed
   u64 running = 0;
   u64 waiting = 0;
   u64 missed = 0;  // records that this observer should have got and will not get: it was too slow

@@ -8,6 +8,7 @@
 
 #include <ctime>
 
+#include "platform/linux/base/file_descriptor.h"
 #include "platform/linux/base/process_stat.h"
 
 namespace kestrun::platform {
@@ -27,6 +28,7 @@ struct PidfdInfo {
 static_assert(sizeof(PidfdInfo) == 64);
 
 constexpr unsigned long kGetInfo = _IOWR(0xFF, 11, PidfdInfo);
+constexpr std::uint64_t kInfoPid = 1u << 0;
 constexpr std::uint64_t kInfoExit = 1u << 3;
 
 void SetStatus(int status, ProcessEnd& end) {
@@ -56,6 +58,16 @@ bool IsStillThere(int pidfd) {
 }
 
 }  // namespace
+
+std::uint32_t ParentByPidfd(std::uint32_t processId) {
+#ifdef SYS_pidfd_open
+  const FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, processId, 0)));
+  PidfdInfo info = {};
+  info.mask = kInfoPid;
+  if (process && ioctl(process.get(), kGetInfo, &info) == 0 && (info.mask & kInfoPid) != 0) return info.ppid;
+#endif
+  return 0;
+}
 
 ProcessEnd ReadProcessEnd(std::uint32_t processId, int pidfd) {
   ProcessEnd end;

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "platform/linux/base/file_descriptor.h"
+#include "platform/linux/base/process_end.h"
 #include "platform/linux/base/process_stat.h"
 #include "platform/linux/base/start_state.h"
 #include "platform/linux/objects/handle_table.h"
@@ -123,6 +124,7 @@ bool FindProgram(const std::string& name, const std::string& argumentText, Progr
 }
 
 std::uint32_t ParentProcess(std::uint32_t processId) {
+  if (const std::uint32_t parent = ParentByPidfd(processId)) return parent;
   ProcessStat stat = {};
   return ReadProcessStat(static_cast<pid_t>(processId), stat) ? static_cast<std::uint32_t>(stat.parent) : 0;
 }
