@@ -81,8 +81,9 @@ class Jobs {
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
   using namespace kestrun;
-  SlotRequest request;
-  ReadSlotRequest(reinterpret_cast<const char*>(data), size, request);
+  SlotRequestHeader header;
+  SlotTexts texts;
+  ReadSlotRequest(reinterpret_cast<const char*>(data), size, header, texts);
   fuzz::Input input(data, size);
   fuzz::Jobs jobs(1 + input.Byte() % 4);
   while (!input.IsEmpty()) jobs.Step(input);

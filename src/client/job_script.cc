@@ -1,5 +1,6 @@
 #include "client/job_script.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "runtime/base/text.h"
@@ -28,6 +29,27 @@ ScriptJob ParseJobLine(const std::string& line) {
   return job;
 }
 
+// Where each of the lines that SplitLines gives begins, from 1. A CR alone, which ends a line as well, is not counted:
+// editors don't either.
+std::vector<u32> NumberLines(const std::string& text) {
+  constexpr const char* kLineEnds = "\r\n";
+  std::vector<u32> numbers;
+  u32 number = 1;
+  std::size_t counted = 0;
+  bool continued = false;
+  std::size_t begin = text.find_first_not_of(kLineEnds);
+  while (begin != std::string::npos) {
+    number += static_cast<u32>(std::count(text.begin() + static_cast<std::ptrdiff_t>(counted),
+                                          text.begin() + static_cast<std::ptrdiff_t>(begin), '\n'));
+    counted = begin;
+    const std::size_t end = std::min(text.find_first_of(kLineEnds, begin), text.size());
+    if (!continued) numbers.push_back(number);
+    continued = end < text.size() && text[end - 1] == '\\';
+    begin = text.find_first_not_of(kLineEnds, end);
+  }
+  return numbers;
+}
+
 }  // namespace
 
 std::string ExpandScriptVariables(const std::string& text) {
@@ -49,7 +71,10 @@ std::string ExpandScriptVariables(const std::string& text) {
 std::vector<ScriptJob> ParseJobScript(const std::string& text) {
   std::vector<ScriptJob> jobs;
   std::string echoText;
+  const std::vector<u32> numbers = NumberLines(text);
+  std::size_t index = 0;
   for (const std::string& logicalLine : SplitLines(text, true)) {
+    const u32 number = numbers[index++];
     const std::string line = FromFirstNonBlank(logicalLine, 0);
     if (line.empty() || line.front() == '#' || line.front() == ';') continue;
     if (line.compare(0, kEchoLength, kEchoWord) == 0) {
@@ -57,6 +82,7 @@ std::vector<ScriptJob> ParseJobScript(const std::string& text) {
       continue;
     }
     jobs.push_back(ParseJobLine(line));
+    jobs.back().line = number;
     jobs.back().echoText.swap(echoText);
   }
   return jobs;

@@ -6,11 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "runtime/base/types.h"
+
 namespace kestrun {
 
 struct ScriptJob {
   std::string tool;
   std::string arguments;
+  u32 line = 0;          // where it begins, from 1
   std::string echoText;  // the echo lines above the job, each with CR LF behind it
 };
 

@@ -123,6 +123,9 @@ rc_ptr<Message> MasterConnection::BuildRequest(const Path& toolPath, const std::
       .AddU32(SEG_JOB_TIMEOUT, options_.timeoutSeconds)
       .AddString(SEG_JOB_NAME, options_.name);
   AddEnvironment(*request);
+  if (settings_.GetBool("Extensions/TransparentTools", false)) {
+    request->AddU32(SEG_CLIENT_PROCESS, GetCurrentProcessId());
+  }
   return request;
 }
 

@@ -6,6 +6,8 @@
 #include "client/job_script.h"
 #include "client/script_file.h"
 #include "client/tool_lookup.h"
+#include "platform/terminal.h"
+#include "protocol/job_label.h"
 #include "protocol/message_reader.h"
 #include "protocol/protocol.h"
 #include "runtime/files/log.h"
@@ -39,11 +41,14 @@ int ScriptStub::Run() {
   if (!WaitForAccess() || !HasSendableDirectory() || !PrepareJobs()) return kFailure;
   if (jobs_.empty()) return 0;
   missingResults_ = jobs_.size();
+  if (progress_) progress_->Observe(id_);
   if (!connection_.Connect()) {
     PrintError("Could not initiate build request to master");
     return kFailure;
   }
-  return SendAndReceive();
+  const int code = SendAndReceive();
+  if (progress_) progress_->Finish((options_.flags & FLAG_KEEP_GOING) != 0);
+  return code;
 }
 
 void ScriptStub::Stop(const std::string&) {
@@ -66,6 +71,8 @@ bool ScriptStub::PrepareJobs() {
   }
   if (options_.expandEnvironment) text = ExpandScriptVariables(text);
   std::map<std::string, Path> tools;  // most lines of a script name the same few
+  std::vector<ScriptProgress::Job> shown;
+  const bool isShown = ScriptProgress::IsWanted();
   for (ScriptJob& job : ParseJobScript(text)) {
     ReplaceMarker(job.arguments, options_.marker);
     const auto [entry, isNew] = tools.try_emplace(job.tool);
@@ -75,6 +82,15 @@ bool ScriptStub::PrepareJobs() {
     rc_ptr<Message> request = connection_.BuildRequest(tool, job.arguments, project_);
     request->AddString(SEG_ECHO_TEXT, job.echoText);
     jobs_.push_back(request);
+    if (!isShown) continue;
+    request->AddU32(SEG_SCRIPT_LINE, job.line);
+    if (!request->FindSegment(SEG_CLIENT_PROCESS)) request->AddU32(SEG_CLIENT_PROCESS, GetCurrentProcessId());
+    const std::string command = job.tool + " " + job.arguments;
+    shown.push_back({job.line, GetLabel({"", "", job.tool, command, ""}), command});
+  }
+  if (isShown) {
+    const std::size_t columns = platform::GetTerminalSize(stderr).columns;
+    progress_ = std::make_unique<ScriptProgress>(std::move(shown), stderr, columns - 1);
   }
   return true;
 }
@@ -169,6 +185,15 @@ rc_ptr<Message> ScriptStub::ReceiveNext(int timeoutMs) {
   return connection_.Receive(timeoutMs);
 }
 
+// Output that comes ahead of its result has no exit code.
+void ScriptStub::TellProgress(const Message& message, i32 code) {
+  u32 line = 0;
+  const rc_ptr<Message::Segment> segment = message.FindSegment(SEG_SCRIPT_LINE);
+  if (segment) GetValue(*segment, line);
+  progress_->Show();
+  if (message.FindSegment(SEG_EXIT_CODE)) progress_->OnResult(line, code);
+}
+
 bool ScriptStub::HandleScriptResult(const rc_ptr<Message>& message) {
   const MessageReader reader(message);
   const std::string_view stdoutText = reader.GetText(SEG_STDOUT);
@@ -180,9 +205,11 @@ bool ScriptStub::HandleScriptResult(const rc_ptr<Message>& message) {
   reader.ReadUnsigned(SEG_KEEP_GOING, keepGoing);
   mayGather_ = stdoutText.empty() && stderrText.empty();
   if (isEnd && missingResults_ > 0) --missingResults_;
+  if (progress_) progress_->Hide();
   if (code == StubFailureCode) PrintError(stderrText);
   if (!stdoutText.empty()) WriteStandardOutput(stdoutText);
   if (!stderrText.empty()) WriteStandardError(stderrText);
+  if (progress_) TellProgress(*message, code);
   if (IsLogOpen()) {
     WriteLog(Log::Info, Log::STUB, "Build Result (script-stub)",
              {{"exit_code", std::to_string(static_cast<u32>(code))}, {"project", project_}});

@@ -4,11 +4,13 @@
 
 #include <atomic>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "app/stub_base.h"
 #include "client/master_connection.h"
+#include "client/script_progress.h"
 #include "messaging/message.h"
 #include "runtime/base/critical_section.h"
 #include "runtime/threads/thread.h"
@@ -41,7 +43,10 @@ class ScriptStub : public StubBase {
   void StopSending(int exitCodeOnFailure);
   [[noreturn]] void FatalError(const std::string& text);
 
+  void TellProgress(const Message& message, i32 code);
+
   MasterConnection connection_;
+  std::unique_ptr<ScriptProgress> progress_;  // null without a terminal
   std::string project_;                // set when Run begins, with this process's id behind it; only read afterwards
   int resultCode_ = 0;                 // main thread only
   std::size_t missingResults_ = 0;     // main thread only

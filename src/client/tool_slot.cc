@@ -2,12 +2,11 @@
 
 #include "platform/tool_process.h"
 #include "protocol/place_table.h"
-#include "protocol/slot_request.h"
 
 namespace kestrun {
 
-ToolSlot::Outcome ToolSlot::Take(const std::string& id, std::string_view project, std::string_view commandLine) {
-  return platform::kHasLocalStreams ? TakeFromServer(id, project, commandLine) : TakeFromTable(id);
+ToolSlot::Outcome ToolSlot::Take(const std::string& id, const SlotTexts& texts) {
+  return platform::kHasLocalStreams ? TakeFromServer(id, texts) : TakeFromTable(id);
 }
 
 ToolSlot::Outcome ToolSlot::TakeFromTable(const std::string& id) {
@@ -15,14 +14,13 @@ ToolSlot::Outcome ToolSlot::TakeFromTable(const std::string& id) {
   return tableSlot_.Wait(kNoLimit) == ClientSlot::Outcome::kAdmitted ? Outcome::kGranted : Outcome::kLost;
 }
 
-ToolSlot::Outcome ToolSlot::TakeFromServer(const std::string& id, std::string_view project,
-                                           std::string_view commandLine) {
+ToolSlot::Outcome ToolSlot::TakeFromServer(const std::string& id, const SlotTexts& texts) {
   stream_ = platform::LocalStream::Connect(GetSlotServerName(id));
   if (!stream_) return Outcome::kNoServer;
   SlotRequestHeader header;
   header.inputPipe = platform::PipeNumber(0);
   header.outputPipe = platform::PipeNumber(1);
-  const std::string request = MakeSlotRequest(header, project, commandLine);
+  const std::string request = MakeSlotRequest(header, texts);
   if (!stream_->Send(request.data(), request.size())) return Outcome::kLost;
   SlotAnswer answer{};
   if (stream_->Receive(&answer, sizeof answer) != sizeof answer) return Outcome::kLost;

@@ -4,10 +4,10 @@
 
 #include <memory>
 #include <string>
-#include <string_view>
 
 #include "client/client_slot.h"
 #include "platform/local_stream.h"
+#include "protocol/slot_request.h"
 
 namespace kestrun {
 
@@ -23,11 +23,11 @@ class ToolSlot {
     kLost,      // the master died while this client waited
   };
 
-  // Waits for as long as it takes. Project and command line are for the master's log.
-  Outcome Take(const std::string& id, std::string_view project, std::string_view commandLine);
+  // Waits for as long as it takes. The texts are for the master's log and its observers.
+  Outcome Take(const std::string& id, const SlotTexts& texts);
 
  private:
-  Outcome TakeFromServer(const std::string& id, std::string_view project, std::string_view commandLine);
+  Outcome TakeFromServer(const std::string& id, const SlotTexts& texts);
   Outcome TakeFromTable(const std::string& id);
 
   std::unique_ptr<platform::LocalStream> stream_;

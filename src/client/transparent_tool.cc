@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "app/console.h"
+#include "app/stub_base.h"
 #include "client/tool_slot.h"
 #include "platform/tool_process.h"
 #include "runtime/process/process.h"
@@ -31,7 +32,8 @@ TransparentTool::TransparentTool(const Options& options, std::vector<std::string
 
 TransparentTool::Outcome TransparentTool::RunInSlot(const std::string& id, int& exitCode) {
   ToolSlot slot;
-  switch (slot.Take(id, options_.project, options_.tool + " " + options_.toolArgs)) {
+  const std::string folder = GetWorkingDirectory();
+  switch (slot.Take(id, {options_.project, options_.name, folder, options_.tool, options_.toolArgs})) {
     case ToolSlot::Outcome::kNoServer:
       return Outcome::kNoMaster;
     case ToolSlot::Outcome::kStopping:

@@ -7,6 +7,7 @@ namespace kestrun::dorn {
 
 // dorn's own exit codes, away from those that build commands use. One whose build was ended by force after an
 // interruption ends as a shell says it of the signal.
+inline constexpr int kExitNoBuild = 1;            // --status: no build runs
 inline constexpr int kExitFailure = 125;          // the master could not be had
 inline constexpr int kExitCannotStart = 126;      // the build command is there but could not be started
 inline constexpr int kExitCommandNotFound = 127;  // no such build command

@@ -1,12 +1,14 @@
 #include <cstdio>
 
 #include "dorn/exit_codes.h"
+#include "dorn/history.h"
 #include "dorn/options.h"
 #include "dorn/program_search.h"
 #include "dorn/report.h"
 #include "dorn/report_page.h"
 #include "dorn/session.h"
 #include "dorn/settings.h"
+#include "dorn/status.h"
 #include "platform/host.h"
 #include "runtime/base/exception.h"
 #include "runtime/files/common_folder.h"
@@ -52,6 +54,10 @@ int RunAction(const Options& options) {
       return UpdateSettings();
     case Options::Action::kReportFrom:
       return WriteReport(options);
+    case Options::Action::kStatus:
+      return RunStatus(options);
+    case Options::Action::kHistory:
+      return ListHistory();
     case Options::Action::kBuild:
       break;
   }

@@ -35,14 +35,36 @@ class Parser {
     if (word == "--help" || word == "-h") return Choose(Action::kHelp);
     if (word == "--version") return Choose(Action::kVersion);
     if (word == "--where") return Choose(Action::kWhere);
+    if (word == "--status") return Choose(Action::kStatus);
+    if (word == "--history") return Choose(Action::kHistory);
     if (word == "--settings") return TakeSettings();
     if (word == "--report-from") return TakeReportFrom();
+    if (word == "--trace") return TakeFile(word, options_.traceFile);
+    if (word == "--record") return TakeFile(word, options_.recordFile);
     if (word == "--id") return TakeId();
     if (word == "-j") return TakeJobs(Next());
     if (word.compare(0, 2, "-j") == 0) return TakeJobs(word.substr(2));
-    if (word != "--alone") return "unknown option " + word;
-    options_.isAlone = true;
-    return "";
+    return TakeSwitch(word) ? "" : "unknown option " + word;
+  }
+
+  bool TakeSwitch(const std::string& word) {
+    if (word == "--alone") {
+      options_.isAlone = true;
+    } else if (word == "--json") {
+      options_.isJson = true;
+    } else if (word == "--watch") {
+      options_.isWatch = true;
+    } else if (word == "--summary" || word == "--no-summary") {
+      options_.summary = word == "--summary" ? Options::Summary::kAlways : Options::Summary::kNever;
+    } else {
+      return false;
+    }
+    return true;
+  }
+
+  std::string TakeFile(const std::string& option, std::string& file) {
+    file = Next();
+    return file.empty() ? option + " wants the name of a file" : "";
   }
 
   // The first one counts.
@@ -80,6 +102,9 @@ class Parser {
   std::string Next() { return at_ < words_.size() ? words_[at_++] : std::string(); }
 
   std::string CheckCommand() const {
+    if ((options_.isJson || options_.isWatch) && options_.action != Options::Action::kStatus) {
+      return "--json and --watch belong to --status";
+    }
     if (options_.action != Options::Action::kBuild) return "";
     return options_.command.empty() || options_.command[0].empty() ? "no build command" : "";
   }
@@ -113,6 +138,13 @@ const char* GetUsage() {
          "   -j N               - how many tools run at once, in place of the settings' MaxConcurrentJobs\n"
          "   --alone            - a master of this build's own\n"
          "   --id ID            - the master's id; without it one that no other build uses\n"
+         "   --status           - show the build of this user that runs now: what is done, runs and waits; with\n"
+         "                        --json for programs, with --watch again and again until the build ends\n"
+         "   --history          - show the builds of this user that are over, one line of JSON each\n"
+         "   --summary          - print figures of the build at its end; so it is without this on a terminal\n"
+         "   --no-summary       - print none\n"
+         "   --trace FILE       - write when each job ran, for chrome://tracing, Perfetto and the like\n"
+         "   --record FILE      - write all that is known of the build's jobs, as JSON\n"
          "   --settings         - show all settings with their value, where it comes from and their meaning\n"
          "   --settings update  - add the recommended settings that the file lacks\n"
          "   --report-from RECORD.json FILE.html\n"

@@ -18,12 +18,25 @@ struct Options {
     kListSettings,
     kUpdateSettings,
     kReportFrom,
+    kStatus,
+    kHistory,
+  };
+
+  enum class Summary {
+    kOnTerminal,  // if the standard error stream is one
+    kAlways,      // --summary
+    kNever,       // --no-summary
   };
 
   Action action = Action::kBuild;
-  std::string id;                    // empty: one that no other build uses
-  u32 jobs = 0;                      // -j; 0: as the settings say
-  bool isAlone = false;              // --alone
+  std::string id;        // empty: one that no other build uses
+  u32 jobs = 0;          // -j; 0: as the settings say
+  bool isAlone = false;  // --alone
+  bool isJson = false;   // --json, with --status
+  bool isWatch = false;  // --watch, with --status
+  Summary summary = Summary::kOnTerminal;
+  std::string traceFile;             // --trace
+  std::string recordFile;            // --record
   std::string recordToDraw;          // --report-from
   std::string pageToWrite;           // its second value
   std::vector<std::string> command;  // the build command and its arguments, as they are

@@ -4,6 +4,7 @@
 #include "dorn/exit_codes.h"
 #include "dorn/interruption.h"
 #include "dorn/master.h"
+#include "dorn/observed_build.h"
 #include "dorn/program_search.h"
 #include "dorn/report.h"
 #include "dorn/settings.h"
@@ -92,10 +93,17 @@ int RunBuild(const Path& program, const std::vector<std::string>& command, const
 }
 
 // A dorn below another one's build, or below a master that was started by hand, runs its command with that.
-bool HasOuterMaster(const Options& options) {
-  std::string id;
+bool HasOuterMaster(const Options& options, std::string& id) {
   if (options.isAlone || !options.id.empty() || !GetEnvironmentValue("KESTRUN_ID", id) || id.empty()) return false;
   return static_cast<bool>(UniqueHandle(OpenSemaphoreA(SYNCHRONIZE, FALSE, GetAccessName(id).c_str())));
+}
+
+int RunUnderOuterMaster(const Options& options, const std::string& id, const Path& program,
+                        const Interruption& interruption) {
+  ObservedBuild observed(options, id, false);
+  const int code = RunBuild(program, options.command, interruption, nullptr);
+  observed.Report(code);
+  return code;
 }
 
 int RunUnderMaster(const Options& options, const Path& kestrun, const Path& program, const Interruption& interruption) {
@@ -111,7 +119,9 @@ int RunUnderMaster(const Options& options, const Path& kestrun, const Path& prog
       break;
   }
   SetEnvironmentVariableA("KESTRUN_ID", master.GetId().c_str());
+  ObservedBuild observed(options, master.GetId(), true);
   const int code = RunBuild(program, options.command, interruption, master.GetProcess());
+  observed.Report(code);
   master.Leave(interruption.HasHappened(), interruption.GetHandle());
   return code;
 }
@@ -157,7 +167,8 @@ int RunSession(const Options& options) {
   const OwnObjects objects(options.isAlone);
   const Interruption interruption;
   const CountedTimes times;
-  if (HasOuterMaster(options)) return RunBuild(program, options.command, interruption, nullptr);
+  std::string outerId;
+  if (HasOuterMaster(options, outerId)) return RunUnderOuterMaster(options, outerId, program, interruption);
   WriteFirstSettings();
   if (!CheckSettings()) return kExitFailure;
   TellOfMissingSettings();

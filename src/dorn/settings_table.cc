@@ -26,6 +26,7 @@ const std::vector<SettingsKey>& GetSettingsKeys() {
       {kExtensions, "CancelOrphanedJobs", kBool, "false", "true", "the jobs of a client that has gone are ended"},
       {kExtensions, "EnforceJobTimeout", kBool, "false", "true", "a tool is ended when the time of -t is over"},
       {kExtensions, "DiscardOutput", kBool, "false", "true", "the output of jobs that are done is not kept"},
+      {kExtensions, "BuildHistory", kBool, "false", "true", "each build adds a line to what dorn --history shows"},
       {kExtensions, "ReclaimPlaces", kBool, "false", "true", "the client slot of a killed client is free again"},
   };
   return keys;

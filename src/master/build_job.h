@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "master/job_journal.h"
 #include "messaging/message.h"
 #include "runtime/base/environment.h"
 #include "runtime/base/rc_ptr.h"
@@ -26,10 +27,12 @@ enum JobState : u32 {
 //
 // Made from its request, then owned by the message thread. While a job is scheduled a local build thread reads what is
 // to be run and empties the echo text; the message thread does not touch those fields for that time. isCancelled may be
-// read by any thread at any time.
-class BuildJob : public rc_base {
+// read by any thread at any time, and so may what GetText gives once the job is in the journal.
+class BuildJob : public JobDescription {
  public:
   explicit BuildJob(u32 jobId) : id(jobId) {}
+
+  JobText GetText() const override;
 
   const u32 id;  // from 1 upward; the key of every map of jobs
   u32 state = JOB_NEW;
@@ -40,6 +43,10 @@ class BuildJob : public rc_base {
   u32 timeoutSeconds = 0;  // 0 is none
   std::string echoText;
   std::string projectName;
+  std::string name;                      // -n
+  u32 clientProcess = 0;                 // 0: the client did not say
+  u32 scriptLine = 0;                    // of a client that wants it back with the result; 0: it does not
+  u64 number = 0;                        // in the journal
   Address clientAddress;                 // the channel of the stub
   Project* project = nullptr;            // lives as long as the scheduler
   std::atomic<bool> isCancelled{false};  // the client has gone

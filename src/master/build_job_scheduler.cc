@@ -21,12 +21,14 @@ rc_ptr<Message::Segment> OutputOf(const rc_ptr<Message::Segment>& text) {
 }  // namespace
 
 BuildJobScheduler::BuildJobScheduler(u32 maxConcurrentJobs, IniFile* settings, MessageDispatcher* dispatcher,
-                                     JobSlots* slots)
+                                     JobSlots* slots, JobJournal* journal)
     : localServer_(new Server(GetLocalHostName())),
       dispatcher_(dispatcher),
+      journal_(journal),
+      namesJobsInLog_(slots != nullptr),
       cancelsOrphans_(settings->GetBool("Extensions/CancelOrphanedJobs", false)),
       discardsOutput_(settings->GetBool("Extensions/DiscardOutput", false)),
-      localQueue_(maxConcurrentJobs, *settings, *dispatcher, slots) {}
+      localQueue_(maxConcurrentJobs, *settings, *dispatcher, slots, LocalJobQueue::kOutputLimit, journal) {}
 
 // A client's own announcement comes first: another client that announces the same name must not get its jobs.
 rc_ptr<Project> BuildJobScheduler::FindProject(const BuildJob& job) {
@@ -54,6 +56,10 @@ void BuildJobScheduler::JoinProject(const rc_ptr<BuildJob>& job) {
 
 void BuildJobScheduler::AddJob(const rc_ptr<BuildJob>& job) {
   JoinProject(job);
+  if (journal_ != nullptr) {
+    job->number = journal_->Add(job.Get(), job->clientProcess);
+    journal_->FindParent(job->number);
+  }
   pendingJobs_[job->id] = job;
   if (!cancelsOrphans_) return;
   jobsOfClients_[job->clientAddress][job->id] = job;
@@ -156,12 +162,17 @@ void BuildJobScheduler::LogOutcome(const BuildJob& job, i32 elapsedMs) {
   const u64 end = LocalTimeMs();
   const u64 start = end - static_cast<u64>(std::max(elapsedMs, 0));
   const char* const outcome = job.exitCode == 0 ? "(OK)" : job.isCancelled ? "(CANCELLED)" : "(FAIL)";
-  WriteMasterLog(Log::Info, std::string("Build Job completed ") + outcome,
-                 {{"project", job.project != nullptr ? job.project->name : job.projectName},
-                  LogField("client_key", job.id),
-                  LogField("result", static_cast<u32>(job.exitCode)),
-                  {"start_time", Log::FormatTime(start)},
-                  {"end_time", Log::FormatTime(end)}});
+  Log::Fields fields{{"project", job.project != nullptr ? job.project->name : job.projectName},
+                     LogField("client_key", job.id),
+                     LogField("result", static_cast<u32>(job.exitCode)),
+                     {"start_time", Log::FormatTime(start)},
+                     {"end_time", Log::FormatTime(end)}};
+  if (namesJobsInLog_) {
+    fields.emplace_back("command", job.commandLine);
+    if (!job.name.empty()) fields.emplace_back("name", job.name);
+    fields.emplace_back("folder", job.workingDirectory.ToString());
+  }
+  WriteMasterLog(Log::Info, std::string("Build Job completed ") + outcome, fields);
 }
 
 void BuildJobScheduler::JobCompleted(const rc_ptr<BuildJob>& job) {

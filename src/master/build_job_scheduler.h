@@ -35,8 +35,9 @@ namespace kestrun {
 // time, and so needs no lock. Those three may come from any thread and touch no record.
 class BuildJobScheduler {
  public:
-  // Starts the local job queue. The dispatcher outlives the scheduler.
-  BuildJobScheduler(u32 maxConcurrentJobs, IniFile* settings, MessageDispatcher* dispatcher, JobSlots* slots = nullptr);
+  // Starts the local job queue. The dispatcher outlives the scheduler, and so does the journal, which may be null.
+  BuildJobScheduler(u32 maxConcurrentJobs, IniFile* settings, MessageDispatcher* dispatcher, JobSlots* slots = nullptr,
+                    JobJournal* journal = nullptr);
   BuildJobScheduler(const BuildJobScheduler&) = delete;
   BuildJobScheduler& operator=(const BuildJobScheduler&) = delete;
 
@@ -109,6 +110,8 @@ class BuildJobScheduler {
   std::vector<rc_ptr<Project>> usedProjects_;        // every one with a job: jobs hold a plain pointer to their project
   const rc_ptr<Server> localServer_;
   MessageDispatcher* const dispatcher_;
+  JobJournal* const journal_;
+  const bool namesJobsInLog_;
   const bool cancelsOrphans_;
   const bool discardsOutput_;
   LocalJobQueue localQueue_;  // last: its threads have ended before the records go

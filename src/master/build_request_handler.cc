@@ -99,6 +99,9 @@ rc_ptr<BuildJob> BuildRequestHandler::ParseRequest(const rc_ptr<Message>& reques
   rc_ptr<BuildJob> job =
       CreateJob(tool, arguments, workingDirectory, FindEnvironment(request), flags | options_.flags, echoText, project);
   job->timeoutSeconds = timeoutSeconds;
+  reader.ReadString(SEG_JOB_NAME, job->name);
+  reader.ReadUnsigned(SEG_CLIENT_PROCESS, job->clientProcess);
+  reader.ReadUnsigned(SEG_SCRIPT_LINE, job->scriptLine);
   job->clientAddress = request->GetAddress();
   return job;
 }

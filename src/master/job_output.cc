@@ -65,6 +65,7 @@ rc_ptr<MemoryStream> JobOutput::Take(u32 stream, bool isCounted) {
 }
 
 void JobOutput::PassOn(u32 stream) {
+  passedOn_[stream] += streams_[stream]->GetSize();
   const rc_ptr<MemoryStream> sent = Take(stream, true);
   const rc_ptr<MemoryStream> nothing = new MemoryStream;
   SendBuildOutput(dispatcher_.FindChannel(job_->clientAddress), stream == 0 ? sent : nothing,

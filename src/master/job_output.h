@@ -32,6 +32,9 @@ class JobOutput : public OutputGate {
 
   void OnOutput(MemoryStream& collected) override;
 
+  // What the tool has written to both so far, passed on or not. While nothing reads.
+  u64 CountBytes() const { return passedOn_[0] + passedOn_[1] + streams_[0]->GetSize() + streams_[1]->GetSize(); }
+
   // The content of a stream for the result. It counts in the budget until the last message that has it is gone.
   rc_ptr<MemoryStream> TakeStdout() { return Take(0, !isKept_); }
   rc_ptr<MemoryStream> TakeStderr() { return Take(1, !isKept_); }
@@ -49,7 +52,8 @@ class JobOutput : public OutputGate {
   u32 start_ = 0;
   // Each touched by the reader of that stream alone while the tool runs.
   rc_ptr<MemoryStream> streams_[2];
-  u32 counted_[2] = {};  // size of the stream when it was last counted
+  u32 counted_[2] = {};   // size of the stream when it was last counted
+  u64 passedOn_[2] = {};  // bytes that have left the stream for the client
 };
 
 }  // namespace kestrun

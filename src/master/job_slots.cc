@@ -90,6 +90,12 @@ bool JobSlots::IsGranted(Ticket ticket) const {
   return found != jobs_.end() && found->second.isGranted;
 }
 
+i32 JobSlots::SlotOf(Ticket ticket) const {
+  const std::lock_guard lock(lock_);
+  const auto found = jobs_.find(ticket);
+  return found != jobs_.end() ? found->second.slot : -1;
+}
+
 u32 JobSlots::CountRunning() const {
   const std::lock_guard lock(lock_);
   return static_cast<u32>(
@@ -132,10 +138,18 @@ bool JobSlots::TryGrant(Job& job, Ticket ticket) {
 
 void JobSlots::Grant(Job& job, Ticket ticket) {
   job.isGranted = true;
+  job.slot = job.lender != 0 ? jobs_[job.lender].slot : TakeLowestSlot();
   ++generation_;
   if (job.inputPipe != 0) ++inputs_[job.inputPipe];
   if (job.outputPipe != 0) ++outputs_[job.outputPipe];
   if (job.processId != 0) jobOfProcess_[job.processId] = ticket;
+}
+
+i32 JobSlots::TakeLowestSlot() {
+  i32 lowest = 0;
+  for (auto used = usedSlots_.begin(); used != usedSlots_.end() && *used == lowest; ++used) ++lowest;
+  usedSlots_.insert(lowest);
+  return lowest;
 }
 
 // Only from an output to an input: the jobs of one build often share the terminal, or a pipe to a log.
@@ -216,7 +230,10 @@ bool JobSlots::Remove(Ticket ticket) {
     if (job.lender == 0) jobs_[job.borrower].isBeyond = job.isBeyond;
   }
   if (job.lender != 0) jobs_[job.lender].borrower = job.borrower;
-  if (job.borrower == 0 && job.lender == 0 && !job.isBeyond) ++free_;
+  if (job.borrower == 0 && job.lender == 0) {
+    usedSlots_.erase(job.slot);
+    if (!job.isBeyond) ++free_;
+  }
   return job.lender != 0;
 }
 

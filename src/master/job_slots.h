@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <vector>
 
 #include "runtime/base/types.h"
@@ -84,6 +85,9 @@ class JobSlots {
   Ticket NewTicket();
 
   bool IsGranted(Ticket ticket) const;
+  // The number of the job's slot, from 0 upward: the lowest that was free, and with those that borrow it the same. One
+  // that runs beside the limit has a number of its own. -1 for a job without a slot.
+  i32 SlotOf(Ticket ticket) const;
   u32 CountRunning() const;
   u32 CountWaiting() const;
 
@@ -93,7 +97,8 @@ class JobSlots {
     u64 inputPipe = 0;
     u64 outputPipe = 0;
     bool isGranted = false;
-    bool isBeyond = false;         // runs beside the limit: no slot is free when it ends
+    bool isBeyond = false;  // runs beside the limit: no slot is free when it ends
+    i32 slot = -1;
     Ticket lender = 0;             // 0: owns its slot
     Ticket borrower = 0;           // 0: its slot is not lent
     std::vector<u32> ancestors{};  // of a waiting job: process ids, the nearest first
@@ -102,6 +107,7 @@ class JobSlots {
   std::vector<u32> AncestorsOf(u32 processId) const;
   bool TryGrant(Job& job, Ticket ticket);
   void Grant(Job& job, Ticket ticket);
+  i32 TakeLowestSlot();
   bool SharesPipe(const Job& job) const;
   Ticket FindLender(const Job& job) const;
   bool Remove(Ticket ticket);
@@ -123,6 +129,7 @@ class JobSlots {
   std::map<u32, Ticket> jobOfProcess_;
   std::map<u64, u32> inputs_;
   std::map<u64, u32> outputs_;
+  std::set<i32> usedSlots_;
   std::deque<Ticket> waiting_;
 };
 
@@ -141,6 +148,8 @@ class HeldJobSlot {
   HeldJobSlot& operator=(const HeldJobSlot&) = delete;
 
   bool IsGranted() const { return isGranted_; }
+  // -1 without a limit.
+  i32 GetNumber() const { return slots_ != nullptr ? slots_->SlotOf(ticket_) : -1; }
   // Lets descendants of the process borrow the slot.
   void SetProcess(u32 processId) {
     if (slots_ != nullptr) slots_->SetProcess(ticket_, processId);

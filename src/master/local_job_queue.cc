@@ -18,6 +18,8 @@ namespace kestrun {
 namespace {
 
 constexpr int kOverdueCode = 124;
+constexpr u64 kTicksInMicrosecond = 10;
+constexpr std::size_t kMostHeadBytes = 2048;
 constexpr u32 kThreadsEndMs = 30000;
 constexpr u32 kOrphanCheckMs = 500;
 constexpr u32 kToolFlags = Process::PIPE_STDIN | Process::PIPE_STDOUT | Process::PIPE_STDERR | Process::OWN_JOB;
@@ -53,6 +55,15 @@ void AddOverdueLine(MemoryStream& output, u32 seconds) {
   if (output.Append(text.data(), static_cast<u32>(text.size())) == 0) throw StreamException("Out of memory");
 }
 
+// What people want to see of a failure: the beginning of what it wrote, errors rather than output.
+std::string HeadOf(const Message& result) {
+  for (const u32 stream : {SEG_STDERR, SEG_STDOUT}) {
+    const rc_ptr<Message::Segment> output = result.FindSegment(stream);
+    if (output && output->GetDataLength() > 0) return std::string(output->GetText().substr(0, kMostHeadBytes));
+  }
+  return "";
+}
+
 // The client's, which the jobs of a script share. A job without one runs in the master's environment.
 std::shared_ptr<const Environment> MakeToolEnvironment(const BuildJob& job) {
   std::shared_ptr<const Environment> given = job.environment;
@@ -67,13 +78,14 @@ std::shared_ptr<const Environment> MakeToolEnvironment(const BuildJob& job) {
 }  // namespace
 
 LocalJobQueue::LocalJobQueue(u32 threadCount, IniFile& settings, MessageDispatcher& dispatcher, JobSlots* slots,
-                             u64 outputLimit)
+                             u64 outputLimit, JobJournal* journal)
     : dispatcher_(dispatcher),
       slots_(slots),
       budget_(new OutputBudget(outputLimit)),
       keepsOutput_(!settings.GetBool("Extensions/DiscardOutput", false)),
       cancelsOrphans_(settings.GetBool("Extensions/CancelOrphanedJobs", false)),
-      enforcesTimeout_(settings.GetBool("Extensions/EnforceJobTimeout", false)) {
+      enforcesTimeout_(settings.GetBool("Extensions/EnforceJobTimeout", false)),
+      journal_(journal) {
   const u32 count = std::max(threadCount, u32{1});
   for (u32 i = 0; i < count; ++i) {
     rc_ptr<Thread> thread = new Thread("Local build thread");
@@ -105,6 +117,7 @@ void LocalJobQueue::CancelOrphans() {
 }
 
 void LocalJobQueue::LocalBuildLoop() {
+  const i32 thread = threadCount_++;
   const Address localAddress(SocketAddress(GetLocalHostName(), 0), Address::kTcp, false);
   for (;;) {
     rc_ptr<BuildJob> job;
@@ -117,12 +130,12 @@ void LocalJobQueue::LocalBuildLoop() {
     if (job->isCancelled) {
       SkipJob(*job, localAddress);
     } else {
-      RunJob(*job, localAddress);
+      RunJob(*job, localAddress, thread);
     }
   }
 }
 
-void LocalJobQueue::RunJob(BuildJob& job, const Address& localAddress) {
+void LocalJobQueue::RunJob(BuildJob& job, const Address& localAddress, i32 thread) {
   if (!job.echoText.empty()) {
     SendBuildOutput(dispatcher_.FindChannel(job.clientAddress), job.echoText, "");
     job.echoText = std::string();
@@ -133,8 +146,9 @@ void LocalJobQueue::RunJob(BuildJob& job, const Address& localAddress) {
   LogJob(job, "starting process for job");
   EventTimer timer("event timer");
   timer.Start();
-  const ToolEnd end = RunTool(job, process, output);
+  const ToolEnd end = RunTool(job, process, output, thread);
   timer.Stop();
+  const u64 outputBytes = output->CountBytes();
   LogJob(job, "process for job complete", {LogField("exit_code", static_cast<u32>(end.exitCode))});
   rc_ptr<Message> result;
   try {
@@ -144,13 +158,35 @@ void LocalJobQueue::RunJob(BuildJob& job, const Address& localAddress) {
     // The output exceeds a segment's limit or the memory: the job fails, and its stub is told why.
     result = ResultMessage(localAddress, job, timer, -1, TextStream(""), TextStream(std::string(e.what()) + "\r\n"));
   }
+  TellJournal(job, *process, end, outputBytes, *result);
   Answer(result);
   LogJob(job, "Posting job result back to main thread", {{"local_addr", localAddress.ToString()}});
+}
+
+void LocalJobQueue::TellJournal(const BuildJob& job, Process& process, const ToolEnd& end, u64 outputBytes,
+                                const Message& result) {
+  if (journal_ == nullptr) return;
+  JobJournal::End told;
+  told.endedUs = end.endedUs;
+  told.outcome = job.isCancelled     ? JobOutcome::kCancelled
+                 : end.isOverdue     ? JobOutcome::kOverdue
+                 : end.exitCode != 0 ? JobOutcome::kFailed
+                                     : JobOutcome::kOk;
+  told.hasExitCode = !job.isCancelled;
+  told.exitCode = end.exitCode;
+  if (journal_->IsObserved()) {
+    told.cpuUs = static_cast<std::int64_t>(process.GetCpuTime() / kTicksInMicrosecond);
+    if (const u64 peak = process.GetPeakMemory()) told.peakMemoryBytes = static_cast<std::int64_t>(peak);
+    told.outputBytes = static_cast<std::int64_t>(outputBytes);
+    if (IsFailure(told.outcome)) told.outputHead = HeadOf(result);
+  }
+  journal_->Finish(job.number, std::move(told));
 }
 
 void LocalJobQueue::SkipJob(BuildJob& job, const Address& localAddress) {
   job.echoText = std::string();
   LogJob(job, "job was cancelled before its start");
+  if (journal_ != nullptr) journal_->Finish(job.number, {JobOutcome::kCancelled});
   EventTimer timer("event timer");
   timer.Start();
   timer.Stop();
@@ -162,13 +198,17 @@ void LocalJobQueue::Answer(const rc_ptr<Message>& result) {
 }
 
 LocalJobQueue::ToolEnd LocalJobQueue::RunTool(BuildJob& job, const rc_ptr<Process>& process,
-                                              const rc_ptr<JobOutput>& output) {
+                                              const rc_ptr<JobOutput>& output, i32 thread) {
   HeldJobSlot slot(slots_);
-  if (!slot.IsGranted()) return {-1, false};
+  if (!slot.IsGranted()) return {-1, false, SteadyMicroseconds()};
   const std::shared_ptr<const Environment> environment = slots_ != nullptr ? MakeToolEnvironment(job) : nullptr;
+  const std::int64_t startedUs = SteadyMicroseconds();
   if (!process->Start(job.commandLine, slots_ != nullptr ? kToolFlags : kJobFlags, environment.get(), 0))
-    return {-1, false};
+    return {-1, false, SteadyMicroseconds()};
   slot.SetProcess(process->GetProcessId());
+  if (journal_ != nullptr) {
+    journal_->Start(job.number, slots_ != nullptr ? slot.GetNumber() : thread, process->GetProcessId(), startedUs);
+  }
   if (!runningTools_.Add(job, process)) process->Kill();
   const u32 limitMs = WaitLimitMs(job);
   u32 code = static_cast<u32>(-1);
@@ -176,8 +216,9 @@ LocalJobQueue::ToolEnd LocalJobQueue::RunTool(BuildJob& job, const rc_ptr<Proces
   const bool isOverdue =
       !process->Collect(&output->GetStdout(), &output->GetStderr(), limitMs, &code, output) && limitMs != kNoLimit;
   if (isOverdue) process->Terminate();
+  const std::int64_t endedUs = SteadyMicroseconds();
   runningTools_.Remove(job.id);
-  return {isOverdue ? kOverdueCode : static_cast<int>(code), isOverdue};
+  return {isOverdue ? kOverdueCode : static_cast<int>(code), isOverdue, endedUs};
 }
 
 // A limit that milliseconds can't hold, from 49 days on, is none.

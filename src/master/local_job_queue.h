@@ -49,9 +49,10 @@ class LocalJobQueue {
   // queue. With `slots` (Extensions/TransparentTools) each tool runs in one of them, which clients take as well, and
   // with the client's environment (less the pipe of a make's jobserver) and priority; they outlive the queue, and are
   // stopped before it.
-  // `outputLimit` is the bound on output in memory, see OutputBudget.
+  // `outputLimit` is the bound on output in memory, see OutputBudget. The journal, which may be null, outlives the
+  // queue.
   LocalJobQueue(u32 threadCount, IniFile& settings, MessageDispatcher& dispatcher, JobSlots* slots = nullptr,
-                u64 outputLimit = kOutputLimit);
+                u64 outputLimit = kOutputLimit, JobJournal* journal = nullptr);
   // Stops the threads if Stop has not.
   ~LocalJobQueue();
   LocalJobQueue(const LocalJobQueue&) = delete;
@@ -78,15 +79,17 @@ class LocalJobQueue {
   struct ToolEnd {
     int exitCode;
     bool isOverdue;  // ended because it ran longer than its job's limit
+    std::int64_t endedUs = JobRecord::kNone;
   };
 
   void LocalBuildLoop();
-  void RunJob(BuildJob& job, const Address& localAddress);
+  void RunJob(BuildJob& job, const Address& localAddress, i32 thread);
   void SkipJob(BuildJob& job, const Address& localAddress);
-  ToolEnd RunTool(BuildJob& job, const rc_ptr<Process>& process, const rc_ptr<JobOutput>& output);
+  ToolEnd RunTool(BuildJob& job, const rc_ptr<Process>& process, const rc_ptr<JobOutput>& output, i32 thread);
   u32 WaitLimitMs(const BuildJob& job) const;
   void Answer(const rc_ptr<Message>& result);
   void CancelOrphans();
+  void TellJournal(const BuildJob& job, Process& process, const ToolEnd& end, u64 outputBytes, const Message& result);
 
   MessageDispatcher& dispatcher_;
   JobSlots* const slots_;  // may be null
@@ -95,6 +98,8 @@ class LocalJobQueue {
   const bool cancelsOrphans_;
   const bool enforcesTimeout_;
   ResultTaker takeResult_;                // may be empty
+  JobJournal* const journal_;
+  std::atomic<i32> threadCount_{0};
   BlockingQueue<rc_ptr<BuildJob>> jobs_;  // an empty pointer ends the thread that takes it
   RunningTools runningTools_;
   std::vector<rc_ptr<Thread>> threads_;  // constant after construction

@@ -1,5 +1,6 @@
 #include "master/project_stub.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -104,8 +105,9 @@ ProjectStub::ProjectStub(IniFile& settings, const Options& options)
       isEager_(settings.GetBool("Extensions/EagerScheduling", false)),
       dispatcher_(GetLocalHostName(), 0, GetListeningName(id_)),
       slots_(MakeSlots(settings)),
+      journal_(ReadMaxJobs(settings), platform::ParentProcess),
       failures_(settings.GetBool("Extensions/DiscardOutput", false) ? kMostFailures : FailureList::kNoBound),
-      scheduler_(ReadMaxJobs(settings), &settings, &dispatcher_, slots_.get()),
+      scheduler_(ReadMaxJobs(settings), &settings, &dispatcher_, slots_.get(), &journal_),
       requestHandler_(&settings, options, &dispatcher_, MakeJobListener()) {
   if (isEager_) dispatcher_.SetStartDelay(0);
   scheduler_.SetResultTaker([this](const rc_ptr<Message>& result) { return TryResultHere(result); });
@@ -135,6 +137,9 @@ ProjectStub::~ProjectStub() {
 // Without a keeper a master admits clients all the same.
 void ProjectStub::OpenPlaces(IniFile& settings) {
   const u32 places = ReadMaxStubs(settings);
+  // An observer must not have the channel of a client that has been granted a slot.
+  observers_ = std::make_unique<JobObservers>(
+      journal_, dispatcher_, std::min(JobObservers::kMostObservers, kMostStubs - places), platform::PeakMemoryOfTree);
   if (settings.GetBool("Extensions/ReclaimPlaces", false)) {
     try {
       placeKeeper_ = std::make_unique<PlaceKeeper>(id_, places);
@@ -185,7 +190,7 @@ bool ProjectStub::OpenSlotServer() {
   if (!slots_) return true;
   try {
     if (platform::kHasLocalStreams) {
-      slotServer_ = std::make_unique<SlotServer>(id_, *slots_);
+      slotServer_ = std::make_unique<SlotServer>(id_, *slots_, journal_);
     } else {
       slotTable_ = std::make_unique<PlaceKeeper>(GetJobSlotsId(id_), *slots_);
     }
@@ -226,6 +231,8 @@ void ProjectStub::HandleMessage(rc_ptr<Message> message) {
       return OnDrainRequests();
     case MSG_PROJECT_DETAILS:
       return OnProjectDetails(message);
+    case MSG_OBSERVE:
+      return observers_->OnRequest(message);
     case MessageDispatcher::kStarted:
       return OnStarted();
     case MessageDispatcher::kClosed:
@@ -269,7 +276,7 @@ void ProjectStub::OnJobResult(const rc_ptr<Message>& message) {
   // A cancelled job has no client any more, and its end says nothing about the build.
   if (exitCode != 0 && !job->isCancelled) failures_.Add(jobId, job->commandLine);
   const rc_ptr<MessageChannel> channel = dispatcher_.FindChannel(job->clientAddress);
-  PassResultOn(channel, *message, job->exitCode, (job->flags & FLAG_KEEP_GOING) != 0);
+  PassResultOn(channel, *message, job->exitCode, (job->flags & FLAG_KEEP_GOING) != 0, job->scriptLine);
   if (IsDebugLogOpen()) {
     WriteMasterLog(Log::Debug, channel ? "Result passed on" : "Result dropped, its client has gone",
                    {LogField("client_key", jobId), {"address", job->clientAddress.ToString()}});
@@ -360,6 +367,7 @@ bool ProjectStub::CheckListener() {
 // there is no channel to send them on.
 void ProjectStub::OnChannelEvent(const rc_ptr<Message>& message) {
   const Address& address = message->GetAddress();
+  observers_->OnGone(address);
   scheduler_.ClientGone(address);
   if (address.GetKind() == Address::kIpc) return;
   WriteMasterLog(Log::Warning, "Unknown channel disconnected", {{"address", address.ToString()}});
@@ -377,6 +385,7 @@ void ProjectStub::Shutdown() {
   if (slots_) slots_->Stop();
   scheduler_.Stop();
   requestHandler_.Stop();
+  observers_->Stop();
   if (isEager_ && handlingThread_ == GetCurrentThreadId()) {
     // Results that are not sent yet are messages behind the one that this thread handles: a pause brings them no
     // nearer.

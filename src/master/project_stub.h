@@ -10,6 +10,8 @@
 #include "master/build_job_scheduler.h"
 #include "master/build_request_handler.h"
 #include "master/failure_list.h"
+#include "master/job_journal.h"
+#include "master/job_observers.h"
 #include "master/job_slots.h"
 #include "master/job_watch.h"
 #include "master/place_keeper.h"
@@ -88,12 +90,14 @@ class ProjectStub : public StubBase {
   bool isEnding_ = false;                 // guarded by handlingLock_: the destructor has come, messages are dropped
   MessageDispatcher dispatcher_;
   std::unique_ptr<JobSlots> slots_;  // null without Extensions/TransparentTools
+  JobJournal journal_;
   FailureList failures_;             // under handlingLock_; read by Run once all threads have ended
   BuildJobScheduler scheduler_;
   // Exactly one of the two is set: the plain semaphore, or the keeper.
   std::unique_ptr<Semaphore> clientAccess_;
   std::unique_ptr<PlaceKeeper> placeKeeper_;
   BuildRequestHandler requestHandler_;
+  std::unique_ptr<JobObservers> observers_;  // constant after construction
   // While Run runs with TransparentTools, one of them: clients ask for job slots there.
   std::unique_ptr<SlotServer> slotServer_;
   std::unique_ptr<PlaceKeeper> slotTable_;

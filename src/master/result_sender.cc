@@ -32,13 +32,15 @@ bool SendBuildResult(const rc_ptr<MessageChannel>& channel, const std::string& s
   return channel && SendEnd(*channel, OutputMessage(stdoutText, stderrText), exitCode, keepGoing);
 }
 
-bool PassResultOn(const rc_ptr<MessageChannel>& channel, const Message& localResult, i32 exitCode, bool keepGoing) {
+bool PassResultOn(const rc_ptr<MessageChannel>& channel, const Message& localResult, i32 exitCode, bool keepGoing,
+                  u32 scriptLine) {
   if (!channel) return false;
   const rc_ptr<Message> message = ToStub(MSG_BUILD_RESULT);
   for (const u32 type : {SEG_STDOUT, SEG_STDERR}) {
     const rc_ptr<Message::Segment> output = localResult.FindSegment(type);
     message->AddSegment(output ? output.Get() : Message::Segment::FromString(type, "").Get());
   }
+  if (scriptLine != 0) message->AddU32(SEG_SCRIPT_LINE, scriptLine);
   return SendEnd(*channel, message, exitCode, keepGoing);
 }
 

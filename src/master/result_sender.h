@@ -19,8 +19,10 @@ namespace kestrun {
 bool SendBuildResult(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText,
                      const std::string& stderrText, i32 exitCode, bool keepGoing);
 
-// The same, with the output segments of a MSG_LOCAL_JOB_RESULT, which are shared and not copied.
-bool PassResultOn(const rc_ptr<MessageChannel>& channel, const Message& localResult, i32 exitCode, bool keepGoing);
+// The same, with the output segments of a MSG_LOCAL_JOB_RESULT, which are shared and not copied. A `scriptLine` other
+// than 0 goes back to the client that gave it.
+bool PassResultOn(const rc_ptr<MessageChannel>& channel, const Message& localResult, i32 exitCode, bool keepGoing,
+                  u32 scriptLine = 0);
 
 // A MSG_BUILD_RESULT with output alone: more will follow for the job.
 bool SendBuildOutput(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText,

@@ -18,9 +18,32 @@ void SendAnswer(platform::LocalServer& server, platform::LocalServer::Client cli
   server.Answer(client, &answer, sizeof answer);
 }
 
+JobText ToJobText(const SlotTexts& texts) {
+  JobText text;
+  text.project = texts.project;
+  text.name = texts.name;
+  text.folder = texts.folder;
+  text.tool = texts.tool;
+  text.command = text.tool;
+  if (!texts.arguments.empty()) text.command += ' ';
+  text.command += texts.arguments;
+  return text;
+}
+
+void SetEnd(const platform::ProcessEnd& process, JobJournal::End& end) {
+  end.cpuUs = process.cpuUs;
+  if (!process.isKnown) return;
+  end.signal = process.signal;
+  end.hasExitCode = process.signal == 0;
+  end.exitCode = process.exitCode;
+  end.outcome = process.signal != 0     ? JobOutcome::kSignalled
+                : process.exitCode != 0 ? JobOutcome::kFailed
+                                        : JobOutcome::kOk;
+}
+
 }  // namespace
 
-SlotServer::SlotServer(const std::string& id, JobSlots& slots) : slots_(slots) {
+SlotServer::SlotServer(const std::string& id, JobSlots& slots, JobJournal& journal) : slots_(slots), journal_(journal) {
   std::string error;
   server_ = platform::LocalServer::Listen(GetSlotServerName(id), error);
   if (!server_) throw SyncException("cannot listen for clients: " + error);
@@ -54,18 +77,23 @@ void SlotServer::Refuse() {
 }
 
 bool SlotServer::OnClient(Client client, u32 processId, bool seesEnd, const char* data, std::size_t size) {
-  SlotRequest request;
-  if (!ReadSlotRequest(data, size, request)) return false;
+  SlotRequestHeader header;
+  SlotTexts texts;
+  if (!ReadSlotRequest(data, size, header, texts)) return false;
+  u64 number = 0;
   {
     const Lock lock(lock_);
     if (isRefusing_) {
       SendAnswer(*server_, client, SlotAnswer::kStopping);
       return true;
     }
-    jobs_[client] = {std::move(request.project), std::move(request.commandLine), 0, true, !seesEnd};
+    const rc_ptr<OwnedJobText> text = new OwnedJobText(ToJobText(texts));
+    number = journal_.Add(text, processId);
+    jobs_[client] = {number, text, 0, true, !seesEnd};
   }
   const JobSlots::Ticket ticket = kClientBit | client;
-  if (slots_.Ask(ticket, processId, request.header.inputPipe, request.header.outputPipe)) OnGranted(ticket);
+  if (slots_.Ask(ticket, processId, header.inputPipe, header.outputPipe)) OnGranted(ticket);
+  journal_.FindParent(number);
   return true;
 }
 
@@ -79,13 +107,18 @@ void SlotServer::OnGranted(JobSlots::Ticket ticket) {
   Job& job = found->second;
   job.isWaiting = false;
   job.startedAt = GetTickCount();
+  const std::int64_t startedUs = SteadyMicroseconds();
   SendAnswer(*server_, client, job.keepsOpen ? SlotAnswer::kKeepOpen : SlotAnswer::kGranted);
+  journal_.Start(job.number, slots_.SlotOf(ticket), 0, startedUs);
   if (IsLogOpen()) {
-    WriteMasterLog(Log::Info, "Build Job started", {{"project_name", job.project}, {"command", job.commandLine}});
+    WriteMasterLog(Log::Info, "Build Job started",
+                   {{"project_name", job.text->Get().project}, {"command", job.text->Get().command}});
   }
 }
 
-void SlotServer::OnGone(Client client) {
+void SlotServer::OnGone(Client client, const std::function<platform::ProcessEnd()>& readEnd) {
+  JobJournal::End end;
+  end.endedUs = SteadyMicroseconds();
   Job job;
   {
     const Lock lock(lock_);
@@ -94,12 +127,23 @@ void SlotServer::OnGone(Client client) {
     job = std::move(found->second);
     jobs_.erase(found);
   }
+  const u32 elapsedMs = GetTickCount() - job.startedAt;
   slots_.Leave(kClientBit | client);
-  if (job.isWaiting || !IsLogOpen()) return;
-  WriteMasterLog(Log::Info, "Build Job ended",
-                 {{"project_name", job.project},
-                  {"command", job.commandLine},
-                  {"elapsed_time", FormatElapsed(GetTickCount() - job.startedAt)}});
+  if (job.isWaiting) {
+    end.outcome = JobOutcome::kCancelled;
+  } else if (journal_.IsObserved()) {
+    SetEnd(readEnd(), end);
+  }
+  journal_.Finish(job.number, std::move(end));
+  if (!job.isWaiting && IsLogOpen()) LogEnd(job, elapsedMs);
+}
+
+void SlotServer::LogEnd(const Job& job, u32 elapsedMs) const {
+  const JobText& text = job.text->Get();
+  Log::Fields fields{{"project_name", text.project}, {"command", text.command}, {"folder", text.folder}};
+  if (!text.name.empty()) fields.emplace_back("name", text.name);
+  fields.emplace_back("elapsed_time", FormatElapsed(elapsedMs));
+  WriteMasterLog(Log::Info, "Build Job ended", fields);
 }
 
 }  // namespace kestrun

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "master/job_journal.h"
 #include "master/job_slots.h"
 #include "platform/local_stream.h"
 #include "runtime/base/critical_section.h"
@@ -21,9 +22,9 @@ namespace kestrun {
 // Threads: one, "Slot server". Grants come from any thread that frees a slot.
 class SlotServer : private platform::LocalServer::Handler {
  public:
-  // Throws SyncException, with the cause, if clients could not reach it. The slots outlive this object, which becomes
-  // their listener.
-  SlotServer(const std::string& id, JobSlots& slots);
+  // Throws SyncException, with the cause, if clients could not reach it. Slots and journal outlive this object, which
+  // becomes the listener of the slots.
+  SlotServer(const std::string& id, JobSlots& slots, JobJournal& journal);
   // Ends the thread. Clients that wait lose their connection, which tells them that there is no master.
   ~SlotServer();
   SlotServer(const SlotServer&) = delete;
@@ -36,20 +37,22 @@ class SlotServer : private platform::LocalServer::Handler {
   using Client = platform::LocalServer::Client;
 
   bool OnClient(Client client, u32 processId, bool seesEnd, const char* data, std::size_t size) override;
-  void OnGone(Client client) override;
+  void OnGone(Client client, const std::function<platform::ProcessEnd()>& readEnd) override;
   void OnGranted(JobSlots::Ticket ticket);
   void Serve();
 
-  // A client's job, for the log.
   struct Job {
-    std::string project;
-    std::string commandLine;
+    u64 number = 0;  // in the journal
+    rc_ptr<OwnedJobText> text;
     u32 startedAt = 0;  // by the tick count, once it is granted
     bool isWaiting = true;
     bool keepsOpen = false;  // its connection is all that tells of its end
   };
 
+  void LogEnd(const Job& job, u32 elapsedMs) const;
+
   JobSlots& slots_;
+  JobJournal& journal_;
   std::unique_ptr<platform::LocalServer> server_;
   CriticalSection lock_;
   bool isRefusing_ = false;     // guarded by lock_

@@ -60,6 +60,9 @@ extern const DWORD kRefuseFilesOfOthers;
 std::string WhyNoFile(const std::string& name);
 std::string WhyOfOthers(const std::string& name);
 
+// The machine's name as its users know it; empty if it has none.
+std::string HostName();
+
 // Processors that this process may really use: affinity and, where there is one, the cgroup quota. At least 1.
 unsigned UsableProcessors();
 

@@ -9,12 +9,22 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
 namespace kestrun::platform {
 
 extern const bool kHasLocalStreams;
+
+// How a process that is no child of this one has ended.
+struct ProcessEnd {
+  bool isKnown = false;
+  int exitCode = 0;  // where it ended by itself
+  int signal = 0;    // that ended it; 0 for none
+  std::int64_t cpuUs =
+      -1;  // of it, and of the children that it waited for in steps of the system's ticks; -1: not known
+};
 
 // A client's end. One thread.
 class LocalStream {
@@ -50,7 +60,9 @@ class LocalServer {
     // `seesEnd` false the system does not tell of the end of its process, and the end of its connection counts, which
     // it has to keep open. False hangs up: it is no client.
     virtual bool OnClient(Client client, std::uint32_t processId, bool seesEnd, const char* data, std::size_t size) = 0;
-    virtual void OnGone(Client client) = 0;
+    // `readEnd` tells how its process has ended. It takes some system calls, so what others wait for comes first; and
+    // the earlier it is asked, the more it can tell.
+    virtual void OnGone(Client client, const std::function<ProcessEnd()>& readEnd) = 0;
   };
 
   // Null if the name can't be listened on; the reason is in `error`. One server a name: a name that a dead server left

@@ -2,6 +2,8 @@
 #ifndef KESTRUN_PLATFORM_TERMINAL_H_
 #define KESTRUN_PLATFORM_TERMINAL_H_
 
+#include <cstddef>
+#include <cstdio>
 #include <memory>
 
 namespace kestrun::platform {
@@ -21,6 +23,20 @@ class SavedTerminal {
   struct Modes;
   std::unique_ptr<Modes> modes_;  // null without a terminal
 };
+
+// True if the stream writes to a terminal.
+bool IsTerminal(std::FILE* stream);
+
+struct TerminalSize {
+  std::size_t lines = 0;
+  std::size_t columns = 0;  // 0: the stream writes to no terminal
+};
+// A terminal that does not tell counts as one of 24 lines and 80 columns.
+TerminalSize GetTerminalSize(std::FILE* stream);
+
+// True if the stream writes to a terminal that moves its cursor by escape codes, which this turns on where that is
+// needed.
+bool EnableTerminalCodes(std::FILE* stream);
 
 }  // namespace kestrun::platform
 

@@ -44,6 +44,10 @@ std::uint32_t ParentProcess(std::uint32_t processId);
 // Takes milliseconds.
 std::uint64_t ProcessorTimeOfTree(std::uint32_t processId);
 
+// The most memory, in bytes, that this process or one below it that lives now has had at once so far; 0 if there is
+// none, and where the system does not tell.
+std::uint64_t PeakMemoryOfTree(std::uint32_t processId);
+
 // The pipe that is this process's standard input (0) or output (1), by a number that is the same in every process of
 // the machine; 0 for what is no pipe, and where the system does not tell.
 std::uint64_t PipeNumber(int standardStream);

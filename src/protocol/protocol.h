@@ -23,12 +23,14 @@ enum MessageType : u32 {
   MSG_PROJECT_DETAILS = 107,   // script stub to master, ahead of its jobs
   MSG_BUILD_RESULT = 600,      // master to stub: output, and with SEG_EXIT_CODE the end of a job
   MSG_PROJECT_COMPLETE = 601,  // master to script stub, after its last result
+  MSG_OBSERVE = 800,           // observer to master: what it wants to be told
+  MSG_JOURNAL = 801,           // master to observer: records of jobs, and the state of the whole
 };
 
 // The types that a master takes from its clients. Each acts for the client whose channel brings it, but for MSG_STOP,
 // with which any client ends the master. All others are the master's own, and refused if a channel brings them.
 inline bool MayStubSend(u32 type) {
-  return type == MSG_BUILD_REQUEST || type == MSG_STOP || type == MSG_PROJECT_DETAILS;
+  return type == MSG_BUILD_REQUEST || type == MSG_STOP || type == MSG_PROJECT_DETAILS || type == MSG_OBSERVE;
 }
 
 // Segment types: text unless a comment gives another form.
@@ -53,6 +55,20 @@ enum SegmentType : u32 {
   SEG_ENV_VAR = 300,    // container of one SEG_ENV_NAME and one SEG_ENV_VALUE; repeated
   SEG_ENV_NAME = 301,
   SEG_ENV_VALUE = 302,
+  SEG_OBSERVE_KIND = 400,     // u32: ObserveKind
+  SEG_OBSERVE_PROCESS = 401,  // u32: jobs below this process are marked; 0 or absent for none
+  SEG_JOURNAL_STATE = 402,    // EncodeState
+  SEG_JOURNAL_JOBS = 403,     // any number of EncodeRecord
+  SEG_REFUSAL = 404,          // why this client is told nothing
+  SEG_CLIENT_PROCESS = 405,   // u32: of a request: its client; with TransparentTools
+  SEG_SCRIPT_LINE = 406,      // u32: of a request, and then of its result: a script stub on a terminal asks for it
+};
+
+// What an observer asks for.
+enum ObserveKind : u32 {
+  OBSERVE_SNAPSHOT = 1,  // the state and the jobs that run or wait, once
+  OBSERVE_FOLLOW = 2,    // the same, and from then on each job that comes or changes
+  OBSERVE_FLUSH = 3,     // of one that follows: at once all that it has not been told yet
 };
 
 // Bits of SEG_FLAGS and of Options::flags.

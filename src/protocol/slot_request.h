@@ -4,11 +4,13 @@
 // Clients that a pipe joins are one pipeline: each waits for the others, so they run together. The request tells the
 // pipes by numbers that mean the same to every process of the machine.
 //
-// The request is a header and, behind it, text for the log: the project's name, a NUL, the command line. The answer is
-// one SlotAnswer. Both stay within one machine, so numbers lie as they do in memory.
+// The request is a header and, behind it, texts for people, each but the last with a NUL behind it: project, name of
+// the job, folder, tool, arguments. The answer is one SlotAnswer. Both stay within one machine, so numbers lie as they
+// do in memory.
 #ifndef KESTRUN_PROTOCOL_SLOT_REQUEST_H_
 #define KESTRUN_PROTOCOL_SLOT_REQUEST_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -30,37 +32,43 @@ struct SlotRequestHeader {
   static constexpr u32 kMagic = 0x4B72536C;
 
   u32 magic = kMagic;
-  u32 version = 1;
+  u32 version = 2;
   u64 inputPipe = 0;   // the pipe that is the client's standard input; 0 if it is none
   u64 outputPipe = 0;  // the same of its standard output
 };
 
-// The text is cut to this length: it is for people.
-inline constexpr std::size_t kMostSlotText = 1024;
+// The texts are cut to this length together: they are for people.
+inline constexpr std::size_t kMostSlotText = 3072;
 
-inline std::string MakeSlotRequest(const SlotRequestHeader& header, std::string_view project,
-                                   std::string_view commandLine) {
-  std::string text(project);
-  text += '\0';
-  text += commandLine;
+struct SlotTexts {
+  std::string_view project;
+  std::string_view name;
+  std::string_view folder;
+  std::string_view tool;
+  std::string_view arguments;
+};
+
+inline std::string MakeSlotRequest(const SlotRequestHeader& header, const SlotTexts& texts) {
+  std::string text;
+  for (const std::string_view part : {texts.project, texts.name, texts.folder, texts.tool}) {
+    text += part;
+    text += '\0';
+  }
+  text += texts.arguments.substr(0, kMostSlotText);
   return std::string(reinterpret_cast<const char*>(&header), sizeof header) + text.substr(0, kMostSlotText);
 }
 
-struct SlotRequest {
-  SlotRequestHeader header;
-  std::string project;
-  std::string commandLine;
-};
-
-// False for what is no request.
-inline bool ReadSlotRequest(const char* data, std::size_t size, SlotRequest& request) {
-  if (size < sizeof request.header) return false;
-  std::memcpy(&request.header, data, sizeof request.header);
-  if (request.header.magic != SlotRequestHeader::kMagic) return false;
-  const std::string_view text(data + sizeof request.header, size - sizeof request.header);
-  const std::size_t end = text.find('\0');
-  request.project = text.substr(0, end);
-  request.commandLine = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
+// False for what is no request. The texts lie in `data`; those that were cut off are empty.
+inline bool ReadSlotRequest(const char* data, std::size_t size, SlotRequestHeader& header, SlotTexts& texts) {
+  if (size < sizeof header) return false;
+  std::memcpy(&header, data, sizeof header);
+  if (header.magic != SlotRequestHeader::kMagic) return false;
+  std::string_view rest(data + sizeof header, size - sizeof header);
+  for (std::string_view* const part : {&texts.project, &texts.name, &texts.folder, &texts.tool}) {
+    *part = rest.substr(0, rest.find('\0'));
+    rest.remove_prefix(std::min(rest.size(), part->size() + 1));
+  }
+  texts.arguments = rest;
   return true;
 }
 

@@ -35,6 +35,14 @@ TEST(JobScript, GivesEchoLinesToTheJobBehindThem) {
   EXPECT_EQ(Jobs("Echo x"), "{Echo|x}");
 }
 
+TEST(JobScript, KnowsTheLineInWhichEachJobBegins) {
+  const std::vector<ScriptJob> jobs = ParseJobScript("\r\n# c\r\na 1 \\\r\n\r\n  2\r\necho e\n\nb\n  c\\");
+  ASSERT_EQ(jobs.size(), 3u);
+  EXPECT_EQ(jobs[0].line, 3u);
+  EXPECT_EQ(jobs[1].line, 8u);
+  EXPECT_EQ(jobs[2].line, 9u);
+}
+
 TEST(JobScript, JoinsLinesThatEndInABackslash) {
   EXPECT_EQ(Jobs("cl /c a.c \\\r\n   /Fo:a.obj"), "{cl|/c a.c     /Fo:a.obj}");
   EXPECT_EQ(Jobs("cl a\\\n\n\\\nb"), "{cl|a  b}");

@@ -34,6 +34,20 @@ TEST(DornOptions, EndAtTheFirstWordThatIsNoneOrAtTheMark) {
   }
 }
 
+TEST(DornOptions, TellWhatToShowOfABuild) {
+  Options options;
+  std::string error;
+  ASSERT_TRUE(ParseOptions({"--trace", "t", "--record", "r", "--no-summary", "make", "--summary"}, options, error));
+  EXPECT_EQ(options.traceFile, "t");
+  EXPECT_EQ(options.recordFile, "r");
+  EXPECT_EQ(options.summary, Options::Summary::kNever);
+  EXPECT_EQ(options.command, (Words{"make", "--summary"}));
+  for (const Words& wrong : {Words{"--json", "make"}, Words{"--watch", "--help", "x", "--json"}, Words{"--trace"}}) {
+    Options none;
+    EXPECT_FALSE(ParseOptions(wrong, none, error)) << wrong[0];
+  }
+}
+
 TEST(DornOptions, NeedNoCommandForWhatOnlyTells) {
   const std::pair<Words, Action> cases[] = {{{"--help", "--version"}, Action::kHelp},
                                             {{"--version"}, Action::kVersion},

@@ -7,6 +7,7 @@
 //   pid                 its process id                                   input          how many bytes stdin held
 //   await EVENT         waits for a named event                          signal EVENT   signals one
 //   create FILE         makes an empty file                              hold           waits until it is killed
+//   sleep MS            waits so many milliseconds
 //   note FILE           appends its process id, as a line, to a file
 //   background MODE WORD...   starts itself in the background with all the words behind, and prints that one's id
 //   crash               dies of an abort                                 exit CODE      ends with that code
@@ -99,6 +100,7 @@ std::size_t RunCommand(const Words& words, std::size_t at) {
   if (command == "create") return std::ofstream(word(1)), at + 2;
   if (command == "note") return std::ofstream(word(1), std::ios::app) << GetCurrentProcessId() << '\n', at + 2;
   if (command == "hold") Hold();
+  if (command == "sleep") return Sleep(static_cast<DWORD>(std::stoul(word(1)))), at + 2;
   if (command == "background") {
     const Words rest(words.begin() + static_cast<std::ptrdiff_t>(at) + 2, words.end());
     PrintLine(stdout, std::to_string(StartBackground(word(1), rest)));

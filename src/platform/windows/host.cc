@@ -80,6 +80,12 @@ std::string WhyOfOthers(const std::string&) {
   return "";
 }
 
+std::string HostName() {
+  char name[MAX_COMPUTERNAME_LENGTH + 1] = {};
+  DWORD size = sizeof name;
+  return GetComputerNameA(name, &size) ? std::string(name, size) : "";
+}
+
 unsigned UsableProcessors() {
   DWORD_PTR own = 0;
   DWORD_PTR all = 0;

@@ -144,6 +144,10 @@ std::uint64_t ProcessorTimeOfTree(std::uint32_t processId) {
   return sum;
 }
 
+std::uint64_t PeakMemoryOfTree(std::uint32_t) {
+  return 0;
+}
+
 std::uint64_t PipeNumber(int) {
   return 0;
 }

@@ -420,6 +420,14 @@ u64 Process::GetCpuTime() {
   return ToTicks(kernel) + ToTicks(user);
 }
 
+u64 Process::GetPeakMemory() {
+  const Lock lock(handleLock_);
+  JOBOBJECT_EXTENDED_LIMIT_INFORMATION usage{};
+  const bool isKnown =
+      job_ && QueryInformationJobObject(job_.Get(), JobObjectExtendedLimitInformation, &usage, sizeof usage, nullptr);
+  return isKnown ? usage.PeakProcessMemoryUsed : 0;
+}
+
 rc_ptr<Process> Process::GetCurrent() {
   // A handle of its own: the pseudo handle has the value of an invalid one, and must not be closed.
   const DWORD id = GetCurrentProcessId();

@@ -96,6 +96,9 @@ class Process : public rc_base {
   // What follows up to GetStderr is offered to users of the library; the program itself does not ask for it.
   // User and kernel time in units of 100 ns: of the whole job if there is one. 0 if the system does not tell.
   u64 GetCpuTime();
+  // The most memory in bytes that a process of the child's job had at once; 0 without a job, and if the system does not
+  // tell (Linux counts children as they end).
+  u64 GetPeakMemory();
 
   // The child's exit code; the system's error number after a failure; 0xFFFFFFFF after Terminate.
   u32 GetExitCode() const { return exitCode_; }

@@ -4,9 +4,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace kestrun::platform {
 
@@ -26,10 +28,15 @@ bool ReadProcessStat(pid_t pid, ProcessStat& stat) {
   unsigned long user = 0, kernel = 0;
   long childUser = 0, childKernel = 0;
   unsigned long long start = 0;
-  const int fields =
-      std::sscanf(end + 1, " %c %d %d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu %ld %ld %*d %*d %*d %*d %llu",
-                  &stat.state, &stat.parent, &stat.group, &user, &kernel, &childUser, &childKernel, &start);
-  if (fields != 8) return false;
+  int exitStatus = 0;
+  const int fields = std::sscanf(
+      end + 1,
+      " %c %d %d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu %ld %ld %*d %*d %*d %*d %llu"
+      " %*u %*d %*u %*u %*u %*u %*u %*u %*u %*u %*u %*u %*u %*u %*u %*d %*d %*u %*u %*u %*u %*d %*u %*u %*u"
+      " %*u %*u %*u %*u %d",
+      &stat.state, &stat.parent, &stat.group, &user, &kernel, &childUser, &childKernel, &start, &exitStatus);
+  if (fields < 8) return false;
+  stat.exitStatus = exitStatus;
   stat.userTicks = user;
   stat.kernelTicks = kernel;
   stat.childUserTicks = static_cast<std::uint64_t>(childUser);
@@ -60,6 +67,40 @@ std::map<pid_t, ProcessStat> DescendantsOf(pid_t root) {
     if (isBelow(entry.first)) below.insert(entry);
   }
   return below;
+}
+
+namespace {
+
+// Empty if it can't be read; cut at some kilobytes.
+std::string ReadProcessFile(pid_t pid, const char* format) {
+  char name[64];
+  std::snprintf(name, sizeof name, format, pid, pid);
+  const int file = open(name, O_RDONLY | O_CLOEXEC);
+  if (file < 0) return "";
+  char text[4096];
+  const ssize_t length = read(file, text, sizeof text);
+  close(file);
+  return length > 0 ? std::string(text, static_cast<std::size_t>(length)) : "";
+}
+
+std::uint64_t PeakMemoryOf(pid_t pid) {
+  const std::string text = ReadProcessFile(pid, "/proc/%d/status");
+  const std::size_t at = text.find("VmHWM:");
+  return at == std::string::npos ? 0 : std::strtoull(text.c_str() + at + 6, nullptr, 10) * 1024;
+}
+
+}  // namespace
+
+std::uint64_t PeakMemoryBelow(pid_t pid, int levels) {
+  std::uint64_t peak = PeakMemoryOf(pid);
+  if (levels == 0) return peak;
+  const std::string children = ReadProcessFile(pid, "/proc/%d/task/%d/children");
+  const char* next = children.c_str();
+  for (char* end = nullptr;; next = end) {
+    const long child = std::strtol(next, &end, 10);
+    if (end == next) return peak;
+    peak = std::max(peak, PeakMemoryBelow(static_cast<pid_t>(child), levels - 1));
+  }
 }
 
 std::uint64_t TicksToMicroseconds(std::uint64_t ticks) {

@@ -21,6 +21,7 @@ struct ProcessStat {
   std::uint64_t childUserTicks;  // of children that were waited for, with theirs
   std::uint64_t childKernelTicks;
   std::uint64_t startTicks;  // since the system started; together with the id it names a process for good
+  int exitStatus;            // of one in state 'Z', as waitpid gives it; 0 where the kernel does not tell
 };
 
 // False if there is no such process.
@@ -28,6 +29,9 @@ bool ReadProcessStat(pid_t pid, ProcessStat& stat);
 
 // ROOT and everything below it.
 std::map<pid_t, ProcessStat> DescendantsOf(pid_t root);
+
+// The largest memory in bytes that a process, or one of so many levels below it, has had; 0 if there is none.
+std::uint64_t PeakMemoryBelow(pid_t pid, int levels);
 
 std::uint64_t TicksToMicroseconds(std::uint64_t ticks);
 

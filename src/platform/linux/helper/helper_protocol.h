@@ -112,6 +112,7 @@ struct Report {
   std::uint32_t isEmpty;    // kEnded: 1 if the tool left nothing behind; then no kEmpty follows
   UsedTime own;             // kEnded: of the tool and the children that it waited for
   UsedTime all;             // kReady: of all tools before, with their descendants; kEnded, kEmpty: the same of this one
+  std::uint64_t peakBytes;  // kEnded: of the tool, or the largest of the children that it waited for
 };
 
 }  // namespace kestrun::platform

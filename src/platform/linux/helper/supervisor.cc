@@ -183,6 +183,7 @@ class Supervisor {
       toolHasEnded = true;
       report.exitCode = phase_ == Phase::kKilled ? killCode_ : ExitCodeOf(status);
       report.own = UsedTimeOf(usage);
+      report.peakBytes = static_cast<std::uint64_t>(usage.ru_maxrss) * 1024;
       phase_ = Phase::kLeftovers;
     } while (pid > 0 || (pid < 0 && errno == EINTR));
     const bool isEmpty = pid != 0;

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "platform/linux/base/file_descriptor.h"
+#include "platform/linux/base/process_end.h"
 #include "platform/linux/base/process_stat.h"
 #include "platform/linux/base/start_state.h"
 #include "platform/linux/objects/handle_table.h"
@@ -22,6 +23,8 @@ namespace {
 // Where shells look without a PATH.
 constexpr const char* kDefaultPath = "/usr/local/bin:/usr/bin:/bin";
 constexpr const char* kShell = "/bin/sh";
+// Deeper trees of processes are cut where they are only looked at.
+constexpr int kMostLevels = 16;
 
 // The files that a name may mean, in order.
 std::vector<std::string> ListCandidates(const std::string& name) {
@@ -121,8 +124,13 @@ bool FindProgram(const std::string& name, const std::string& argumentText, Progr
 }
 
 std::uint32_t ParentProcess(std::uint32_t processId) {
+  if (const std::uint32_t parent = ParentByPidfd(processId)) return parent;
   ProcessStat stat = {};
   return ReadProcessStat(static_cast<pid_t>(processId), stat) ? static_cast<std::uint32_t>(stat.parent) : 0;
+}
+
+std::uint64_t PeakMemoryOfTree(std::uint32_t processId) {
+  return PeakMemoryBelow(static_cast<pid_t>(processId), kMostLevels);
 }
 
 std::uint64_t ProcessorTimeOfTree(std::uint32_t processId) {

@@ -216,7 +216,10 @@ bool ChildProcess::OnReadable() {
 // With mutex_ held.
 void ChildProcess::EnterPhaseOf(const Report& report) {
   const bool isIdle = report.kind == ReportKind::kEmpty || report.isEmpty != 0;
-  if (report.kind == ReportKind::kEnded) ownTimes_ = {report.own.userUs, report.own.kernelUs};
+  if (report.kind == ReportKind::kEnded) {
+    ownTimes_ = {report.own.userUs, report.own.kernelUs};
+    peakBytes_ = report.peakBytes;
+  }
   if (isIdle) treeTimes_ = {report.all.userUs, report.all.kernelUs};
   phase_ = isIdle ? Phase::kIdle : Phase::kEnded;
 }

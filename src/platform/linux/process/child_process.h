@@ -60,6 +60,11 @@ class ChildProcess : public ProcessObject, public ReaperClient, public std::enab
 
   // The time used by the child and everything that was ever below it; `active` is the number of processes that are.
   ProcessTimes TreeTimes(DWORD& active) const;
+  // The most memory in bytes that it, or the largest of the children that it waited for, had at once; 0 while it runs.
+  std::uint64_t PeakBytes() const {
+    const std::lock_guard lock(mutex_);
+    return peakBytes_;
+  }
   const std::shared_ptr<ExitNotice>& exitNotice() const { return exitNotice_; }
 
   // Takes the serving of reports over from the reaper. Gives a descriptor; whenever it is readable the caller has to
@@ -106,7 +111,8 @@ class ChildProcess : public ProcessObject, public ReaperClient, public std::enab
   Phase phase_ = Phase::kHeldBack;
   bool isInJob_ = false;
   bool killsOnClose_ = false;
-  ProcessTimes ownTimes_;   // once ended
+  ProcessTimes ownTimes_;  // once ended
+  std::uint64_t peakBytes_ = 0;
   ProcessTimes treeTimes_;  // once nothing is left
 };
 

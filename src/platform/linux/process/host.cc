@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -113,6 +114,11 @@ void EndWithoutReader() {
 
 std::FILE* OpenStdio(const std::string& name, const char* mode) {
   return std::fopen(SystemName(name).c_str(), (std::string(mode) + "e").c_str());
+}
+
+std::string HostName() {
+  char name[HOST_NAME_MAX + 1] = {};
+  return gethostname(name, sizeof name - 1) == 0 ? name : "";
 }
 
 unsigned UsableProcessors() {

@@ -1,4 +1,5 @@
 // Job objects: the children in a job end with it.
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -110,6 +111,9 @@ BOOL QueryInformationJobObject(HANDLE job, JOBOBJECTINFOCLASS infoClass, LPVOID 
   if (infoClass == JobObjectBasicAccountingInformation) return Answer(Account(*object), info, size, returned);
   JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
   limits.BasicLimitInformation.LimitFlags = object->limits();
+  for (const auto& child : object->Children()) {
+    limits.PeakProcessMemoryUsed = std::max(limits.PeakProcessMemoryUsed, static_cast<SIZE_T>(child->PeakBytes()));
+  }
   if (infoClass == JobObjectExtendedLimitInformation) return Answer(limits, info, size, returned);
   if (infoClass == JobObjectBasicLimitInformation) return Answer(limits.BasicLimitInformation, info, size, returned);
   return Refuse(ERROR_INVALID_PARAMETER);

@@ -1,8 +1,12 @@
 #include "platform/terminal.h"
 
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
 
 namespace kestrun::platform {
 
@@ -26,6 +30,22 @@ void SavedTerminal::Restore() const {
   pthread_sigmask(SIG_BLOCK, &stop, &before);
   tcsetattr(STDIN_FILENO, TCSANOW, &modes_->values);
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+bool IsTerminal(std::FILE* stream) {
+  return isatty(fileno(stream)) == 1;
+}
+
+TerminalSize GetTerminalSize(std::FILE* stream) {
+  if (!IsTerminal(stream)) return {};
+  winsize size = {};
+  if (ioctl(fileno(stream), TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0) return {24, 80};
+  return {size.ws_row, size.ws_col};
+}
+
+bool EnableTerminalCodes(std::FILE* stream) {
+  const char* const kind = std::getenv("TERM");
+  return IsTerminal(stream) && (kind == nullptr || std::strcmp(kind, "dumb") != 0);
 }
 
 }  // namespace kestrun::platform

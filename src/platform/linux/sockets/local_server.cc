@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "platform/linux/base/file_descriptor.h"
+#include "platform/linux/base/process_end.h"
 #include "platform/linux/objects/stale_sockets.h"
 #include "platform/linux/sockets/local_names.h"
 #include "platform/local_stream.h"
@@ -203,16 +204,17 @@ class EpollServer final : public LocalServer {
   }
 
   void Drop(Client client, Handler& handler) {
-    bool wasClient = false;
+    Connection gone;
     {
       const std::lock_guard lock(lock_);
       const auto found = connections_.find(client);
-      wasClient = found->second.isClient;
+      gone = std::move(found->second);
       // The client may have a copy of this descriptor, which would keep the watch.
-      if (found->second.process) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->second.process.get(), nullptr);
+      if (gone.process) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, gone.process.get(), nullptr);
       connections_.erase(found);
     }
-    if (wasClient) handler.OnGone(client);
+    gone.socket.Reset();
+    if (gone.isClient) handler.OnGone(client, [&gone] { return ReadProcessEnd(gone.processId, gone.process.get()); });
   }
 
   // Out of descriptors: to ask again at once would only spin.

@@ -57,7 +57,7 @@ class Server : public LocalServer::Handler {
     changed_.notify_all();
     return true;
   }
-  void OnGone(LocalServer::Client) override {
+  void OnGone(LocalServer::Client, const std::function<ProcessEnd()>&) override {
     const std::lock_guard lock(mutex_);
     events_.emplace_back("gone");
     changed_.notify_all();

@@ -1,0 +1,95 @@
+#include "dorn/history.h"
+
+#include <cstdio>
+
+#include "dorn/exit_codes.h"
+#include "dorn/report.h"
+#include "dorn/settings.h"
+#include "dorn/settings_file.h"
+#include "platform/host.h"
+#include "runtime/base/json_text.h"
+#include "runtime/files/common_folder.h"
+#include "runtime/files/ini_file.h"
+#include "runtime/files/text_file.h"
+#include "runtime/threads/sync.h"
+
+namespace kestrun::dorn {
+
+namespace {
+
+constexpr const char* kLockName = "dorn_history";
+constexpr std::size_t kMostBytes = 4 << 20;
+
+Path GetHistoryPath() {
+  return GetCommonPath() / "Builds.jsonl";
+}
+
+bool Append(const Path& path, const std::string& line) {
+  std::FILE* const file = platform::OpenStdio(path.ToString(), "ab");
+  if (file == nullptr) return false;
+  const bool isWritten = std::fwrite(line.data(), 1, line.size(), file) == line.size();
+  return std::fclose(file) == 0 && isWritten;
+}
+
+// The newer half stays.
+void Shorten(const Path& path) {
+  std::string text;
+  std::string error;
+  if (!ReadTextFile(path, &text, nullptr, &error) || text.size() <= kMostBytes) return;
+  const std::size_t cut = text.find('\n', text.size() - kMostBytes / 2);
+  if (cut != std::string::npos) WriteWholeFile(path, text.substr(cut + 1), false);
+}
+
+}  // namespace
+
+bool IsHistoryWanted() {
+  IniFile settings;
+  settings.Load(GetSettingsPath());
+  return settings.GetBool("Extensions/BuildHistory", false);
+}
+
+std::string GetHistoryLine(const BuildRecord& record) {
+  const BuildFigures figures = GetFigures(record);
+  JsonWriter json;
+  json.BeginObject().Key("kestrun_history").Int(1);
+  json.Key("started_unix_us").Int(static_cast<std::int64_t>(record.startedUnixUs));
+  json.Key("duration_us").Int(record.durationUs);
+  json.Key("command").String(record.command);
+  json.Key("folder").String(record.folder);
+  json.Key("exit_code").Int(record.exitCode);
+  json.Key("slots").Int(record.slots);
+  json.Key("jobs_done").Int(static_cast<std::int64_t>(figures.jobs));
+  json.Key("jobs_failed").Int(static_cast<std::int64_t>(figures.failures));
+  json.Key("jobs_unknown").Int(static_cast<std::int64_t>(figures.unknown));
+  json.Key("jobs_dropped").Int(static_cast<std::int64_t>(record.jobsDropped));
+  json.Key("cpu_us").Int(figures.cpuUs);
+  return json.EndObject().TakeText() + "\n";
+}
+
+void AddToHistory(const BuildRecord& record) {
+  const Path path = GetHistoryPath();
+  const NamedMutexLock lock(kLockName);
+  if (!Append(path, GetHistoryLine(record))) {
+    PrintWarning("cannot write " + path.ToString());
+    return;
+  }
+  Shorten(path);
+}
+
+int ListHistory() {
+  const Path path = GetHistoryPath();
+  std::string text;
+  std::string error;
+  if (!path.Exists()) {
+    Print("no build has been recorded; Extensions/BuildHistory=bool:true in the settings turns it on");
+    return 0;
+  }
+  if (!ReadTextFile(path, &text, nullptr, &error)) {
+    PrintError("cannot read " + path.ToString() + ": " + error);
+    return kExitFailure;
+  }
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  return 0;
+}
+
+}  // namespace kestrun::dorn

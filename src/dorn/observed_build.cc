@@ -1,0 +1,80 @@
+#include "dorn/observed_build.h"
+
+#include <cstdio>
+
+#include "dorn/history.h"
+#include "dorn/report.h"
+#include "dorn/settings_file.h"
+#include "dorn/summary.h"
+#include "platform/host.h"
+#include "platform/terminal.h"
+#include "runtime/base/text.h"
+#include "runtime/files/path.h"
+
+namespace kestrun::dorn {
+
+namespace {
+
+// "DORN: " stands in front of each line.
+constexpr std::size_t kPrefixColumns = 6;
+constexpr std::size_t kColumnsWithoutTerminal = 1000;
+
+bool IsSummaryWanted(const Options& options, bool isOwnMaster) {
+  if (options.summary != Options::Summary::kOnTerminal) return options.summary == Options::Summary::kAlways;
+  return isOwnMaster && platform::IsTerminal(stderr);
+}
+
+std::string CurrentFolder() {
+  char folder[4096];
+  const DWORD length = GetCurrentDirectoryA(sizeof folder, folder);
+  return length < sizeof folder ? std::string(folder, length) : "";
+}
+
+void WriteFileOf(const std::string& name, const std::string& text) {
+  if (!name.empty() && !WriteWholeFile(Path(name), text, false)) PrintError("cannot write " + name);
+}
+
+}  // namespace
+
+ObservedBuild::ObservedBuild(const Options& options, const std::string& masterId, bool isOwnMaster)
+    : options_(options),
+      isSummaryWanted_(IsSummaryWanted(options, isOwnMaster)),
+      isHistoryWanted_(isOwnMaster && IsHistoryWanted()) {
+  record_.startedUs = SteadyMicroseconds();
+  record_.startedUnixUs = UnixMicroseconds();
+  if (!IsWanted()) return;
+  record_.command = Join(options.command, ' ');
+  record_.folder = CurrentFolder();
+  record_.host = platform::HostName();
+  observer_ = std::make_unique<BuildObserver>();
+  std::string error;
+  if (observer_->Start(masterId, error)) return;
+  observer_.reset();
+  PrintWarning("this build is not observed: " + error);
+}
+
+void ObservedBuild::Report(int exitCode) {
+  if (!observer_) return;
+  record_.durationUs = SteadyMicroseconds() - record_.startedUs;
+  record_.exitCode = exitCode;
+  observer_->Finish(record_);
+  observer_.reset();
+  WriteFiles();
+  if (isHistoryWanted_) AddToHistory(record_);
+  if (isSummaryWanted_) PrintSummary();
+}
+
+void ObservedBuild::WriteFiles() const {
+  if (!options_.recordFile.empty()) WriteFileOf(options_.recordFile, GetRecordText(record_));
+  if (!options_.traceFile.empty()) WriteFileOf(options_.traceFile, GetTraceText(record_));
+}
+
+void ObservedBuild::PrintSummary() const {
+  const std::size_t columns = platform::GetTerminalSize(stderr).columns;
+  for (const std::string& line :
+       GetSummary(record_, columns > kPrefixColumns ? columns - kPrefixColumns : kColumnsWithoutTerminal)) {
+    Print(line);
+  }
+}
+
+}  // namespace kestrun::dorn

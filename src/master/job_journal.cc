@@ -1,0 +1,275 @@
+#include "master/job_journal.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/win32.h"
+
+namespace kestrun {
+
+namespace {
+
+// Deeper chains of processes are cut.
+constexpr int kMostLevels = 64;
+
+std::size_t SizeOf(const JobRecord& record) {
+  const JobText& text = record.text;
+  return sizeof record + text.project.size() + text.name.size() + text.tool.size() + text.command.size() +
+         text.folder.size() + record.outputHead.size();
+}
+
+}  // namespace
+
+JobJournal::JobJournal(u32 slots, ParentOf parentOf, std::size_t mostEnded)
+    : slots_(slots),
+      parentOf_(parentOf),
+      mostEnded_(mostEnded),
+      startedUs_(SteadyMicroseconds()),
+      startedUnixUs_(UnixMicroseconds()) {}
+
+u64 JobJournal::Add(const rc_ptr<JobDescription>& description, u32 clientProcess) {
+  const std::int64_t now = SteadyMicroseconds();
+  const std::lock_guard lock(lock_);
+  const u64 number = ++lastNumber_;
+  Entry& entry = jobs_[number];
+  entry.record.number = number;
+  entry.record.clientProcess = clientProcess;
+  entry.record.queuedUs = now;
+  entry.description = description;
+  ++waiting_;
+  Touch(entry);
+  return number;
+}
+
+void JobJournal::Start(u64 number, i32 slot, u32 process, std::int64_t startedUs) {
+  const std::lock_guard lock(lock_);
+  const auto found = jobs_.find(number);
+  if (found == jobs_.end() || found->second.record.outcome != JobOutcome::kWaiting) return;
+  Entry& entry = found->second;
+  entry.record.startedUs = startedUs;
+  entry.record.slot = slot;
+  entry.record.outcome = JobOutcome::kRunning;
+  entry.toolProcess = process != 0 ? process : entry.record.clientProcess;
+  if (entry.toolProcess != 0) jobOfProcess_[entry.toolProcess] = number;
+  --waiting_;
+  ++running_;
+  Touch(entry);
+}
+
+void JobJournal::Finish(u64 number, End end) {
+  if (end.endedUs < 0) end.endedUs = SteadyMicroseconds();
+  const std::lock_guard lock(lock_);
+  const auto found = jobs_.find(number);
+  if (found == jobs_.end() || HasEnded(found->second.record.outcome)) return;
+  Entry& entry = found->second;
+  JobRecord& record = entry.record;
+  --(record.outcome == JobOutcome::kRunning ? running_ : waiting_);
+  const auto process = jobOfProcess_.find(entry.toolProcess);
+  if (process != jobOfProcess_.end() && process->second == number) jobOfProcess_.erase(process);
+  record.outcome = end.outcome;
+  Count(record);
+  if (followers_.empty()) return Forget(number);
+  record.endedUs = end.endedUs;
+  record.hasExitCode = end.hasExitCode;
+  record.exitCode = end.exitCode;
+  record.signal = end.signal;
+  record.cpuUs = end.cpuUs;
+  record.peakMemoryBytes = std::max(record.peakMemoryBytes, end.peakMemoryBytes);
+  record.outputBytes = end.outputBytes;
+  record.outputHead = std::move(end.outputHead);
+  record.text = entry.description->GetText();
+  entry.description.Reset();
+  Touch(entry);
+  ended_[entry.change] = number;
+  endedBytes_ += SizeOf(record);
+  while (ended_.size() > mostEnded_ || endedBytes_ > kMostEndedBytes) DropOldest();
+}
+
+void JobJournal::Count(const JobRecord& record) {
+  ++done_;
+  if (IsFailure(record.outcome)) ++failed_;
+  if (record.outcome == JobOutcome::kUnknown) ++unknown_;
+}
+
+// With the lock. Without followers the changes are not numbered: one that joins gets all that is there.
+void JobJournal::Touch(Entry& entry) {
+  if (followers_.empty()) return;
+  if (entry.change != 0) changes_.erase(entry.change);
+  entry.change = ++lastChange_;
+  changes_[entry.change] = entry.record.number;
+}
+
+void JobJournal::Forget(u64 number) {
+  const auto found = jobs_.find(number);
+  if (found->second.change != 0) changes_.erase(found->second.change);
+  jobs_.erase(found);
+}
+
+// With the lock.
+void JobJournal::DropOldest() {
+  const auto [change, number] = *ended_.begin();
+  for (auto& [id, follower] : followers_) {
+    if (follower.position < change) ++follower.missed;
+  }
+  endedBytes_ -= SizeOf(jobs_[number].record);
+  ended_.erase(ended_.begin());
+  Forget(number);
+}
+
+// With the lock: ended jobs that all followers have got.
+void JobJournal::DropRead() {
+  u64 read = lastChange_;
+  for (const auto& [id, follower] : followers_) read = std::min(read, follower.position);
+  while (!ended_.empty() && ended_.begin()->first <= read) DropOldest();
+}
+
+void JobJournal::FindParent(u64 number) {
+  if (!IsObserved()) return;
+  u32 client = 0;
+  {
+    const std::lock_guard lock(lock_);
+    const auto found = jobs_.find(number);
+    if (found == jobs_.end()) return;
+    client = found->second.record.clientProcess;
+    if (client != 0 && client == lastClient_) return SetParent(found->second, lastParent_, lastRoot_);
+  }
+  u32 process = client;
+  u64 parent = 0;
+  u32 root = 0;
+  for (int level = 0; process != 0 && level < kMostLevels; ++level) {
+    process = parentOf_(process);
+    if (process == 0 || FindAbove(process, parent, root)) break;
+  }
+  const std::lock_guard lock(lock_);
+  lastClient_ = client;
+  lastParent_ = parent;
+  lastRoot_ = root;
+  const auto found = jobs_.find(number);
+  if (found != jobs_.end()) SetParent(found->second, parent, root);
+}
+
+// With the lock.
+void JobJournal::SetParent(Entry& entry, u64 parent, u32 root) {
+  if (parent == 0 && root == 0) return;
+  entry.record.parent = parent;
+  entry.record.rootProcess = root;
+  // One that has ended stands at its end, by which it is dropped.
+  if (!HasEnded(entry.record.outcome)) Touch(entry);
+}
+
+bool JobJournal::FindAbove(u32 process, u64& parent, u32& root) const {
+  const std::lock_guard lock(lock_);
+  const auto job = jobOfProcess_.find(process);
+  if (job != jobOfProcess_.end()) {
+    parent = job->second;
+    const auto record = jobs_.find(parent);
+    if (record != jobs_.end()) root = record->second.record.rootProcess;
+    return true;
+  }
+  for (const auto& [id, follower] : followers_) {
+    if (follower.rootProcess != process) continue;
+    root = process;
+    return true;
+  }
+  return false;
+}
+
+// A build's own observer joins before its first job, so it is in time for all of them.
+JobJournal::Observer JobJournal::Join(u32 rootProcess) {
+  const std::lock_guard lock(lock_);
+  followers_[++lastObserver_] = {0, rootProcess, 0};
+  lastClient_ = 0;
+  isObserved_ = true;
+  const u64 before = lastChange_;
+  for (auto& [number, entry] : jobs_) {
+    if (!HasEnded(entry.record.outcome)) Touch(entry);
+  }
+  followers_[lastObserver_].position = before;
+  return lastObserver_;
+}
+
+void JobJournal::Leave(Observer observer) {
+  const std::lock_guard lock(lock_);
+  followers_.erase(observer);
+  DropRead();
+  if (!followers_.empty()) return;
+  isObserved_ = false;
+  for (auto& [number, entry] : jobs_) entry.change = 0;
+  changes_.clear();
+}
+
+std::string JobJournal::Take(Observer observer, std::size_t mostBytes, u64& latest) {
+  const std::lock_guard lock(lock_);
+  std::string bytes;
+  const auto found = followers_.find(observer);
+  if (found == followers_.end()) return bytes;
+  u64& position = found->second.position;
+  for (auto next = changes_.upper_bound(position); next != changes_.end() && bytes.size() < mostBytes; ++next) {
+    EncodeRecord(RecordOf(jobs_[next->second]), bytes);
+    position = next->first;
+  }
+  latest = position;
+  DropRead();
+  return bytes;
+}
+
+u64 JobJournal::GetLatest() const {
+  const std::lock_guard lock(lock_);
+  return lastChange_;
+}
+
+JobRecord JobJournal::RecordOf(const Entry& entry) {
+  JobRecord record = entry.record;
+  if (entry.description) record.text = entry.description->GetText();
+  return record;
+}
+
+std::string JobJournal::Snapshot(std::size_t mostBytes) const {
+  const std::lock_guard lock(lock_);
+  std::string bytes;
+  // Jobs start about in the order of their numbers, so the search for those that run ends early.
+  for (const auto& [wanted, count] :
+       {std::pair(JobOutcome::kRunning, running_), std::pair(JobOutcome::kWaiting, waiting_)}) {
+    u64 left = count;
+    for (auto next = jobs_.begin(); next != jobs_.end() && left > 0 && bytes.size() < mostBytes; ++next) {
+      if (next->second.record.outcome != wanted) continue;
+      EncodeRecord(RecordOf(next->second), bytes);
+      --left;
+    }
+  }
+  return bytes;
+}
+
+JournalState JobJournal::GetState(Observer observer) const {
+  JournalState state;
+  state.nowUs = SteadyMicroseconds();
+  state.startedUs = startedUs_;
+  state.startedUnixUs = startedUnixUs_;
+  state.slots = slots_;
+  state.masterProcess = GetCurrentProcessId();
+  const std::lock_guard lock(lock_);
+  state.done = done_;
+  state.failed = failed_;
+  state.unknown = unknown_;
+  state.running = running_;
+  state.waiting = waiting_;
+  const auto follower = followers_.find(observer);
+  if (follower != followers_.end()) state.missed = follower->second.missed;
+  return state;
+}
+
+std::vector<std::pair<u64, u32>> JobJournal::GetRunning() const {
+  const std::lock_guard lock(lock_);
+  std::vector<std::pair<u64, u32>> running;
+  for (const auto& [process, number] : jobOfProcess_) running.emplace_back(number, process);
+  return running;
+}
+
+void JobJournal::AddSample(u64 number, std::int64_t memoryBytes) {
+  const std::lock_guard lock(lock_);
+  const auto found = jobs_.find(number);
+  if (found == jobs_.end() || HasEnded(found->second.record.outcome)) return;
+  found->second.record.peakMemoryBytes = std::max(found->second.record.peakMemoryBytes, memoryBytes);
+}
+
+}  // namespace kestrun

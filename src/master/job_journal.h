@@ -1,0 +1,156 @@
+// What the master knows of its jobs while they wait and run, and what observers have not been told yet of their end.
+#ifndef KESTRUN_MASTER_JOB_JOURNAL_H_
+#define KESTRUN_MASTER_JOB_JOURNAL_H_
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "protocol/job_record.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+
+namespace kestrun {
+
+// Where the texts of a job are while it waits or runs. They do not change; read by any thread.
+class JobDescription : public rc_base {
+ public:
+  virtual JobText GetText() const = 0;
+};
+
+// One that keeps them itself.
+class OwnedJobText : public JobDescription {
+ public:
+  explicit OwnedJobText(JobText text) : text_(std::move(text)) {}
+  JobText GetText() const override { return text_; }
+  const JobText& Get() const { return text_; }
+
+ private:
+  const JobText text_;
+};
+
+// Jobs come in by Add, pass through Start, and leave by End; each of these costs about a microsecond. Jobs of both
+// roads do: those that the master runs, and those of clients that became their tool.
+//
+// Of a job that has ended only a count stays, unless observers follow: then its record stays until all of them have got
+// it, and no longer than the bound allows. What is dropped before that is counted for each observer that had not got
+// it.
+//
+// An observer reads by a position: each change of a job has a number, and a job stands at its latest change. So one
+// that reads seldom gets each job once, as it is by then.
+//
+// Threads: any; the lock is innermost and no system call is made under it.
+class JobJournal {
+ public:
+  using ParentOf = u32 (*)(u32 processId);
+  using Observer = u64;
+
+  // Records of ended jobs, at most, that wait for observers, and about how many bytes they take.
+  static constexpr std::size_t kMostEnded = 16384;
+  static constexpr std::size_t kMostEndedBytes = 16 << 20;
+
+  struct End {
+    JobOutcome outcome = JobOutcome::kUnknown;
+    bool hasExitCode = false;
+    i32 exitCode = 0;
+    i32 signal = 0;
+    std::int64_t endedUs = JobRecord::kNone;
+    std::int64_t cpuUs = JobRecord::kNone;
+    std::int64_t peakMemoryBytes = JobRecord::kNone;  // a sample that is larger counts instead
+    std::int64_t outputBytes = JobRecord::kNone;
+    std::string outputHead{};
+  };
+
+  JobJournal(u32 slots, ParentOf parentOf, std::size_t mostEnded = kMostEnded);
+  JobJournal(const JobJournal&) = delete;
+  JobJournal& operator=(const JobJournal&) = delete;
+
+  // The job's number. `clientProcess` may be 0.
+  u64 Add(const rc_ptr<JobDescription>& description, u32 clientProcess);
+  // The job has its slot, since `startedUs`. `process` is that of its tool, 0 if the client's process is, or is to become,
+  // the tool. `slot` may be -1.
+  void Start(u64 number, i32 slot, u32 process, std::int64_t startedUs = SteadyMicroseconds());
+  // Nothing for an unknown number, so that the first end of a job counts.
+  void Finish(u64 number, End end);
+  // While it is observed, looks for the jobs and the observer above the job's client. To be called while that lives; it
+  // takes some system calls.
+  void FindParent(u64 number);
+
+  // Somebody follows: what only observers want is worth its price.
+  bool IsObserved() const { return isObserved_.load(std::memory_order_relaxed); }
+
+  // An observer that follows. It begins with what runs and waits now.
+  Observer Join(u32 rootProcess);
+  void Leave(Observer observer);
+  // Records behind the observer's position, as many as fit into about `mostBytes`, encoded; the position goes on behind
+  // them. `latest` is its new position. Empty if there is nothing new.
+  std::string Take(Observer observer, std::size_t mostBytes, u64& latest);
+  // The number of the last change.
+  u64 GetLatest() const;
+
+  // The jobs that run, then those that wait, as far as they fit.
+  std::string Snapshot(std::size_t mostBytes) const;
+  // With the missed records of this observer; 0 is none.
+  JournalState GetState(Observer observer) const;
+
+  // For samples: processes of the jobs that run, by the job's number.
+  std::vector<std::pair<u64, u32>> GetRunning() const;
+  void AddSample(u64 number, std::int64_t memoryBytes);
+
+ private:
+  struct Entry {
+    JobRecord record;
+    rc_ptr<JobDescription> description;  // until the job has ended
+    u32 toolProcess = 0;
+    u64 change = 0;
+  };
+  struct Follower {
+    u64 position = 0;
+    u32 rootProcess = 0;
+    u64 missed = 0;
+  };
+
+  void Touch(Entry& entry);
+  void Count(const JobRecord& record);
+  void Forget(u64 number);
+  void SetParent(Entry& entry, u64 parent, u32 root);
+  void DropRead();
+  void DropOldest();
+  bool FindAbove(u32 process, u64& parent, u32& root) const;
+  static JobRecord RecordOf(const Entry& entry);
+
+  const u32 slots_;
+  const ParentOf parentOf_;
+  const std::size_t mostEnded_;
+  const std::int64_t startedUs_;
+  const u64 startedUnixUs_;
+  std::atomic<bool> isObserved_{false};
+
+  mutable std::mutex lock_;
+  // Guarded by lock_.
+  u64 lastNumber_ = 0;
+  u64 lastChange_ = 0;
+  u64 lastObserver_ = 0;
+  std::map<u64, Entry> jobs_;        // by number: those that wait or run, and those that ended and are kept
+  std::map<u64, u64> changes_;       // change to number, while observed
+  std::map<u64, u64> ended_;         // change to number, of the jobs that ended and are kept
+  std::size_t endedBytes_ = 0;       // of their texts
+  std::map<u32, u64> jobOfProcess_;  // of jobs that run
+  std::map<Observer, Follower> followers_;
+  // What was found above the client that was looked for last: the jobs of a script all have one client.
+  u32 lastClient_ = 0;
+  u64 lastParent_ = 0;
+  u32 lastRoot_ = 0;
+  u64 done_ = 0;
+  u64 failed_ = 0;
+  u64 unknown_ = 0;
+  u64 running_ = 0;
+  u64 waiting_ = 0;
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MASTER_JOB_JOURNAL_H_

@@ -1,0 +1,98 @@
+// The clients that look at a master's jobs.
+#ifndef KESTRUN_MASTER_JOB_OBSERVERS_H_
+#define KESTRUN_MASTER_JOB_OBSERVERS_H_
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+
+#include "master/job_journal.h"
+#include "messaging/message_channel.h"
+#include "messaging/message_dispatcher.h"
+#include "runtime/base/critical_section.h"
+#include "runtime/base/rc_ptr.h"
+#include "runtime/base/types.h"
+#include "runtime/threads/sync.h"
+#include "runtime/threads/thread.h"
+
+namespace kestrun {
+
+// An observer is a client without a client slot. It sends MSG_OBSERVE and gets MSG_JOURNAL (docs/protocol.md). Nothing
+// is sent to one that has not taken what it was sent before, so that it holds up nothing and takes the memory of one
+// message beside the journal's own bound. There are no more of them than channels are left beside the client slots.
+//
+// Threads: "Observers", from the first request on, sends everything and takes samples of the memory of the processes
+// that run; it sleeps while no observer follows. Requests and losses come on the message thread.
+class JobObservers {
+ public:
+  static constexpr u32 kMostObservers = 16;
+  // Bytes of records in one message.
+  static constexpr std::size_t kMostBytes = 32 * 1024;
+
+  // The largest memory that a process, or one below it, has had so far, in bytes; 0 if it is not known.
+  using MemoryOf = std::uint64_t (*)(u32 processId);
+
+  // Journal and dispatcher outlive this object.
+  JobObservers(JobJournal& journal, MessageDispatcher& dispatcher, u32 mostObservers, MemoryOf memoryOf);
+  // Stops.
+  ~JobObservers();
+  JobObservers(const JobObservers&) = delete;
+  JobObservers& operator=(const JobObservers&) = delete;
+
+  void OnRequest(const rc_ptr<Message>& request);
+  void OnGone(const Address& client);
+  // Ends the thread and closes the observers' channels, so that the master's end does not wait for one that does not
+  // read. From any thread, also more than once.
+  void Stop();
+
+ private:
+  // What a client has asked for and not been sent.
+  struct Wishes {
+    bool snapshot = false;
+    bool follow = false;
+    bool flush = false;
+    u32 process = 0;
+  };
+  // Of the thread.
+  struct Follower {
+    JobJournal::Observer observer = 0;
+    u64 flushAt = 0;  // the change behind which the flush is answered; 0: none is wanted
+    bool isFlushing = false;
+  };
+
+  bool Admit(const Address& client);
+  void Refuse(const Address& client);
+  void Work();
+  u32 GetIntervalMs() const;
+  void ServeWishes();
+  void Serve(const Address& client, const Wishes& wishes);
+  void PushAll();
+  // False once the client has gone.
+  bool Push(const Address& client, Follower& follower);
+  void Sample();
+  void DropGone();
+  void CloseAll();
+
+  JobJournal& journal_;
+  MessageDispatcher& dispatcher_;
+  const u32 mostObservers_;
+  const MemoryOf memoryOf_;
+  Condition call_;  // wishes, losses, or the end
+
+  CriticalSection lock_;
+  // Guarded by lock_.
+  std::map<Address, Wishes> wishes_;
+  std::set<Address> observers_;
+  std::set<Address> gone_;
+  bool isStopped_ = false;
+  rc_ptr<Thread> thread_;  // null before the first request
+
+  // The thread's own.
+  std::map<Address, Follower> followers_;
+  std::int64_t sampledUs_ = 0;
+};
+
+}  // namespace kestrun
+
+#endif  // KESTRUN_MASTER_JOB_OBSERVERS_H_

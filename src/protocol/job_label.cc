@@ -1,0 +1,91 @@
+#include "protocol/job_label.h"
+
+#include <algorithm>
+#include <iterator>
+#include <vector>
+
+#include "runtime/base/text.h"
+
+namespace kestrun {
+
+namespace {
+
+// Words at blanks, with quotes of both kinds around them or parts of them. That is not how every program splits, and
+// near enough for a name.
+std::vector<std::string> SplitWords(const std::string& command) {
+  std::vector<std::string> words;
+  std::string word;
+  char quote = 0;
+  for (const char c : command) {
+    if (quote != 0 ? c == quote : c == '"' || c == '\'') {
+      quote = quote != 0 ? 0 : c;
+    } else if (quote == 0 && (c == ' ' || c == '\t')) {
+      if (!word.empty()) words.push_back(std::move(word));
+      word.clear();
+    } else {
+      word += c;
+    }
+  }
+  if (!word.empty()) words.push_back(std::move(word));
+  return words;
+}
+
+std::string LeafOf(const std::string& path) {
+  return path.substr(path.find_last_of("/\\") + 1);
+}
+
+bool IsOption(const std::string& word) {
+  return word[0] == '-' || word[0] == '@';
+}
+
+bool IsSource(const std::string& word) {
+  static const char* const kEndings[] = {".c",  ".cc", ".cpp", ".cxx", ".c++", ".m", ".mm", ".s",   ".asm",
+                                         ".rs", ".go", ".f",   ".f90", ".cu",  ".d", ".rc", ".java"};
+  if (IsOption(word)) return false;
+  const std::size_t dot = word.rfind('.');
+  if (dot == std::string::npos) return false;
+  const std::string ending = ToLower(word.substr(dot));
+  return std::any_of(std::begin(kEndings), std::end(kEndings), [&](const char* known) { return ending == known; });
+}
+
+}  // namespace
+
+std::string GetFileOfJob(const JobText& text) {
+  std::vector<std::string> words = SplitWords(text.command);
+  if (!words.empty()) words.erase(words.begin());
+  const auto source = std::find_if(words.begin(), words.end(), IsSource);
+  if (source != words.end()) return LeafOf(*source);
+  const auto output = std::find(words.begin(), words.end(), "-o");
+  if (output != words.end() && output + 1 != words.end()) return LeafOf(output[1]);
+  const auto last = std::find_if_not(words.rbegin(), words.rend(), IsOption);
+  return last != words.rend() ? LeafOf(*last) : "";
+}
+
+std::string GetLabel(const JobText& text) {
+  if (!text.name.empty()) return text.name;
+  const std::string file = GetFileOfJob(text);
+  const std::string tool = LeafOf(text.tool);
+  return file.empty() ? tool : tool + " " + file;
+}
+
+std::string FitLine(const std::string& text, std::size_t columns) {
+  std::string line;
+  std::size_t used = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const bool isContinuation = (byte & 0xC0) == 0x80;
+    if (!isContinuation && used == columns) {
+      while (!line.empty() && used + 3 > columns) {
+        while (line.size() > 1 && (static_cast<unsigned char>(line.back()) & 0xC0) == 0x80) line.pop_back();
+        line.pop_back();
+        --used;
+      }
+      return line + std::string("...").substr(0, columns);
+    }
+    line += byte < 0x20 || byte == 0x7F ? '?' : text[i];
+    if (!isContinuation) ++used;
+  }
+  return line;
+}
+
+}  // namespace kestrun
