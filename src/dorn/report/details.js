@@ -59,7 +59,11 @@ class Details {
           { type: 'button', class: 'plain', onclick: (event) => copyText(event.target, command) },
           'Copy command',
         ),
-        make('button', { type: 'button', class: 'plain', onclick: () => this.page.timeline.zoomToJob(job) }, 'Zoom to job'),
+        make(
+          'button',
+          { type: 'button', class: 'plain', onclick: () => this.page.timeline.zoomToJob(job) },
+          'Zoom to job',
+        ),
       ),
       make('dl', { class: 'facts' }, ...this.factsOf(job)),
       ...(textOf(raw.output_head)

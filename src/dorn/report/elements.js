@@ -16,6 +16,26 @@ function make(tag, attributes = {}, ...children) {
   return element;
 }
 
+function makeButton(kind, onclick, attributes, ...children) {
+  return make('button', { type: 'button', class: kind, onclick, ...attributes }, ...children);
+}
+
+function cell(...children) {
+  return make('td', {}, ...children);
+}
+
+function numberCell(text, kind = '') {
+  return make('td', { class: `number ${kind}` }, text);
+}
+
+// Columns of numbers have a name that begins with "#".
+function tableHead(columns) {
+  const heads = columns.map((column) =>
+    make('th', { scope: 'col', class: column.startsWith('#') ? 'number' : null }, column.replace('#', '')),
+  );
+  return make('thead', {}, make('tr', {}, ...heads));
+}
+
 function cutText(text, most = LONGEST_COMMAND_OF_A_LIST) {
   return text.length > most ? `${text.slice(0, most)} …` : text;
 }

@@ -9,45 +9,37 @@ class Head {
   }
 
   show() {
-    const { build, count, totals, slots } = this.model;
-    const command = textOf(build.command) || '(command not known)';
+    const command = textOf(this.model.build.command) || '(command not known)';
     document.title = `Build report: ${cutText(command, 80)}`;
     byId('command').textContent = command;
     byId('command').classList.toggle('long', command.length > LONGEST_COMMAND_IN_LARGE);
     byId('about').replaceChildren(this.stateBadge(), ...this.aboutBuild());
-    byId('figures').replaceChildren(
-      ...[
-        this.figure(
-          'Duration',
-          isKnown(build.duration_us) ? formatTime(build.duration_us) : formatTime(this.model.end),
-          isKnown(build.duration_us) ? null : 'until the last job known',
-        ),
-        this.figure('Jobs', formatCount(count), this.outcomesInWords()),
-        this.figure(
-          'Failures',
-          formatCount(totals.failed),
-          totals.failed ? make('a', { href: '#failures' }, 'show them') : 'no job failed',
-          totals.failed ? 'bad' : null,
-        ),
-        this.figure(
-          'Slots',
-          slots ? formatCount(slots) : UNKNOWN,
-          slots ? `${formatCount(this.model.busy.most)} busy at most` : null,
-        ),
-        this.figure(
-          'Slots busy',
-          formatShare(totals.busyShare),
-          totals.busyShare === null ? null : 'of the slots’ time',
-        ),
-        this.figure('Processor time', formatTime(totals.cpu), this.cpuInWords()),
-        this.figure(
-          'Wait for a slot',
-          formatTime(totals.medianWait),
-          count ? `median; longest ${formatTime(totals.mostWait)}` : null,
-        ),
-        this.figure('Peak memory', formatBytes(totals.memory), this.memoryInWords()),
-      ],
-    );
+    byId('figures').replaceChildren(...this.countsOf(), ...this.measuresOf());
+  }
+
+  countsOf() {
+    const { build, count, totals, slots } = this.model;
+    const isTimed = isKnown(build.duration_us);
+    const duration = formatTime(isTimed ? build.duration_us : this.model.end);
+    const failures = totals.failed ? make('a', { href: '#failures' }, 'show them') : 'no job failed';
+    const most = slots ? `${formatCount(this.model.busy.most)} busy at most` : null;
+    return [
+      this.figure('Duration', duration, isTimed ? null : 'until the last job known'),
+      this.figure('Jobs', formatCount(count), this.outcomesInWords()),
+      this.figure('Failures', formatCount(totals.failed), failures, totals.failed ? 'bad' : null),
+      this.figure('Slots', slots ? formatCount(slots) : UNKNOWN, most),
+    ];
+  }
+
+  measuresOf() {
+    const { count, totals } = this.model;
+    const longest = count ? `median; longest ${formatTime(totals.mostWait)}` : null;
+    return [
+      this.figure('Slots busy', formatShare(totals.busyShare), totals.busyShare === null ? null : 'of the slots’ time'),
+      this.figure('Processor time', formatTime(totals.cpu), this.cpuInWords()),
+      this.figure('Wait for a slot', formatTime(totals.medianWait), longest),
+      this.figure('Peak memory', formatBytes(totals.memory), this.memoryInWords()),
+    ];
   }
 
   stateBadge() {

@@ -78,17 +78,7 @@ class Sections {
   showStretches() {
     const { stretches, slots, end, begin } = this.model;
     byId('stretches-hint').textContent = this.emptinessInWords();
-    const head = make(
-      'thead',
-      {},
-      make(
-        'tr',
-        {},
-        ...['When', 'Length', 'Busy', 'Empty slot time', 'Waiting', 'What ran then'].map((name, k) =>
-          make('th', { scope: 'col', class: k > 0 && k < 5 && k !== 3 ? 'number' : null }, name),
-        ),
-      ),
-    );
+    const head = tableHead(['When', '#Length', '#Busy', 'Empty slot time', '#Waiting', 'What ran then']);
     const all = slots * (end - begin);
     const rows = stretches.map((stretch) => this.stretchRow(stretch, all, stretches[0].lost));
     byId('stretch-table').replaceChildren(...(rows.length ? [head, make('tbody', {}, ...rows)] : []));
@@ -158,92 +148,49 @@ class Sections {
     const { model } = this;
     byId('tools-hint').hidden = !model.hasJobsBelowOthers;
     const tools = this.areAllToolsShown ? model.toolsByTime : model.toolsByTime.slice(0, TOOLS_SHOWN);
-    const names = ['Tool', 'Jobs', 'Failed', 'Time', 'Mean', 'Longest', 'Processor time', 'Waited'];
-    const head = make(
-      'thead',
-      {},
-      make(
-        'tr',
-        {},
-        ...names.map((name, k) => make('th', { scope: 'col', class: k && k !== 3 && k !== 5 ? 'number' : null }, name)),
-      ),
-    );
+    const head = tableHead(['Tool', '#Jobs', '#Failed', 'Time', '#Mean', 'Longest', '#Processor time', '#Waited']);
     const rows = tools.map((tool) => this.toolRow(tool));
     const rest = model.toolsByTime.length - tools.length;
-    if (rest > 0) {
-      rows.push(
-        make(
-          'tr',
-          {},
-          make(
-            'td',
-            { colspan: names.length },
-            make(
-              'button',
-              {
-                type: 'button',
-                class: 'plain',
-                onclick: () => {
-                  this.areAllToolsShown = true;
-                  this.showTools();
-                },
-              },
-              plural(rest, 'more tool', 'more tools'),
-            ),
-          ),
-        ),
-      );
-    }
+    if (rest > 0) rows.push(this.moreToolsRow(rest));
     byId('tool-table').replaceChildren(
       ...(rows.length ? [head, make('tbody', {}, ...rows)] : [make('caption', { class: 'hint' }, 'No job has run.')]),
     );
   }
 
+  moreToolsRow(rest) {
+    const showAll = () => {
+      this.areAllToolsShown = true;
+      this.showTools();
+    };
+    const button = makeButton('plain', showAll, {}, plural(rest, 'more tool', 'more tools'));
+    return make('tr', {}, make('td', { colspan: 8 }, button));
+  }
+
   toolRow(tool) {
-    const { model } = this;
-    const query = `tool:${quoteForSearch(tool.name)}`;
-    const isChosen = byId('search').value.trim() === query;
-    const colour = this.page.timeline.palettes.tool[Math.min(tool.rank, COLOURS_OF_TOOLS)];
+    const { model, page } = this;
+    const isChosen = byId('search').value.trim() === toolQuery(tool);
+    const colour = page.timeline.palettes.tool[Math.min(tool.rank, COLOURS_OF_TOOLS)];
+    const share = tool.time / (model.toolsByTime[0].time || 1);
+    const time = `${formatTime(tool.time)}, ${formatShare(tool.time / (model.totals.time || 1))}`;
     return make(
       'tr',
       { class: isChosen ? 'chosen' : null },
-      make(
-        'td',
-        {},
-        make(
-          'button',
-          {
-            type: 'button',
-            class: 'link tool',
-            'aria-pressed': String(isChosen),
-            title: `Search ${query}`,
-            onclick: () => this.page.toggleSearch(query),
-          },
-          make('i', { class: 'swatch', style: `background:${colour}` }),
-          cutText(tool.name, 32),
-        ),
-      ),
-      make('td', { class: 'number' }, formatCount(tool.jobs)),
-      make('td', { class: tool.failed ? 'number bad' : 'number' }, formatCount(tool.failed)),
-      make(
-        'td',
-        {},
-        barOf(
-          tool.time / (model.toolsByTime[0].time || 1),
-          `${formatTime(tool.time)}, ${formatShare(tool.time / (model.totals.time || 1))}`,
-          null,
-          colour,
-        ),
-      ),
-      make('td', { class: 'number' }, tool.ran ? formatTime(tool.time / tool.ran) : UNKNOWN),
-      make(
-        'td',
-        {},
-        ...(tool.longest >= 0 ? [`${formatTime(tool.longestTime)} `, this.page.jobButton(tool.longest, 32)] : [UNKNOWN]),
-      ),
-      make('td', { class: 'number' }, formatTime(tool.cpu)),
-      make('td', { class: 'number' }, formatTime(tool.wait)),
+      cell(this.toolButton(tool, isChosen, colour)),
+      numberCell(formatCount(tool.jobs)),
+      numberCell(formatCount(tool.failed), tool.failed ? 'bad' : ''),
+      cell(barOf(share, time, null, colour)),
+      numberCell(tool.ran ? formatTime(tool.time / tool.ran) : UNKNOWN),
+      tool.ran ? cell(`${formatTime(tool.longestTime)} `, page.jobButton(tool.longest, 32)) : cell(UNKNOWN),
+      numberCell(formatTime(tool.cpu)),
+      numberCell(formatTime(tool.wait)),
     );
+  }
+
+  toolButton(tool, isChosen, colour) {
+    const query = toolQuery(tool);
+    const attributes = { 'aria-pressed': String(isChosen), title: `Search ${query}` };
+    const swatch = make('i', { class: 'swatch', style: `background:${colour}` });
+    return makeButton('link tool', () => this.page.toggleSearch(query), attributes, swatch, cutText(tool.name, 32));
   }
 
   // Jobs by a column; those without a value come last.
@@ -329,7 +276,9 @@ class Sections {
       make(
         'td',
         {},
-        OUTCOMES[model.outcome[job]] === 'ok' ? make('span', { class: 'dimmed' }, 'succeeded') : this.page.outcomeBadge(job),
+        OUTCOMES[model.outcome[job]] === 'ok'
+          ? make('span', { class: 'dimmed' }, 'succeeded')
+          : this.page.outcomeBadge(job),
       ),
       make(
         'td',
@@ -342,4 +291,8 @@ class Sections {
       make('td', { class: 'number' }, formatBytes(raw.peak_memory_bytes)),
     );
   }
+}
+
+function toolQuery(tool) {
+  return `tool:${quoteForSearch(tool.name)}`;
 }
