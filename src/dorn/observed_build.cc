@@ -4,6 +4,7 @@
 
 #include "dorn/history.h"
 #include "dorn/report.h"
+#include "dorn/report_page.h"
 #include "dorn/settings_file.h"
 #include "dorn/summary.h"
 #include "platform/host.h"
@@ -67,6 +68,10 @@ void ObservedBuild::Report(int exitCode) {
 void ObservedBuild::WriteFiles() const {
   if (!options_.recordFile.empty()) WriteFileOf(options_.recordFile, GetRecordText(record_));
   if (!options_.traceFile.empty()) WriteFileOf(options_.traceFile, GetTraceText(record_));
+  std::string error;
+  if (!options_.reportFile.empty() && !SaveReportPage(GetRecordText(record_), Path(options_.reportFile), error)) {
+    PrintError(error);
+  }
 }
 
 void ObservedBuild::PrintSummary() const {

@@ -23,7 +23,8 @@ class ObservedBuild {
 
  private:
   bool IsWanted() const {
-    return isSummaryWanted_ || isHistoryWanted_ || !options_.traceFile.empty() || !options_.recordFile.empty();
+    return isSummaryWanted_ || isHistoryWanted_ || !options_.traceFile.empty() || !options_.recordFile.empty() ||
+           !options_.reportFile.empty();
   }
   void WriteFiles() const;
   void PrintSummary() const;

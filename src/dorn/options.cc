@@ -41,6 +41,7 @@ class Parser {
     if (word == "--report-from") return TakeReportFrom();
     if (word == "--trace") return TakeFile(word, options_.traceFile);
     if (word == "--record") return TakeFile(word, options_.recordFile);
+    if (word == "--report") return TakeFile(word, options_.reportFile);
     if (word == "--id") return TakeId();
     if (word == "-j") return TakeJobs(Next());
     if (word.compare(0, 2, "-j") == 0) return TakeJobs(word.substr(2));
@@ -145,6 +146,7 @@ const char* GetUsage() {
          "   --no-summary       - print none\n"
          "   --trace FILE       - write when each job ran, for chrome://tracing, Perfetto and the like\n"
          "   --record FILE      - write all that is known of the build's jobs, as JSON\n"
+         "   --report FILE      - draw what is known of the build's jobs as a page for a browser\n"
          "   --settings         - show all settings with their value, where it comes from and their meaning\n"
          "   --settings update  - add the recommended settings that the file lacks\n"
          "   --report-from RECORD.json FILE.html\n"

@@ -37,6 +37,7 @@ struct Options {
   Summary summary = Summary::kOnTerminal;
   std::string traceFile;             // --trace
   std::string recordFile;            // --record
+  std::string reportFile;            // --report
   std::string recordToDraw;          // --report-from
   std::string pageToWrite;           // its second value
   std::vector<std::string> command;  // the build command and its arguments, as they are
