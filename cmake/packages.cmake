@@ -8,6 +8,7 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "limits how many tools the builds of a use
 set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_PRE_BUILD_SCRIPTS "${CMAKE_SOURCE_DIR}/cmake/package_contents.cmake")
+set(CPACK_POST_BUILD_SCRIPTS "${CMAKE_SOURCE_DIR}/cmake/package_order.cmake")
 set(CPACK_KESTRUN_SOURCES "${CMAKE_SOURCE_DIR}")
 if(WIN32)
   set(CPACK_GENERATOR ZIP)

@@ -83,8 +83,9 @@ std::string FindFault(Options& options, const std::string& text, bool fromEnviro
     const bool isValueMissing = rule->TakesValue() && ++index == list.tokens.size();
     if (isValueMissing) return std::string(rule->name) + " wants a value behind it: " + rule->name + " " + rule->value;
     const std::string& value = list.tokens[index].text;
-    if (!rule->set(options, value))
+    if (!rule->set(options, value)) {
       return std::string(rule->name) + " wants " + rule->wanted + ", not \"" + value + "\"";
+    }
   }
   return fromEnvironment || NeedsNoTool(options) ? "" : kNothingToDo;
 }
