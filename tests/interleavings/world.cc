@@ -134,6 +134,11 @@ void World::See(u64 value) {
   thread.history = Mix(thread.history ^ value);
 }
 
+void World::Fail(const char* what) {
+  const arena::HostScope host;
+  if (failure_.empty()) failure_ = what;
+}
+
 // Memory --------------------------------------------------------------------------------------------------------------
 
 u8* World::MemoryFor(const std::string& name) {

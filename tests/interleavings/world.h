@@ -175,9 +175,7 @@ class World {
   bool TakeNewShared() { return std::exchange(hasNewShared_, false); }
 
   // For a scenario ---------------------------------------------------------------------------------------------------
-  void Fail(const std::string& what) {
-    if (failure_.empty()) failure_ = what;
-  }
+  void Fail(const char* what);
   const std::string& GetFailure() const { return failure_; }
   ProcessState GetState(int process) const { return processes_[process]->state; }
   bool WasKilled(int process) const { return processes_[process]->wasKilled; }
