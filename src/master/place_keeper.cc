@@ -15,11 +15,25 @@ constexpr u32 kCheckMs = 1000;
 // A client that checks the mutex holds it for a moment.
 constexpr u32 kKeeperMs = 1000;
 
+constexpr int kTableAttempts = 10;
+
 // Tickets of the table's slots are told from those of the master's own threads by this bit.
 constexpr JobSlots::Ticket kTableBit = JobSlots::Ticket{1} << 62;
 
 JobSlots::Ticket TicketOf(u32 slot) {
   return kTableBit | slot;
+}
+
+// The last client of an earlier master may let go of the table between the two attempts, so that neither succeeds.
+std::unique_ptr<MappedFile> MakeOrOpenTable(const std::string& name) {
+  for (int attempt = 1;; ++attempt) {
+    const bool isNew = attempt % 2 == 1;
+    try {
+      return std::make_unique<MappedFile>(name, isNew ? PlaceTable::kSize : 0, isNew);
+    } catch (const MappedFileException&) {
+      if (attempt >= kTableAttempts) throw;
+    }
+  }
 }
 
 bool IsSameClient(u64 one, u64 other) {
@@ -55,11 +69,7 @@ PlaceKeeper::~PlaceKeeper() {
 }
 
 void PlaceKeeper::OpenTable() {
-  try {
-    region_ = std::make_unique<MappedFile>(GetTableName(id_), PlaceTable::kSize, true);
-  } catch (const MappedFileException&) {
-    region_ = std::make_unique<MappedFile>(GetTableName(id_), 0, false);
-  }
+  region_ = MakeOrOpenTable(GetTableName(id_));
   view_ = region_->CreateView(0, MappedFile::kWholeSize, true);
   if (view_->GetSize() < PlaceTable::kSize) throw SyncException("the table of places is too small");
   table_ = static_cast<PlaceTable*>(view_->GetData());

@@ -35,7 +35,8 @@ class Introduction : public Scenario {
     for (u32 i = 0; i < connectors_; ++i) CheckConnector(world, i);
     // The listener and one connector: a region that a second connector has opened was never its own.
     for (const auto& region : world.GetRegions()) {
-      if (region->name != kName && region->openers.size() > 2) world.Fail("two connectors share " + region->name);
+      if (region->name != kName && region->openers.size() > 2)
+        world.Fail(("two connectors share " + region->name).c_str());
     }
   }
 
@@ -78,7 +79,7 @@ class Introduction : public Scenario {
     // One that was stopped for longer than its listener waits may fail.
     if (world.GetState(process) != ProcessState::kAlive || world.WasStopped(process)) return;
     if (hasFailed_[index] || joined_[index].empty()) return world.Fail("a living connector was not served");
-    if (!accepted_.contains(joined_[index])) world.Fail("the listener does not know " + joined_[index]);
+    if (!accepted_.contains(joined_[index])) world.Fail(("the listener does not know " + joined_[index]).c_str());
   }
 
   const u32 connectors_;
@@ -87,6 +88,11 @@ class Introduction : public Scenario {
   std::vector<std::string> joined_;
   std::vector<bool> hasFailed_;
 };
+
+TEST(IntroductionInterleavings, OfOneConnectorThatMayBeKilled) {
+  Introduction scenario(1);
+  ExpectSound(scenario, {.kills = 1});
+}
 
 TEST(IntroductionInterleavings, OfTwoConnectorsOneOfWhichMayBeKilled) {
   Introduction scenario(2);

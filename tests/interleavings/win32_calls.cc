@@ -183,7 +183,7 @@ BOOL FlushViewOfFile(LPCVOID, SIZE_T) {
   return TRUE;
 }
 SIZE_T VirtualQuery(LPCVOID, MEMORY_BASIC_INFORMATION* information, SIZE_T length) {
-  information->RegionSize = 0x20000;
+  information->RegionSize = World::kRegionSize;
   return length;
 }
 void GetSystemInfo(SYSTEM_INFO* information) {

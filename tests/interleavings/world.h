@@ -120,8 +120,19 @@ struct Thread {
   std::array<void*, 2> exceptions{};  // of the C++ run time, which keeps them for each real thread
 };
 
+// Spreads the bits of a value, for hashes.
+inline u64 Mix(u64 value) {
+  value += 0x9E3779B97F4A7C15;
+  value = (value ^ value >> 30) * 0xBF58476D1CE4E5B9;
+  value = (value ^ value >> 27) * 0x94D049BB133111EB;
+  return value ^ value >> 31;
+}
+
 class World {
  public:
+  // Of every region of shared memory, as the product makes them or larger.
+  static constexpr std::size_t kRegionSize = 0x20000;
+
   static World& Get();
 
   // Forgets everything but where the memory of a name lies and which words of it are points.
@@ -164,9 +175,7 @@ class World {
   bool TakeNewShared() { return std::exchange(hasNewShared_, false); }
 
   // For a scenario ---------------------------------------------------------------------------------------------------
-  void Fail(const std::string& what) {
-    if (failure_.empty()) failure_ = what;
-  }
+  void Fail(const char* what);
   const std::string& GetFailure() const { return failure_; }
   ProcessState GetState(int process) const { return processes_[process]->state; }
   bool WasKilled(int process) const { return processes_[process]->wasKilled; }
