@@ -216,6 +216,24 @@ class Kestrun(Broker):
         return total
 
 
+class Bare(Kestrun):
+    """Kestrun's master with the least client there can be, bench/bare_client.c: what a client's start may cost."""
+
+    name = "least client, no C library"
+
+    def start(self):
+        installed(self.bare)
+        super().start()
+        self.env["BARE_SOCKET"] = os.path.join(self.objects, f"stream.slots.{self.id}")
+
+    @property
+    def bare(self):
+        return os.path.join(os.path.dirname(self.path), "bare_client")
+
+    def command(self, tool):
+        return [self.bare, shutil.which(tool[0])] + tool[1:]
+
+
 class Dorn(Kestrun):
     """As people use it: dorn around the whole build, with its own first settings."""
 

@@ -8,7 +8,7 @@ import subprocess
 import tempfile
 
 from suite import programs
-from suite.programs import Ccache, Direct, Distcc, Dorn, Failed, Floor, Kestrun, Sccache, Sem, TaskSpooler, run
+from suite.programs import Bare, Ccache, Direct, Distcc, Dorn, Failed, Floor, Kestrun, Sccache, Sem, TaskSpooler, run
 from suite.stats import Report, Row, find, interleave, number, on_top_of, ratio_to
 
 TRUE = "/bin/true"
@@ -75,7 +75,8 @@ def one(bench):
                     return [time * 1e3 for time in bench.driver.times(command, runs, env=broker.env)[1]]
                 return sample
             return make
-        for broker in (Direct(), Floor(bench.programs, slots), Kestrun(bench.programs, slots), TaskSpooler(slots),
+        for broker in (Direct(), Floor(bench.programs, slots), Kestrun(bench.programs, slots),
+                       Bare(bench.programs, slots), TaskSpooler(slots),
                        Ccache(), Distcc(slots)):
             contest.add(broker, each(count))
         # It takes nothing but compilers: a question that it passes on, against the same question asked directly.
@@ -125,7 +126,8 @@ def compile_one(bench):
             tool = ["gcc", "-c", source, "-o", os.path.join(broker.folder, "small.o")]
             return lambda: [time * 1e3 for time in bench.driver.times(broker.command(tool), count, env=broker.env)[1]]
         slots = bench.slots
-        for broker in (Direct(), Floor(bench.programs, slots), Kestrun(bench.programs, slots), TaskSpooler(slots),
+        for broker in (Direct(), Floor(bench.programs, slots), Kestrun(bench.programs, slots),
+                       Bare(bench.programs, slots), TaskSpooler(slots),
                        Ccache(), Distcc(slots), Sccache(slots)):
             contest.add(broker, each)
         interleave(contest.rows, bench.pick(10, 1))

@@ -300,7 +300,8 @@ void ProjectStub::OnBuildRequest(const rc_ptr<Message>& request) {
 
 void ProjectStub::OnTick() {
   dispatcher_.Post(OwnMessage(MSG_DRAIN_REQUESTS), false);
-  dispatcher_.PostDelayed(OwnMessage(MSG_QUEUE_TICK), 0, kTickMs);
+  // Each job that the request thread makes after the start asks for a drain itself.
+  if (!isEager_) dispatcher_.PostDelayed(OwnMessage(MSG_QUEUE_TICK), 0, kTickMs);
 }
 
 void ProjectStub::OnJobsFinished() {
