@@ -90,24 +90,33 @@ void DornWatch::Watch() {
 
 // Waits until a dorn ends, the master is told to stop, or it is time to look again. False if the thread is to end.
 bool DornWatch::AwaitChange() {
-  if (!user_) user_ = FindUser();
+  if (!user_) FindUser();
   // A stop that did not come from a dorn stays signalled.
   const bool isStopped = stopEvent_ && WaitForHandle(stopEvent_.Get(), 0);
   if (!user_ || !stopEvent_ || isStopped) return !end_.Wait(kLookMs);
   const HANDLE handles[] = {end_.GetHandle(), user_.Get(), stopEvent_.Get()};
   const DWORD index = WaitForMultipleObjects(3, handles, FALSE, kSafetyLookMs);
-  if (index == WAIT_OBJECT_0 + 1) user_.Reset();
+  if (index == WAIT_OBJECT_0 + 1) ForgetUser();
   return index != WAIT_OBJECT_0;
 }
 
-// Empty if there is none that lives in the record.
-UniqueHandle DornWatch::FindUser() const {
-  for (const std::atomic<u32>& id : session_->users) {
-    if (id == 0) continue;
-    UniqueHandle user(OpenProcess(SYNCHRONIZE, FALSE, id));
-    if (user && !WaitForHandle(user.Get(), 0)) return user;
+// Leaves user_ empty if there is none that lives in the record.
+void DornWatch::FindUser() {
+  for (const std::atomic<u32>& user : session_->users) {
+    userId_ = user;
+    if (userId_ != 0) user_.Reset(OpenProcess(SYNCHRONIZE, FALSE, userId_));
+    if (user_ && !WaitForHandle(user_.Get(), 0)) return;
+    user_.Reset();
   }
-  return {};
+}
+
+// A process that has ended can be opened until its parent has waited for it, so it must not be found again.
+void DornWatch::ForgetUser() {
+  user_.Reset();
+  for (std::atomic<u32>& user : session_->users) {
+    u32 ended = userId_;
+    user.compare_exchange_strong(ended, 0);
+  }
 }
 
 // The last dorn was killed. One that joins does so under the lock: it either is seen here, or sees that this master

@@ -42,7 +42,8 @@ class DornWatch {
  private:
   void Watch();
   bool AwaitChange();
-  UniqueHandle FindUser() const;
+  void FindUser();
+  void ForgetUser();
   bool IsLeft();
   void EndByForce();
 
@@ -56,7 +57,8 @@ class DornWatch {
   DornSession* session_;  // in view_
   UniqueHandle alive_;    // held, and nothing else
   Condition end_;         // ends the thread
-  UniqueHandle user_;     // a dorn that lives; of the thread
+  UniqueHandle user_;     // a dorn that lives; of the thread, as its id
+  u32 userId_ = 0;
   rc_ptr<Thread> thread_;
 };
 

@@ -18,7 +18,6 @@ namespace {
 
 constexpr int kLoopTimeoutMs = 1000;
 constexpr u32 kTickSeconds = 10;
-constexpr u32 kUnsentPollMs = 1;
 constexpr std::int64_t kPingAfterSeconds = 25;
 constexpr std::int64_t kExpireAfterSeconds = 50;
 
@@ -151,21 +150,26 @@ void MessageDispatcher::Announce() {
   PostDelayed(NewMessage(kTick), kTickSeconds, 0);
 }
 
-bool MessageDispatcher::HasUnsent() {
+rc_ptr<ServedIpcChannel> MessageDispatcher::FindUnsent() {
   std::vector<rc_ptr<MessageChannel>> channels;
   {
     const Lock lock(channelsLock_);
     for (const auto& entry : channels_) channels.push_back(entry.second);
   }
-  return std::any_of(channels.begin(), channels.end(), [](const auto& channel) {
+  for (const auto& channel : channels) {
     auto* const served = dynamic_cast<ServedIpcChannel*>(channel.Get());
-    return served != nullptr && served->HasUnsent();
-  });
+    if (served != nullptr && served->HasUnsent()) return served;
+  }
+  return nullptr;
 }
 
 void MessageDispatcher::WaitUntilSent(u32 limitMs) {
   const u32 start = GetTickCount();
-  while (HasUnsent() && GetTickCount() - start < limitMs) Sleep(kUnsentPollMs);
+  while (const rc_ptr<ServedIpcChannel> channel = FindUnsent()) {
+    const u32 elapsedMs = GetTickCount() - start;
+    if (elapsedMs >= limitMs) return;
+    channel->AwaitSent(limitMs - elapsedMs);
+  }
 }
 
 void MessageDispatcher::StopAllActivity() {

@@ -53,6 +53,7 @@ namespace kestrun {
 
 class IpcAcceptor;
 class IpcSocket;
+class ServedIpcChannel;
 class TcpSocket;
 
 class MessageDispatcher {
@@ -130,7 +131,7 @@ class MessageDispatcher {
   bool ListenOnSockets();
   bool ListenOnIpc();
   bool HasFreeSlot();
-  bool HasUnsent();
+  rc_ptr<ServedIpcChannel> FindUnsent();
   bool StartAnnouncing(const rc_ptr<Thread>& init);
   void Announce();
   void AnnounceLater();

@@ -66,6 +66,16 @@ bool ServedIpcChannel::HasUnsent() {
   return isSending_;
 }
 
+// The sender returns when it has found the queue empty.
+void ServedIpcChannel::AwaitSent(u32 limitMs) {
+  rc_ptr<Thread> sender;
+  {
+    const Lock lock(queueLock_);
+    if (isSending_) sender = sender_;
+  }
+  if (sender) sender->Wait(limitMs);
+}
+
 bool ServedIpcChannel::Queue(const rc_ptr<Message>& message) {
   queue_.push_back(message);
   if (isSending_) return true;

@@ -30,6 +30,8 @@ class ServedIpcChannel : public IpcChannel {
 
   // Messages wait for room in the ring. What is in the ring needs no sender: the client reads it even after Close.
   bool HasUnsent();
+  // Waits until that is no longer so, at most limitMs.
+  void AwaitSent(u32 limitMs);
   // Ends a connection that is some seconds old and has not brought one message, as if its client had gone, so that
   // another client can have its slot. True if it was such a connection. From any thread; waits for nothing.
   bool EvictIfSilent();

@@ -57,7 +57,7 @@ struct DornSession {
   char id[kIdSize];             // with its NUL; changes only while there is no master
 
   // Process ids of dorns, for a master that sleeps until one of them ends: not all of them need be here, and those that
-  // have ended stay until a dorn takes their place. Whether any lives, the event tells alone.
+  // have ended may stay until a dorn takes their place. Whether any lives, the event tells alone.
   std::atomic<u32> users[kMaxUsers];
 
   static constexpr u64 MakeMaster(u32 dornProcess, u32 masterProcess) {

@@ -1,13 +1,14 @@
 // The zygote's life, in one loop over its socket and SIGCHLD:
 //
-//   event                                  what it does
-//   a SupervisorRequest                    forks a supervisor, which owns the control socket that came along; if the
-//   fork
-//                                          fails, sends kReady with the error there
-//   a supervisor exits                     forgets it
-//   a supervisor is killed                 kills all its other children: those below that supervisor come to the
-//   zygote, a child exits that is no supervisor    which is their subreaper the socket ends takes no more requests the
-//   socket has ended, no child left    exits
+//   event                                   what it does
+//   it starts                               ends the groups of supervisors that have gone (job_groups.h)
+//   a SupervisorRequest                     forks a supervisor, which owns the control socket that came along and
+//                                           enters a group of its own; sends kReady with the error if the fork fails
+//   a supervisor exits                      forgets it and removes its group
+//   a supervisor is killed, or a child      ends the group, and kills all other children: those that were below a
+//   exits that is no supervisor             killed supervisor come to the zygote, which is their subreaper
+//   the socket ends                         takes no more requests
+//   the socket has ended, no child left     exits
 //
 // Supervisors are spared by the killing, so what belongs to a live supervisor goes on.
 #include "platform/linux/helper/zygote.h"

@@ -5,9 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
-
-#include "platform/linux/objects/deadline.h"
 
 namespace kestrun::platform {
 
@@ -36,14 +35,14 @@ bool TryLock(int file, off_t byte) {
 }
 
 // The kernel has no wait with a limit for such a lock, so one that is taken is tried again: the gate is held for far
-// less than the longest pause.
-bool LockUntil(int file, off_t byte, const Deadline& deadline) {
+// less than the longest pause. The pauses are what counts, and not the time in which this process was stopped itself.
+bool LockWithin(int file, off_t byte, DWORD limitMs) {
   timespec pause{0, 20'000};
-  while (!TryLock(file, byte)) {
+  for (std::int64_t leftNs = std::int64_t{limitMs} * 1'000'000; !TryLock(file, byte); leftNs -= pause.tv_nsec) {
     if (errno != EAGAIN && errno != EACCES) return false;
-    if (deadline.HasPassed()) return errno = ETIMEDOUT, false;
-    nanosleep(&pause, nullptr);
+    if (leftNs <= 0) return errno = ETIMEDOUT, false;
     pause.tv_nsec = std::min(2 * pause.tv_nsec, 5'000'000L);
+    nanosleep(&pause, nullptr);
   }
   return true;
 }
@@ -56,8 +55,7 @@ bool IsLockedElsewhere(int file, off_t start, off_t length) {
 
 }  // namespace
 
-TableGate::TableGate(int file, DWORD limitMs)
-    : file_(file), isHeld_(LockUntil(file, kGateByte, Deadline::After(limitMs))) {}
+TableGate::TableGate(int file, DWORD limitMs) : file_(file), isHeld_(LockWithin(file, kGateByte, limitMs)) {}
 
 TableGate::~TableGate() {
   if (isHeld_) Lock(file_, F_OFD_SETLK, F_UNLCK, kGateByte);

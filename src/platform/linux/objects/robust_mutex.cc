@@ -1,11 +1,20 @@
 #include "platform/linux/objects/robust_mutex.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
 #include "platform/linux/objects/observed_lock.h"
 
 namespace kestrun::platform {
+
+namespace {
+
+// A build that is suspended as a whole goes on as a whole: the time in which this process was stopped must not count,
+// and costs one slice at most.
+constexpr DWORD kSliceMs = 500;
+
+}  // namespace
 
 void InitialiseRobustMutex(pthread_mutex_t& mutex) {
   pthread_mutexattr_t attributes;
@@ -37,7 +46,11 @@ pid_t OwnerThread(const pthread_mutex_t& mutex) {
 RobustLock::RobustLock(pthread_mutex_t& mutex, DWORD limitMs) : mutex_(mutex) {
   // Nearly always free, and then no clock is read.
   int result = pthread_mutex_trylock(&mutex_);
-  if (result == EBUSY) result = LockRobustUntil(mutex_, Deadline::After(limitMs));
+  for (DWORD leftMs = limitMs; (result == EBUSY || result == ETIMEDOUT) && leftMs > 0;) {
+    const DWORD sliceMs = std::min(leftMs, kSliceMs);
+    result = LockRobustUntil(mutex_, Deadline::After(sliceMs));
+    leftMs -= sliceMs;
+  }
   if (result == EOWNERDEAD) pthread_mutex_consistent(&mutex_);
   isHeld_ = result == 0 || result == EOWNERDEAD;
 }
