@@ -57,7 +57,8 @@ void TellOfLostMaster() {
   PrintWarning("the master has ended before the build; from here on tools run without a limit");
 }
 
-// Until the build has ended or is to be ended: true for the latter. `master` is null for that of another dorn.
+// Until the build has ended or is to be ended: true for the latter. `master` is null where an outer dorn looks after
+// it.
 bool AwaitEnd(HANDLE build, HANDLE interruption, HANDLE master) {
   const HANDLE handles[] = {build, interruption, master};
   DWORD outcome = WaitForMultipleObjects(master != nullptr ? 3 : 2, handles, FALSE, INFINITE);

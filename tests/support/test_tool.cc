@@ -6,6 +6,7 @@
 //   env NAME            the variable's value, or "(unset)"               cwd            the working directory
 //   pid                 its process id                                   input          how many bytes stdin held
 //   await EVENT         waits for a named event                          signal EVENT   signals one
+//   spin EVENT          keeps the processor busy until the event is signalled
 //   create FILE         makes an empty file                              hold           waits until it is killed
 //   sleep MS            waits so many milliseconds
 //   note FILE           appends its process id, as a line, to a file
@@ -73,6 +74,11 @@ std::size_t CountInput() {
   return total;
 }
 
+void Spin(HANDLE event) {
+  while (WaitForSingleObject(event, 0) != WAIT_OBJECT_0) {
+  }
+}
+
 [[noreturn]] void Hold() {
   for (;;) Sleep(1000);
 }
@@ -96,6 +102,7 @@ std::size_t RunCommand(const Words& words, std::size_t at) {
   if (command == "pid") return PrintLine(stdout, std::to_string(GetCurrentProcessId())), at + 1;
   if (command == "input") return PrintLine(stdout, std::to_string(CountInput())), at + 1;
   if (command == "await") return WaitForSingleObject(OpenNamedEvent(word(1)), INFINITE), at + 2;
+  if (command == "spin") return Spin(OpenNamedEvent(word(1))), at + 2;
   if (command == "signal") return SetEvent(OpenNamedEvent(word(1))), at + 2;
   if (command == "create") return std::ofstream(word(1)), at + 2;
   if (command == "note") return std::ofstream(word(1), std::ios::app) << GetCurrentProcessId() << '\n', at + 2;

@@ -132,7 +132,7 @@ struct Process::LaunchRequest {
 struct Process::LaunchOutcome {
   bool isCreated;
   DWORD error;
-  bool isInJob;
+  bool isInJob;  // if it is created
 };
 
 class Process::SharedHandle : public rc_base {
@@ -224,7 +224,7 @@ bool Process::Launch(const LaunchRequest& request, const ChildPipes& pipes, Uniq
                      PROCESS_INFORMATION& child) {
   LaunchOutcome outcome = Create(request, pipes, job.Get(), child);
   // A job around this one may refuse to have another nested in it.
-  if (job && outcome.error == ERROR_ACCESS_DENIED) outcome = Create(request, pipes, nullptr, child);
+  if (outcome.isInJob && outcome.error == ERROR_ACCESS_DENIED) outcome = Create(request, pipes, nullptr, child);
   if (!outcome.isCreated) {
     exitCode_ = outcome.error;
     PrintLine("CreateProcess(" + request.commandLine + ") failed with error " + std::to_string(outcome.error));

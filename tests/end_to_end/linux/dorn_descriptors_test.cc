@@ -19,7 +19,8 @@ class DornDescriptors : public Dorn {
 
 // What `ls` has open includes the folder that it reads, by itself or below dorn.
 TEST_F(DornDescriptors, AreThoseOfItsCallerAndNoOthers) {
-  for (const std::string opened : {"", "exec 7>seven 4</dev/null; ", "exec 3>a 4>b 5>c 6>d 9>e 63</dev/null; "}) {
+  for (const std::string opened : {"", "exec 7>seven 4</dev/null; ", "exec 3>a 4>b 5>c 6>d 9>e 63</dev/null; ",
+                                   "ulimit -n 256; exec 254</dev/null 255</dev/null; "}) {
     const RunResult direct = RunLine(opened + "ls /proc/self/fd");
     const RunResult below = RunLine(opened + ProgramPath("dorn") + " ls /proc/self/fd");
     EXPECT_EQ(direct.output, below.output) << opened;

@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstdio>
@@ -82,14 +81,19 @@ void ToolStart::PlaceDescriptors() {
   PlaceFurther();
 }
 
-// First out of the way of one another, then each to its number, where it is not closed on exec.
+// One of them may stand where another belongs, and gets out of its way first. All came closed on exec.
 void ToolStart::PlaceFurther() {
-  if (furtherNumbers_.empty()) return;
   int* const further = descriptors_ + 1 + StreamCount();
-  const int above = *std::max_element(furtherNumbers_.begin(), furtherNumbers_.end()) + 1;
-  for (std::size_t i = 0; i < furtherNumbers_.size(); ++i) further[i] = fcntl(further[i], F_DUPFD_CLOEXEC, above);
   for (std::size_t i = 0; i < furtherNumbers_.size(); ++i) {
-    if (further[i] >= 0) dup2(further[i], furtherNumbers_[i]);
+    const int number = furtherNumbers_[i];
+    if (further[i] == number) {
+      fcntl(number, F_SETFD, 0);
+      continue;
+    }
+    for (std::size_t later = i + 1; later < furtherNumbers_.size(); ++later) {
+      if (further[later] == number) further[later] = fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    }
+    dup2(further[i], number);
   }
 }
 
