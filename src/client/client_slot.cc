@@ -37,24 +37,24 @@ bool ClientSlot::Open(const std::string& id, bool usesTable) {
   if (!keeper) return true;
   // The master has died, and its other clients keep the objects open: no request would ever be granted.
   if (!IsKept(keeper.Get())) return false;
-  request_ = MakeRequest(id);
+  request_ = MakeRequest(id, {});
   if (!request_) return true;
   request_->keeper = std::move(keeper);
   SetEvent(request_->call.Get());
   return true;
 }
 
-bool ClientSlot::OpenTable(const std::string& id) {
+bool ClientSlot::OpenTable(const std::string& id, std::string_view noteText) {
   UniqueHandle keeper(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, GetKeeperName(id).c_str()));
   if (!keeper || !IsKept(keeper.Get())) return false;
-  request_ = MakeRequest(id);
+  request_ = MakeRequest(id, noteText);
   if (!request_) return false;
   request_->keeper = std::move(keeper);
   SetEvent(request_->call.Get());
   return true;
 }
 
-std::unique_ptr<ClientSlot::Request> ClientSlot::MakeRequest(const std::string& id) {
+std::unique_ptr<ClientSlot::Request> ClientSlot::MakeRequest(const std::string& id, std::string_view noteText) {
   auto request = std::make_unique<Request>();
   request->call.Reset(OpenEventA(EVENT_ALL_ACCESS, FALSE, GetCallName(id).c_str()));
   if (!request->call) return nullptr;
@@ -69,7 +69,30 @@ std::unique_ptr<ClientSlot::Request> ClientSlot::MakeRequest(const std::string& 
   // The event has to exist before the word is in the table: the master reclaims a word that has no event.
   request->answer.Reset(CreateEventA(nullptr, FALSE, FALSE, GetPlaceName(id, request->word).c_str()));
   const bool isNew = GetLastError() != ERROR_ALREADY_EXISTS;
+  if (isNew && !noteText.empty()) WriteNote(id, noteText, *request);
   return request->answer && isNew && TakeEntry(*request) ? std::move(request) : nullptr;
+}
+
+// Without it the master knows less of the job, and runs it all the same.
+void ClientSlot::WriteNote(const std::string& id, std::string_view text, Request& request) {
+  try {
+    request.noteRegion = std::make_unique<MappedFile>(GetNoteName(id, request.word), ToolNote::kSize, true);
+    request.noteView = request.noteRegion->CreateView(0, MappedFile::kWholeSize, true);
+  } catch (const MappedFileException&) {
+    return;
+  }
+  ToolNote& note = *static_cast<ToolNote*>(request.noteView->GetData());
+  note.textSize = static_cast<u32>(text.copy(note.text, sizeof note.text));
+}
+
+void ClientSlot::NoteEnd(i32 exitCode, std::int64_t cpuUs, std::int64_t peakMemoryBytes) {
+  if (!request_ || !request_->noteView) return;
+  ToolNote& note = *static_cast<ToolNote*>(request_->noteView->GetData());
+  note.exitCode = exitCode;
+  note.cpuUs = cpuUs;
+  note.peakMemoryBytes = peakMemoryBytes;
+  // Release: the master that sees this sees what is above.
+  note.hasEnded.store(1, std::memory_order_release);
 }
 
 // Clients that start together search from different entries, so that they rarely compete for one.

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "protocol/place_table.h"
 #include "runtime/base/handle.h"
@@ -33,7 +34,10 @@ class ClientSlot {
   // with `usesTable`, which tells whether to look for a table.
   bool Open(const std::string& id, bool usesTable);
   // The same for a table alone, without a semaphore behind it. False if there is none, or if it is full.
-  bool OpenTable(const std::string& id);
+  // `noteText` is told to the master (ToolNote).
+  bool OpenTable(const std::string& id, std::string_view noteText);
+  // After OpenTable: how the tool has ended, for the master. Sizes and times are -1 where they are not known.
+  void NoteEnd(i32 exitCode, std::int64_t cpuUs, std::int64_t peakMemoryBytes);
   // May be called again after kTimeOver; the request stays queued meanwhile. The end of the master is seen only with a
   // table, within a second.
   Outcome Wait(u32 timeoutMs);
@@ -46,11 +50,14 @@ class ClientSlot {
     UniqueHandle call;
     UniqueHandle keeper;
     UniqueHandle answer;
+    std::unique_ptr<MappedFile> noteRegion;
+    rc_ptr<MappedFile::ViewImpl> noteView;  // null without a note
     std::atomic<u64>* entry = nullptr;
     u64 word = 0;  // as it was when the client asked
   };
   // A request that is entered in the table, or null.
-  static std::unique_ptr<Request> MakeRequest(const std::string& id);
+  static std::unique_ptr<Request> MakeRequest(const std::string& id, std::string_view noteText);
+  static void WriteNote(const std::string& id, std::string_view text, Request& request);
   static bool TakeEntry(Request& request);
   bool IsGranted() const;
 

@@ -6,11 +6,11 @@
 namespace kestrun {
 
 ToolSlot::Outcome ToolSlot::Take(const std::string& id, const SlotTexts& texts) {
-  return platform::kHasLocalStreams ? TakeFromServer(id, texts) : TakeFromTable(id);
+  return platform::kHasLocalStreams ? TakeFromServer(id, texts) : TakeFromTable(id, texts);
 }
 
-ToolSlot::Outcome ToolSlot::TakeFromTable(const std::string& id) {
-  if (!tableSlot_.OpenTable(GetJobSlotsId(id))) return Outcome::kNoServer;
+ToolSlot::Outcome ToolSlot::TakeFromTable(const std::string& id, const SlotTexts& texts) {
+  if (!tableSlot_.OpenTable(GetJobSlotsId(id), JoinSlotTexts(texts))) return Outcome::kNoServer;
   return tableSlot_.Wait(kNoLimit) == ClientSlot::Outcome::kAdmitted ? Outcome::kGranted : Outcome::kLost;
 }
 

@@ -25,10 +25,14 @@ class ToolSlot {
 
   // Waits for as long as it takes. The texts are for the master's log and its observers.
   Outcome Take(const std::string& id, const SlotTexts& texts);
+  // How the tool has ended, where the master does not see that itself. Times and sizes are -1 where they are not known.
+  void NoteEnd(i32 exitCode, std::int64_t cpuUs, std::int64_t peakMemoryBytes) {
+    tableSlot_.NoteEnd(exitCode, cpuUs, peakMemoryBytes);
+  }
 
  private:
   Outcome TakeFromServer(const std::string& id, const SlotTexts& texts);
-  Outcome TakeFromTable(const std::string& id);
+  Outcome TakeFromTable(const std::string& id, const SlotTexts& texts);
 
   std::unique_ptr<platform::LocalStream> stream_;
   ClientSlot tableSlot_;

@@ -15,6 +15,7 @@ namespace {
 constexpr int kFailure = 1;
 // As other tools with a time limit report it.
 constexpr int kOverdueCode = 124;
+constexpr u64 kTicksInMicrosecond = 10;
 
 int Report(const std::string& tool, const platform::RunFailure& failure) {
   PrintError("cannot run " + (tool.empty() ? "\"\"" : tool) + ": " + failure.cause);
@@ -46,6 +47,7 @@ TransparentTool::Outcome TransparentTool::RunInSlot(const std::string& id, int& 
       break;
   }
   exitCode = RunAlone();
+  slot.NoteEnd(exitCode, cpuUs_, peakMemoryBytes_);
   return Outcome::kDone;
 }
 
@@ -66,7 +68,11 @@ int TransparentTool::RunAsChild() {
     return platform::kExitNotRunnable;
   }
   u32 code = static_cast<u32>(kFailure);
-  if (process->Wait(ToMs(timeoutSeconds_), &code)) return static_cast<int>(code);
+  if (process->Wait(ToMs(timeoutSeconds_), &code)) {
+    if (const u64 ticks = process->GetCpuTime()) cpuUs_ = static_cast<std::int64_t>(ticks / kTicksInMicrosecond);
+    if (const u64 peak = process->GetPeakMemory()) peakMemoryBytes_ = static_cast<std::int64_t>(peak);
+    return static_cast<int>(code);
+  }
   process->Terminate();
   PrintError("job ran longer than " + std::to_string(timeoutSeconds_) + " seconds and was ended");
   return kOverdueCode;

@@ -2,6 +2,7 @@
 #ifndef KESTRUN_CLIENT_TRANSPARENT_TOOL_H_
 #define KESTRUN_CLIENT_TRANSPARENT_TOOL_H_
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,9 @@ class TransparentTool {
   const Options& options_;
   const std::vector<std::string> words_;
   u32 timeoutSeconds_ = 0;
+  // Of a tool that has run as a child; -1 while they are not known.
+  std::int64_t cpuUs_ = -1;
+  std::int64_t peakMemoryBytes_ = -1;
 };
 
 }  // namespace kestrun

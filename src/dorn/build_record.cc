@@ -116,7 +116,9 @@ BuildFigures GetFigures(const BuildRecord& record) {
     if (job.parent == 0) figures.cpuUs += std::max(job.cpuUs, std::int64_t{0});
     if (job.cpuUs < 0) ++figures.withoutCpu;
     figures.peakMemoryBytes = std::max(figures.peakMemoryBytes, job.peakMemoryBytes);
-    if (job.startedUs >= 0) slots[job.slot].emplace_back(job.startedUs, job.endedUs);
+    // The last jobs may end a little behind the build command.
+    const std::int64_t until = std::min(job.endedUs, record.startedUs + record.durationUs);
+    if (job.startedUs >= 0 && job.startedUs < until) slots[job.slot].emplace_back(job.startedUs, until);
   }
   for (auto& [slot, spans] : slots) figures.busyUs += LengthOfUnion(spans);
   return figures;

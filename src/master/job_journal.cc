@@ -20,6 +20,18 @@ std::size_t SizeOf(const JobRecord& record) {
 
 }  // namespace
 
+JobText ToJobText(const SlotTexts& texts) {
+  JobText text;
+  text.project = texts.project;
+  text.name = texts.name;
+  text.folder = texts.folder;
+  text.tool = texts.tool;
+  text.command = text.tool;
+  if (!texts.arguments.empty()) text.command += ' ';
+  text.command += texts.arguments;
+  return text;
+}
+
 JobJournal::JobJournal(u32 slots, ParentOf parentOf, std::size_t mostEnded)
     : slots_(slots),
       parentOf_(parentOf),

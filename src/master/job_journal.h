@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "protocol/job_record.h"
+#include "protocol/slot_request.h"
 #include "runtime/base/rc_ptr.h"
 #include "runtime/base/types.h"
 
@@ -31,6 +32,9 @@ class OwnedJobText : public JobDescription {
  private:
   const JobText text_;
 };
+
+// The texts that a client sends with its request for a slot.
+JobText ToJobText(const SlotTexts& texts);
 
 // Jobs come in by Add, pass through Start, and leave by End; each of these costs about a microsecond. Jobs of both
 // roads do: those that the master runs, and those of clients that became their tool.
@@ -70,8 +74,8 @@ class JobJournal {
 
   // The job's number. `clientProcess` may be 0.
   u64 Add(const rc_ptr<JobDescription>& description, u32 clientProcess);
-  // The job has its slot, since `startedUs`. `process` is that of its tool, 0 if the client's process is, or is to become,
-  // the tool. `slot` may be -1.
+  // The job has its slot, since `startedUs`. `process` is that of its tool, 0 if the client's process is, or is to
+  // become, the tool. `slot` may be -1.
   void Start(u64 number, i32 slot, u32 process, std::int64_t startedUs = SteadyMicroseconds());
   // Nothing for an unknown number, so that the first end of a job counts.
   void Finish(u64 number, End end);

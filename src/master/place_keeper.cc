@@ -1,6 +1,7 @@
 #include "master/place_keeper.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "master/master_log.h"
 #include "protocol/names.h"
@@ -42,12 +43,13 @@ bool IsSameClient(u64 one, u64 other) {
 
 }  // namespace
 
-PlaceKeeper::PlaceKeeper(const std::string& id, u32 places) : PlaceKeeper(id, places, nullptr) {}
+PlaceKeeper::PlaceKeeper(const std::string& id, u32 places) : PlaceKeeper(id, places, nullptr, nullptr) {}
 
-PlaceKeeper::PlaceKeeper(const std::string& id, JobSlots& slots) : PlaceKeeper(id, 0, &slots) {}
+PlaceKeeper::PlaceKeeper(const std::string& id, JobSlots& slots, JobJournal* journal)
+    : PlaceKeeper(id, 0, &slots, journal) {}
 
-PlaceKeeper::PlaceKeeper(const std::string& id, u32 places, JobSlots* slots)
-    : id_(id), slots_(slots), keeper_(GetKeeperName(id).c_str()), call_(GetCallName(id).c_str()) {
+PlaceKeeper::PlaceKeeper(const std::string& id, u32 places, JobSlots* slots, JobJournal* journal)
+    : id_(id), slots_(slots), journal_(journal), keeper_(GetKeeperName(id).c_str()), call_(GetCallName(id).c_str()) {
   if (slots_ != nullptr) slots_->SetListener([this](JobSlots::Ticket ticket) { OnGranted(ticket); });
   if (!keeper_.Lock(kKeeperMs)) throw SyncException("another master keeps the places of " + id);
   try {
@@ -166,8 +168,11 @@ bool PlaceKeeper::Grant(u32 slot) {
   u64 expected = record.word;
   record.isGranted =
       table_->slots[slot].compare_exchange_strong(expected, WithPlaceState(expected, PlaceState::kGranted));
-  if (record.isGranted) SetEvent(record.client.Get());
-  return record.isGranted;
+  if (!record.isGranted) return false;
+  const std::int64_t startedUs = SteadyMicroseconds();
+  SetEvent(record.client.Get());
+  if (record.number != 0) journal_->Start(record.number, slots_->SlotOf(TicketOf(slot)), 0, startedUs);
+  return true;
 }
 
 void PlaceKeeper::Ask(u32 slot) {
@@ -175,11 +180,14 @@ void PlaceKeeper::Ask(u32 slot) {
     waiting_.push_back(slot);
   } else if (slots_->Ask(TicketOf(slot), static_cast<u32>(records_[slot].word >> 32)) && !Grant(slot)) {
     Leave(slot);
+  } else if (records_[slot].number != 0) {
+    journal_->FindParent(records_[slot].number);
   }
 }
 
 void PlaceKeeper::GiveBack(u32 slot) {
   if (slots_ != nullptr) {
+    FinishInJournal(records_[slot]);
     slots_->Leave(TicketOf(slot));
   } else if (records_[slot].isGranted) {
     access_->Release();
@@ -213,7 +221,45 @@ bool PlaceKeeper::Enter(u32 slot, u64 word) {
   record.word = word;
   record.isGranted = false;
   ++clients_;
+  if (journal_ != nullptr) AddToJournal(record);
   return true;
+}
+
+void PlaceKeeper::AddToJournal(Record& record) {
+  SlotTexts texts;
+  try {
+    record.noteView = MappedFile(GetNoteName(id_, record.word), 0, false).CreateView(0, MappedFile::kWholeSize, false);
+    if (record.noteView->GetSize() >= sizeof(ToolNote)) {
+      const ToolNote& note = *static_cast<const ToolNote*>(record.noteView->GetData());
+      texts = SplitSlotTexts({note.text, std::min<std::size_t>(note.textSize, sizeof note.text)});
+    } else {
+      record.noteView.Reset();
+    }
+  } catch (const MappedFileException&) {
+    // A client that could not make one.
+  }
+  record.number = journal_->Add(new OwnedJobText(ToJobText(texts)), static_cast<u32>(record.word >> 32));
+}
+
+void PlaceKeeper::FinishInJournal(Record& record) {
+  if (record.number == 0) return;
+  JobJournal::End end;
+  if (!record.isGranted) {
+    end.outcome = JobOutcome::kCancelled;
+  } else if (record.noteView) {
+    const ToolNote& note = *static_cast<const ToolNote*>(record.noteView->GetData());
+    // Acquire: pairs with the client's release.
+    end.hasExitCode = note.hasEnded.load(std::memory_order_acquire) != 0;
+    if (end.hasExitCode) {
+      end.exitCode = note.exitCode;
+      end.outcome = note.exitCode == 0 ? JobOutcome::kOk : JobOutcome::kFailed;
+      end.cpuUs = note.cpuUs;
+      end.peakMemoryBytes = note.peakMemoryBytes;
+    }
+  }
+  journal_->Finish(record.number, std::move(end));
+  record.number = 0;
+  record.noteView.Reset();
 }
 
 // Ends the record, and clears the table entry if it is still that client's.

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "master/job_journal.h"
 #include "master/job_slots.h"
 #include "protocol/place_table.h"
 #include "runtime/base/handle.h"
@@ -35,20 +36,22 @@ class PlaceKeeper {
   // taken over, with the slots granted in it. Throws SystemException if one of the objects can't be made.
   PlaceKeeper(const std::string& id, u32 places);
   // The same table for another purpose, under an id of its own: what its clients ask for and are granted are job slots.
-  // The slots outlive this object, which becomes their listener.
-  PlaceKeeper(const std::string& id, JobSlots& slots);
+  // Slots and journal outlive this object, which becomes the listener of the slots. The journal may be null.
+  PlaceKeeper(const std::string& id, JobSlots& slots, JobJournal* journal = nullptr);
   ~PlaceKeeper();
   PlaceKeeper(const PlaceKeeper&) = delete;
   PlaceKeeper& operator=(const PlaceKeeper&) = delete;
 
  private:
-  PlaceKeeper(const std::string& id, u32 places, JobSlots* slots);
+  PlaceKeeper(const std::string& id, u32 places, JobSlots* slots, JobJournal* journal);
 
   // The client of a table entry; unused while `client` is null.
   struct Record {
     UniqueHandle client;
     u64 word = 0;  // as the client wrote it
     bool isGranted = false;
+    u64 number = 0;                         // in the journal; 0: in none
+    rc_ptr<MappedFile::ViewImpl> noteView;  // of the client's ToolNote; null if it has none
   };
 
   void OpenTable();
@@ -66,9 +69,12 @@ class PlaceKeeper {
   void GrantTickets();
   bool Enter(u32 slot, u64 word);
   void Leave(u32 slot);
+  void AddToJournal(Record& record);
+  void FinishInJournal(Record& record);
 
   const std::string id_;
-  JobSlots* const slots_;  // null: places of the semaphore are granted
+  JobSlots* const slots_;      // null: places of the semaphore are granted
+  JobJournal* const journal_;  // may be null
   Mutex keeper_;
   // Made after the mutex: a client that finds the semaphore and an unowned mutex takes the master for dead.
   std::unique_ptr<Semaphore> access_;

@@ -192,7 +192,7 @@ bool ProjectStub::OpenSlotServer() {
     if (platform::kHasLocalStreams) {
       slotServer_ = std::make_unique<SlotServer>(id_, *slots_, journal_);
     } else {
-      slotTable_ = std::make_unique<PlaceKeeper>(GetJobSlotsId(id_), *slots_);
+      slotTable_ = std::make_unique<PlaceKeeper>(GetJobSlotsId(id_), *slots_, &journal_);
     }
     jobWatch_ = std::make_unique<JobWatch>(*slots_, platform::ProcessorTimeOfTree);
     return true;

@@ -18,18 +18,6 @@ void SendAnswer(platform::LocalServer& server, platform::LocalServer::Client cli
   server.Answer(client, &answer, sizeof answer);
 }
 
-JobText ToJobText(const SlotTexts& texts) {
-  JobText text;
-  text.project = texts.project;
-  text.name = texts.name;
-  text.folder = texts.folder;
-  text.tool = texts.tool;
-  text.command = text.tool;
-  if (!texts.arguments.empty()) text.command += ' ';
-  text.command += texts.arguments;
-  return text;
-}
-
 void SetEnd(const platform::ProcessEnd& process, JobJournal::End& end) {
   end.cpuUs = process.cpuUs;
   if (!process.isKnown) return;

@@ -4,6 +4,7 @@
 #define KESTRUN_PROTOCOL_PLACE_TABLE_H_
 
 #include <atomic>
+#include <cstdint>
 #include <string>
 
 #include "runtime/base/types.h"
@@ -54,6 +55,26 @@ inline std::string GetKeeperName(const std::string& id) {
 inline std::string GetPlaceName(const std::string& id, u64 word) {
   return "zelvo_client_place_" + id + "." + std::to_string(word >> 32) + "." +
          std::to_string(static_cast<u32>(word) >> 2);
+}
+
+// Beside the event of a client that asks for a job slot, in shared memory of this name: what master and observers are
+// to know of its tool. The client writes the texts before it asks, and how the tool has ended before it returns the
+// slot.
+struct ToolNote {
+  static constexpr u32 kSize = 4096;
+  static constexpr u32 kMostText = kSize - 32;
+
+  std::atomic<u32> hasEnded;  // last
+  i32 exitCode;
+  std::int64_t cpuUs;
+  std::int64_t peakMemoryBytes;
+  u32 textSize;
+  char text[kMostText];  // as that of a slot request
+};
+static_assert(sizeof(ToolNote) <= ToolNote::kSize);
+
+inline std::string GetNoteName(const std::string& id, u64 word) {
+  return GetPlaceName(id, word) + ".note";
 }
 
 // The id of the table in which clients ask for job slots, where the system has no local streams.

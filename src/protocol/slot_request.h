@@ -48,27 +48,37 @@ struct SlotTexts {
   std::string_view arguments;
 };
 
-inline std::string MakeSlotRequest(const SlotRequestHeader& header, const SlotTexts& texts) {
+inline std::string JoinSlotTexts(const SlotTexts& texts) {
   std::string text;
   for (const std::string_view part : {texts.project, texts.name, texts.folder, texts.tool}) {
     text += part;
     text += '\0';
   }
   text += texts.arguments.substr(0, kMostSlotText);
-  return std::string(reinterpret_cast<const char*>(&header), sizeof header) + text.substr(0, kMostSlotText);
+  return text.substr(0, kMostSlotText);
 }
 
-// False for what is no request. The texts lie in `data`; those that were cut off are empty.
+inline std::string MakeSlotRequest(const SlotRequestHeader& header, const SlotTexts& texts) {
+  return std::string(reinterpret_cast<const char*>(&header), sizeof header) + JoinSlotTexts(texts);
+}
+
+// They lie in `text`; those that were cut off are empty.
+inline SlotTexts SplitSlotTexts(std::string_view text) {
+  SlotTexts texts;
+  for (std::string_view* const part : {&texts.project, &texts.name, &texts.folder, &texts.tool}) {
+    *part = text.substr(0, text.find('\0'));
+    text.remove_prefix(std::min(text.size(), part->size() + 1));
+  }
+  texts.arguments = text;
+  return texts;
+}
+
+// False for what is no request. The texts lie in `data`.
 inline bool ReadSlotRequest(const char* data, std::size_t size, SlotRequestHeader& header, SlotTexts& texts) {
   if (size < sizeof header) return false;
   std::memcpy(&header, data, sizeof header);
   if (header.magic != SlotRequestHeader::kMagic) return false;
-  std::string_view rest(data + sizeof header, size - sizeof header);
-  for (std::string_view* const part : {&texts.project, &texts.name, &texts.folder, &texts.tool}) {
-    *part = rest.substr(0, rest.find('\0'));
-    rest.remove_prefix(std::min(rest.size(), part->size() + 1));
-  }
-  texts.arguments = rest;
+  texts = SplitSlotTexts({data + sizeof header, size - sizeof header});
   return true;
 }
 
