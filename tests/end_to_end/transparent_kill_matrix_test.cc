@@ -25,14 +25,15 @@ KESTRUN_CHILD(StandsStillForASlot) {
   ClientSlot tableSlot;
   std::unique_ptr<platform::LocalStream> stream;
   if (words[1] == "granted") {
-    if (slot.Take(words[0], "", "") != ToolSlot::Outcome::kGranted) return 1;
+    if (slot.Take(words[0], {}) != ToolSlot::Outcome::kGranted) return 1;
   } else if (platform::kHasLocalStreams) {
     stream = platform::LocalStream::Connect(GetSlotServerName(words[0]));
     if (!stream) return 2;
-    const std::string request = MakeSlotRequest({}, "default", "tool");
+    const std::string request =
+        MakeSlotRequest({}, {.project = "default", .name = {}, .folder = {}, .tool = "tool", .arguments = {}});
     if (words[1] == "asking" && !stream->Send(request.data(), request.size())) return 3;
     if (words[1] == "half a request" && !stream->Send(request.data(), sizeof(SlotRequestHeader) / 2)) return 4;
-  } else if (!tableSlot.OpenTable(GetJobSlotsId(words[0]))) {
+  } else if (!tableSlot.OpenTable(GetJobSlotsId(words[0]), "")) {
     return 5;
   }
   Say("there");

@@ -1,7 +1,10 @@
 // The system calls of the code under test, each a step of the world. What only the explorer's own process would notice
 // (the clock, thread-local storage) is no step.
+#include <cstring>
+
 #include "arena.h"
 #include "platform/win32.h"
+#include "protocol/job_record.h"
 #include "runtime/files/log.h"
 #include "world.h"
 
@@ -192,7 +195,9 @@ void GetSystemInfo(SYSTEM_INFO* information) {
 HMODULE LoadLibraryA(LPCSTR) {
   return AsHandle(1);
 }
-FARPROC GetProcAddress(HMODULE, LPCSTR) {
+// This system does not tell which thread owns a mutex.
+FARPROC GetProcAddress(HMODULE, LPCSTR name) {
+  if (std::strcmp(name, "NtQueryObject") != 0) return nullptr;
   return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&QueryObject));
 }
 BOOL FreeLibrary(HMODULE) {
@@ -233,3 +238,12 @@ void WriteLog(int, int, const std::string&, const Log::Fields&) {}
 extern "C" time_t __wrap_time(time_t*) {
   return 100;
 }
+
+namespace kestrun {
+
+// For the journal, which no test here has.
+std::int64_t SteadyMicroseconds() {
+  return 0;
+}
+
+}  // namespace kestrun
