@@ -83,7 +83,7 @@ class JobJournal {
   // takes some system calls.
   void FindParent(u64 number);
 
-  // Somebody follows: what only observers want is worth its price.
+  // True while an observer follows: what only observers want is then worth its price.
   bool IsObserved() const { return isObserved_.load(std::memory_order_relaxed); }
 
   // An observer that follows. It begins with what runs and waits now.

@@ -175,7 +175,8 @@ void LocalJobQueue::TellJournal(const BuildJob& job, Process& process, const Too
   told.hasExitCode = !job.isCancelled;
   told.exitCode = end.exitCode;
   if (journal_->IsObserved()) {
-    told.cpuUs = static_cast<std::int64_t>(process.GetCpuTime() / kTicksInMicrosecond);
+    // A tool that was ended for its time has no handles any more, and so no times.
+    if (const u64 ticks = process.GetCpuTime()) told.cpuUs = static_cast<std::int64_t>(ticks / kTicksInMicrosecond);
     if (const u64 peak = process.GetPeakMemory()) told.peakMemoryBytes = static_cast<std::int64_t>(peak);
     told.outputBytes = static_cast<std::int64_t>(outputBytes);
     if (IsFailure(told.outcome)) told.outputHead = HeadOf(result);

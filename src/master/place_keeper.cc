@@ -228,7 +228,8 @@ bool PlaceKeeper::Enter(u32 slot, u64 word) {
 void PlaceKeeper::AddToJournal(Record& record) {
   SlotTexts texts;
   try {
-    record.noteView = MappedFile(GetNoteName(id_, record.word), 0, false).CreateView(0, MappedFile::kWholeSize, false);
+    record.noteRegion = std::make_unique<MappedFile>(GetNoteName(id_, record.word), 0, false);
+    record.noteView = record.noteRegion->CreateView(0, MappedFile::kWholeSize, false);
     if (record.noteView->GetSize() >= sizeof(ToolNote)) {
       const ToolNote& note = *static_cast<const ToolNote*>(record.noteView->GetData());
       texts = SplitSlotTexts({note.text, std::min<std::size_t>(note.textSize, sizeof note.text)});
@@ -260,6 +261,7 @@ void PlaceKeeper::FinishInJournal(Record& record) {
   journal_->Finish(record.number, std::move(end));
   record.number = 0;
   record.noteView.Reset();
+  record.noteRegion.reset();
 }
 
 // Ends the record, and clears the table entry if it is still that client's.

@@ -50,8 +50,10 @@ class PlaceKeeper {
     UniqueHandle client;
     u64 word = 0;  // as the client wrote it
     bool isGranted = false;
-    u64 number = 0;                         // in the journal; 0: in none
-    rc_ptr<MappedFile::ViewImpl> noteView;  // of the client's ToolNote; null if it has none
+    u64 number = 0;  // in the journal; 0: in none
+    // The client's ToolNote; null if it has none.
+    std::unique_ptr<MappedFile> noteRegion;
+    rc_ptr<MappedFile::ViewImpl> noteView;
   };
 
   void OpenTable();
