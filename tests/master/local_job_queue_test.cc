@@ -125,7 +125,7 @@ TEST_F(LocalJobQueueTest, InSlotsRunsToolsInTheClientsEnvironmentWithoutTheJobse
   environment["KT_OF_CLIENT"] = "yes";
   job->environment = std::make_shared<const Environment>(environment);
   queue.Push(job);
-  EXPECT_EQ(TextOf(NextMessage(), SEG_STDOUT), "k -j8 \nyes\n");
+  EXPECT_EQ(TextOf(NextMessage(), SEG_STDOUT), "k \nyes\n");
 }
 
 TEST_F(LocalJobQueueTest, PostsOnlyTheResultsThatTheTakerRefuses) {
