@@ -22,17 +22,16 @@ namespace kestrun {
 // it: one client at a time among its descendants runs in its slot, and further ones compete for free slots. A borrower
 // lends on in the same way, so that any depth of nesting runs in one slot.
 //
-//   state of a job | granted when                                      | when it ends
-//   waiting        | its own process has a slot; or a slot is free; or | it leaves the queue
-//                  | its nearest ancestor with a slot lends it to      |
-//                  | no other job at present; or it shares a pipe with |
-//                  | a job that runs; or all jobs that run are idle    |
-//   owns its slot  |                                                   | its borrower owns the slot from then on;
-//   without
-//                  |                                                   | one the slot is free
-//   borrows        |                                                   | its borrower, if any, borrows in its stead;
-//   the
-//                  |                                                   | lender may lend again
+//   state         | granted when                               | when it ends
+//   waiting       | it has a slot of its own process; or one   | it leaves the queue
+//                 | is free; or its nearest ancestor with a    |
+//                 | slot lends to no other job; or it shares   |
+//                 | a pipe with a job that runs; or all that   |
+//                 | run are idle                               |
+//   owns its slot |                                            | its borrower owns the slot from then on;
+//                 |                                            | without one the slot is free
+//   borrows       |                                            | its borrower, if any, borrows in its stead;
+//                 |                                            | the lender may lend again
 //
 // Jobs that a pipe joins run together in the slot of the first one: each of them waits for the others. And where every
 // job that runs waits for something else (JobWatch tells), one more is let run beside the limit: what it does may be
