@@ -97,7 +97,7 @@ class LocalJobQueue {
   const bool keepsOutput_;
   const bool cancelsOrphans_;
   const bool enforcesTimeout_;
-  ResultTaker takeResult_;                // may be empty
+  ResultTaker takeResult_;  // may be empty
   JobJournal* const journal_;
   std::atomic<i32> threadCount_{0};
   BlockingQueue<rc_ptr<BuildJob>> jobs_;  // an empty pointer ends the thread that takes it

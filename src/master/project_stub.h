@@ -91,7 +91,7 @@ class ProjectStub : public StubBase {
   MessageDispatcher dispatcher_;
   std::unique_ptr<JobSlots> slots_;  // null without Extensions/TransparentTools
   JobJournal journal_;
-  FailureList failures_;             // under handlingLock_; read by Run once all threads have ended
+  FailureList failures_;  // under handlingLock_; read by Run once all threads have ended
   BuildJobScheduler scheduler_;
   // Exactly one of the two is set: the plain semaphore, or the keeper.
   std::unique_ptr<Semaphore> clientAccess_;

@@ -73,8 +73,8 @@ std::string NamedObjectFolder();
 // is made; the folder is the caller's to remove. False where all processes of a user share one set of names.
 bool SeparateNamedObjects();
 
-// Removes what processes that were killed after a SeparateNamedObjects have left behind. Before the first named object is
-// made.
+// Removes what processes that were killed after a SeparateNamedObjects have left behind. Before the first named object
+// is made.
 void RemoveAbandonedObjects();
 
 // Asks a child of this process to end, as a user does who ends it from outside (SIGTERM). False where the system has

@@ -63,7 +63,8 @@ TEST_F(Dorn, NamesNewSettingsOnceAndAddsThem) {
   folder_.Write("common/DORN/Zelvo.known", "LocalSettings/MaxConcurrentJobs\r\nExtensions/DiscardOutput\r\n");
   WriteSettings("\n[Extensions]\nEagerScheduling=bool:true\nReclaimPlaces=bool:true\nEnforceJobTimeout=bool:false\n");
   const RunResult told = RunDorn({tool_, "exit", "0"});
-  EXPECT_NE(told.errors.find(": Extensions/TransparentTools, Extensions/CancelOrphanedJobs, Extensions/BuildHistory ("), std::string::npos)
+  EXPECT_NE(told.errors.find(": Extensions/TransparentTools, Extensions/CancelOrphanedJobs, Extensions/BuildHistory ("),
+            std::string::npos)
       << told.errors;
   EXPECT_EQ(RunDorn({tool_, "exit", "0"}).errors, "");
   EXPECT_EQ(RunDorn({"--settings", "update"}).exitCode, 0);

@@ -12,8 +12,8 @@ TEST_F(Dorn, LeavesNothingBehindAfterAnInterrupt) {
   ExpectAllGone(build);
 }
 
-// The build command hears of it and ends by itself, with its own exit code; on a machine that is too busy for that it is
-// ended by force, as the signal would have ended it.
+// The build command hears of it and ends by itself, with its own exit code; on a machine that is too busy for that it
+// is ended by force, as the signal would have ended it.
 TEST_F(Dorn, LeavesNothingBehindWhenItAloneIsToldToEnd) {
   RunningBuild build = StartBuild();
   kill(static_cast<pid_t>(build.dorn.Pid()), SIGTERM);

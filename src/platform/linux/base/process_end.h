@@ -12,8 +12,8 @@ namespace kestrun::platform {
 // has not waited for it, /proc still tells; from Linux 6.15 on the pidfd tells the exit code, and no times, after that.
 ProcessEnd ReadProcessEnd(std::uint32_t processId, int pidfd);
 
-// The parent of a process, several times faster than from /proc. 0 where the kernel does not tell (before Linux 6.13), and
-// for a process that is not there.
+// The parent of a process, several times faster than from /proc. 0 where the kernel does not tell (before Linux 6.13),
+// and for a process that is not there.
 std::uint32_t ParentByPidfd(std::uint32_t processId);
 
 }  // namespace kestrun::platform

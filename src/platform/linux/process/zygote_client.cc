@@ -14,10 +14,10 @@
 #include <memory>
 #include <mutex>
 
+#include "platform/linux/base/descriptor_passing.h"
 #include "platform/linux/base/environment.h"
 #include "platform/linux/base/never_destroyed.h"
 #include "platform/linux/files/file_object.h"
-#include "platform/linux/base/descriptor_passing.h"
 #include "platform/linux/helper/spawn_settings.h"
 #include "platform/linux/helper/zygote.h"
 
