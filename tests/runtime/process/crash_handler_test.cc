@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <future>
 #include <stdexcept>
 #include <thread>
 
@@ -24,7 +25,13 @@ void TouchUnmappedMemory() {
 // Dies in the way that the second word says, with other threads around it.
 KESTRUN_CHILD(Crashes) {
   InstallCrashHandler(words.at(0).c_str(), "zelvo-", false);
-  std::thread([] { std::this_thread::sleep_for(std::chrono::hours(1)); }).detach();
+  std::promise<void> started;
+  // Past its start, in which it holds locks of the run-time library that a dump needs as well.
+  std::thread([&started] {
+    started.set_value();
+    std::this_thread::sleep_for(std::chrono::hours(1));
+  }).detach();
+  started.get_future().wait();
   std::fputs("last words", stdout);  // still in the buffer when the crash comes
   if (words.at(1) == "exception") throw std::runtime_error("nobody catches this");
   TouchUnmappedMemory();
