@@ -4,20 +4,13 @@
 #include <map>
 #include <utility>
 
-#include "runtime/base/json_text.h"
-#include "runtime/base/version.h"
-#include "runtime/files/executable_search.h"
+#include "runtime/files/version_string.h"
 
 namespace kestrun::dorn {
 
 namespace {
 
 constexpr int kRecordVersion = 1;
-
-std::string OwnVersion() {
-  VersionNumber version;
-  return GetFileVersion(GetProgramPath().ToString(), version) ? version.ToString() : "";
-}
 
 void WriteTimes(const JobRecord& job, std::int64_t startedUs, JsonWriter& json) {
   const auto write = [&](const char* key, std::int64_t time) {
@@ -50,12 +43,7 @@ void WriteEnd(const JobRecord& job, JsonWriter& json) {
 
 void WriteJob(const JobRecord& job, std::int64_t startedUs, JsonWriter& json) {
   json.NewLine().BeginObject();
-  json.Key("number").Int(static_cast<std::int64_t>(job.number));
-  json.Key("parent").Int(static_cast<std::int64_t>(job.parent));
-  json.Key("project").String(job.text.project);
-  json.Key("name").String(job.text.name);
-  json.Key("client_pid").Int(job.clientProcess);
-  json.Key("tool").String(job.text.tool);
+  WriteJobKeys(job, json);
   json.Key("command").String(job.text.command);
   json.Key("folder").String(job.text.folder);
   WriteTimes(job, startedUs, json);
@@ -66,14 +54,9 @@ void WriteJob(const JobRecord& job, std::int64_t startedUs, JsonWriter& json) {
 
 void WriteBuild(const BuildRecord& record, JsonWriter& json) {
   json.Key("build").BeginObject();
-  json.Key("started_unix_us").Int(static_cast<std::int64_t>(record.startedUnixUs));
-  json.Key("duration_us").Int(record.durationUs);
-  json.Key("command").String(record.command);
-  json.Key("folder").String(record.folder);
-  json.Key("exit_code").Int(record.exitCode);
-  json.Key("slots").Int(record.slots);
+  WriteBuildKeys(record, json);
   json.Key("host").String(record.host);
-  json.Key("kestrun_version").String(OwnVersion());
+  json.Key("kestrun_version").String(GetProgramVersion().ToString());
   json.Key("jobs_dropped").Int(static_cast<std::int64_t>(record.jobsDropped));
   json.EndObject();
 }
@@ -93,6 +76,24 @@ std::int64_t LengthOfUnion(Spans& spans) {
 }
 
 }  // namespace
+
+void WriteBuildKeys(const BuildRecord& record, JsonWriter& json) {
+  json.Key("started_unix_us").Int(static_cast<std::int64_t>(record.startedUnixUs));
+  json.Key("duration_us").Int(record.durationUs);
+  json.Key("command").String(record.command);
+  json.Key("folder").String(record.folder);
+  json.Key("exit_code").Int(record.exitCode);
+  json.Key("slots").Int(record.slots);
+}
+
+void WriteJobKeys(const JobRecord& job, JsonWriter& json) {
+  json.Key("number").Int(static_cast<std::int64_t>(job.number));
+  json.Key("parent").Int(static_cast<std::int64_t>(job.parent));
+  json.Key("project").String(job.text.project);
+  json.Key("name").String(job.text.name);
+  json.Key("client_pid").Int(job.clientProcess);
+  json.Key("tool").String(job.text.tool);
+}
 
 std::string GetRecordText(const BuildRecord& record) {
   JsonWriter json;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "protocol/job_record.h"
+#include "runtime/base/json_text.h"
 #include "runtime/base/types.h"
 
 namespace kestrun::dorn {
@@ -27,6 +28,11 @@ struct BuildRecord {
 
 // The record as JSON, as docs/see-the-build.md describes it; ends with a line end.
 std::string GetRecordText(const BuildRecord& record);
+
+// Keys that the texts of the record, the history and the status have in common, into an object that is open: of the
+// build from "started_unix_us" to "slots", of a job from "number" to "tool".
+void WriteBuildKeys(const BuildRecord& record, JsonWriter& json);
+void WriteJobKeys(const JobRecord& job, JsonWriter& json);
 
 // The same build in the trace-event format.
 std::string GetTraceText(const BuildRecord& record);

@@ -7,7 +7,6 @@
 #include "dorn/settings.h"
 #include "dorn/settings_file.h"
 #include "platform/host.h"
-#include "runtime/base/json_text.h"
 #include "runtime/files/common_folder.h"
 #include "runtime/files/ini_file.h"
 #include "runtime/files/text_file.h"
@@ -52,12 +51,7 @@ std::string GetHistoryLine(const BuildRecord& record) {
   const BuildFigures figures = GetFigures(record);
   JsonWriter json;
   json.BeginObject().Key("kestrun_history").Int(1);
-  json.Key("started_unix_us").Int(static_cast<std::int64_t>(record.startedUnixUs));
-  json.Key("duration_us").Int(record.durationUs);
-  json.Key("command").String(record.command);
-  json.Key("folder").String(record.folder);
-  json.Key("exit_code").Int(record.exitCode);
-  json.Key("slots").Int(record.slots);
+  WriteBuildKeys(record, json);
   json.Key("jobs_done").Int(static_cast<std::int64_t>(figures.jobs));
   json.Key("jobs_failed").Int(static_cast<std::int64_t>(figures.failures));
   json.Key("jobs_unknown").Int(static_cast<std::int64_t>(figures.unknown));

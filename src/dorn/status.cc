@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "dorn/build_record.h"
 #include "dorn/exit_codes.h"
 #include "dorn/report.h"
 #include "dorn/summary.h"
@@ -13,7 +14,6 @@
 #include "protocol/job_label.h"
 #include "runtime/base/environment.h"
 #include "runtime/base/handle.h"
-#include "runtime/base/json_text.h"
 #include "runtime/files/mapped_file.h"
 
 namespace kestrun::dorn {
@@ -72,12 +72,7 @@ std::string LineOf(const JournalState& state, const JobRecord& job) {
 void WriteJob(const JournalState& state, const JobRecord& job, JsonWriter& json) {
   const bool isRunning = job.outcome == JobOutcome::kRunning;
   json.BeginObject();
-  json.Key("number").Int(static_cast<std::int64_t>(job.number));
-  json.Key("parent").Int(static_cast<std::int64_t>(job.parent));
-  json.Key("project").String(job.text.project);
-  json.Key("name").String(job.text.name);
-  json.Key("client_pid").Int(job.clientProcess);
-  json.Key("tool").String(job.text.tool);
+  WriteJobKeys(job, json);
   json.Key("file").String(GetFileOfJob(job.text));
   json.Key("command").String(job.text.command);
   json.Key("folder").String(job.text.folder);

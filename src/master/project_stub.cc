@@ -15,8 +15,7 @@
 #include "protocol/message_reader.h"
 #include "protocol/names.h"
 #include "protocol/protocol.h"
-#include "runtime/base/version.h"
-#include "runtime/files/executable_search.h"
+#include "runtime/files/version_string.h"
 #include "runtime/threads/event_timer.h"
 #include "transport/shared/ipc_socket.h"
 #include "transport/sockets/local_host.h"
@@ -83,12 +82,6 @@ std::unique_ptr<JobSlots> MakeSlots(IniFile& settings) {
 UniqueHandle OpenNamedEvent(const std::string& name) {
   if (name.empty()) return UniqueHandle();
   return UniqueHandle(OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, TRUE, name.c_str()));
-}
-
-std::string OwnVersion() {
-  VersionNumber version;
-  GetFileVersion(GetProgramPath().ToString(), version);
-  return version.ToString();
 }
 
 rc_ptr<Message> OwnMessage(u32 type) {
@@ -173,7 +166,8 @@ int ProjectStub::Run() {
   if (!OpenSlotServer()) return 1;
   EventTimer timer("event timer");
   timer.Start();
-  WriteMasterLog(Log::Info, "========== Client Build Started ==========", {{"version", OwnVersion()}});
+  WriteMasterLog(Log::Info,
+                 "========== Client Build Started ==========", {{"version", GetProgramVersion().ToString()}});
   // The log has the dispatcher's error; this line is for the user or program that started the master.
   if (dispatcher_.Run() != 0) PrintError("The dispatcher has ended with an error.");
   dispatcher_.Close();

@@ -1,10 +1,15 @@
 #include "runtime/files/version_string.h"
 
-#include "runtime/base/version.h"
 #include "runtime/files/executable_search.h"
 #include "runtime/files/path.h"
 
 namespace kestrun {
+
+VersionNumber GetProgramVersion() {
+  VersionNumber version;
+  GetFileVersion(GetProgramPath().ToString(), version);
+  return version;
+}
 
 std::string GetVersionString() {
   const Path program = GetProgramPath();

@@ -1,10 +1,15 @@
-// The line by which the program tells its version.
+// The version of this program, and the line by which it tells it.
 #ifndef KESTRUN_RUNTIME_FILES_VERSION_STRING_H_
 #define KESTRUN_RUNTIME_FILES_VERSION_STRING_H_
 
 #include <string>
 
+#include "runtime/base/version.h"
+
 namespace kestrun {
+
+// The version of this program; 0.0.0.0 for one that has none.
+VersionNumber GetProgramVersion();
 
 // What --version prints: kestrun (release) 1.2.3.4 "C:\x\kestrun.exe". "<error>" if the program has no version.
 std::string GetVersionString();

@@ -8,8 +8,8 @@
 #include "platform/host.h"
 #include "platform/win32.h"
 #include "runtime/base/handle.h"
-#include "runtime/base/version.h"
 #include "runtime/files/executable_search.h"
+#include "runtime/files/version_string.h"
 
 namespace kestrun {
 
@@ -118,10 +118,8 @@ LONG WINAPI HandleCrash(EXCEPTION_POINTERS* exception) {
 
 void InstallCrashHandler(const char* directory, const char* prefix, bool fullMemory) {
   const Path program = GetProgramPath();
-  VersionNumber version;
-  GetFileVersion(program.ToString(), version);
   std::snprintf(settings.dumpStem, sizeof settings.dumpStem, "%.259s%.259s%s", directory, prefix,
-                version.ToString().c_str());
+                GetProgramVersion().ToString().c_str());
   std::snprintf(settings.libraryBesideProgram, sizeof settings.libraryBesideProgram, "%s",
                 (program.GetDirectory() / "DBGHELP.DLL").c_str());
   settings.dumpType = fullMemory ? MiniDumpWithFullMemory : MiniDumpNormal;
