@@ -48,8 +48,7 @@ int RunAction(const Options& options) {
       PrintWhere();
       return 0;
     case Options::Action::kListSettings:
-      ListSettings();
-      return CheckSettings() ? 0 : kExitFailure;
+      return ListSettings();
     case Options::Action::kUpdateSettings:
       return UpdateSettings();
     case Options::Action::kReportFrom:

@@ -171,8 +171,11 @@ int RunSession(const Options& options) {
   std::string outerId;
   if (HasOuterMaster(options, outerId)) return RunUnderOuterMaster(options, outerId, program, interruption);
   WriteFirstSettings();
-  if (!CheckSettings()) return kExitFailure;
-  TellOfMissingSettings();
+  SettingsFile settings;
+  if (settings.Load(GetSettingsPath())) {
+    if (!CheckSettings(settings)) return kExitFailure;
+    TellOfMissingSettings(settings);
+  }
   return RunUnderMaster(options, kestrun, program, interruption);
 }
 

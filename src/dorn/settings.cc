@@ -145,23 +145,20 @@ std::vector<ValueFault> FindValueFaults(const SettingsFile& file) {
   return faults;
 }
 
-bool CheckSettings() {
-  const Path path = GetSettingsPath();
-  SettingsFile file;
-  if (!file.Load(path)) return true;
+bool CheckSettings(const SettingsFile& file) {
+  const std::string name = NameOf(GetSettingsPath());
   bool isUsable = true;
-  for (const SettingsFault& fault : file.GetFaults()) PrintFault(NameOf(path), fault, false);
+  for (const SettingsFault& fault : file.GetFaults()) PrintFault(name, fault, false);
   for (const ValueFault& fault : FindValueFaults(file)) {
-    PrintFault(NameOf(path), fault.fault, fault.isError);
+    PrintFault(name, fault.fault, fault.isError);
     if (fault.isError) isUsable = false;
   }
   return isUsable;
 }
 
-void TellOfMissingSettings() {
-  SettingsFile file;
+void TellOfMissingSettings(const SettingsFile& file) {
   // Where lines are not read it is not known what is missing.
-  if (!file.Load(GetSettingsPath()) || !file.GetFaults().empty()) return;
+  if (!file.GetFaults().empty()) return;
   std::string known;
   std::string error;
   const bool hasKnown = GetKnownKeysPath().Exists() && ReadTextFile(GetKnownKeysPath(), &known, nullptr, &error);
@@ -179,7 +176,7 @@ void TellOfMissingSettings() {
   WriteWholeFile(GetKnownKeysPath(), ListRecommended(), false);
 }
 
-void ListSettings() {
+int ListSettings() {
   const Path path = GetSettingsPath();
   SettingsFile file;
   const bool isThere = file.Load(path);
@@ -192,6 +189,7 @@ void ListSettings() {
     const ShownValue shown = Show(key, file, settings);
     std::printf("  %-18s = %-6s  %-10s  %s\n", key.name, shown.value.c_str(), shown.origin.c_str(), key.meaning);
   }
+  return CheckSettings(file) ? 0 : kExitFailure;
 }
 
 int UpdateSettings() {
@@ -203,7 +201,7 @@ int UpdateSettings() {
   }
   const std::vector<const SettingsKey*> missing = ListMissing(file);
   if (!file.GetFaults().empty()) {
-    CheckSettings();
+    CheckSettings(file);
     PrintError("the file's lines are to be mended first");
     return kExitFailure;
   }

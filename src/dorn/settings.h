@@ -21,14 +21,15 @@ Path GetSettingsPath();
 void WriteFirstSettings();
 
 // Warns of each line that does not do what it seems to say, with the file, the line and the cause. False if no master
-// should be started with these settings.
-bool CheckSettings();
+// should be started with these settings. `file` is what stands in the settings file, also below.
+bool CheckSettings(const SettingsFile& file);
 
 // Names the recommended keys that the file lacks, but each only once: those that were named stand in a file beside it.
-void TellOfMissingSettings();
+void TellOfMissingSettings(const SettingsFile& file);
 
-// All keys with their value, where that comes from, and their meaning, on the standard output.
-void ListSettings();
+// All keys with their value, where that comes from, and their meaning, on the standard output; then CheckSettings. The
+// program's exit code.
+int ListSettings();
 
 // Adds the recommended keys that the file lacks. The program's exit code.
 int UpdateSettings();
