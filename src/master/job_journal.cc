@@ -41,7 +41,7 @@ JobJournal::JobJournal(u32 slots, ParentOf parentOf, std::size_t mostEnded)
 
 u64 JobJournal::Add(const rc_ptr<JobDescription>& description, u32 clientProcess) {
   const std::int64_t now = SteadyMicroseconds();
-  const std::lock_guard lock(lock_);
+  std::unique_lock lock(lock_);
   const u64 number = ++lastNumber_;
   Entry& entry = jobs_[number];
   entry.record.number = number;
@@ -50,7 +50,24 @@ u64 JobJournal::Add(const rc_ptr<JobDescription>& description, u32 clientProcess
   entry.description = description;
   ++waiting_;
   Touch(entry);
+  const bool endsRest = std::exchange(isResting_, false);
+  lock.unlock();
+  if (endsRest) listener_();
   return number;
+}
+
+void JobJournal::SetListener(std::function<void()> listener) {
+  const std::lock_guard lock(lock_);
+  listener_ = std::move(listener);
+  isResting_ = false;
+}
+
+bool JobJournal::Rest() {
+  const std::lock_guard lock(lock_);
+  isResting_ = listener_ && running_ == 0 && waiting_ == 0 &&
+               std::all_of(followers_.begin(), followers_.end(),
+                           [this](const auto& follower) { return follower.second.position == lastChange_; });
+  return isResting_;
 }
 
 void JobJournal::Start(u64 number, i32 slot, u32 process, std::int64_t startedUs) {

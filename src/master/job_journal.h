@@ -3,6 +3,7 @@
 #define KESTRUN_MASTER_JOB_JOURNAL_H_
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -100,6 +101,12 @@ class JobJournal {
   // With the missed records of this observer; 0 is none.
   JournalState GetState(Observer observer) const;
 
+  // True if no job runs or waits and all that follow have got all: there is nothing to tell them until the next Add,
+  // which then calls the listener once, without the lock. False without a listener.
+  bool Rest();
+  // Not beside an Add.
+  void SetListener(std::function<void()> listener);
+
   // For samples: processes of the jobs that run, by the job's number.
   std::vector<std::pair<u64, u32>> GetRunning() const;
   void AddSample(u64 number, std::int64_t memoryBytes);
@@ -132,9 +139,11 @@ class JobJournal {
   const std::int64_t startedUs_;
   const u64 startedUnixUs_;
   std::atomic<bool> isObserved_{false};
+  std::function<void()> listener_;
 
   mutable std::mutex lock_;
   // Guarded by lock_.
+  bool isResting_ = false;
   u64 lastNumber_ = 0;
   u64 lastChange_ = 0;
   u64 lastObserver_ = 0;

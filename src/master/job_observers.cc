@@ -33,10 +33,13 @@ rc_ptr<Message> MakeMessage(JournalState state, bool isLast, const std::string& 
 }  // namespace
 
 JobObservers::JobObservers(JobJournal& journal, MessageDispatcher& dispatcher, u32 mostObservers, MemoryOf memoryOf)
-    : journal_(journal), dispatcher_(dispatcher), mostObservers_(mostObservers), memoryOf_(memoryOf) {}
+    : journal_(journal), dispatcher_(dispatcher), mostObservers_(mostObservers), memoryOf_(memoryOf) {
+  journal_.SetListener([this] { call_.Signal(); });
+}
 
 JobObservers::~JobObservers() {
   Stop();
+  journal_.SetListener(nullptr);
 }
 
 void JobObservers::OnRequest(const rc_ptr<Message>& request) {
@@ -128,12 +131,12 @@ void JobObservers::Work() {
   followers_.clear();
 }
 
-u32 JobObservers::GetIntervalMs() const {
-  u32 interval = kNoLimit;
-  for (const auto& [client, follower] : followers_) {
-    interval = std::min(interval, follower.isFlushing ? kFlushMs : kPushMs);
-  }
-  return interval;
+// Without a limit where a wish, a loss or the next job ends the wait.
+u32 JobObservers::GetIntervalMs() {
+  const bool isFlushing = std::any_of(followers_.begin(), followers_.end(),
+                                      [](const auto& follower) { return follower.second.isFlushing; });
+  if (isFlushing) return kFlushMs;
+  return followers_.empty() || journal_.Rest() ? kNoLimit : kPushMs;
 }
 
 void JobObservers::DropGone() {

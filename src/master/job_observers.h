@@ -23,7 +23,8 @@ namespace kestrun {
 // message beside the journal's own bound. There are no more of them than channels are left beside the client slots.
 //
 // Threads: "Observers", from the first request on, sends everything and takes samples of the memory of the processes
-// that run; it sleeps while no observer follows. Requests and losses come on the message thread.
+// that run. It sleeps while no observer follows, and while those that do have got all and no job runs or waits.
+// Requests and losses come on the message thread.
 class JobObservers {
  public:
   static constexpr u32 kMostObservers = 16;
@@ -64,7 +65,7 @@ class JobObservers {
   bool Admit(const Address& client);
   void Refuse(const Address& client);
   void Work();
-  u32 GetIntervalMs() const;
+  u32 GetIntervalMs();
   void ServeWishes();
   void Serve(const Address& client, const Wishes& wishes);
   void PushAll();

@@ -160,6 +160,28 @@ TEST_F(JobJournalTest, ShowsWhatRunsBeforeWhatWaits) {
 }
 
 // Each job is told to each follower with its end, or counted as missed by it, whatever the order of the threads.
+TEST_F(JobJournalTest, RestsOnceAllIsToldAndCallsOnceAtTheNextJob) {
+  int calls = 0;
+  const JobJournal::Observer observer = journal_.Join(0);
+  EXPECT_FALSE(journal_.Rest()) << "nothing would end the rest";
+  journal_.SetListener([&] {
+    ++calls;
+    EXPECT_FALSE(journal_.Rest()) << "the new job is to be told";
+  });
+  EXPECT_TRUE(journal_.Rest());
+  const u64 number = journal_.Add(Text("a"), 0);
+  EXPECT_EQ(calls, 1);
+  Take(observer);
+  EXPECT_FALSE(journal_.Rest()) << "a job waits";
+  journal_.Start(number, 0, 0);
+  journal_.Finish(number, {JobOutcome::kOk});
+  EXPECT_FALSE(journal_.Rest()) << "its end is to be told";
+  Run("b");
+  EXPECT_EQ(calls, 1);
+  Take(observer);
+  EXPECT_TRUE(journal_.Rest());
+}
+
 TEST_F(JobJournalTest, LosesNoJobBetweenManyThreads) {
   JobJournal journal(4, Below, 64);
   constexpr u64 kJobs = 2000;
