@@ -58,7 +58,7 @@ KESTRUN_CHILD(StandsStill) {
   return 0;
 }
 
-class KillMatrix : public KilledBuild {
+class KillMatrix : public TetheredBuild {
  protected:
   // A client at some step, with what its job holds and how the step is left behind once somebody is dead.
   struct Scene {
@@ -78,11 +78,9 @@ class KillMatrix : public KilledBuild {
   // The client of a tool that waits for `release`, with a background process that waits for `never`.
   Child StartRunning(bool isReal) {
     NamedEvent started;
-    const std::string arguments =
-        "background daemon await " + never_->Name() + " then signal " + started.Name() + " , await " + release_->Name();
+    const std::string arguments = RunningWords(started);
     Child child = isReal ? StartTool(SplitWords(arguments)) : StartStill({"job", tool_, arguments});
-    EXPECT_TRUE(started.Wait(kKillLimitMs));
-    EXPECT_TRUE(BecomesTrue([&] { return never_->IsHeld() && release_->IsHeld(); }));
+    AwaitRunning(started);
     return child;
   }
 
@@ -158,17 +156,10 @@ class KillMatrix : public KilledBuild {
     return Child::Start(words, WithEnvironment({}));
   }
 
-  void NewTethers() {
-    release_ = std::make_unique<Tether>();
-    never_ = std::make_unique<Tether>();
-  }
   void ExpectJobGone() {
     EXPECT_TRUE(BecomesTrue([&] { return !never_->IsHeld() && !release_->IsHeld(); }));
   }
-  unsigned long NotedId(const std::string& file) const { return std::stoul(folder_.Read(file)); }
 
-  std::unique_ptr<Tether> release_;
-  std::unique_ptr<Tether> never_;
   NamedEvent neverStarted_;
 };
 
@@ -228,14 +219,9 @@ TEST_F(KillMatrix, AToolOrItsBackgroundProcess) {
   StartWork();
   for (const bool killsTool : {true, false}) {
     NewTethers();
-    NamedEvent started;
     const std::string tool = UniqueName("tool");
     const std::string background = UniqueName("background");
-    Child client = StartToolInFolder("background daemon note " + background + " , await " + never_->Name() +
-                                     " then note " + tool + " , fill 100000 50000 , signal " + started.Name() +
-                                     " , await " + release_->Name() + " , exit 6");
-    ASSERT_TRUE(started.Wait(kKillLimitMs));
-    ASSERT_TRUE(BecomesTrue([&] { return never_->IsHeld(); }));
+    Child client = StartNoted(tool, background);
     KillProcess(NotedId(killsTool ? tool : background));
     if (!killsTool) {
       EXPECT_TRUE(BecomesTrue([&] { return !never_->IsHeld(); }));

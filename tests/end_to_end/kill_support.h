@@ -2,6 +2,7 @@
 #ifndef KESTRUN_TESTS_END_TO_END_KILL_SUPPORT_H_
 #define KESTRUN_TESTS_END_TO_END_KILL_SUPPORT_H_
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -104,6 +105,39 @@ class KilledBuild : public Build {
     note(OpenEventA(SYNCHRONIZE, FALSE, "Global\\dorn_kr_project_stub"), "master");
     return names;
   }
+};
+
+// Tools that wait for `release`, each with a background process that waits for `never`.
+class TetheredBuild : public KilledBuild {
+ protected:
+  void NewTethers() {
+    release_ = std::make_unique<Tether>();
+    never_ = std::make_unique<Tether>();
+  }
+  // Words of such a tool, which tells `started`.
+  std::string RunningWords(const NamedEvent& started) const {
+    return "background daemon await " + never_->Name() + " then signal " + started.Name() + " , await " +
+           release_->Name();
+  }
+  // Until it has told that, and both are there.
+  void AwaitRunning(NamedEvent& started) {
+    EXPECT_TRUE(started.Wait(kKillLimitMs));
+    EXPECT_TRUE(BecomesTrue([&] { return never_->IsHeld() && release_->IsHeld(); }));
+  }
+  // One that writes down its process id and that of its background process, in files of these names, and then 100000
+  // and 50000 bytes.
+  Child StartNoted(const std::string& tool, const std::string& background) {
+    NamedEvent started;
+    Child client = StartToolInFolder("background daemon note " + background + " , await " + never_->Name() +
+                                     " then note " + tool + " , fill 100000 50000 , signal " + started.Name() +
+                                     " , await " + release_->Name() + " , exit 6");
+    AwaitRunning(started);
+    return client;
+  }
+  unsigned long NotedId(const std::string& file) const { return std::stoul(folder_.Read(file)); }
+
+  std::unique_ptr<Tether> release_;
+  std::unique_ptr<Tether> never_;
 };
 
 // The places of a build, seen from outside.

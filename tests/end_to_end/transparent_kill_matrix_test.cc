@@ -41,7 +41,7 @@ KESTRUN_CHILD(StandsStillForASlot) {
   return 0;
 }
 
-class TransparentKillMatrix : public KilledBuild {
+class TransparentKillMatrix : public TetheredBuild {
  protected:
   // A client at some step, and another one that has the slot which it waits for, if it does.
   struct Scene {
@@ -64,16 +64,10 @@ class TransparentKillMatrix : public KilledBuild {
     EXPECT_EQ(child.ReadLine(), "there") << step;
     return child;
   }
-  // A tool that waits for `release`, with a background process that waits for `never`.
-  std::string RunningWords(const NamedEvent& started) const {
-    return "background daemon await " + never_->Name() + " then signal " + started.Name() + " , await " +
-           release_->Name() + " , exit 6";
-  }
   Child StartRunning() {
     NamedEvent started;
-    Child child = StartTool(SplitWords(RunningWords(started)));
-    EXPECT_TRUE(started.Wait(kKillLimitMs));
-    EXPECT_TRUE(BecomesTrue([&] { return never_->IsHeld() && release_->IsHeld(); }));
+    Child child = StartTool(SplitWords(RunningWords(started) + " , exit 6"));
+    AwaitRunning(started);
     return child;
   }
   Scene Waiting() {
@@ -97,10 +91,6 @@ class TransparentKillMatrix : public KilledBuild {
     return steps;
   }
 
-  void NewTethers() {
-    release_ = std::make_unique<Tether>();
-    never_ = std::make_unique<Tether>();
-  }
   // The tool has ended; its background process has with it, or ends when it is told to.
   void ExpectToolGone() {
     EXPECT_TRUE(BecomesTrue([&] { return !release_->IsHeld(); }));
@@ -110,9 +100,6 @@ class TransparentKillMatrix : public KilledBuild {
     }
     EXPECT_TRUE(BecomesTrue([&] { return !never_->IsHeld(); }));
   }
-
-  std::unique_ptr<Tether> release_;
-  std::unique_ptr<Tether> never_;
 };
 
 // The bystander keeps the processor busy: with all jobs idle a client would be let run beside the limit, and a slot
@@ -175,15 +162,10 @@ TEST_F(TransparentKillMatrix, AToolOrItsBackgroundProcess) {
   StartWork(1);
   for (const bool killsTool : {true, false}) {
     NewTethers();
-    NamedEvent started;
     const std::string tool = UniqueName("tool");
     const std::string background = UniqueName("background");
-    Child client = StartToolInFolder("background daemon note " + background + " , await " + never_->Name() +
-                                     " then note " + tool + " , fill 100000 50000 , signal " + started.Name() +
-                                     " , await " + release_->Name() + " , exit 6");
-    ASSERT_TRUE(started.Wait(kKillLimitMs));
-    ASSERT_TRUE(BecomesTrue([&] { return never_->IsHeld(); }));
-    KillProcess(std::stoul(folder_.Read(killsTool ? tool : background)));
+    Child client = StartNoted(tool, background);
+    KillProcess(NotedId(killsTool ? tool : background));
     if (killsTool) {
       ExpectToolGone();
     } else {
@@ -217,7 +199,7 @@ TEST_F(TransparentKillMatrix, DornWithARunningTool) {
   NewTethers();
   NamedEvent started;
   Words words{ProgramPath("dorn"), "--id", id_, ProgramPath("kestrun"), tool_};
-  for (const std::string& word : SplitWords(RunningWords(started))) words.push_back(word);
+  for (const std::string& word : SplitWords(RunningWords(started) + " , exit 6")) words.push_back(word);
   Child dorn = Child::Start(words, WithEnvironment({}));
   ASSERT_TRUE(started.Wait(kKillLimitMs)) << dorn.Errors();
   ASSERT_TRUE(BecomesTrue([&] { return never_->IsHeld(); }));
