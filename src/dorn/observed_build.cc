@@ -3,9 +3,9 @@
 #include <cstdio>
 
 #include "dorn/history.h"
+#include "dorn/output_file.h"
 #include "dorn/report.h"
 #include "dorn/report_page.h"
-#include "dorn/settings_file.h"
 #include "dorn/summary.h"
 #include "platform/host.h"
 #include "platform/terminal.h"
@@ -31,8 +31,9 @@ std::string CurrentFolder() {
   return length < sizeof folder ? std::string(folder, length) : "";
 }
 
-void WriteFileOf(const std::string& name, const std::string& text) {
-  if (!name.empty() && !WriteWholeFile(Path(name), text, false)) PrintError("cannot write " + name);
+void WriteFileOf(const std::string& file, const std::string& text) {
+  std::string error;
+  if (!WriteOutputFile(Path(file), text, error)) PrintError(error);
 }
 
 }  // namespace
@@ -68,10 +69,7 @@ void ObservedBuild::Report(int exitCode) {
 void ObservedBuild::WriteFiles() const {
   if (!options_.recordFile.empty()) WriteFileOf(options_.recordFile, GetRecordText(record_));
   if (!options_.traceFile.empty()) WriteFileOf(options_.traceFile, GetTraceText(record_));
-  std::string error;
-  if (!options_.reportFile.empty() && !SaveReportPage(GetRecordText(record_), Path(options_.reportFile), error)) {
-    PrintError(error);
-  }
+  if (!options_.reportFile.empty()) WriteFileOf(options_.reportFile, WriteReportPage(GetRecordText(record_)));
 }
 
 void ObservedBuild::PrintSummary() const {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "dorn/output_file.h"
 #include "dorn/report_template.h"
 #include "platform/host.h"
 
@@ -69,7 +70,7 @@ struct FileCloser {
 
 using UniqueStdio = std::unique_ptr<std::FILE, FileCloser>;
 
-// These two give false with errno set.
+// False with errno set.
 bool ReadFileWhole(const Path& path, std::string& text) {
   const UniqueStdio file(platform::OpenStdio(path.ToString(), "rb"));
   if (!file) return false;
@@ -77,16 +78,6 @@ bool ReadFileWhole(const Path& path, std::string& text) {
   while (const std::size_t length = std::fread(part.data(), 1, part.size(), file.get()))
     text.append(part.data(), length);
   return std::ferror(file.get()) == 0;
-}
-
-bool WriteFileWhole(const Path& path, const std::string& text) {
-  UniqueStdio file(platform::OpenStdio(path.ToString(), "wb"));
-  if (!file || std::fwrite(text.data(), 1, text.size(), file.get()) != text.size()) return false;
-  return std::fclose(file.release()) == 0;
-}
-
-std::string WithReason(const std::string& failure, const Path& path) {
-  return failure + " " + path.ToString() + ": " + std::strerror(errno);
 }
 
 }  // namespace
@@ -102,15 +93,13 @@ std::string WriteReportPage(std::string_view record) {
 }
 
 bool SaveReportPage(std::string_view record, const Path& pageFile, std::string& error) {
-  if (WriteFileWhole(pageFile, WriteReportPage(record))) return true;
-  error = WithReason("cannot write", pageFile);
-  return false;
+  return WriteOutputFile(pageFile, WriteReportPage(record), error);
 }
 
 bool SaveReportPageOf(const Path& recordFile, const Path& pageFile, std::string& error) {
   std::string record;
   if (ReadFileWhole(recordFile, record)) return SaveReportPage(record, pageFile, error);
-  error = WithReason("cannot read", recordFile);
+  error = "cannot read " + recordFile.ToString() + ": " + std::strerror(errno);
   return false;
 }
 

@@ -16,8 +16,7 @@ namespace kestrun::dorn {
 // U+FFFD. A record that is no JSON gives a page that says so.
 std::string WriteReportPage(std::string_view record);
 
-// Writes the page of a record to a file, which is replaced if it is there. False, with the reason in `error`, if it
-// can't be written; the page may be incomplete then.
+// Writes the page of a record to a file, as WriteOutputFile does.
 bool SaveReportPage(std::string_view record, const Path& pageFile, std::string& error);
 
 // The same for a record that is in a file.

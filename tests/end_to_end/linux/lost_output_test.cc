@@ -1,5 +1,6 @@
 // Clients whose output can't be written: the disk is full, or the reader has gone.
 #include <algorithm>
+#include <filesystem>
 
 #include "../build_fixture.h"
 
@@ -8,11 +9,16 @@ namespace {
 
 class LostOutput : public Build {
  protected:
+  void SetUp() override {
+    if (!std::filesystem::is_character_file("/dev/full")) GTEST_SKIP() << "this system has no device that is full";
+    Build::SetUp();
+  }
   // A script of the shell, in which $K is kestrun and $T the tool.
   RunResult Shell(const std::string& script) {
     ChildOptions options;
     options.environment["K"] = ProgramPath("kestrun");
     options.environment["T"] = tool_;
+    options.environment["D"] = ProgramPath("dorn");
     return test::Run({"/bin/sh", "-c", script}, WithEnvironment(options));
   }
   static void ExpectSays(const RunResult& result, const std::string& cause) {
@@ -50,6 +56,20 @@ TEST_F(LostOutput, IsReportedInALocalBuildToo) {
   const HANDLE access = CreateSemaphoreA(nullptr, 10, 10, ("zelvo_client_access_" + id_).c_str());
   ExpectNoLossInSilence("$K $T fill 300000 10");
   CloseHandle(access);
+}
+
+// The first name is a link, so that a dorn that replaces the file breaks the link and not the machine's device.
+TEST_F(LostOutput, OfARecordIsNamedAndADeviceOrPipeStaysOne) {
+  const std::string full = folder_.File("full");
+  const std::string pipe = folder_.File("pipe");
+  std::filesystem::create_symlink("/dev/full", full);
+  const std::string dorn = "$D --record " + full + " --trace " + pipe + " $K $T exit 3";
+  const RunResult result = Shell("mkfifo " + pipe + "; cat " + pipe + " & " + dorn + "; code=$?; wait; exit $code");
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_NE(result.errors.find("cannot write " + full + ": No space left on device"), std::string::npos)
+      << result.errors;
+  EXPECT_TRUE(std::filesystem::is_symlink(full));
+  EXPECT_NE(result.output.find("\"traceEvents\""), std::string::npos) << result.output;
 }
 
 }  // namespace
