@@ -21,7 +21,7 @@ endif()
 install(TARGETS kestrun dorn RUNTIME DESTINATION "${bin}")
 install(FILES LICENSE README.md CHANGELOG.md SECURITY.md DESTINATION "${doc}")
 # The pages keep their folder, so that the links between them and the README hold.
-install(DIRECTORY docs/ DESTINATION "${doc}/docs" FILES_MATCHING PATTERN "*.md")
+install(DIRECTORY docs/ DESTINATION "${doc}/docs" FILES_MATCHING PATTERN "*.md" PATTERN "*.png")
 install(DIRECTORY examples/ DESTINATION "${doc}/examples" USE_SOURCE_PERMISSIONS)
 
 configure_file("${CMAKE_SOURCE_DIR}/cmake/uninstall.cmake.in" "${CMAKE_BINARY_DIR}/uninstall.cmake" @ONLY)
