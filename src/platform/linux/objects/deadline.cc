@@ -31,11 +31,6 @@ bool Deadline::HasPassed() const {
   return ns_ == 0 || Now() >= ns_;
 }
 
-Deadline Deadline::OrAfter(DWORD sliceMs) const {
-  const Deadline slice = After(sliceMs);
-  return slice.ns_ < ns_ ? slice : *this;
-}
-
 timespec Deadline::ToTimespec() const {
   return TimespecOf(ns_);
 }
@@ -48,6 +43,15 @@ std::int64_t Deadline::Now() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
   return now.tv_sec * kNsPerSecond + now.tv_nsec;
+}
+
+Deadline SleepSlices::Next(const Deadline& deadline) {
+  constexpr DWORD kLongestMs = 60'000;
+  if (end_.HasPassed()) {
+    lengthMs_ = std::min(2 * lengthMs_, kLongestMs);
+    end_ = Deadline::After(lengthMs_);
+  }
+  return deadline.Or(end_);
 }
 
 }  // namespace kestrun::platform

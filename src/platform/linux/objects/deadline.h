@@ -20,8 +20,8 @@ class Deadline {
 
   bool IsNever() const { return ns_ == kNever; }
   bool HasPassed() const;
-  // This deadline, or sliceMs from now if that comes first.
-  Deadline OrAfter(DWORD sliceMs) const;
+  // The one that comes first.
+  Deadline Or(const Deadline& other) const { return other.ns_ < ns_ ? other : *this; }
   timespec ToTimespec() const;
   // As a span from now; 0 if it has passed.
   timespec Left() const;
@@ -32,6 +32,22 @@ class Deadline {
   static std::int64_t Now();
 
   std::int64_t ns_;
+};
+
+// The times at which a long sleep looks at its object although nothing has woken it. A wake-up from another process can
+// be lost when that process is killed between its change of the object and the call that wakes. The first look comes
+// after `firstMs`, each later one after twice as long as the one before, up to a minute: so a lost wake-up delays a
+// wait by about as long as the wait has lasted, and a thread that sleeps for hours costs nothing.
+class SleepSlices {
+ public:
+  explicit SleepSlices(DWORD firstMs) : lengthMs_(firstMs), end_(Deadline::After(firstMs)) {}
+
+  // When the next sleep is to end: at the next look or at the deadline of the wait.
+  Deadline Next(const Deadline& deadline);
+
+ private:
+  DWORD lengthMs_;
+  Deadline end_;
 };
 
 }  // namespace kestrun::platform

@@ -11,8 +11,8 @@ namespace kestrun::platform {
 
 namespace {
 
-// The longest sleep on a shared object; see the head of waitable.h.
-constexpr DWORD kSliceMs = 1000;
+// The first sleep on a shared object; see the head of waitable.h.
+constexpr DWORD kFirstSliceMs = 1000;
 
 }  // namespace
 
@@ -22,10 +22,11 @@ DWORD Waitable::Acquire(const Deadline& deadline) {
   // Sequentially consistent here and in Wake: the waiter raises the count before it reads the word, and a signaller
   // changes the word before it reads the count, so at least one of the two sees the other's change.
   state_->sleepers.fetch_add(1, std::memory_order_seq_cst);
+  SleepSlices slices(kFirstSliceMs);
   for (;;) {
     result = TryAcquire();
     if (result != WAIT_TIMEOUT || deadline.HasPassed()) break;
-    const Deadline until = scope_ == Scope::kMachine ? deadline.OrAfter(kSliceMs) : deadline;
+    const Deadline until = scope_ == Scope::kMachine ? slices.Next(deadline) : deadline;
     if (FutexWait(state_->word, 0, scope_, until) == 0) continue;
     if (errno != EAGAIN && errno != EINTR && errno != ETIMEDOUT) {
       SetLastError(Win32ErrorFromErrno(errno));

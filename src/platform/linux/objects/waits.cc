@@ -13,8 +13,8 @@ namespace kestrun::platform {
 
 namespace {
 
-constexpr DWORD kSliceMs = 1000;
-// For a hub that signals of other processes do not reach.
+constexpr DWORD kFirstSliceMs = 1000;
+// For a hub that signals of other processes do not reach: each of its sleeps is that short.
 constexpr DWORD kShortSliceMs = 20;
 
 // The objects of one wait. It holds references, so that their handles may be closed meanwhile.
@@ -35,11 +35,12 @@ class WaitSet {
     if (result != WAIT_TIMEOUT || deadline.HasPassed()) return result;
     const Hub hub = Hub::For(scope_);
     for (DWORD i = 0; i < count_; ++i) hub.Mark(objects_[i]->state(), objects_[i]->scope());
+    SleepSlices slices(kFirstSliceMs);
     for (;;) {
       const std::uint32_t seen = hub.Counter();
       result = TryAny();
       if (result != WAIT_TIMEOUT || deadline.HasPassed()) return result;
-      if (!hub.Sleep(seen, NextWake(hub, deadline))) return WAIT_FAILED;
+      if (!hub.Sleep(seen, NextWake(hub, slices, deadline))) return WAIT_FAILED;
     }
   }
 
@@ -68,9 +69,9 @@ class WaitSet {
     return WAIT_TIMEOUT;
   }
 
-  Deadline NextWake(const Hub& hub, const Deadline& deadline) const {
+  Deadline NextWake(const Hub& hub, SleepSlices& slices, const Deadline& deadline) const {
     if (scope_ == Scope::kProcess) return deadline;
-    return deadline.OrAfter(hub.IsComplete() ? kSliceMs : kShortSliceMs);
+    return hub.IsComplete() ? slices.Next(deadline) : deadline.Or(Deadline::After(kShortSliceMs));
   }
 
   std::array<std::shared_ptr<Waitable>, MAXIMUM_WAIT_OBJECTS> objects_;

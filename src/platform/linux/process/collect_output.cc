@@ -50,7 +50,7 @@ class Collector {
       const int notice = reports_ >= 0 ? reports_ : child_->exitNotice()->Descriptor();
       pollfd wait[1 + kMaxOutputs] = {{notice, POLLIN, 0}};
       for (DWORD i = 0; i < count_; ++i) wait[1 + i] = {isAtEnd_[i] ? -1 : pipes_[i]->Descriptor(), POLLIN, 0};
-      const Deadline until = notice >= 0 ? deadline : deadline.OrAfter(kExitPollMs);
+      const Deadline until = notice >= 0 ? deadline : deadline.Or(Deadline::After(kExitPollMs));
       const timespec left = until.Left();
       ppoll(wait, 1 + count_, until.IsNever() ? nullptr : &left, nullptr);
       for (DWORD i = 0; i < count_; ++i) {
