@@ -102,7 +102,7 @@ void JobJournal::Finish(u64 number, End end) {
   record.hasExitCode = end.hasExitCode;
   record.exitCode = end.exitCode;
   record.signal = end.signal;
-  record.cpuUs = end.cpuUs;
+  if (end.cpuUs != JobRecord::kNone) record.cpuUs = end.cpuUs;
   record.peakMemoryBytes = std::max(record.peakMemoryBytes, end.peakMemoryBytes);
   record.outputBytes = end.outputBytes;
   record.outputHead = std::move(end.outputHead);
@@ -160,44 +160,46 @@ void JobJournal::FindParent(u64 number) {
     const auto found = jobs_.find(number);
     if (found == jobs_.end()) return;
     client = found->second.record.clientProcess;
-    if (client != 0 && client == lastClient_) return SetParent(found->second, lastParent_, lastRoot_);
+    if (client != 0 && client == lastClient_) return SetParent(found->second, lastAbove_);
   }
-  u32 process = client;
-  u64 parent = 0;
-  u32 root = 0;
-  for (int level = 0; process != 0 && level < kMostLevels; ++level) {
-    process = parentOf_(process);
-    if (process == 0 || FindAbove(process, parent, root)) break;
-  }
+  const Above above = LookAbove(client);
   const std::lock_guard lock(lock_);
   lastClient_ = client;
-  lastParent_ = parent;
-  lastRoot_ = root;
+  lastAbove_ = above;
   const auto found = jobs_.find(number);
-  if (found != jobs_.end()) SetParent(found->second, parent, root);
+  if (found != jobs_.end()) SetParent(found->second, above);
 }
 
 // With the lock.
-void JobJournal::SetParent(Entry& entry, u64 parent, u32 root) {
-  if (parent == 0 && root == 0) return;
-  entry.record.parent = parent;
-  entry.record.rootProcess = root;
+void JobJournal::SetParent(Entry& entry, const Above& above) {
+  if (above.parent == 0 && !above.roots) return;
+  entry.record.parent = above.parent;
+  entry.roots = above.roots;
   // One that has ended stands at its end, by which it is dropped.
   if (!HasEnded(entry.record.outcome)) Touch(entry);
 }
 
-bool JobJournal::FindAbove(u32 process, u64& parent, u32& root) const {
+JobJournal::Above JobJournal::LookAbove(u32 process) const {
+  Above above;
+  for (int level = 0; process != 0 && level < kMostLevels; ++level) {
+    process = parentOf_(process);
+    if (process == 0 || FindAbove(process, above)) break;
+  }
+  return above;
+}
+
+bool JobJournal::FindAbove(u32 process, Above& above) const {
   const std::lock_guard lock(lock_);
   const auto job = jobOfProcess_.find(process);
   if (job != jobOfProcess_.end()) {
-    parent = job->second;
-    const auto record = jobs_.find(parent);
-    if (record != jobs_.end()) root = record->second.record.rootProcess;
+    above.parent = job->second;
+    const auto record = jobs_.find(above.parent);
+    if (record != jobs_.end()) above.roots = record->second.roots;
     return true;
   }
   for (const auto& [id, follower] : followers_) {
     if (follower.rootProcess != process) continue;
-    root = process;
+    above.roots = follower.roots;
     return true;
   }
   return false;
@@ -205,8 +207,10 @@ bool JobJournal::FindAbove(u32 process, u64& parent, u32& root) const {
 
 // A build's own observer joins before its first job, so it is in time for all of them.
 JobJournal::Observer JobJournal::Join(u32 rootProcess) {
+  std::vector<u32> roots{rootProcess};
+  if (const Roots above = LookAbove(rootProcess).roots) roots.insert(roots.end(), above->begin(), above->end());
   const std::lock_guard lock(lock_);
-  followers_[++lastObserver_] = {0, rootProcess, 0};
+  followers_[++lastObserver_] = {0, rootProcess, std::make_shared<const std::vector<u32>>(std::move(roots)), 0};
   lastClient_ = 0;
   isObserved_ = true;
   const u64 before = lastChange_;
@@ -234,7 +238,7 @@ std::string JobJournal::Take(Observer observer, std::size_t mostBytes, u64& late
   if (found == followers_.end()) return bytes;
   u64& position = found->second.position;
   for (auto next = changes_.upper_bound(position); next != changes_.end() && bytes.size() < mostBytes; ++next) {
-    EncodeRecord(RecordOf(jobs_[next->second]), bytes);
+    EncodeRecord(RecordOf(jobs_[next->second], found->second.rootProcess), bytes);
     position = next->first;
   }
   latest = position;
@@ -247,8 +251,13 @@ u64 JobJournal::GetLatest() const {
   return lastChange_;
 }
 
-JobRecord JobJournal::RecordOf(const Entry& entry) {
+// For a follower with this root, which stands in the record if it is one of the job's.
+JobRecord JobJournal::RecordOf(const Entry& entry, u32 rootProcess) {
   JobRecord record = entry.record;
+  if (entry.roots) {
+    const bool isBelow = std::find(entry.roots->begin(), entry.roots->end(), rootProcess) != entry.roots->end();
+    record.rootProcess = isBelow ? rootProcess : entry.roots->front();
+  }
   if (entry.description) record.text = entry.description->GetText();
   return record;
 }
@@ -262,7 +271,7 @@ std::string JobJournal::Snapshot(std::size_t mostBytes) const {
     u64 left = count;
     for (auto next = jobs_.begin(); next != jobs_.end() && left > 0 && bytes.size() < mostBytes; ++next) {
       if (next->second.record.outcome != wanted) continue;
-      EncodeRecord(RecordOf(next->second), bytes);
+      EncodeRecord(RecordOf(next->second, 0), bytes);
       --left;
     }
   }
@@ -294,11 +303,15 @@ std::vector<std::pair<u64, u32>> JobJournal::GetRunning() const {
   return running;
 }
 
-void JobJournal::AddSample(u64 number, std::int64_t memoryBytes) {
+void JobJournal::AddSample(u64 number, const platform::ProcessUsage& usage) {
   const std::lock_guard lock(lock_);
   const auto found = jobs_.find(number);
   if (found == jobs_.end() || HasEnded(found->second.record.outcome)) return;
-  found->second.record.peakMemoryBytes = std::max(found->second.record.peakMemoryBytes, memoryBytes);
+  const auto take = [](std::int64_t& known, std::uint64_t sampled) {
+    if (sampled != 0) known = std::max(known, static_cast<std::int64_t>(sampled));
+  };
+  take(found->second.record.peakMemoryBytes, usage.peakMemoryBytes);
+  take(found->second.record.cpuUs, usage.cpuUs);
 }
 
 }  // namespace kestrun

@@ -5,11 +5,13 @@
 #include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "platform/tool_process.h"
 #include "protocol/job_record.h"
 #include "protocol/slot_request.h"
 #include "runtime/base/rc_ptr.h"
@@ -63,7 +65,7 @@ class JobJournal {
     i32 exitCode = 0;
     i32 signal = 0;
     std::int64_t endedUs = JobRecord::kNone;
-    std::int64_t cpuUs = JobRecord::kNone;
+    std::int64_t cpuUs = JobRecord::kNone;            // where none is given the last sample counts
     std::int64_t peakMemoryBytes = JobRecord::kNone;  // a sample that is larger counts instead
     std::int64_t outputBytes = JobRecord::kNone;
     std::string outputHead{};
@@ -109,29 +111,40 @@ class JobJournal {
 
   // For samples: processes of the jobs that run, by the job's number.
   std::vector<std::pair<u64, u32>> GetRunning() const;
-  void AddSample(u64 number, std::int64_t memoryBytes);
+  void AddSample(u64 number, const platform::ProcessUsage& usage);
 
  private:
+  // The processes whose followers asked for the jobs below them, from the nearest one up. Those of a job do not change;
+  // null if there are none.
+  using Roots = std::shared_ptr<const std::vector<u32>>;
+  // What stands above a process: the nearest job, if any, and the roots.
+  struct Above {
+    u64 parent = 0;
+    Roots roots{};
+  };
   struct Entry {
     JobRecord record;
     rc_ptr<JobDescription> description;  // until the job has ended
+    Roots roots{};
     u32 toolProcess = 0;
     u64 change = 0;
   };
   struct Follower {
     u64 position = 0;
-    u32 rootProcess = 0;
+    u32 rootProcess = 0;  // the first of its roots, if it has any
+    Roots roots{};
     u64 missed = 0;
   };
 
   void Touch(Entry& entry);
   void Count(const JobRecord& record);
   void Forget(u64 number);
-  void SetParent(Entry& entry, u64 parent, u32 root);
+  void SetParent(Entry& entry, const Above& above);
   void DropRead();
   void DropOldest();
-  bool FindAbove(u32 process, u64& parent, u32& root) const;
-  static JobRecord RecordOf(const Entry& entry);
+  Above LookAbove(u32 process) const;
+  bool FindAbove(u32 process, Above& above) const;
+  static JobRecord RecordOf(const Entry& entry, u32 rootProcess);
 
   const u32 slots_;
   const ParentOf parentOf_;
@@ -155,8 +168,7 @@ class JobJournal {
   std::map<Observer, Follower> followers_;
   // What was found above the client that was looked for last: the jobs of a script all have one client.
   u32 lastClient_ = 0;
-  u64 lastParent_ = 0;
-  u32 lastRoot_ = 0;
+  Above lastAbove_;
   u64 done_ = 0;
   u64 failed_ = 0;
   u64 unknown_ = 0;

@@ -32,8 +32,8 @@ rc_ptr<Message> MakeMessage(JournalState state, bool isLast, const std::string& 
 
 }  // namespace
 
-JobObservers::JobObservers(JobJournal& journal, MessageDispatcher& dispatcher, u32 mostObservers, MemoryOf memoryOf)
-    : journal_(journal), dispatcher_(dispatcher), mostObservers_(mostObservers), memoryOf_(memoryOf) {
+JobObservers::JobObservers(JobJournal& journal, MessageDispatcher& dispatcher, u32 mostObservers, UsageOf usageOf)
+    : journal_(journal), dispatcher_(dispatcher), mostObservers_(mostObservers), usageOf_(usageOf) {
   journal_.SetListener([this] { call_.Signal(); });
 }
 
@@ -202,10 +202,7 @@ bool JobObservers::Push(const Address& client, Follower& follower) {
 
 void JobObservers::Sample() {
   if (followers_.empty() || SteadyMicroseconds() - sampledUs_ < kSampleUs) return;
-  for (const auto& [number, process] : journal_.GetRunning()) {
-    const std::uint64_t memory = memoryOf_(process);
-    if (memory != 0) journal_.AddSample(number, static_cast<std::int64_t>(memory));
-  }
+  for (const auto& [number, process] : journal_.GetRunning()) journal_.AddSample(number, usageOf_(process));
   sampledUs_ = SteadyMicroseconds();
 }
 

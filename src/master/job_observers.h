@@ -32,10 +32,10 @@ class JobObservers {
   static constexpr std::size_t kMostBytes = 32 * 1024;
 
   // The largest memory that a process, or one below it, has had so far, in bytes; 0 if it is not known.
-  using MemoryOf = std::uint64_t (*)(u32 processId);
+  using UsageOf = platform::ProcessUsage (*)(u32 processId);
 
   // Journal and dispatcher outlive this object.
-  JobObservers(JobJournal& journal, MessageDispatcher& dispatcher, u32 mostObservers, MemoryOf memoryOf);
+  JobObservers(JobJournal& journal, MessageDispatcher& dispatcher, u32 mostObservers, UsageOf usageOf);
   // Stops.
   ~JobObservers();
   JobObservers(const JobObservers&) = delete;
@@ -78,7 +78,7 @@ class JobObservers {
   JobJournal& journal_;
   MessageDispatcher& dispatcher_;
   const u32 mostObservers_;
-  const MemoryOf memoryOf_;
+  const UsageOf usageOf_;
   Condition call_;  // wishes, losses, or the end
 
   CriticalSection lock_;

@@ -132,7 +132,7 @@ void ProjectStub::OpenPlaces(IniFile& settings) {
   const u32 places = ReadMaxStubs(settings);
   // An observer must not have the channel of a client that has been granted a slot.
   observers_ = std::make_unique<JobObservers>(
-      journal_, dispatcher_, std::min(JobObservers::kMostObservers, kMostStubs - places), platform::PeakMemoryOfTree);
+      journal_, dispatcher_, std::min(JobObservers::kMostObservers, kMostStubs - places), platform::UsageOfTree);
   if (settings.GetBool("Extensions/ReclaimPlaces", false)) {
     try {
       placeKeeper_ = std::make_unique<PlaceKeeper>(id_, places);

@@ -44,9 +44,13 @@ std::uint32_t ParentProcess(std::uint32_t processId);
 // Takes milliseconds.
 std::uint64_t ProcessorTimeOfTree(std::uint32_t processId);
 
-// The most memory, in bytes, that this process or one below it that lives now has had at once so far; 0 if there is
-// none, and where the system does not tell.
-std::uint64_t PeakMemoryOfTree(std::uint32_t processId);
+// What a process and those below it that live now have used so far; zeros if there is no such process, and where the
+// system does not tell. Cheaper than ProcessorTimeOfTree, and looks a few levels deep only.
+struct ProcessUsage {
+  std::uint64_t peakMemoryBytes = 0;  // the most that one of them has had at once
+  std::uint64_t cpuUs = 0;            // of all of them, and of children that they waited for, in the system's ticks
+};
+ProcessUsage UsageOfTree(std::uint32_t processId);
 
 // The pipe that is this process's standard input (0) or output (1), by a number that is the same in every process of
 // the machine; 0 for what is no pipe, and where the system does not tell.

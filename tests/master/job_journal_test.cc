@@ -134,6 +134,31 @@ TEST_F(JobJournalTest, FindsTheJobAndTheObserverAboveAClient) {
   EXPECT_EQ(records[2].rootProcess, 0u);
 }
 
+// Process 100 observes, and below it 110 does.
+TEST_F(JobJournalTest, GivesAJobBelowTwoObserversToBoth) {
+  const JobJournal::Observer outer = journal_.Join(100);
+  const JobJournal::Observer inner = journal_.Join(110);
+  const u64 job = journal_.Add(Text("job"), 120);
+  journal_.FindParent(job);
+  EXPECT_EQ(Take(outer).at(0).rootProcess, 100u);
+  EXPECT_EQ(Take(inner).at(0).rootProcess, 110u);
+}
+
+TEST_F(JobJournalTest, KeepsTheLastSampleOfAJobWhoseEndTellsNoTime) {
+  const JobJournal::Observer observer = journal_.Join(0);
+  for (const std::int64_t told : {JobRecord::kNone, std::int64_t{70}}) {
+    const u64 job = journal_.Add(Text("job"), 5);
+    journal_.AddSample(job, {2000, 40});
+    journal_.AddSample(job, {1000, 50});
+    JobJournal::End end;
+    end.cpuUs = told;
+    journal_.Finish(job, end);
+    const JobRecord record = Take(observer).at(0);
+    EXPECT_EQ(record.cpuUs, std::max<std::int64_t>(told, 50));
+    EXPECT_EQ(record.peakMemoryBytes, 2000);
+  }
+}
+
 TEST_F(JobJournalTest, TakesTheFirstEndOfAJobAndNoneOfAnUnknownOne) {
   const JobJournal::Observer observer = journal_.Join(0);
   const u64 job = Run("a", JobOutcome::kFailed);

@@ -144,8 +144,8 @@ std::uint64_t ProcessorTimeOfTree(std::uint32_t processId) {
   return sum;
 }
 
-std::uint64_t PeakMemoryOfTree(std::uint32_t) {
-  return 0;
+ProcessUsage UsageOfTree(std::uint32_t) {
+  return {};
 }
 
 std::uint64_t PipeNumber(int) {

@@ -83,23 +83,22 @@ std::string ReadProcessFile(pid_t pid, const char* format) {
   return length > 0 ? std::string(text, static_cast<std::size_t>(length)) : "";
 }
 
+}  // namespace
+
 std::uint64_t PeakMemoryOf(pid_t pid) {
   const std::string text = ReadProcessFile(pid, "/proc/%d/status");
   const std::size_t at = text.find("VmHWM:");
   return at == std::string::npos ? 0 : std::strtoull(text.c_str() + at + 6, nullptr, 10) * 1024;
 }
 
-}  // namespace
-
-std::uint64_t PeakMemoryBelow(pid_t pid, int levels) {
-  std::uint64_t peak = PeakMemoryOf(pid);
-  if (levels == 0) return peak;
-  const std::string children = ReadProcessFile(pid, "/proc/%d/task/%d/children");
-  const char* next = children.c_str();
+std::vector<pid_t> ChildrenOf(pid_t pid) {
+  const std::string text = ReadProcessFile(pid, "/proc/%d/task/%d/children");
+  std::vector<pid_t> children;
+  const char* next = text.c_str();
   for (char* end = nullptr;; next = end) {
     const long child = std::strtol(next, &end, 10);
-    if (end == next) return peak;
-    peak = std::max(peak, PeakMemoryBelow(static_cast<pid_t>(child), levels - 1));
+    if (end == next) return children;
+    children.push_back(static_cast<pid_t>(child));
   }
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <map>
+#include <vector>
 
 #include "platform/api/base_api.h"
 
@@ -22,6 +23,8 @@ struct ProcessStat {
   std::uint64_t childKernelTicks;
   std::uint64_t startTicks;  // since the system started; together with the id it names a process for good
   int exitStatus;            // of one in state 'Z', as waitpid gives it; 0 where the kernel does not tell
+
+  std::uint64_t AllTicks() const { return userTicks + kernelTicks + childUserTicks + childKernelTicks; }
 };
 
 // False if there is no such process.
@@ -30,8 +33,11 @@ bool ReadProcessStat(pid_t pid, ProcessStat& stat);
 // ROOT and everything below it.
 std::map<pid_t, ProcessStat> DescendantsOf(pid_t root);
 
-// The largest memory in bytes that a process, or one of so many levels below it, has had; 0 if there is none.
-std::uint64_t PeakMemoryBelow(pid_t pid, int levels);
+// The largest memory in bytes that the process has had; 0 if it is none.
+std::uint64_t PeakMemoryOf(pid_t pid);
+
+// The children that it has now; empty if it is no process.
+std::vector<pid_t> ChildrenOf(pid_t pid);
 
 std::uint64_t TicksToMicroseconds(std::uint64_t ticks);
 

@@ -26,6 +26,14 @@ constexpr const char* kShell = "/bin/sh";
 // Deeper trees of processes are cut where they are only looked at.
 constexpr int kMostLevels = 16;
 
+void AddUsage(pid_t pid, int levels, ProcessUsage& usage) {
+  ProcessStat stat = {};
+  usage.peakMemoryBytes = std::max(usage.peakMemoryBytes, PeakMemoryOf(pid));
+  if (ReadProcessStat(pid, stat)) usage.cpuUs += TicksToMicroseconds(stat.AllTicks());
+  if (levels == 0) return;
+  for (const pid_t child : ChildrenOf(pid)) AddUsage(child, levels - 1, usage);
+}
+
 // The files that a name may mean, in order.
 std::vector<std::string> ListCandidates(const std::string& name) {
   if (name.empty()) return {};
@@ -129,14 +137,16 @@ std::uint32_t ParentProcess(std::uint32_t processId) {
   return ReadProcessStat(static_cast<pid_t>(processId), stat) ? static_cast<std::uint32_t>(stat.parent) : 0;
 }
 
-std::uint64_t PeakMemoryOfTree(std::uint32_t processId) {
-  return PeakMemoryBelow(static_cast<pid_t>(processId), kMostLevels);
+ProcessUsage UsageOfTree(std::uint32_t processId) {
+  ProcessUsage usage;
+  AddUsage(static_cast<pid_t>(processId), kMostLevels, usage);
+  return usage;
 }
 
 std::uint64_t ProcessorTimeOfTree(std::uint32_t processId) {
   std::uint64_t ticks = 0;
   for (const auto& [pid, stat] : DescendantsOf(static_cast<pid_t>(processId))) {
-    ticks += stat.userTicks + stat.kernelTicks + stat.childUserTicks + stat.childKernelTicks;
+    ticks += stat.AllTicks();
   }
   return TicksToMicroseconds(ticks);
 }
