@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <utility>
 
 #include "runtime/files/version_string.h"
@@ -108,14 +109,17 @@ std::string GetRecordText(const BuildRecord& record) {
 BuildFigures GetFigures(const BuildRecord& record) {
   BuildFigures figures;
   std::map<i32, Spans> slots;
+  // Jobs whose time, and that of those below them, is in a sum already. A job comes behind the one that it is in.
+  std::set<u64> counted;
   for (const JobRecord& job : record.jobs) {
     if (!HasEnded(job.outcome)) continue;
     ++figures.jobs;
     if (IsFailure(job.outcome)) ++figures.failures;
     if (job.outcome == JobOutcome::kUnknown) ++figures.unknown;
-    // A job's time holds that of the jobs below it.
-    if (job.parent == 0) figures.cpuUs += std::max(job.cpuUs, std::int64_t{0});
-    if (job.cpuUs < 0) ++figures.withoutCpu;
+    const bool isCounted = counted.count(job.parent) != 0;
+    if (!isCounted) figures.cpuUs += std::max(job.cpuUs, std::int64_t{0});
+    if (!isCounted && job.cpuUs < 0) ++figures.withoutCpu;
+    if (isCounted || job.cpuUs >= 0) counted.insert(job.number);
     figures.peakMemoryBytes = std::max(figures.peakMemoryBytes, job.peakMemoryBytes);
     // The last jobs may end a little behind the build command.
     const std::int64_t until = std::min(job.endedUs, record.startedUs + record.durationUs);

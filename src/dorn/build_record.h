@@ -42,8 +42,8 @@ struct BuildFigures {
   u64 jobs = 0;                       // that have ended
   u64 failures = 0;                   // of those
   u64 unknown = 0;                    // of those, without a known outcome
-  std::int64_t cpuUs = 0;             // of the jobs that are in no other job, as far as it is known
-  u64 withoutCpu = 0;                 // jobs of those whose time is not known
+  std::int64_t cpuUs = 0;             // of all jobs as far as it is known, each counted once: a job holds those in it
+  u64 withoutCpu = 0;                 // jobs of which no time is in cpuUs
   std::int64_t busyUs = 0;            // of all slots together: the time in which a job ran there
   std::int64_t peakMemoryBytes = -1;  // of the largest process that is known
 };

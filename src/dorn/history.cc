@@ -1,6 +1,9 @@
 #include "dorn/history.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <memory>
 
 #include "dorn/exit_codes.h"
 #include "dorn/report.h"
@@ -23,11 +26,18 @@ Path GetHistoryPath() {
   return GetCommonPath() / "Builds.jsonl";
 }
 
-bool Append(const Path& path, const std::string& line) {
-  std::FILE* const file = platform::OpenStdio(path.ToString(), "ab");
-  if (file == nullptr) return false;
-  const bool isWritten = std::fwrite(line.data(), 1, line.size(), file) == line.size();
-  return std::fclose(file) == 0 && isWritten;
+// Behind what is there; half a line, which a full disk may have left, gets its end first. Empty, or the reason.
+std::string Append(const Path& path, const std::string& line) {
+  const std::string name = path.ToString();
+  const std::string refusal = platform::WhyNoFile(name);
+  if (!refusal.empty()) return refusal;
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(platform::OpenStdio(name, "a+b"), &std::fclose);
+  if (!file) return std::strerror(errno);
+  const bool endsInLine = std::fseek(file.get(), -1, SEEK_END) != 0 || std::fgetc(file.get()) == '\n';
+  std::fseek(file.get(), 0, SEEK_END);
+  const std::string text = endsInLine ? line : "\n" + line;
+  const bool isWritten = std::fwrite(text.data(), 1, text.size(), file.get()) == text.size();
+  return isWritten && std::fflush(file.get()) == 0 ? "" : std::strerror(errno);
 }
 
 // The newer half stays.
@@ -63,8 +73,9 @@ std::string GetHistoryLine(const BuildRecord& record) {
 void AddToHistory(const BuildRecord& record) {
   const Path path = GetHistoryPath();
   const NamedMutexLock lock(kLockName);
-  if (!Append(path, GetHistoryLine(record))) {
-    PrintWarning("cannot write " + path.ToString());
+  const std::string error = Append(path, GetHistoryLine(record));
+  if (!error.empty()) {
+    PrintWarning("cannot write " + GetFullPath(path).ToString() + ": " + error);
     return;
   }
   Shorten(path);
@@ -75,11 +86,13 @@ int ListHistory() {
   std::string text;
   std::string error;
   if (!path.Exists()) {
-    Print("no build has been recorded; Extensions/BuildHistory=bool:true in the settings turns it on");
+    Print(IsHistoryWanted()
+              ? "no build has been recorded yet"
+              : "no build has been recorded; Extensions/BuildHistory=bool:true in the settings turns it on");
     return 0;
   }
   if (!ReadTextFile(path, &text, nullptr, &error)) {
-    PrintError("cannot read " + path.ToString() + ": " + error);
+    PrintError("cannot read " + GetFullPath(path).ToString() + ": " + error);
     return kExitFailure;
   }
   std::fwrite(text.data(), 1, text.size(), stdout);

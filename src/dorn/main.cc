@@ -31,8 +31,21 @@ void PrintWhere() {
 
 int WriteReport(const Options& options) {
   std::string error;
+  if (options.recordToDraw == options.pageToWrite) {
+    PrintError("the page would replace its record " + options.recordToDraw);
+    return kExitFailure;
+  }
   if (SaveReportPageOf(options.recordToDraw, options.pageToWrite, error)) return 0;
   PrintError(error);
+  return kExitFailure;
+}
+
+// What was asked for has to arrive: a full disk behind the standard output is a failure.
+int WithOutput(int exitCode) {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return exitCode;
+  const platform::WriteFailure failure = platform::LastWriteFailure();
+  if (failure.isReaderGone) platform::EndWithoutReader();
+  PrintError("cannot write to standard output: " + failure.cause);
   return kExitFailure;
 }
 
@@ -60,7 +73,7 @@ int RunAction(const Options& options) {
     case Options::Action::kBuild:
       break;
   }
-  return RunSession(options);
+  return 0;
 }
 
 }  // namespace
@@ -72,14 +85,16 @@ int main(int argc, char** argv) {
   dorn::Options options;
   std::string error;
   if (!dorn::ParseOptions({argv + 1, argv + argc}, options, error)) {
-    dorn::PrintError(error);
-    std::fputs(dorn::GetUsage(), stderr);
+    dorn::PrintError(error + "; dorn --help shows the options");
     return dorn::kExitFailure;
   }
   try {
-    return dorn::RunAction(options);
+    if (options.action == dorn::Options::Action::kBuild) return dorn::RunSession(options);
+    return dorn::WithOutput(dorn::RunAction(options));
   } catch (const SystemException& exception) {
-    dorn::PrintError(std::string(exception.what()) + " (error " + std::to_string(exception.GetCode()) + ")");
+    const i32 code = exception.GetCode();
+    dorn::PrintError(exception.what() +
+                     (code == SystemException::kNoCode ? "" : " (error " + std::to_string(code) + ")"));
     return dorn::kExitFailure;
   }
 }

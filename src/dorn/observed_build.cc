@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "dorn/command_line.h"
 #include "dorn/history.h"
 #include "dorn/output_file.h"
 #include "dorn/report.h"
@@ -9,7 +10,6 @@
 #include "dorn/summary.h"
 #include "platform/host.h"
 #include "platform/terminal.h"
-#include "runtime/base/text.h"
 #include "runtime/files/path.h"
 
 namespace kestrun::dorn {
@@ -45,7 +45,7 @@ ObservedBuild::ObservedBuild(const Options& options, const std::string& masterId
   record_.startedUs = SteadyMicroseconds();
   record_.startedUnixUs = UnixMicroseconds();
   if (!IsWanted()) return;
-  record_.command = Join(options.command, ' ');
+  record_.command = JoinArguments(options.command);
   record_.folder = CurrentFolder();
   record_.host = platform::HostName();
   observer_ = std::make_unique<BuildObserver>();
@@ -73,6 +73,9 @@ void ObservedBuild::WriteFiles() const {
 }
 
 void ObservedBuild::PrintSummary() const {
+  if (record_.jobs.empty() && options_.summary == Options::Summary::kAlways) {
+    Print("no tool went through kestrun: the build has to run its tools as kestrun <tool>");
+  }
   const std::size_t columns = platform::GetTerminalSize(stderr).columns;
   for (const std::string& line :
        GetSummary(record_, columns > kPrefixColumns ? columns - kPrefixColumns : kColumnsWithoutTerminal)) {

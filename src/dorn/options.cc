@@ -106,7 +106,9 @@ class Parser {
     if ((options_.isJson || options_.isWatch) && options_.action != Options::Action::kStatus) {
       return "--json and --watch belong to --status";
     }
-    if (options_.action != Options::Action::kBuild) return "";
+    if (options_.action != Options::Action::kBuild) {
+      return options_.command.empty() ? "" : "\"" + options_.command[0] + "\" stands where no build is run";
+    }
     return options_.command.empty() || options_.command[0].empty() ? "no build command" : "";
   }
 

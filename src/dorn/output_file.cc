@@ -20,12 +20,20 @@ bool Write(std::FILE* file, const std::string& text) {
   return isWritten && isClosed;
 }
 
+bool Fail(const Path& file, std::string& error) {
+  error = "cannot write " + file.ToString() + ": " + std::strerror(errno);
+  return false;
+}
+
 }  // namespace
 
 bool WriteOutputFile(const Path& file, const std::string& text, std::string& error) {
-  if (Write(platform::OpenStdio(file.ToString(), "wb"), text)) return true;
-  error = "cannot write " + file.ToString() + ": " + std::strerror(errno);
-  return false;
+  return Write(platform::OpenStdio(file.ToString(), "wb"), text) || Fail(file, error);
+}
+
+bool CanWriteOutputFile(const Path& file, std::string& error) {
+  if (!platform::WhyNoFile(file.ToString()).empty()) return true;
+  return Write(platform::OpenStdio(file.ToString(), "ab"), "") || Fail(file, error);
 }
 
 }  // namespace kestrun::dorn

@@ -16,6 +16,10 @@ namespace kestrun::dorn {
 // the file may be incomplete then.
 bool WriteOutputFile(const Path& file, const std::string& text, std::string& error);
 
+// False, with name and cause in `error`, if the file can't be opened for writing. It is made if it is not there, and
+// one that is there keeps its text. A pipe is not opened, since that could wait for its reader.
+bool CanWriteOutputFile(const Path& file, std::string& error);
+
 }  // namespace kestrun::dorn
 
 #endif  // KESTRUN_DORN_OUTPUT_FILE_H_

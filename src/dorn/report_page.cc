@@ -70,9 +70,17 @@ struct FileCloser {
 
 using UniqueStdio = std::unique_ptr<std::FILE, FileCloser>;
 
+// The page finds out more, in the browser. A program may have written the record anew, with other blanks.
+bool IsRecord(const std::string& text) {
+  const std::size_t first = text.find_first_not_of(" \t\r\n");
+  const std::size_t last = text.find_last_not_of(" \t\r\n");
+  return first != std::string::npos && text[first] == '{' && text[last] == '}' &&
+         text.find("\"kestrun_build_record\"") != std::string::npos;
+}
+
 // False with errno set.
 bool ReadFileWhole(const Path& path, std::string& text) {
-  const UniqueStdio file(platform::OpenStdio(path.ToString(), "rb"));
+  const UniqueStdio file(platform::OpenRegularFile(path.ToString()));
   if (!file) return false;
   std::vector<char> part(1 << 16);
   while (const std::size_t length = std::fread(part.data(), 1, part.size(), file.get()))
@@ -98,9 +106,15 @@ bool SaveReportPage(std::string_view record, const Path& pageFile, std::string& 
 
 bool SaveReportPageOf(const Path& recordFile, const Path& pageFile, std::string& error) {
   std::string record;
-  if (ReadFileWhole(recordFile, record)) return SaveReportPage(record, pageFile, error);
-  error = "cannot read " + recordFile.ToString() + ": " + std::strerror(errno);
-  return false;
+  if (!ReadFileWhole(recordFile, record)) {
+    error = "cannot read " + recordFile.ToString() + ": " + std::strerror(errno);
+    return false;
+  }
+  if (!IsRecord(record)) {
+    error = recordFile.ToString() + " is no build record, as --record writes one";
+    return false;
+  }
+  return SaveReportPage(record, pageFile, error);
 }
 
 }  // namespace kestrun::dorn

@@ -19,7 +19,7 @@ std::string WriteReportPage(std::string_view record);
 // Writes the page of a record to a file, as WriteOutputFile does.
 bool SaveReportPage(std::string_view record, const Path& pageFile, std::string& error);
 
-// The same for a record that is in a file.
+// The same for a record that is in a file. False also if the text there is none.
 bool SaveReportPageOf(const Path& recordFile, const Path& pageFile, std::string& error);
 
 }  // namespace kestrun::dorn

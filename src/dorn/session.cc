@@ -5,6 +5,7 @@
 #include "dorn/interruption.h"
 #include "dorn/master.h"
 #include "dorn/observed_build.h"
+#include "dorn/output_file.h"
 #include "dorn/program_search.h"
 #include "dorn/report.h"
 #include "dorn/settings.h"
@@ -93,6 +94,17 @@ int RunBuild(const Path& program, const std::vector<std::string>& command, const
   return static_cast<int>(code);
 }
 
+// Before the build, which may take hours.
+bool CanWriteOutputFiles(const Options& options) {
+  for (const std::string& file : {options.recordFile, options.traceFile, options.reportFile}) {
+    std::string error;
+    if (file.empty() || CanWriteOutputFile(Path(file), error)) continue;
+    PrintError(error);
+    return false;
+  }
+  return true;
+}
+
 // A dorn below another one's build, or below a master that was started by hand, runs its command with that.
 bool HasOuterMaster(const Options& options, std::string& id) {
   if (options.isAlone || !options.id.empty() || !GetEnvironmentValue("KESTRUN_ID", id) || id.empty()) return false;
@@ -159,6 +171,7 @@ int RunSession(const Options& options) {
     PrintError("cannot find the build command " + options.command[0]);
     return kExitCommandNotFound;
   }
+  if (!CanWriteOutputFiles(options)) return kExitFailure;
   const Path kestrun = FindKestrun();
   if (kestrun.IsEmpty()) {
     PrintError("cannot find kestrun, neither beside dorn nor in PATH");

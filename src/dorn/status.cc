@@ -25,7 +25,7 @@ constexpr u32 kWatchMs = 500;
 constexpr std::size_t kLinesWithoutTerminal = 40;
 constexpr std::size_t kColumnsWithoutTerminal = 160;
 
-// The master that dorns share, if it lives.
+// The master that dorns share, if it lives. Throws SystemException where this user's masters can't be looked for.
 std::string FindSharedMaster() {
   try {
     MappedFile region(kDornSessionName, 0, false);
@@ -37,7 +37,9 @@ std::string FindSharedMaster() {
     const UniqueHandle alive(OpenEventA(SYNCHRONIZE, FALSE, GetDornMasterName(id).c_str()));
     return alive ? id : "";
   } catch (const SystemException&) {
-    return "";
+    const DWORD error = GetLastError();
+    if (error == ERROR_FILE_NOT_FOUND) return "";
+    throw PLV::Exception(error, "cannot look for a build");
   }
 }
 
@@ -140,13 +142,17 @@ void Show(const Options& options, const std::string& id, const JournalNews& news
   std::fflush(stdout);
 }
 
+bool HasReader() {
+  return std::ferror(stdout) == 0;
+}
+
 // Until the build ends.
 int Watch(const Options& options, const std::string& id, JournalObserver& master, JournalNews& news) {
   if (!options.isJson && platform::EnableTerminalCodes(stdout)) std::fputs("\x1b[2J", stdout);
   do {
     Show(options, id, news);
     Sleep(kWatchMs);
-  } while (AskForStatus(master, news));
+  } while (HasReader() && AskForStatus(master, news));
   if (!options.isJson) std::puts("the build has ended");
   return 0;
 }

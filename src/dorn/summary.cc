@@ -35,7 +35,10 @@ std::string CountOf(u64 count, const char* thing) {
 
 std::string Headline(const BuildRecord& record, const BuildFigures& figures) {
   std::string line = CountOf(figures.jobs, "job") + " in " + FormatSpan(record.durationUs);
-  if (figures.withoutCpu < figures.jobs) line += ", processor time " + FormatSpan(figures.cpuUs);
+  if (figures.withoutCpu < figures.jobs) {
+    line += figures.withoutCpu > 0 ? ", processor time at least " : ", processor time ";
+    line += FormatSpan(figures.cpuUs);
+  }
   if (record.slots > 0 && record.durationUs > 0) {
     const double share = static_cast<double>(figures.busyUs) / static_cast<double>(record.durationUs) / record.slots;
     line += ", " + CountOf(record.slots, "slot") + Format(" %.0f %% busy", share * 100);
@@ -53,7 +56,9 @@ void AddFailures(const BuildRecord& record, u64 count, std::vector<std::string>&
   for (const JobRecord& job : record.jobs) {
     if (!IsFailure(job.outcome)) continue;
     if (listed++ == kMostFailures) break;
-    lines.push_back("  " + GetLabel(job.text) + " (" + EndOf(job) + "): " + job.text.command);
+    const std::string label = GetLabel(job.text);
+    lines.push_back("  " + label + " (" + EndOf(job) + ")" +
+                    (label == job.text.command ? "" : ": " + job.text.command));
   }
   if (count > kMostFailures) lines.push_back("  and " + std::to_string(count - kMostFailures) + " more");
 }
@@ -74,13 +79,24 @@ void AddSlowest(const BuildRecord& record, std::vector<std::string>& lines) {
   }
 }
 
+// Breaks a line behind commas, so that it loses nothing where it is longer than the terminal is wide.
+void AddWrapped(std::string line, std::size_t columns, std::vector<std::string>& lines) {
+  while (line.size() > columns) {
+    const std::size_t comma = line.rfind(", ", columns - 1);
+    if (comma == std::string::npos) break;
+    lines.push_back(line.substr(0, comma + 1));
+    line = "  " + line.substr(comma + 2);
+  }
+  lines.push_back(line);
+}
+
 }  // namespace
 
 std::vector<std::string> GetSummary(const BuildRecord& record, std::size_t columns) {
   const BuildFigures figures = GetFigures(record);
   std::vector<std::string> lines;
   if (figures.jobs == 0) return lines;
-  lines.push_back(Headline(record, figures));
+  AddWrapped(Headline(record, figures), columns, lines);
   AddFailures(record, figures.failures, lines);
   AddSlowest(record, lines);
   for (std::string& line : lines) line = FitLine(line, columns);

@@ -38,6 +38,21 @@ bool IsOption(const std::string& word) {
   return word[0] == '-' || word[0] == '@';
 }
 
+// The words behind the program's name, without those that belong to the option before them and name no source: a
+// dependency file, a folder, a macro.
+std::vector<std::string> GetArguments(const std::vector<std::string>& words) {
+  static const char* const kOptions[] = {
+      "-MF", "-MT", "-MQ", "-I", "-isystem", "-iquote",   "-idirafter", "-D",      "-include", "-imacros",  "-U",
+      "-L",  "-l",  "-x",  "-T", "-target",  "--sysroot", "-Xlinker",   "-Xclang", "-arch",    "-framework"};
+  std::vector<std::string> arguments;
+  for (std::size_t i = 1; i < words.size(); ++i) {
+    const bool belongs = std::any_of(std::begin(kOptions), std::end(kOptions),
+                                     [&](const char* option) { return words[i - 1] == option; });
+    if (!belongs) arguments.push_back(words[i]);
+  }
+  return arguments;
+}
+
 bool IsSource(const std::string& word) {
   static const char* const kEndings[] = {".c",  ".cc", ".cpp", ".cxx", ".c++", ".m", ".mm", ".s",   ".asm",
                                          ".rs", ".go", ".f",   ".f90", ".cu",  ".d", ".rc", ".java"};
@@ -51,11 +66,11 @@ bool IsSource(const std::string& word) {
 }  // namespace
 
 std::string GetFileOfJob(const JobText& text) {
-  std::vector<std::string> words = SplitWords(text.command);
-  if (!words.empty()) words.erase(words.begin());
-  const auto source = std::find_if(words.begin(), words.end(), IsSource);
-  if (source != words.end()) return LeafOf(*source);
+  const std::vector<std::string> words = GetArguments(SplitWords(text.command));
   const auto output = std::find(words.begin(), words.end(), "-o");
+  for (auto word = words.begin(); word != words.end(); ++word) {
+    if (IsSource(*word) && (output == words.end() || word != output + 1)) return LeafOf(*word);
+  }
   if (output != words.end() && output + 1 != words.end()) return LeafOf(output[1]);
   const auto last = std::find_if_not(words.rbegin(), words.rend(), IsOption);
   return last != words.rend() ? LeafOf(*last) : "";

@@ -83,6 +83,11 @@ TEST(BuildRecordTest, CountsASlotAsBusyOnceAndNestedTimeOnce) {
   EXPECT_EQ(figures.busyUs, 500 + 100 + 200);
   EXPECT_EQ(figures.cpuUs, 300);
   EXPECT_EQ(figures.peakMemoryBytes, 12);
+  // Without the time of the outer job that of the inner one counts.
+  build.jobs[0].cpuUs = JobRecord::kNone;
+  build.jobs[1].cpuUs = 70;
+  EXPECT_EQ(GetFigures(build).cpuUs, 270);
+  EXPECT_EQ(GetFigures(build).withoutCpu, 1u);
 }
 
 // What readers of the format rely on: every event has a phase, a row and a time, spans of a row nest, asynchronous
@@ -140,6 +145,8 @@ TEST(SummaryTest, NamesFailuresAndTheSlowest) {
   EXPECT_EQ(lines[12], "  and 2 more");
   EXPECT_EQ(lines[14], "  20.0 s  gcc f20.c");
   EXPECT_TRUE(GetSummary(Build({}), 60).empty());
+  const std::vector<std::string> narrow = GetSummary(Build(jobs), 30);
+  EXPECT_EQ(narrow[0] + narrow[1].substr(1), lines[0]);
 }
 
 TEST(SummaryTest, FormatsSpansForPeople) {

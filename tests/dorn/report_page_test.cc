@@ -82,20 +82,24 @@ TEST(ReportPage, ReplacesBytesThatAreNoUtf8) {
 TEST(ReportPage, IsWrittenFromAFileToAFile) {
   const test::TempFolder folder;
   std::string error;
-  const Path record(folder.Write("record.json", "{\"x\": \"<\"}"));
+  const Path record(folder.Write("record.json", "{\"kestrun_build_record\": \"<\"}"));
   const Path page(folder.Write("page.html", std::string(1 << 20, 'x')));
   ASSERT_TRUE(SaveReportPageOf(record, page, error)) << error;
-  EXPECT_EQ(RecordIn(folder.Read("page.html")), "{\"x\": \"\\u003c\"}");
+  EXPECT_EQ(RecordIn(folder.Read("page.html")), "{\"kestrun_build_record\": \"\\u003c\"}");
 }
 
-TEST(ReportPage, NamesTheFileThatCanNotBeReadOrWritten) {
+TEST(ReportPage, NamesTheFileThatIsNoRecordOrCanNotBeReadOrWritten) {
   const test::TempFolder folder;
-  const Path record(folder.Write("record.json", "{}"));
+  const std::string text = "{\"kestrun_build_record\": 1}";
+  const Path record(folder.Write("record.json", text));
+  const Path other(folder.Write("other.json", "{\"kestrun_trace\": 1}"));
   const Path nowhere(folder.Write("none", "") + "/x");
   std::string error;
   EXPECT_FALSE(SaveReportPageOf(nowhere, record, error));
-  EXPECT_NE(error.find(nowhere.ToString()), std::string::npos) << error;
-  EXPECT_EQ(folder.Read("record.json"), "{}");
+  EXPECT_NE(error.find("read " + nowhere.ToString()), std::string::npos) << error;
+  EXPECT_FALSE(SaveReportPageOf(other, record, error));
+  EXPECT_NE(error.find(other.ToString() + " is no build record"), std::string::npos) << error;
+  EXPECT_EQ(folder.Read("record.json"), text);
   EXPECT_FALSE(SaveReportPageOf(record, nowhere, error));
   EXPECT_NE(error.find("write " + nowhere.ToString()), std::string::npos) << error;
 }

@@ -68,6 +68,7 @@ TEST(JobLabelTest, NamesAJobByItsNameOrByToolAndFile) {
   EXPECT_EQ(label("mine", "gcc", "gcc -c a.c"), "mine");
   EXPECT_EQ(label("", "gcc", "gcc -c -o out/a.o 'my dir/a.c' -I x"), "gcc a.c");
   EXPECT_EQ(label("", "/usr/bin/g++", "g++ a.o b.o -o bin/prog -lm"), "g++ prog");
+  EXPECT_EQ(label("", "c++", "c++ -MD -MT a.cc.o -MF a.cc.o.d -o a.d -include pre.c -c a.cc"), "c++ a.cc");
   EXPECT_EQ(label("", "ar", "ar rcs libx.a"), "ar libx.a");
   EXPECT_EQ(label("", "C:\\t\\cl.exe", "\"C:\\t\\cl.exe\" /c C:\\s\\A.CPP"), "cl.exe A.CPP");
   EXPECT_EQ(label("", "true", "true"), "true");
