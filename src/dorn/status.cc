@@ -25,8 +25,17 @@ constexpr u32 kWatchMs = 500;
 constexpr std::size_t kLinesWithoutTerminal = 40;
 constexpr std::size_t kColumnsWithoutTerminal = 160;
 
-// The master that dorns share, if it lives. Throws SystemException where this user's masters can't be looked for.
+// False if no dorn of this user has made the region that dorns share. Throws PLV::Exception if that can't be told.
+bool HasSession() {
+  const UniqueHandle region(OpenFileMappingA(FILE_MAP_READ, FALSE, kDornSessionName));
+  const DWORD error = region ? ERROR_SUCCESS : GetLastError();
+  if (!region && error != ERROR_FILE_NOT_FOUND) throw PLV::Exception(error, "cannot look for a build");
+  return region.IsValid();
+}
+
+// The master that dorns share, if it lives.
 std::string FindSharedMaster() {
+  if (!HasSession()) return "";
   try {
     MappedFile region(kDornSessionName, 0, false);
     const rc_ptr<MappedFile::ViewImpl> view = region.CreateView(0, MappedFile::kWholeSize, true);
@@ -36,10 +45,8 @@ std::string FindSharedMaster() {
     if (!IsUsableId(id)) return "";
     const UniqueHandle alive(OpenEventA(SYNCHRONIZE, FALSE, GetDornMasterName(id).c_str()));
     return alive ? id : "";
-  } catch (const SystemException&) {
-    const DWORD error = GetLastError();
-    if (error == ERROR_FILE_NOT_FOUND) return "";
-    throw PLV::Exception(error, "cannot look for a build");
+  } catch (const MappedFileException&) {
+    return "";
   }
 }
 
