@@ -1,4 +1,4 @@
-// What each system does in its own way around the standard streams of a child.
+// How a child gets its standard streams and how its output is collected, which each system does in its own way.
 #ifndef KESTRUN_PLATFORM_CHILD_IO_H_
 #define KESTRUN_PLATFORM_CHILD_IO_H_
 
@@ -41,8 +41,8 @@ class ChildStartup {
 // run-time library.
 extern const DWORD kInheritDescriptors;
 
-// Calls a thread back from a read that it is blocked in; the read fails with ERROR_OPERATION_ABORTED. No effect if
-// the thread is in no read at that moment, nor where a read from a child's pipe ends with the child by itself.
+// Ends the read in which a thread is blocked; the read fails with ERROR_OPERATION_ABORTED. Has no effect if the thread
+// is in no read at that moment, and none on systems where a read from a child's pipe ends with the child by itself.
 void InterruptRead(HANDLE thread);
 
 // Where the bytes of a child's output go.
@@ -59,9 +59,9 @@ struct ChildOutput {
   OutputSink* sink;
 };
 
-// Waits for the end of a child and reads its outputs meanwhile, all on the calling thread: WAIT_OBJECT_0 once it has
-// ended and the sinks have all that it wrote, whoever else still holds the pipes; WAIT_TIMEOUT if that takes longer,
-// and then the next call goes on. One call at a time for one child.
+// Waits for the end of a child and reads its outputs meanwhile, all on the calling thread. WAIT_OBJECT_0 once the child
+// has ended and the sinks have all that it wrote, even if other processes still hold the pipes; WAIT_TIMEOUT if that
+// takes longer, after which the next call continues. Only one call at a time for one child.
 //
 // WAIT_FAILED with ERROR_NOT_SUPPORTED where the system can't wait for a process and for pipes at once, or the handles
 // are of another kind: the caller then has a thread for each pipe.

@@ -14,7 +14,7 @@ namespace kestrun::platform {
 // What stands between the elements of PATH: ';' on Windows, ':' elsewhere.
 extern const char kPathListSeparator;
 
-// True where a command may be named without its ending and in any case, so that lookups fold the case of a name.
+// True on systems that ignore the case of file names, so that lookups fold it.
 extern const bool kFileNamesIgnoreCase;
 
 // The folder above "DORN" in which settings and logs live when RV_COMMON_PATH is not set. No separator at its end.
@@ -34,8 +34,9 @@ struct WriteFailure {
 };
 WriteFailure LastWriteFailure();
 
-// Ends this process as programs of the system end that write where the reader has gone: by SIGPIPE on Linux, quietly
-// with exit code 1 on Windows. Returns only where this process was started with that signal ignored or blocked.
+// Ends this process as other programs of the system end when they write to a pipe without a reader: by SIGPIPE on
+// Linux, quietly with exit code 1 on Windows. Returns only if this process was started with that signal ignored or
+// blocked.
 void EndWithoutReader();
 
 // The last step of looking up a program, for when no candidate exists by its exact name: the executable file in the
@@ -54,9 +55,9 @@ std::FILE* OpenRegularFile(const std::string& name);
 // is no other user. 0 where the access of files and folders is all there is.
 extern const DWORD kRefuseFilesOfOthers;
 
-// For messages, why such a call failed: the name is no regular file, so that opening it could wait without end, or this
-// process may open no more files; or the file, the folder or the symbolic link belongs to another user. Empty if that
-// is not so.
+// The cause of a failed open, for messages. WhyNoFile: the name is no regular file, so that opening it could wait
+// without end, or this process may open no more files. WhyOfOthers: the file, the folder or the symbolic link belongs
+// to another user. Each is empty if that is not the cause.
 std::string WhyNoFile(const std::string& name);
 std::string WhyOfOthers(const std::string& name);
 
@@ -77,13 +78,13 @@ bool SeparateNamedObjects();
 // is made.
 void RemoveAbandonedObjects();
 
-// Asks a child of this process to end, as a user does who ends it from outside (SIGTERM). False where the system has
-// no way to ask one process alone, or if there is no such child.
+// Asks a child of this process to end, by SIGTERM. False where the system has no way to ask one process alone, or if
+// there is no such child.
 bool AskToEnd(DWORD childId);
 
-// Makes the processor time of the children that shared this process's terminal, with all that was below them, count as
-// time of this process's children, as a shell's `time` shows it. Waits for what stands between, at most `limitMs`. For
-// a process whose children have all ended. Nothing where the system keeps no such count.
+// Makes the processor time of the children that shared this process's terminal, and of everything below them, count as
+// the time of this process's children, which a shell's `time` shows. Waits at most `limitMs` for the helper processes
+// in between to end. For a process whose children have all ended. Has no effect where the system keeps no such count.
 void TakeOverChildTimes(DWORD limitMs);
 
 // A handle as the int that the reactor keeps, and back. Handles have 32 significant bits on every system.

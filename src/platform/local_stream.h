@@ -1,6 +1,6 @@
-// Connections between processes of one user on one machine, where the kernel queues those that connect, tells when one
-// ends, and checks the user: local stream sockets. A system without them has kHasLocalStreams false, and its calls here
-// fail.
+// Local stream sockets: connections between processes of one user on one machine. The kernel queues the clients, tells
+// when a connection ends, and names the user of the other end. On a system without them kHasLocalStreams is false, and
+// the calls here fail.
 //
 // A server also learns when the *process* of a client ends, even if that process has meanwhile become another program
 // and closed its end of the connection.
@@ -26,7 +26,7 @@ struct ProcessEnd {
       -1;  // of it, and of the children that it waited for in steps of the system's ticks; -1: not known
 };
 
-// A client's end. One thread.
+// The client's end of a connection. For one thread.
 class LocalStream {
  public:
   // Null if no server of this user listens under this name. Waits only where the server's queue is full.
@@ -38,8 +38,8 @@ class LocalStream {
   virtual bool Send(const void* data, std::size_t size) = 0;
   // Waits for bytes: how many came, 0 if the server has gone.
   virtual std::size_t Receive(void* data, std::size_t size) = 0;
-  // The connection stays open in the program that this process becomes: for a server that could not tell otherwise when
-  // that ends.
+  // Keeps the connection open in the program that this process becomes, for a server that can't tell otherwise when
+  // that program ends.
   virtual void KeepOpen() = 0;
 };
 
@@ -48,25 +48,25 @@ class LocalServer {
  public:
   static constexpr std::size_t kMaxMessage = 4096;
 
-  // A client, from its first message until its process has ended or, before that, it has hung up. Never 0, never
-  // used twice.
+  // The number of a client, valid from its first message until its process has ended or, if it was not answered yet,
+  // until it hangs up. Never 0, never used twice.
   using Client = std::uint64_t;
 
   // Called on the thread of Run.
   class Handler {
    public:
     virtual ~Handler() = default;
-    // The first message of a new client, of at most kMaxMessage bytes; what it sends later is dropped. With
-    // `seesEnd` false the system does not tell of the end of its process, and the end of its connection counts, which
-    // it has to keep open. False hangs up: it is no client.
+    // The first message of a new client, of at most kMaxMessage bytes; what the client sends later is dropped. If
+    // `seesEnd` is false the system does not tell of the end of the client's process; the end of the connection counts
+    // instead, and the client has to keep it open. The result false refuses the client and hangs up.
     virtual bool OnClient(Client client, std::uint32_t processId, bool seesEnd, const char* data, std::size_t size) = 0;
-    // `readEnd` tells how its process has ended. It takes some system calls, so what others wait for comes first; and
-    // the earlier it is asked, the more it can tell.
+    // The client is gone. `readEnd` tells how its process has ended. It makes some system calls, so work that other
+    // clients wait for should come first; but the earlier it is called, the more it can tell.
     virtual void OnGone(Client client, const std::function<ProcessEnd()>& readEnd) = 0;
   };
 
-  // Null if the name can't be listened on; the reason is in `error`. One server a name: a name that a dead server left
-  // behind is taken over, and so is that of a live one.
+  // Null if the name can't be listened on; the reason is in `error`. A name that has a server already is taken over,
+  // whether that server lives or not, so the caller has to see that there is only one.
   static std::unique_ptr<LocalServer> Listen(const std::string& name, std::string& error);
 
   virtual ~LocalServer() = default;

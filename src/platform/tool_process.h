@@ -1,4 +1,5 @@
-// How a client becomes, or runs, the tool that it stands in for: as its caller's shell would have run it.
+// How a client becomes or runs the tool that it stands in for, in the way in which its caller's shell would have run
+// the tool.
 #ifndef KESTRUN_PLATFORM_TOOL_PROCESS_H_
 #define KESTRUN_PLATFORM_TOOL_PROCESS_H_
 
@@ -32,16 +33,16 @@ struct ProgramCommand {
   std::string commandLine;
 };
 
-// Looks the program up as the caller's shell would. `argumentText` is what stands behind its name, as it stands. False
-// with the reason if there is no such program.
+// Looks the program up as the caller's shell would. `argumentText` is the text behind the program's name, unchanged.
+// False with the reason if there is no such program.
 bool FindProgram(const std::string& name, const std::string& argumentText, ProgramCommand& command,
                  RunFailure& failure);
 
 // The parent of a process; 0 if it has none, or the system does not tell.
 std::uint32_t ParentProcess(std::uint32_t processId);
 
-// The processor time, in microseconds, that a process and everything below it have used so far; 0 if there is none.
-// Takes milliseconds.
+// The processor time, in microseconds, that a process and everything below it have used so far; 0 if there is no such
+// process. The call takes milliseconds.
 std::uint64_t ProcessorTimeOfTree(std::uint32_t processId);
 
 // What a process and those below it that live now have used so far; zeros if there is no such process, and where the

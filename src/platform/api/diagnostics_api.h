@@ -1,7 +1,7 @@
 // What a crash handler needs: the filter for unhandled exceptions, the threads of this process, and dumps.
 //
 // The filter is called for the fatal signals (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP) and, by way of the
-// abort, for a C++ exception that nobody caught. It runs on the thread that failed, on a stack of its own, so that an
+// abort, for a C++ exception that is not caught. It runs on the thread that failed, on a stack of its own, so that an
 // overflow of the thread's stack is caught too.
 #ifndef KESTRUN_PLATFORM_API_DIAGNOSTICS_API_H_
 #define KESTRUN_PLATFORM_API_DIAGNOSTICS_API_H_

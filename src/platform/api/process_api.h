@@ -1,7 +1,8 @@
 // Processes, job objects, pipes, the console, the environment and version information, under their Win32 names.
 //
-// A child inherits its three standard streams and no other descriptor, whatever bInheritHandles says. Its signals and
-// its signal mask are at their defaults. The exit code of a process that died by signal n is 128 + n.
+// A child inherits its three standard streams and no other descriptor, whatever bInheritHandles says, unless
+// kInheritDescriptors (child_io.h) asks for more. Its signals and its signal mask are at their defaults. The exit code
+// of a process that died by signal n is 128 + n.
 //
 // A job object with JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE ends everything below the tools that were put in it: when its
 // last handle is closed, and when the process that made it dies in any way. A process can be put in a job only while it
@@ -25,8 +26,8 @@
 
 #define HANDLE_FLAG_INHERIT 1u
 
-// The size is a wish that has no effect. A read end that was fed by a child gives ERROR_BROKEN_PIPE once the child
-// has ended and all that it wrote is read, whoever else still holds the write end.
+// The size has no effect. A read end whose write end was given to a child gives ERROR_BROKEN_PIPE once the child has
+// ended and all that it wrote is read, even if other processes still hold the write end.
 BOOL CreatePipe(HANDLE* readPipe, HANDLE* writePipe, LPSECURITY_ATTRIBUTES attributes, DWORD size);
 // Only the number of bytes that can be read at once; a buffer, if given, stays as it is and counts as 0 bytes read.
 BOOL PeekNamedPipe(HANDLE pipe, LPVOID buffer, DWORD bufferSize, LPDWORD bytesRead, LPDWORD totalAvailable,

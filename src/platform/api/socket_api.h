@@ -6,8 +6,9 @@
 // functions are the system's own.
 //
 // A SOCKET is an entry of the handle table, not a descriptor. A socket may be closed while another thread is in a call
-// on it: a select then ends with WSAENOTSOCK, every other call with WSAEINTR, and the number is not used again until
-// that thread is out. A send never raises a signal. Failures are in WSAGetLastError, which is the thread's last error.
+// on it: a select then ends with WSAENOTSOCK, every other call with WSAEINTR, and the descriptor stays open until that
+// thread has left the call. A send never raises a signal. Failures are in WSAGetLastError, which is the thread's last
+// error.
 //
 // Two sockets can't listen on one port, whether SO_REUSEADDR is set or not; a port whose last connection lingers is
 // free.

@@ -131,17 +131,20 @@ BOOL TlsFree(DWORD index);
 LPVOID TlsGetValue(DWORD index);
 BOOL TlsSetValue(DWORD index, LPVOID value);
 
-// Full barriers, all four.
+// Sequentially consistent, all four: on Windows these functions are full barriers, and their callers may rely on it.
 inline LONG InterlockedIncrement(LONG volatile* target) {
   return __atomic_add_fetch(target, 1, __ATOMIC_SEQ_CST);
 }
 inline LONG InterlockedDecrement(LONG volatile* target) {
+  // Sequentially consistent, as above.
   return __atomic_sub_fetch(target, 1, __ATOMIC_SEQ_CST);
 }
 inline LONG InterlockedExchange(LONG volatile* target, LONG value) {
+  // Sequentially consistent, as above.
   return __atomic_exchange_n(target, value, __ATOMIC_SEQ_CST);
 }
 inline LONG InterlockedCompareExchange(LONG volatile* target, LONG value, LONG comparand) {
+  // Sequentially consistent, as above.
   __atomic_compare_exchange_n(target, &comparand, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
   return comparand;
 }

@@ -34,6 +34,7 @@ struct ChildStartup::State {
   }
 
   void MakeAttributeList() {
+    // The first call only tells the size, and fails.
     SIZE_T size = 0;
     InitializeProcThreadAttributeList(nullptr, kMostAttributes, 0, &size);
     attributes.resize(size);
@@ -83,7 +84,7 @@ void InterruptRead(HANDLE thread) {
   CancelSynchronousIo(thread);
 }
 
-// An anonymous pipe can't be waited for.
+// Windows can't wait for an anonymous pipe, so the caller has a thread for each.
 DWORD CollectOutput(HANDLE /*process*/, const ChildOutput* /*outputs*/, DWORD /*count*/, DWORD /*timeoutMs*/) {
   SetLastError(ERROR_NOT_SUPPORTED);
   return WAIT_FAILED;

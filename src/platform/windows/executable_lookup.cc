@@ -2,6 +2,7 @@
 
 namespace kestrun::platform {
 
+// The system's own lookups ignore case.
 bool FindExecutableIgnoringCase(const std::string&, std::string&) {
   return false;
 }

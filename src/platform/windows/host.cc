@@ -32,7 +32,8 @@ void SetStandardStreamsBinary() {
   _setmode(_fileno(stderr), _O_BINARY);
 }
 
-// The run-time library has no way to try a stream's lock, so a thread that may hang does it, for a second.
+// The run-time library has no way to try a stream's lock. So a thread flushes the streams, and is waited for one second
+// at most: it hangs if a stopped thread has locked a stream.
 void FlushStandardStreams() {
   constexpr DWORD kLimitMs = 1000;
   const HANDLE thread = CreateThread(
@@ -48,7 +49,8 @@ void FlushStandardStreams() {
   CloseHandle(thread);
 }
 
-// The run-time library knows one of the system's errors for it and makes EINVAL of the others.
+// The run-time library maps only one of the system's errors for a closed pipe to EPIPE and the others to EINVAL, so the
+// system's own number is asked.
 WriteFailure LastWriteFailure() {
   const int error = errno;
   const unsigned long systemError = _doserrno;
@@ -69,7 +71,7 @@ std::FILE* OpenRegularFile(const std::string& name) {
   return OpenStdio(name, "r");
 }
 
-// Links can be made by the administrator alone, and files are as open as their folders.
+// 0: only the administrator can make symbolic links, and the access of a file follows from its folder.
 const DWORD kRefuseFilesOfOthers = 0;
 
 std::string WhyNoFile(const std::string&) {
@@ -93,9 +95,10 @@ unsigned UsableProcessors() {
   return static_cast<unsigned>(std::popcount(own));
 }
 
+// The system keeps no such count.
 void TakeOverChildTimes(DWORD) {}
 
-// A console tells all the processes in it.
+// False: a control event goes to all processes of a console, and can't be sent to one.
 bool AskToEnd(DWORD) {
   return false;
 }

@@ -1,5 +1,5 @@
-// Windows has had local stream sockets since version 10, but Wine has none (socket() fails with 10047), and they pass
-// no handles. Clients share a table in memory instead.
+// Windows has had local stream sockets since version 10, but Wine has none (socket() fails with 10047). So the layer
+// offers none here, and clients ask for slots through a table in shared memory instead.
 #include "platform/local_stream.h"
 
 namespace kestrun::platform {

@@ -47,6 +47,7 @@ bool IsTerminal(std::FILE* stream) {
 TerminalSize GetTerminalSize(std::FILE* stream) {
   if (!IsTerminal(stream)) return {};
   CONSOLE_SCREEN_BUFFER_INFO info = {};
+  // The window is what the user sees; the buffer is longer.
   if (!GetConsoleScreenBufferInfo(HandleOf(stream), &info)) return {24, 80};
   const SMALL_RECT& window = info.srWindow;
   return {static_cast<std::size_t>(window.Bottom - window.Top + 1),

@@ -1,4 +1,4 @@
-// Running a tool as the caller's shell would.
+// Finding and running a tool as the caller's shell would, and what the system tells about trees of processes.
 #include "platform/tool_process.h"
 
 #include <algorithm>
@@ -33,7 +33,8 @@ std::string EndingOf(const std::string& name) {
   return dot != std::string::npos && name[dot] == '.' ? name.substr(dot) : "";
 }
 
-// A name with an ending means that file first; any name means the file with one of the endings of programs.
+// A name with an ending means the file of that very name first; then, as any name, the file with one of the endings in
+// PATHEXT.
 bool FindWithEnding(const std::string& base, std::string& file) {
   std::vector<std::string> endings = SplitList("PATHEXT", ".COM;.EXE;.BAT;.CMD");
   if (!EndingOf(base).empty()) endings.insert(endings.begin(), "");
@@ -48,6 +49,7 @@ bool FindFile(const std::string& name, std::string& file) {
   if (name.empty()) return false;
   if (name.find_first_of("/\\:") != std::string::npos) return FindWithEnding(name, file);
   std::vector<std::string> folders = SplitList("PATH", "");
+  // The shell looks in the current folder before PATH.
   folders.insert(folders.begin(), ".");
   return std::any_of(folders.begin(), folders.end(),
                      [&](const std::string& folder) { return FindWithEnding(folder + "\\" + name, file); });
@@ -79,7 +81,8 @@ bool FindProgram(const std::string& name, const std::string& argumentText, Progr
   command.application = file;
   command.commandLine = "\"" + file + "\" " + argumentText;
   if (!IsBatchFile(file)) return true;
-  // The shell strips the outer pair of quotes and takes the rest as it stands.
+  // A batch file is run by the shell. /s makes it strip the outer pair of quotes and take the rest as it is; /d leaves
+  // out the user's start-up commands.
   const char* const shell = std::getenv("COMSPEC");
   command.application = shell != nullptr ? shell : "cmd.exe";
   command.commandLine = "\"" + command.application + "\" /d /s /c \"" + command.commandLine + "\"";
@@ -88,7 +91,7 @@ bool FindProgram(const std::string& name, const std::string& argumentText, Progr
 
 namespace {
 
-// Each process with its parent.
+// Every process with its parent.
 std::map<DWORD, DWORD> ListParents() {
   std::map<DWORD, DWORD> parents;
   const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
@@ -115,7 +118,7 @@ std::uint64_t ProcessorTime(DWORD processId) {
   return isKnown ? ToMicroseconds(kernel) + ToMicroseconds(user) : 0;
 }
 
-// Ids are used again, so that parents may form a circle.
+// Process ids are used again, so the chain of parents may be a circle.
 bool IsBelow(const std::map<DWORD, DWORD>& parents, DWORD processId, DWORD root) {
   constexpr int kMostLevels = 64;
   for (int level = 0; level < kMostLevels; ++level) {

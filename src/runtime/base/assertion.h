@@ -1,6 +1,6 @@
 // The report of a broken assumption.
 //
-// Offered to users of the library; the program itself reports none.
+// For users of the library; the program itself calls it nowhere.
 #ifndef KESTRUN_RUNTIME_BASE_ASSERTION_H_
 #define KESTRUN_RUNTIME_BASE_ASSERTION_H_
 

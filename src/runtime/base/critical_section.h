@@ -1,4 +1,7 @@
-// A lock between the threads of one process. The thread that holds it may take it again.
+// A recursive lock between the threads of one process, and guards that hold it for a scope.
+//
+// Owned by the object whose members it guards. An uncontended lock makes no system call; there is no limit to the wait,
+// so it is only held for short work that does not wait itself.
 #ifndef KESTRUN_RUNTIME_BASE_CRITICAL_SECTION_H_
 #define KESTRUN_RUNTIME_BASE_CRITICAL_SECTION_H_
 

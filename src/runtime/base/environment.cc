@@ -17,6 +17,7 @@ Environment GetEnvironment() {
 }
 
 bool GetEnvironmentValue(const std::string& name, std::string& value) {
+  // Most values fit; for others the system tells the size.
   std::string buffer(256, '\0');
   for (;;) {
     const DWORD length = GetEnvironmentVariableA(name.c_str(), buffer.data(), static_cast<DWORD>(buffer.size()));
@@ -25,7 +26,7 @@ bool GetEnvironmentValue(const std::string& name, std::string& value) {
       value.assign(buffer, 0, length);
       return true;
     }
-    // The size that it needs, unless another thread makes it longer meanwhile.
+    // The size that the value needs; the loop goes on if another thread sets a longer value meanwhile.
     buffer.resize(length + 1);
   }
 }
@@ -45,6 +46,7 @@ std::unique_ptr<char[]> BuildEnvironmentBlock(const Environment& environment) {
 
 void ParseEnvironmentBlock(const char* block, Environment& environment) {
   for (const char* entry = block; *entry != '\0'; entry += std::strlen(entry) + 1) {
+    // Windows keeps entries of its own such as "=C:=C:\folder", whose key is empty here.
     const char* equals = std::strchr(entry, '=');
     if (equals == nullptr) continue;
     environment[std::string(entry, equals)] = equals + 1;

@@ -5,6 +5,7 @@
 namespace kestrun {
 
 std::string GetErrorText(u32 errorCode) {
+  // The system allocates the text. Its inserts (%1) stay as they are, since their values are not known here.
   char* buffer = nullptr;
   const DWORD length = FormatMessageA(
       FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, errorCode,

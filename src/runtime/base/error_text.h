@@ -1,4 +1,6 @@
-// The system's own words for its error numbers. Offered to users of the library; the program itself tells numbers.
+// The system's texts for its error numbers.
+//
+// For users of the library; the program itself reports numbers. Any thread may call it.
 #ifndef KESTRUN_RUNTIME_BASE_ERROR_TEXT_H_
 #define KESTRUN_RUNTIME_BASE_ERROR_TEXT_H_
 
@@ -8,7 +10,7 @@
 
 namespace kestrun {
 
-// As the system gives it, with its line end; empty for a number that the system does not know.
+// The text as the system gives it, with its line end; empty for a number that the system does not know.
 std::string GetErrorText(u32 errorCode);
 
 }  // namespace kestrun

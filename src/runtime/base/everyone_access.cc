@@ -11,6 +11,8 @@ EveryoneAccess::~EveryoneAccess() {
 }
 
 bool EveryoneAccess::Build() {
+  // The steps of Windows: the id of the group of all users, an access list with one entry for it, and a descriptor with
+  // that list. A failed step leaves what was made to the destructor.
   SID_IDENTIFIER_AUTHORITY world = {{0, 0, 0, 0, 0, 1}};
   if (!AllocateAndInitializeSid(&world, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, &everyone_)) return false;
 

@@ -6,7 +6,8 @@ namespace kestrun {
 
 namespace {
 
-// Copies as much as fits and a terminating null.
+// Copies as much of the text as fits, and a terminating null. Exceptions hold no std::string, whose copy may throw
+// while an exception is under way.
 template <size_t Size>
 void CopyCut(const std::string& text, char (&target)[Size]) {
   size_t length = std::min(text.size(), Size - 1);

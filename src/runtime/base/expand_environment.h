@@ -1,6 +1,6 @@
 // Environment variables in a text.
 //
-// Offered to users of the library; the program itself expands none.
+// For users of the library; the program itself calls it nowhere.
 #ifndef KESTRUN_RUNTIME_BASE_EXPAND_ENVIRONMENT_H_
 #define KESTRUN_RUNTIME_BASE_EXPAND_ENVIRONMENT_H_
 

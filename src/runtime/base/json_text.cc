@@ -10,8 +10,8 @@ bool IsContinuation(unsigned char byte) {
   return (byte & 0xC0) == 0x80;
 }
 
-// Bytes of the UTF-8 character at the beginning; 0 if there is none. Overlong forms, surrogates and what is beyond
-// U+10FFFF are none.
+// The number of bytes of the UTF-8 character at the beginning; 0 if there is none. Overlong forms, surrogates and
+// values above U+10FFFF count as none, because strict readers refuse a text that contains them.
 std::size_t CharacterLength(std::string_view bytes) {
   const auto at = [&](std::size_t i) { return i < bytes.size() ? static_cast<unsigned char>(bytes[i]) : 0; };
   const int first = at(0);
@@ -35,6 +35,7 @@ void AppendAscii(char c, std::string& out) {
     out += "\\n";
   } else if (c == '\t') {
     out += "\\t";
+    // 0x7F need not be escaped in JSON, but a terminal that shows the file might act on it.
   } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
     char escaped[8];
     std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
@@ -53,6 +54,7 @@ std::string QuoteJson(std::string_view bytes) {
     if (length == 1) {
       AppendAscii(bytes[0], out);
     } else if (length == 0) {
+      // U+FFFD, in UTF-8.
       out += "\xEF\xBF\xBD";
     } else {
       out += bytes.substr(0, length);

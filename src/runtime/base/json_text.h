@@ -1,4 +1,4 @@
-// JSON as text, for what this program writes: values one behind the other, with commas where they belong.
+// Writes JSON as text: the values one after the other, with commas between them.
 #ifndef KESTRUN_RUNTIME_BASE_JSON_TEXT_H_
 #define KESTRUN_RUNTIME_BASE_JSON_TEXT_H_
 
@@ -12,8 +12,8 @@ namespace kestrun {
 // to no character becomes U+FFFD. Quotes, backslashes and control characters are escaped.
 std::string QuoteJson(std::string_view bytes);
 
-// Builds one value. Members of an object come as Key and a value; the caller sees to the order. Plain value, one thread
-// at a time.
+// Builds one JSON value. Each member of an object is a Key followed by a value; the caller is responsible for that
+// order. For one thread at a time; nothing fails.
 class JsonWriter {
  public:
   JsonWriter& BeginObject() { return Open('{'); }
@@ -27,7 +27,7 @@ class JsonWriter {
   JsonWriter& Null() { return Raw("null"); }
   // Null for a negative one: how this program says that a number is not known.
   JsonWriter& Known(std::int64_t value) { return value < 0 ? Null() : Int(value); }
-  // A line end between two elements, for people who look at the file.
+  // A line end between two elements, for readers of the file.
   JsonWriter& NewLine();
 
   const std::string& GetText() const { return text_; }

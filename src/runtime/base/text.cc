@@ -26,6 +26,7 @@ void ForEachPiece(const std::string& text, char separator, Add add) {
 
 }  // namespace
 
+// Longer texts are no file names, and are returned as they came.
 std::string ToLower(const std::string& text) {
   if (text.size() > kMaxFileName) return text;
   std::string result(text);
@@ -47,7 +48,7 @@ std::vector<std::string> SplitLines(const std::string& text, bool joinContinued)
     size_t end = std::min(text.find_first_of(kLineEnds, begin), text.size());
     if (!continued) lines.emplace_back();
     lines.back().append(text, begin, end - begin);
-    // A backslash with no line end behind it continues nothing.
+    // A backslash at the end of the text has no line after it to join.
     continued = joinContinued && end < text.size() && lines.back().back() == '\\';
     if (continued) lines.back().back() = ' ';
     begin = text.find_first_not_of(kLineEnds, end);
@@ -81,6 +82,7 @@ std::string Substitute(const std::string& text, const std::map<std::string, std:
   bool found = true;
   size_t done = 0;
   for (;;) {
+    // A single "%" without a partner stays, with all that follows it.
     size_t open = text.find('%', done);
     size_t close = open == std::string::npos ? open : text.find('%', open + 1);
     if (close == std::string::npos) break;

@@ -1,4 +1,6 @@
-// Integers by width. Times are milliseconds in u32 unless a name says otherwise; kNoLimit means without limit.
+// Integers by width, for all code above the platform layer.
+//
+// Times are milliseconds in u32 unless a name says otherwise; kNoLimit, which is the system's INFINITE, means no limit.
 #ifndef KESTRUN_RUNTIME_BASE_TYPES_H_
 #define KESTRUN_RUNTIME_BASE_TYPES_H_
 

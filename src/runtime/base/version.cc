@@ -13,6 +13,7 @@ std::string VersionNumber::ToString() const {
 
 bool GetFileVersion(const std::string& path, VersionNumber& version) {
   DWORD ignored = 0;
+  // The system's contract: the size, the data, and then a query for the root block, which holds the numbers.
   const DWORD size = GetFileVersionInfoSizeA(path.c_str(), &ignored);
   if (size == 0) return false;
   std::vector<u8> block(size);

@@ -1,4 +1,6 @@
-// The four-part version number that a program file carries.
+// The four-part version number that a program file carries: in a resource on Windows, in an ELF note on Linux.
+//
+// Plain values; any thread may call GetFileVersion, which reads the file each time.
 #ifndef KESTRUN_RUNTIME_BASE_VERSION_H_
 #define KESTRUN_RUNTIME_BASE_VERSION_H_
 

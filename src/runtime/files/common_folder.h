@@ -1,4 +1,6 @@
-// The folder of the settings file, and of the logs in "Log" below it.
+// The folder of the settings file, of the crash dumps, and of the logs in "Log" below it.
+//
+// Any thread may call it. The environment is read by each call, and nothing fails.
 #ifndef KESTRUN_RUNTIME_FILES_COMMON_FOLDER_H_
 #define KESTRUN_RUNTIME_FILES_COMMON_FOLDER_H_
 

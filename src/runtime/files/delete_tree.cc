@@ -16,6 +16,7 @@ bool DeleteTree(const Path& directory) {
         attributes != INVALID_FILE_ATTRIBUTES && (attributes & static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY)) != 0;
     if (!isDirectory) {
       everything = DeleteFileA(entry.c_str()) && everything;
+      // A link is removed itself; descending would delete what it leads to.
     } else if ((attributes & static_cast<DWORD>(FILE_ATTRIBUTE_REPARSE_POINT)) != 0) {
       everything = RemoveDirectoryA(entry.c_str()) && everything;
     } else {

@@ -1,6 +1,6 @@
 // Deletes a folder with everything in it.
 //
-// Offered to users of the library; the program itself deletes no folders.
+// For users of the library; the program itself deletes no folders.
 #ifndef KESTRUN_RUNTIME_FILES_DELETE_TREE_H_
 #define KESTRUN_RUNTIME_FILES_DELETE_TREE_H_
 

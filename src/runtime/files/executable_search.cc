@@ -11,7 +11,7 @@ namespace kestrun {
 
 namespace {
 
-// What `name` may stand for, in the order of the search.
+// The files that `name` may mean, in the order in which they are tried.
 std::vector<Path> ListCandidates(const Path& name) {
   std::vector<Path> candidates;
   if (name.IsAbsolute()) candidates.push_back(name);
@@ -47,7 +47,8 @@ bool FindExecutable(const std::string& name, std::string& fullPath) {
   if (!EndsInExe(wanted)) wanted += ".exe";
   std::string found;
   if (!FindFile(wanted, found)) {
-    // Dear where it does anything at all, so it comes when every exact name has failed.
+    // Expensive where it does anything at all (it reads directories), so it runs only after all exact names have
+    // failed.
     bool isFound = false;
     for (const Path& candidate : ListCandidates(wanted)) {
       isFound = platform::FindExecutableIgnoringCase(candidate.ToString(), found);
@@ -65,7 +66,8 @@ bool FindExecutable(const std::string& name, std::string& fullPath) {
 Path GetProgramPath() {
   char buffer[MAX_PATH] = {};
   const DWORD length = GetModuleFileNameA(nullptr, buffer, MAX_PATH);
-  // A name that does not fit is cut by some systems and left without its NUL by others.
+  // A name that does not fit is cut off by some systems, and left without its NUL by others; it is of no use in either
+  // case.
   return length == 0 || length >= MAX_PATH ? Path() : Path(buffer);
 }
 

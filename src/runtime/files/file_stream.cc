@@ -21,6 +21,7 @@ bool FileStream::Seek(u32 position) {
 u32 FileStream::Read(void* buffer, u32 count) {
   DWORD read = 0;
   if (!ReadFile(handle_.Get(), buffer, count, &read, nullptr)) throw SystemFailure("error in FileStream::Read()");
+  // The end of a file; a pipe's end is an error of ReadFile.
   if (read == 0) throw StreamException(0, "end of stream");
   return read;
 }

@@ -16,7 +16,7 @@ std::string FullKey(const std::string& section, const std::string& key) {
   return section == kDefaultSection ? key : section + "/" + key;
 }
 
-// A number out of range counts as the nearest that fits in 32 bits with a sign.
+// A number out of range becomes the nearest one that fits into 32 bits with a sign. Text that is no number is 0.
 u32 ParseInt(const char* text) {
   const long long value = std::strtoll(text, nullptr, 10);
   return static_cast<u32>(std::clamp<long long>(value, INT32_MIN, INT32_MAX));
@@ -48,7 +48,7 @@ std::string ToText(const IniValue& value) {
     case IniValue::kBool:
       return value.boolValue ? "bool:true" : "bool:false";
     case IniValue::kInt:
-      // With a sign, as it is read.
+      // Written with a sign, as ParseInt reads it.
       return "int:" + std::to_string(static_cast<i32>(value.intValue));
     default:
       return "string:" + value.stringValue;
@@ -75,7 +75,7 @@ bool IniFile::Load(const Path& path) {
 }
 
 void IniFile::LoadSection(const IniLines& lines, const std::string& section) {
-  // All keys first: a malformed line keeps the whole section out.
+  // All keys are read first, so that a malformed line, which throws here, keeps the whole section out.
   for (const std::string& key : lines.GetKeys(section)) {
     std::string text;
     if (lines.GetValue(section, key, text)) StoreText(FullKey(section, key), text);
@@ -83,6 +83,7 @@ void IniFile::LoadSection(const IniLines& lines, const std::string& section) {
 }
 
 void IniFile::StoreText(const std::string& key, const std::string& text) {
+  // An unknown word before the colon drops the setting: a newer version's types are not taken for text.
   const std::size_t colon = text.find(':');
   if (colon == std::string::npos) {
     SetString(key, text);
@@ -99,6 +100,7 @@ void IniFile::StoreText(const std::string& key, const std::string& text) {
   }
 }
 
+// A fresh text and not the old file's lines: comments do not survive, and keys are in order.
 bool IniFile::Save() {
   const Lock lock(lock_);
   IniLines lines(path_.ToString());
@@ -164,6 +166,7 @@ u32 IniFile::GetInt(const std::string& key, u32 defaultValue) {
 
 bool IniFile::Set(const std::string& key, const IniValue& value) {
   const Lock lock(lock_);
+  // A setting keeps its type: code that reads it as another one would silently get its default.
   const auto [entry, isNew] = settings_.try_emplace(key, value);
   if (!isNew && entry->second.type != value.type) return false;
   entry->second = value;

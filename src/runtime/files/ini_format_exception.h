@@ -1,4 +1,7 @@
-// A line of a section of a settings file that is no setting. Stands outside the SystemException family.
+// Thrown for a line in a section of a settings file that is no setting.
+//
+// IniFile catches it, so it is no failure of the system and not of the SystemException family. The text is a copy in
+// the object, so that copying it can't fail.
 #ifndef KESTRUN_RUNTIME_FILES_INI_FORMAT_EXCEPTION_H_
 #define KESTRUN_RUNTIME_FILES_INI_FORMAT_EXCEPTION_H_
 

@@ -21,7 +21,7 @@ bool StartsSection(const std::string& line) {
   return !line.empty() && line.front() == '[';
 }
 
-// The file may come from either system, and text mode does not translate on all of them.
+// The line without its line end, which may be that of either system: text mode translates on Windows alone.
 std::string WithoutLineEnd(std::string line) {
   if (!line.empty() && line.back() == '\n') line.pop_back();
   if (!line.empty() && line.back() == '\r') line.pop_back();
@@ -91,9 +91,12 @@ void IniLines::SetValue(const std::string& section, const std::string& key, cons
 
 bool IniLines::Write() {
   if (!changed_) return true;
+  // Cleared before the attempt, so that the destructor does not repeat one that has failed.
   changed_ = false;
+  // A folder of another user is refused, since that user could have prepared the file's name.
   if (!platform::WhyOfOthers(Path(fileName_).GetDirectory().ToString()).empty()) return false;
-  // Every user may read and replace the file.
+  // A descriptor without an access list: every user may read and replace the file, which all users of the machine
+  // share.
   SECURITY_DESCRIPTOR descriptor{};
   InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
   SetSecurityDescriptorDacl(&descriptor, TRUE, nullptr, FALSE);
@@ -120,7 +123,7 @@ std::size_t IniLines::FindHeader(const std::string& section) const {
   return kNotFound;
 }
 
-// Goes on behind an empty line, up to the next section.
+// Searches up to the next section, across empty lines, while GetKeys ends at the first one.
 std::size_t IniLines::FindKey(std::size_t header, const std::string& key) const {
   const std::string start = key + "=";
   for (std::size_t i = header + 1; i < lines_.size() && !StartsSection(lines_[i]); ++i) {

@@ -1,3 +1,6 @@
+// Order of locks: the named mutex, then lock_. The mutex makes a record of one process one piece of the file; lock_
+// guards the members against the threads of this process. Members that Write reads before it takes a lock are atomic,
+// so a closed log costs two loads.
 #include "runtime/files/log.h"
 
 #include <algorithm>
@@ -22,6 +25,7 @@ std::time_t SystemDayClock() {
   return std::time(nullptr);
 }
 
+// Set by Init and Shutdown, and read by every thread that logs; see Get for the order.
 std::atomic<Log*> instance{nullptr};
 std::atomic<std::time_t (*)()> dayClock{SystemDayClock};
 
@@ -36,14 +40,15 @@ std::string ComponentWord(int component) {
   return "COMPONENT=" + std::to_string(component);
 }
 
-// The caller holds the log's lock: localtime answers in memory that all threads share.
+// Called with the log's lock held, because localtime answers in memory that all threads share.
 std::tm Today() {
   const std::time_t now = dayClock.load()();
   const std::tm* local = std::localtime(&now);
   return local != nullptr ? *local : std::tm{};
 }
 
-// Where names keep their case, the lower-case name of a folder may not exist, and its own name is meant.
+// The path in lower case. On systems whose file names keep their case, the folder may exist only as it was given; then
+// its own name is kept.
 Path SingleFilePath(const std::string& path) {
   Path lower(ToLower(path));
   const Path givenFolder = Path(path).GetDirectory();
@@ -54,7 +59,7 @@ Path SingleFilePath(const std::string& path) {
 }  // namespace
 
 Log* Log::Get() {
-  // Acquire, so that the caller sees the members as Init made them.
+  // Acquire pairs with the store in Init: the caller sees the members constructed.
   return instance.load(std::memory_order_acquire);
 }
 
@@ -130,7 +135,7 @@ void Log::ScanDirectory() {
   std::sort(knownFiles_.begin(), knownFiles_.end());
 }
 
-// Gives the name of the file that it opened or failed to open.
+// Opens the file of today or the single one. Gives the name of the file that it opened or failed to open.
 std::string Log::OpenFile() {
   const std::tm day = Today();
   std::string name = singleFile_.ToString();
@@ -163,6 +168,7 @@ void Log::Write(int level, int component, const std::string& message, const Fiel
   record += " time:" + FormatTime(now) + kLineEnd;
   for (const auto& [key, value] : fields) record.append(" ").append(key).append(":").append(value).append(kLineEnd);
   Mutex* const mutex = GetMutex();
+  // A process that was stopped while it held the mutex must not stop the others: after a second the record is lost.
   if (mutex == nullptr || !mutex->Lock(kMutexLimitMs)) return;
   Append(record);
   mutex->Unlock();
@@ -173,7 +179,7 @@ Mutex* Log::GetMutex() {
   try {
     if (!mutex_) mutex_ = std::make_unique<Mutex>(mutexName_.c_str(), EveryoneAccess().GetAttributes());
   } catch (const SyncException&) {
-    // The system has said why on the standard error stream; the next record tries again.
+    // The mutex can't be made now; the next record tries again.
   }
   return mutex_.get();
 }
@@ -184,6 +190,7 @@ void Log::Append(const std::string& record) {
   if (!file_) return;
   SetFilePointer(file_.Get(), 0, nullptr, FILE_END);
   DWORD written = 0;
+  // Other processes have appended meanwhile, so the position was moved to the end first; the mutex keeps it there.
   const bool isWritten = WriteFile(file_.Get(), record.data(), static_cast<DWORD>(record.size()), &written, nullptr);
   if (isWritten && written == record.size() && !knownFiles_.empty()) knownFiles_.back().size += written;
 }
@@ -194,8 +201,11 @@ void Log::Rotate() {
     OpenToday();
     hasFile_ = file_.IsValid();
   }
+  // The sizes are those of the last scan plus what this process has written; other processes' records are counted at
+  // the next start.
   u64 total = 0;
   for (const LogFileInfo& file : knownFiles_) total += file.size;
+  // One file for each record, so that no record waits for the deletion of many.
   if (cleanUp_ && total > kSizeLimit && knownFiles_.size() > 1) {
     DeleteFileA(knownFiles_.front().name.c_str());
     knownFiles_.erase(knownFiles_.begin());

@@ -1,13 +1,14 @@
-// The diagnostic log: one object a process, appending text records to a file that all Kestrun processes share.
+// The diagnostic log: one object in each process, which appends text records to a file that all Kestrun processes
+// share.
 //
-// A record is a line "Level: [COMPONENT] message", a line " time:..." and a line " key:value" for each field, all
-// ended by CR LF and written by one call under a named mutex, so that records of different processes never mix.
-// Daily mode writes <common path>/Log/<prefix>YYYY-MM-DD.log and goes to a new file with the first record after
-// local midnight; single-file mode writes the one file that it is given.
+// A record is a line "Level: [COMPONENT] message", a line " time:..." and a line " key:value" for each field, all ended
+// by CR LF and written by one call under a named mutex, so that records of different processes never mix. Daily mode
+// writes <common path>/Log/<prefix>YYYY-MM-DD.log and goes to a new file with the first record after local midnight;
+// single-file mode writes the one file that it is given.
 //
-// The log is silent until SetEnabled(true). It never reports its own failures: a record that cannot be written, or
-// for which the mutex is not free within a second, is lost. Any thread may call Write. Init and Shutdown belong to
-// main; no thread may be inside a call of the log when Shutdown runs.
+// The log is silent until SetEnabled(true). It never reports its own failures: a record that cannot be written, or for
+// which the mutex is not free within a second, is lost. Any thread may call Write. Init and Shutdown belong to main; no
+// thread may be inside a call of the log when Shutdown runs.
 #ifndef KESTRUN_RUNTIME_FILES_LOG_H_
 #define KESTRUN_RUNTIME_FILES_LOG_H_
 
@@ -40,8 +41,8 @@ class Log {
   // record and never the only one. Does nothing if an instance exists.
   static void Init(const std::string& prefix, bool cleanUp);
 
-  // Single-file mode; the path is turned to lower case if it is shorter than 261 characters. Where only the folder as
-  // it is given exists, and none of the lower-case name, that folder is kept. Otherwise as Init.
+  // Single-file mode; the path is turned to lower case if it is shorter than 261 characters. If the folder exists as it
+  // was given and not in lower case, its name is kept. Otherwise as Init.
   static void InitFile(const std::string& path);
 
   static void Shutdown();
@@ -50,14 +51,14 @@ class Log {
   // Write.
   void SetEnabled(bool enabled);
 
-  // Why the file may not be used, with its name, where it could keep a writer waiting or another user has prepared it;
-  // else empty. For a line to the user, which the log itself does not write.
+  // Why the file may not be used, with its name: because writing to it could wait without end, or because another user
+  // has prepared it. Empty if it may be used. The caller tells the user; the log itself does not.
   std::string GetRefusal();
 
   // Debug records are dropped unless this is set.
   void SetDebug(bool debug);
 
-  // False where Write would write nothing: a caller may save itself the making of a record.
+  // False if Write would write nothing, so that a caller need not build a record.
   bool IsOpen() const { return enabled_ && hasFile_; }
 
   // The same for debug records.
@@ -104,7 +105,7 @@ class Log {
   std::atomic<bool> debug_{false};
   std::atomic<bool> hasFile_{false};
 
-  CriticalSection lock_;  // what follows; SetEnabled and GetMutex take it alone
+  CriticalSection lock_;  // guards the members below; SetEnabled and GetMutex take it without the mutex
   // The cross-process lock; held by writers before lock_. Made with the first record: most processes write none, and
   // one that only tells its version must not wait for others.
   std::unique_ptr<Mutex> mutex_;
@@ -114,7 +115,7 @@ class Log {
   std::vector<LogFileInfo> knownFiles_;
 };
 
-// False if a record would go nowhere. A caller that makes many records, or costly ones, asks this before it builds the
+// False if no record would be written. A caller that makes many records, or costly ones, asks this before it builds the
 // fields.
 bool IsLogOpen();
 

@@ -22,6 +22,7 @@ HANDLE CreateRegion(const std::string& name, u32 size) {
   HANDLE mapping =
       CreateFileMappingA(INVALID_HANDLE_VALUE, SharedSecurityAttributes(), PAGE_READWRITE, 0, size, name.c_str());
   if (mapping == nullptr) throw MappedFileException("Cannot map file: " + name);
+  // The system would hand out the existing region, whose size and content another process has chosen.
   if (GetLastError() == ERROR_ALREADY_EXISTS) {
     CloseHandle(mapping);
     throw MappedFileException("Mapping already exists");
@@ -40,6 +41,7 @@ HANDLE OpenRegion(const std::string& name, u32 size) {
 
 MappedFile::MappedFile(const Path& path, int access) : path_(path.ToString()), writable_(access == kWritable) {
   DWORD rights = writable_ ? GENERIC_READ | GENERIC_WRITE : GENERIC_READ;
+  // A writer excludes all others; readers share with readers.
   DWORD sharing = writable_ ? 0 : FILE_SHARE_READ;
   DWORD attributes = writable_ ? FILE_ATTRIBUTE_NORMAL : FILE_ATTRIBUTE_READONLY;
   file_ = CreateFileA(path_.c_str(), rights, sharing, nullptr, OPEN_EXISTING, attributes, nullptr);
@@ -65,13 +67,13 @@ rc_ptr<MappedFile::ViewImpl> MappedFile::CreateView(u32 offset, u32 size, bool w
 
 void MappedFile::EnsureMapping() {
   if (IsMapped()) return;
-  // A closed file has no handle, and INVALID_HANDLE_VALUE would ask the system for memory of its own.
+  // A closed file has INVALID_HANDLE_VALUE, with which the system would make a region of memory.
   HANDLE mapping = nullptr;
   if (IsFileOpen()) {
     mapping = CreateFileMappingA(file_, nullptr, writable_ ? PAGE_READWRITE : PAGE_READONLY, 0, 0, nullptr);
   }
   if (mapping == nullptr) {
-    // The system refuses to map an empty file, which has nothing to look at.
+    // The system refuses to map an empty file; callers get the error of a view that can't be made.
     bool isEmpty = IsFileOpen() && GetLastError() == ERROR_FILE_INVALID;
     MappedFileException failure((isEmpty ? kNoView : "Cannot map file: ") + path_);
     Close();
@@ -121,6 +123,7 @@ void MappedFile::ViewImpl::Map(u32 size) {
   if (data_ == nullptr) throw MappedFileException(kNoView + owner_->path_);
   size_ = size == kWholeSize ? owner_->GetSize() : size;
   if (!owner_->IsRegion()) return;
+  // The size of a region is not part of its name, so the system is asked.
   MEMORY_BASIC_INFORMATION region;
   if (VirtualQuery(data_, &region, sizeof(region)) == 0) {
     throw MappedFileException("Could not get region size for view in MappedFile " + owner_->path_);

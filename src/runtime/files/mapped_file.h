@@ -1,9 +1,9 @@
 // Views on a file, or on a named region of memory that processes share.
 //
 // A MappedFile owns its handles and knows its views; a view must be released before its MappedFile goes. Close leaves
-// the views as objects without memory. There is no lock: one thread at a time makes and releases the views of a file;
-// who may touch the memory of a view is settled between those who share it. Everything that fails in a constructor
-// or in CreateView throws MappedFileException, after closing what had been opened.
+// the views as objects without memory. There is no lock: one thread at a time makes and releases the views of a file.
+// Access to the memory of a view is a matter of the processes and threads that share it. Everything that fails in a
+// constructor or in CreateView throws MappedFileException, after closing what had been opened.
 //
 // GetLastWriteTime, GetPath, printing, and what a view tells of itself beside its memory and size are offered to users
 // of the library; the program itself does not ask for them.

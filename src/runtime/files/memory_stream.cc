@@ -12,7 +12,7 @@ constexpr u32 kMinCapacity = 1024;
 constexpr u32 kDoublingLimit = 0x800000;
 constexpr u32 kLargeStep = 0x200000;
 
-// The capacity that follows `present` when `want` bytes are asked for; 64 bits, since the step may lead past 4 GiB.
+// The next capacity after `present` when `want` bytes are asked for. 64 bits, since the step may lead past 4 GiB.
 u64 NextCapacity(u32 present, u32 want) {
   if (present == 0) return want;
   if (want > kDoublingLimit) return (u64{want} + kLargeStep + kMinCapacity - 1) / kMinCapacity * kMinCapacity;
@@ -27,7 +27,8 @@ StreamException OutOfMemory() {
 
 }  // namespace
 
-// A piece of the heap.
+// A piece of the heap, which streams may share (TakeContent). From malloc and not a vector, because it is grown by
+// realloc and need not be zeroed.
 struct MemoryStream::Block : rc_base {
   ~Block() override { std::free(data); }
   u8* data = nullptr;
@@ -47,7 +48,7 @@ MemoryStream::MemoryStream(void* data, u32 size, bool wrap) {
   size_ = size;
 }
 
-// Delegates, so that the destructor frees the buffer when the read throws.
+// Delegates to another constructor, so that the destructor runs and frees the buffer if the read throws.
 MemoryStream::MemoryStream(u32 size, Stream& source) : MemoryStream() {
   if (size > 0 && (!Grow(size) || source.Read(data_, size) < size)) throw OutOfMemory();
   size_ = size;
@@ -64,6 +65,7 @@ bool MemoryStream::Seek(u32 position) {
 }
 
 void MemoryStream::Close() {
+  // Mapped memory goes back to the system; memory of the heap goes with its block, and foreign memory is left alone.
   if (IsMapped()) {
     UnmapViewOfFile(data_);
     mapping_.Reset();
@@ -86,6 +88,8 @@ u32 MemoryStream::Read(void* buffer, u32 count) {
 
 u32 MemoryStream::Write(const void* buffer, u32 count) {
   if (count > 0xFFFFFFFF - position_ || !Reserve(position_ + count)) throw OutOfMemory();
+  // Overwriting bytes that another stream may see needs a copy first. Appending does not: a stream that was taken ends
+  // before the place where this one appends.
   if (position_ < size_ && IsShared() && !Grow(GetCapacity())) throw OutOfMemory();
   std::copy_n(static_cast<const u8*>(buffer), count, data_ + position_);
   position_ += count;
@@ -108,10 +112,12 @@ bool MemoryStream::IsShared() const {
 
 // Moves the content to a buffer of that size that is not shared.
 bool MemoryStream::Grow(u32 capacity) {
+  // A shared block must not be moved. Neither may a block of which this stream has only a part: realloc would keep the
+  // wrong bytes.
   const bool mustCopy = block_ && (block_->IsShared() || block_->data != data_);
   const rc_ptr<Block> block = block_ && !mustCopy ? block_ : rc_ptr<Block>(new Block);
-  // Beyond some megabytes the C library moves pages and copies nothing, which keeps the constant growth step
-  // affordable: by copies, collecting n bytes would cost n * n.
+  // realloc and not a new block: beyond some megabytes the C library moves pages and copies nothing, which keeps the
+  // constant growth step affordable. With copies, collecting n bytes would cost a multiple of n * n.
   auto* grown = static_cast<u8*>(std::realloc(block->data, capacity));
   if (grown == nullptr) return false;
   block->data = grown;
@@ -131,6 +137,7 @@ void MemoryStream::Clear() {
 }
 
 rc_ptr<MemoryStream> MemoryStream::TakeContent(u32 count) {
+  // A small part of a large block is copied: otherwise it would keep the whole block alive.
   if (!block_ || count < GetCapacity() / 2 || count > GetAvailable()) return new MemoryStream(count, *this);
   rc_ptr<MemoryStream> taken(new MemoryStream);
   taken->block_ = block_;

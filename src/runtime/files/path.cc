@@ -8,7 +8,7 @@ namespace kestrun {
 
 namespace {
 
-// The functions of the system in their A and W forms, under one name each.
+// The functions of the system under one name for their A and W forms, so that the code below is written once.
 template <class C>
 struct System;
 
@@ -63,7 +63,7 @@ bool IsSeparator(C c) {
   return c == '\\' || c == '/';
 }
 
-// A text of the program's own, in either character type.
+// A text of the program's own, all ASCII, in either character type.
 template <class C>
 std::basic_string<C> Literal(const char* text) {
   return std::basic_string<C>(text, text + std::strlen(text));
@@ -74,7 +74,7 @@ bool HasDrive(const std::basic_string<C>& text) {
   return text.size() >= 2 && text[1] == ':';
 }
 
-// What a function of the system writes into a buffer of MAX_PATH characters; false if it fails or needs more.
+// Calls a function of the system with a buffer of MAX_PATH characters. False if it fails or needs more room.
 template <class C, class Call>
 bool Query(Call call, std::basic_string<C>* result) {
   C buffer[MAX_PATH];
@@ -84,7 +84,7 @@ bool Query(Call call, std::basic_string<C>* result) {
   return true;
 }
 
-// The device behind a drive. Its answer is a list, of which the first entry counts.
+// The device behind a drive. The system answers with a list, of which the first entry is in force.
 template <class C>
 bool QueryDrive(const std::basic_string<C>& text, std::basic_string<C>* device) {
   std::basic_string<C> drive = text.substr(0, 2);
@@ -98,7 +98,7 @@ u64 ToNumber(const FILETIME& time) {
   return static_cast<u64>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
 }
 
-// Takes the root off the front of a path; the position behind it.
+// Takes the root off the front of a path, and gives the position after it: "\", "C:", "C:\" or "\\server\".
 template <class C>
 size_t SplitRoot(const std::basic_string<C>& text, std::basic_string<C>& root) {
   if (IsSeparator(text[0])) {
@@ -116,7 +116,7 @@ size_t SplitRoot(const std::basic_string<C>& text, std::basic_string<C>& root) {
   return 3;
 }
 
-// The components of a path as directories, the last one included.
+// The components of a path, the last one included.
 template <class C>
 std::vector<std::basic_string<C>> AllComponents(const BasicPath<C>& path, std::basic_string<C>& root) {
   std::vector<std::basic_string<C>> components;
@@ -126,7 +126,7 @@ std::vector<std::basic_string<C>> AllComponents(const BasicPath<C>& path, std::b
   return components;
 }
 
-// Makes the first `count` of the directories, from the top down.
+// Makes the first `count` directories, from the top down.
 template <class C>
 bool MakeDirectories(const std::basic_string<C>& root, const std::vector<std::basic_string<C>>& directories,
                      size_t count) {
@@ -148,7 +148,7 @@ typename BasicPath<C>::Text BasicPath<C>::WithoutQuotes(const Text& text) {
 
 template <class C>
 BasicPath<C>& BasicPath<C>::operator/=(const BasicPath& right) {
-  // The right side may be this very object.
+  // A copy, because the right side may be this very object.
   Text tail = right.text_;
   if (!text_.empty() && !IsSeparator(text_.back())) text_ += '\\';
   text_ += tail;
@@ -160,6 +160,7 @@ bool BasicPath<C>::IsSameAs(const BasicPath& other) const {
   if (IsEmpty() || other.IsEmpty()) return IsEmpty() && other.IsEmpty();
   BasicPath left = Canonicalise(*this);
   BasicPath right = Canonicalise(other);
+  // The short names are compared only if the texts differ: asking for them reads the disk.
   return ComparePaths(left, right, true) == 0 || ComparePaths(GetShortName(left), GetShortName(right), true) == 0;
 }
 
@@ -286,6 +287,7 @@ BasicPath<C> Canonicalise(const BasicPath<C>& path) {
     if (directory == Literal<C>(".")) continue;
     if (directory != Literal<C>("..")) {
       kept.push_back(directory);
+      // ".." at the root stays at the root, as the system has it.
     } else if (!kept.empty()) {
       kept.pop_back();
     }
@@ -366,7 +368,7 @@ BasicPath<C> ResolveSubst(const BasicPath<C>& path) {
   std::basic_string<C> device;
   if (!HasDrive(path.ToString()) || !QueryDrive(path.ToString(), &device)) return path;
   if (device.compare(0, prefix.size(), prefix) != 0) return path;
-  // Without the separator in front, which the join adds.
+  // The separator at the front is left out, because joining adds one.
   return BasicPath<C>(device.substr(prefix.size())) / path.WithoutRoot().ToString().substr(1);
 }
 

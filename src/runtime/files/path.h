@@ -16,7 +16,7 @@
 #include "platform/win32.h"
 #include "runtime/base/types.h"
 
-// A macro of the system's headers, and the name of one of our functions.
+// The system's headers define a macro of this name, which is also the name of a function below.
 #undef GetCurrentDirectory
 
 namespace kestrun {

@@ -18,10 +18,11 @@ std::string CreateTempFile(const std::string& suffix) {
     FILETIME now;
     GetSystemTimeAsFileTime(&now);
     const Path candidate = directory / ("plovr" + std::to_string(now.dwLowDateTime)).append(ending);
+    // CREATE_NEW makes the test for the name and its taking one step.
     const UniqueFile file(
         CreateFileA(candidate.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_TEMPORARY, nullptr));
     if (file) return candidate.ToString();
-    Sleep(10);  // so that the time in the name changes
+    Sleep(10);  // so that the time in the name changes before the next attempt
   }
   throw PLV::Exception(ERROR_ALREADY_EXISTS, "Cannot create unique temp file name!");
 }

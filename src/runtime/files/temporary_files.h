@@ -1,6 +1,6 @@
 // Files with names of their own in the system's folder for temporary files.
 //
-// Offered to users of the library; the program itself makes none. Any thread may call.
+// For users of the library; the program itself makes none. Any thread may call it.
 #ifndef KESTRUN_RUNTIME_FILES_TEMPORARY_FILES_H_
 #define KESTRUN_RUNTIME_FILES_TEMPORARY_FILES_H_
 

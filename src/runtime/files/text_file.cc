@@ -15,6 +15,7 @@ bool ReadTextFile(const Path& path, std::string* text, u32* size, std::string* e
     return false;
   }
   try {
+    // An empty file can't be mapped, so its length is looked at first.
     const u32 length = file->GetSize();
     if (size != nullptr) *size = length;
     if (text == nullptr) return true;

@@ -1,4 +1,6 @@
-// The version of this program, and the line by which it tells it.
+// The version of this program, and the line that --version prints.
+//
+// Both read the program's own file. Any thread may call them.
 #ifndef KESTRUN_RUNTIME_FILES_VERSION_STRING_H_
 #define KESTRUN_RUNTIME_FILES_VERSION_STRING_H_
 

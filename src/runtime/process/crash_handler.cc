@@ -16,11 +16,11 @@ namespace kestrun {
 namespace {
 
 constexpr DWORD kCrashExitCode = 0xFFFFFFFF;
-// Of one program version in one folder. A dump holds all memory.
+// The most dumps of one program version in one folder, since a dump can contain all memory of the process.
 constexpr int kMostDumps = 5;
 
-// A crash may come while the heap is locked or broken, so all that needs memory is done at installation. Constant
-// from then on.
+// Made at installation and constant from then on: a crash may come while the heap is locked or damaged, so the handler
+// itself must not allocate memory.
 struct Settings {
   char libraryBesideProgram[MAX_PATH];
   char dumpStem[2 * MAX_PATH + 64];
@@ -30,7 +30,7 @@ struct Settings {
 Settings settings;
 std::atomic<bool> isHandling{false};
 
-// Past the run-time library, whose locks a stopped thread may hold.
+// Writes without the run-time library, because a stopped thread may hold the lock of its stream.
 void Print(const char* text) {
   DWORD written = 0;
   WriteFile(GetStdHandle(STD_ERROR_HANDLE), text, static_cast<DWORD>(std::strlen(text)), &written, nullptr);
@@ -56,8 +56,9 @@ void SuspendOtherThreads(DWORD processId, DWORD threadId) {
   }
 }
 
-// A file that is not there yet: the first crash is often the one that explains the others, and a file or link that
-// another user has put there is not written to. Empty if there can be none; `name` is the last that was tried.
+// Makes a file that does not exist yet. An existing dump is kept, because the first crash often explains the others,
+// and a file or link that another user may have put there is never written to. Empty if none can be made; `name` is the
+// last name that was tried.
 UniqueFile CreateDumpFile(char* name, std::size_t size) {
   std::snprintf(name, size, "%s.dmp", settings.dumpStem);
   for (int number = 2;; ++number) {
@@ -100,16 +101,18 @@ void WriteDump(DWORD processId, DWORD threadId, EXCEPTION_POINTERS* exception) {
 }
 
 LONG WINAPI HandleCrash(EXCEPTION_POINTERS* exception) {
+  // A second fault, in the handler or on another thread, is left to the system.
   if (isHandling.exchange(true)) return EXCEPTION_CONTINUE_SEARCH;
   const DWORD processId = GetCurrentProcessId();
   const DWORD threadId = GetCurrentThreadId();
+  // Stopped first, so that the dump shows them where they were at the crash.
   SuspendOtherThreads(processId, threadId);
   platform::FlushStandardStreams();
   WriteDump(processId, threadId, exception);
   ExitProcess(kCrashExitCode);
 }
 
-// An uncaught C++ exception ends in terminate, which would leave by abort and past the filter.
+// For an uncaught C++ exception: std::terminate would call abort, which on Windows ends the process without the filter.
 [[noreturn]] void CrashOnTerminate() {
   __builtin_trap();
 }

@@ -6,9 +6,10 @@
 
 namespace kestrun {
 
-// Told of a child's output as it comes, so that its owner can slow the child down or pass the output on before the end.
+// Is told of a child's output as it comes, so that the owner can slow the child down, or pass output on before the
+// child's end.
 //
-// Shared by the readers of one child, which may be two threads; each calls it for its own stream only.
+// Shared by the readers of one child, which may be two threads; each reader calls it for its own stream only.
 class OutputGate : public rc_base {
  public:
   // `collected` has grown. What it holds may be taken out. The next read waits for the return, and a child that goes on

@@ -12,7 +12,7 @@ void OutputReader::operator()() {
   if (ReadUntilFinish()) ReadWhatIsThere();
 }
 
-// False at the end of the pipe, true when the child has ended before it.
+// Reads until the pipe's end (false) or until the child has ended (true).
 bool OutputReader::ReadUntilFinish() {
   char buffer[kBufferSize];
   while (BeginRead()) {
@@ -29,7 +29,8 @@ bool OutputReader::ReadUntilFinish() {
   return childHasEnded_;
 }
 
-// Not "until there is nothing more": a descendant that keeps writing would never let that happen.
+// Reads what is in the pipe now. It does not read until the pipe is empty, because a descendant of the child may keep
+// writing.
 void OutputReader::ReadWhatIsThere() try {
   char buffer[kBufferSize];
   for (u32 left = pipe_->GetAvailable(); left > 0;) {
@@ -63,6 +64,7 @@ void OutputReader::Take(const char* bytes, DWORD count) {
     WriteOn(bytes, count);
     return;
   }
+  // The bytes were read straight into the stream's memory; only its end has to be moved.
   if (bytes == room_) {
     memory_->Extend(count);
   } else if (memory_->Append(bytes, count) == 0) {
@@ -87,14 +89,14 @@ void OutputReader::Finish(Thread* thread) {
     const Lock lock(lock_);
     childHasEnded_ = true;
   }
-  // Mostly the pipe ends with the child, and the first wait is all. The interruption misses a reader that is between
-  // its announcement and the system's read, so it is repeated.
+  // The pipe mostly ends with the child, and the first wait is enough. An interruption has no effect on a reader that
+  // has announced its read (BeginRead) and not begun it yet, so it is repeated.
   constexpr u32 kLongestPauseMs = 64;
   for (u32 pauseMs = 1; !thread->Wait(pauseMs); pauseMs = std::min(pauseMs * 2, kLongestPauseMs))
     InterruptRead(*thread);
 }
 
-// Under the lock, so that the reader cannot leave its read and be hit in the middle of something else.
+// Called under the lock, so that the reader cannot leave its read meanwhile and be interrupted in another call.
 void OutputReader::InterruptRead(Thread& thread) {
   const Lock lock(lock_);
   if (isReading_) platform::InterruptRead(thread.GetHandle());

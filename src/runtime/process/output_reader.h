@@ -1,9 +1,9 @@
 // Drains one pipe of a child into a stream: the body of a thread, or the sink of a thread that serves all pipes of the
 // child.
 //
-// As a thread body it ends with the pipe. Since a descendant of the child may hold the pipe's other end for as long as
-// it likes, the owner calls Finish once the child itself has ended: everything that the child wrote is in the pipe
-// then, so the reader takes what is there at that moment and stops, even if a descendant still writes.
+// As a thread body it ends with the pipe. But a descendant of the child may hold the pipe's other end for any length of
+// time; so the owner calls Finish once the child itself has ended. All that the child wrote is in the pipe then, and
+// the reader takes what is there at that moment and stops, even if a descendant still writes.
 #ifndef KESTRUN_RUNTIME_PROCESS_OUTPUT_READER_H_
 #define KESTRUN_RUNTIME_PROCESS_OUTPUT_READER_H_
 
@@ -23,7 +23,7 @@ namespace kestrun {
 // all that follows, so that the child never stalls on a full pipe.
 class OutputReader : public Functor0<void>::_DelegateBase, public platform::OutputSink {
  public:
-  // `gate` may be null; it hears of what a MemoryStream takes.
+  // `gate` may be null; it is told of what goes to a MemoryStream.
   OutputReader(const rc_ptr<Stream>& pipe, const rc_ptr<Stream>& destination, const rc_ptr<OutputGate>& gate);
 
   // The body of the reader thread.
@@ -50,7 +50,8 @@ class OutputReader : public Functor0<void>::_DelegateBase, public platform::Outp
   rc_ptr<Stream> pipe_;
   rc_ptr<Stream> destination_;
   const rc_ptr<OutputGate> gate_;
-  // The destination if that is one; bytes can be read into it. And where they go that are to come.
+  // The destination if it is a MemoryStream, into which bytes can be read without a copy, and the room in it that was
+  // given to the present read.
   MemoryStream* memory_;
   char* room_ = nullptr;
 

@@ -1,3 +1,5 @@
+// Order of locks: readersLock_, then handleLock_. readersLock_ is held while the readers are waited for, which may take
+// as long as the child runs; handleLock_ only for moments, so that Kill and Close never wait for a reader.
 #include "runtime/process/process.h"
 
 #include <cstdio>
@@ -40,7 +42,7 @@ DWORD GetCreationFlags(u32 flags) {
   return result;
 }
 
-// A child may leave the job of this process if there is none, or if its limits say so.
+// A child may leave the job of this process if this process is in none, or if the job's limits allow it.
 bool MayBreakAway() {
   BOOL isInJob = FALSE;
   if (!IsProcessInJob(GetCurrentProcess(), nullptr, &isInJob) || !isInJob) return true;
@@ -66,7 +68,8 @@ void ApplyAffinity(HANDLE process, u32 affinityMask) {
   SetProcessAffinityMask(process, affinityMask & processMask);
 }
 
-// A job that ends with its last handle, and lets a tool start what is to outlive it. Empty if the system refuses.
+// A job that is ended with its last handle, and that allows a tool to start processes outside of it, which outlive it.
+// Empty if the system refuses.
 UniqueHandle MakeJob(const std::string& name) {
   UniqueHandle job(CreateJobObjectA(nullptr, name.empty() ? nullptr : name.c_str()));
   if (!job) return job;
@@ -83,7 +86,7 @@ u64 ToTicks(const FILETIME& time) {
 
 // The two ends of one standard stream of a child; both empty where the child gets this process's own stream.
 struct ChildPipe {
-  // Makes the pipe with the parent's end not inheritable. What cannot be made is said and left empty.
+  // Makes the pipe, with the parent's end not inheritable. If that fails a line is printed, and both ends are empty.
   void Create(bool parentReads) {
     SECURITY_ATTRIBUTES attributes{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
     HANDLE readEnd = nullptr;
@@ -105,7 +108,8 @@ struct ChildPipe {
     if (!inheritable.Reset()) PrintLine("CloseHandle() failed!");
   }
 
-  // The parent's end as a stream, after the child's end has been closed here.
+  // The parent's end as a stream. The child's end is closed in this process first, since the pipe does not end as long
+  // as a write end is open.
   rc_ptr<Stream> TakeStream() {
     childEnd.Reset();
     if (!parentEnd) return nullptr;
@@ -125,7 +129,7 @@ HANDLE ChooseHandle(const ChildPipe& pipe, bool isPiped, DWORD standardHandle) {
 struct Process::LaunchRequest {
   const std::string& commandLine;
   u32 flags;
-  bool isHeldBack;  // until it is resumed
+  bool isHeldBack;  // created suspended
   const Environment* environment;
 };
 
@@ -201,8 +205,8 @@ bool Process::Start(const std::string& commandLine, u32 flags, const Environment
   flags = SettleFlags(flags);
   ChildPipes pipes(flags);
   UniqueHandle job = (flags & OWN_JOB) != 0 ? MakeJob(jobName_) : UniqueHandle();
-  // One that is to be changed before its first instruction. Any other must not be left suspended by the sudden death of
-  // this process.
+  // Created suspended only if it is to be changed before its first instruction: if this process is killed before it
+  // resumes the child, the child stays suspended for ever.
   const bool isHeldBack = job || affinityMask != 0;
   PROCESS_INFORMATION child{};
   if (!Launch({commandLine, flags, isHeldBack, environment}, pipes, job, child)) return false;
@@ -219,11 +223,11 @@ bool Process::Start(const std::string& commandLine, u32 flags, const Environment
   return true;
 }
 
-// Where the child can't be born in its job it is put there, and `job` emptied if that fails.
+// Puts the child into its job, at its creation if the system can do that. `job` is emptied if the child is in none.
 bool Process::Launch(const LaunchRequest& request, const ChildPipes& pipes, UniqueHandle& job,
                      PROCESS_INFORMATION& child) {
   LaunchOutcome outcome = Create(request, pipes, job.Get(), child);
-  // A job around this one may refuse to have another nested in it.
+  // A job around this process may not allow another job to be nested in it.
   if (outcome.isInJob && outcome.error == ERROR_ACCESS_DENIED) outcome = Create(request, pipes, nullptr, child);
   if (!outcome.isCreated) {
     exitCode_ = outcome.error;
@@ -268,7 +272,8 @@ BOOL Process::CreateChild(LPCSTR applicationName, LPSTR commandLine, SECURITY_AT
 void Process::TakePipes(ChildPipes& pipes) {
   if (pipes.hasStdout) stdout_ = pipes.out.TakeStream();
   if (pipes.hasStderr) stderr_ = pipes.err.TakeStream();
-  // A tool that reads its standard input comes to the end at once, and does not wait for ever.
+  // Both ends are closed here, so that a tool that reads its standard input finds the end at once and does not wait for
+  // ever.
   pipes.in.childEnd.Reset();
   pipes.in.parentEnd.Reset();
 }
@@ -319,7 +324,7 @@ bool Process::StartReaders() {
   return true;
 }
 
-// The first thread that comes does the readers' work; the others wait for the child alone.
+// The first thread that waits does the readers' work; others wait for the child alone.
 DWORD Process::AwaitEnd(HANDLE process, u32 timeoutMs) {
   if (hasIdleReaders_.exchange(false)) {
     const DWORD outcome = CollectAll(process, timeoutMs);
@@ -328,7 +333,7 @@ DWORD Process::AwaitEnd(HANDLE process, u32 timeoutMs) {
   return WaitForSingleObject(process, timeoutMs);
 }
 
-// WAIT_FAILED where threads do it instead.
+// Collects on this thread. WAIT_FAILED if the system can't do that, after reader threads were started for it.
 DWORD Process::CollectAll(HANDLE process, u32 timeoutMs) {
   const Lock lock(readersLock_);
   std::vector<platform::ChildOutput> outputs;
@@ -344,7 +349,7 @@ DWORD Process::CollectAll(HANDLE process, u32 timeoutMs) {
   return outcome;
 }
 
-// A second thread waits for the first, so that neither goes on before the output is complete.
+// Under the lock, so that a second thread that waits for the child does not go on before the output is complete.
 void Process::FinishReaders() {
   const Lock lock(readersLock_);
   for (const PipeReader& reader : readers_) reader.reader->Finish(reader.thread.Get());
@@ -391,7 +396,7 @@ bool Process::Terminate() {
 }
 
 bool Process::SendCtrlEvent(int event) {
-  // To the system 0 is every process of this console.
+  // To the system, 0 means every process of this console.
   if (processId_ == 0) return false;
   switch (event) {
     case 0:
@@ -429,7 +434,7 @@ u64 Process::GetPeakMemory() {
 }
 
 rc_ptr<Process> Process::GetCurrent() {
-  // A handle of its own: the pseudo handle has the value of an invalid one, and must not be closed.
+  // A real handle: the pseudo handle of the process has the value of an invalid one and must not be closed.
   const DWORD id = GetCurrentProcessId();
   return new Process(OpenProcess(SYNCHRONIZE | PROCESS_QUERY_INFORMATION, FALSE, id), id);
 }

@@ -79,8 +79,8 @@ class Process : public rc_base {
   // could not be started or waited for; 0 at once with `noWait`, where a reader thread for each pipe goes on. When it
   // returns after a wait, the streams hold all that the child wrote and are not written any more, even if a descendant
   // still holds the pipes. A null stream drops the output, as does one from the moment when it throws StreamException.
-  // The streams are shared with reader threads, so they must be held by rc_ptr; the two may be written on two threads
-  // at once.
+  // Reader threads share the streams, which must therefore be held by rc_ptr; the two streams may be written on two
+  // threads at once.
   int Run(const std::string& commandLine, Stream* out, Stream* err, u32 flags, const Environment* environment,
           u32 affinityMask, bool noWait);
 
@@ -152,7 +152,7 @@ class Process : public rc_base {
 
   CriticalSection handleLock_;
   rc_ptr<SharedHandle>
-      process_;       // guarded by handleLock_; shared with waiting threads, so that Close does not pull it away
+      process_;       // guarded by handleLock_; waiting threads share it, so that Close does not close it under them
   UniqueHandle job_;  // guarded by handleLock_
 
   CriticalSection readersLock_;              // held while the readers are waited for, or their work is done

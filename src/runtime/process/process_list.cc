@@ -24,6 +24,7 @@ bool BearsName(HANDLE process, const std::string& name) {
 void ForEachProcess(const std::string& name, const std::function<bool(UniqueHandle, u32)>& visit) {
   DWORD ids[kMaxProcesses];
   DWORD bytes = 0;
+  // A list that does not fit is cut off without an error; see the limit in the header.
   if (!EnumProcesses(ids, sizeof ids, &bytes)) return;
   for (DWORD i = 0; i < bytes / sizeof ids[0]; ++i) {
     UniqueHandle process(OpenProcess(SYNCHRONIZE | PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, ids[i]));

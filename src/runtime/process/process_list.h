@@ -13,8 +13,8 @@ namespace kestrun {
 // How many running processes bear the name; 0 if the system gives no list. At most 1024 processes are looked at.
 int CountProcesses(const std::string& name);
 
-// The first of them in the system's order, with a handle that can be waited on; empty if there is none.
-// Offered to users of the library; the program itself only counts.
+// The first of them in the system's order, with a handle that can be waited on; empty if there is none. For users of
+// the library; the program itself only counts.
 rc_ptr<Process> FindProcess(const std::string& name);
 
 }  // namespace kestrun

@@ -1,7 +1,7 @@
 // A queue between threads, without a bound. Any number of threads may push and pop.
 //
-// The event behind it remembers one signal and no more, and two pushes may fall together; so a thread that takes an
-// item and leaves others behind signals again, and no item lies in the queue while a thread waits for one.
+// The event behind the queue remembers one signal only, so two pushes may wake one thread. Therefore a thread that
+// takes an item and leaves others behind signals again; no item stays in the queue while a thread waits for one.
 #ifndef KESTRUN_RUNTIME_THREADS_BLOCKING_QUEUE_H_
 #define KESTRUN_RUNTIME_THREADS_BLOCKING_QUEUE_H_
 

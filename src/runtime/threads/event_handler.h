@@ -1,9 +1,9 @@
 // One source of events, under a Reactor: a socket or a kernel object, and what is done when it is ready.
 //
-// Held by rc_ptr, by the Reactor too as long as it is registered. All operations are called without a lock of the
-// Reactor. GetHandle, GetEvents and UsesThreadPool come from the thread of the loop that waits; HandleEvent from that
-// thread or from one of the pool, never from two at once; Close from where the handler has failed, and from any thread
-// whose code closes it.
+// Held by rc_ptr; the Reactor holds one as long as the handler is registered. All operations are called without a lock
+// of the Reactor. GetHandle, GetEvents and UsesThreadPool are called on the thread of the loop that waits. HandleEvent
+// is called on that thread or on one of the pool, never on two at once. Close is called on the thread on which the
+// handler has failed, and by any code that closes the handler.
 #ifndef KESTRUN_RUNTIME_THREADS_EVENT_HANDLER_H_
 #define KESTRUN_RUNTIME_THREADS_EVENT_HANDLER_H_
 

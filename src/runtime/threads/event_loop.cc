@@ -13,6 +13,7 @@ bool EventLoop::Add(const rc_ptr<EventHandler>& handler) {
   {
     const Lock lock(lock_);
     const auto [entry, isNew] = handlers_.emplace(handler, State::kWaiting);
+    // Added again while a call is under way: the call's end makes it wait again, as if it had never been removed.
     if (!isNew && entry->second == State::kRemoved) entry->second = State::kCalled;
   }
   WakeForHandler();
@@ -24,7 +25,7 @@ bool EventLoop::Remove(const rc_ptr<EventHandler>& handler) {
   const auto entry = handlers_.find(handler);
   if (entry == handlers_.end()) return false;
   if (entry->second == State::kWaiting) {
-    // The caller has a reference too, so that no destructor runs under the lock.
+    // The caller still has a reference, so no destructor runs under the lock.
     handlers_.erase(entry);
     return true;
   }
@@ -33,7 +34,7 @@ bool EventLoop::Remove(const rc_ptr<EventHandler>& handler) {
 }
 
 void EventLoop::Clear() {
-  // Released outside the lock: a handler's destructor may do anything.
+  // Declared before the lock, so that the handlers are released after it: their destructors may take any lock.
   std::map<rc_ptr<EventHandler>, State> released;
   const Lock lock(lock_);
   released.swap(handlers_);
@@ -52,6 +53,7 @@ bool EventLoop::EndCall(const rc_ptr<EventHandler>& handler, bool isKept) {
     const Lock lock(lock_);
     const auto entry = handlers_.find(handler);
     if (entry == handlers_.end()) return false;
+    // The caller holds a reference, so erasing runs no destructor here.
     if (!isKept || entry->second == State::kRemoved) {
       handlers_.erase(entry);
       return false;

@@ -12,6 +12,7 @@ void EventTimer::Start() {
   QueryPerformanceFrequency(&frequency_);
   isStopped_ = false;
   SYSTEMTIME now;
+  // The wall clock for the start, the performance counter for the length: the wall clock may be set meanwhile.
   GetLocalTime(&now);
   SystemTimeToFileTime(&now, &startTime_);
   QueryPerformanceCounter(&start_);

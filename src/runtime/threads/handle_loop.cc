@@ -1,3 +1,5 @@
+// The wait loop's set of handles is built anew for each wait: at most 63 handlers, which is cheaper to do than to keep
+// a list in step with handlers that come and go on other threads.
 #include "runtime/threads/handle_loop.h"
 
 #include <string>
@@ -10,12 +12,13 @@ namespace kestrun {
 
 namespace {
 
-// How often one pass collects its handles anew because one of them was closed meanwhile.
+// How often one pass collects its handles again because one of them was closed meanwhile.
 constexpr int kWaitAttempts = 3;
 
 }  // namespace
 
-// What one pass waits for. Index 0 is the wake event's and has no handler.
+// The objects that one pass waits for. Index 0 is the wake event, which has no handler. The table holds references, so
+// that no handler is destroyed during the wait.
 struct HandleLoop::WaitTable {
   HANDLE handles[MAXIMUM_WAIT_OBJECTS];
   rc_ptr<EventHandler> handlers[MAXIMUM_WAIT_OBJECTS];
@@ -31,7 +34,8 @@ bool HandleLoop::Accepts(EventHandler* handler) {
 
 bool HandleLoop::Remove(const rc_ptr<EventHandler>& handler) {
   if (!EventLoop::Remove(handler)) return false;
-  // A wait that is under way gives up the handle before its number can stand for something else.
+  // Ends a wait that is under way, so that it does not go on waiting for a handle whose number may soon stand for
+  // another object.
   Wake();
   return true;
 }
@@ -41,7 +45,7 @@ void HandleLoop::Wake() {
 }
 
 void HandleLoop::WakeForHandler() {
-  // The loop itself comes to its next pass anyway.
+  // On the loop's own thread no wait is under way, and the next pass sees the handler.
   if (threadId_ != GetCurrentThreadId()) Wake();
 }
 
@@ -49,7 +53,8 @@ HandleLoop::Outcome HandleLoop::Wait(u32 timeoutMs, rc_ptr<EventHandler>& signal
   WaitTable table;
   DWORD result = WAIT_FAILED;
   DWORD error = ERROR_INVALID_HANDLE;
-  // A handler may be closed after its handle was collected and before the wait; then the handles are collected again.
+  // Another thread may close a handler after its handle was collected and before the wait. The wait then fails, and the
+  // handles are collected again.
   for (int i = 0; i < kWaitAttempts && result == WAIT_FAILED && error == ERROR_INVALID_HANDLE; ++i) {
     CollectHandles(&table);
     result = WaitForMultipleObjects(table.count, table.handles, FALSE, timeoutMs);
@@ -60,7 +65,7 @@ HandleLoop::Outcome HandleLoop::Wait(u32 timeoutMs, rc_ptr<EventHandler>& signal
     TellError("Reactor::WaitForOneEvent() - WaitForMultipleObjects() failed - error=" + std::to_string(error));
     return Outcome::kFailed;
   }
-  // A mutex whose holder died is as good as one that was given back.
+  // A mutex whose holder died counts as signalled.
   const u32 index = result >= WAIT_ABANDONED_0 ? result - WAIT_ABANDONED_0 : result - WAIT_OBJECT_0;
   signalled = table.handlers[index];
   return Outcome::kEvent;

@@ -52,6 +52,7 @@ bool Reactor::RunWaitLoop(int timeoutMs) {
 }
 
 int Reactor::SelectOnce(int timeoutMs) {
+  // The list of timeouts knows when this sleep ends, so that a new timeout only wakes the loop if it comes earlier.
   const SocketLoop::Result result = sockets_.Wait(timeouts_.BeginSleep(timeoutMs));
   timeouts_.EndSleep();
   if (result.isFailed) return -1;
@@ -63,7 +64,7 @@ int Reactor::SelectOnce(int timeoutMs) {
 int Reactor::DispatchReady(const SocketLoop::Result& result) {
   int count = result.wakeups;
   for (const auto& [handler, handle] : result.ready) {
-    // The handler before it may have closed this one.
+    // A handler that was called before in this loop may have closed this one, or replaced its socket.
     if (handler->GetHandle() == handle && sockets_.BeginCall(handler)) count += DispatchOrQueue(handler);
   }
   return count;
@@ -89,7 +90,8 @@ bool Reactor::DispatchOrQueue(const rc_ptr<EventHandler>& handler) {
     return true;
   }
   if (pool_.Queue(MakeClosure(MakeDelegate(&Reactor::Dispatch, this), handler), false)) return true;
-  // Not called on this thread instead: after StopThreadPool no handler of the pool runs any more.
+  // The pool is stopped. The handler is not called on this thread in its place, because callers of StopThreadPool rely
+  // on no handler of the pool running afterwards.
   Finish(handler);
   return false;
 }
@@ -105,12 +107,13 @@ void Reactor::Dispatch(rc_ptr<EventHandler> handler) {
     return;
   }
   EventLoop* const loop = LoopOf(handler.Get());
+  // A handler may have changed what it waits for.
   const bool isAccepted = loop->Accepts(handler.Get());
   loop->EndCall(handler, isAccepted);
   if (!isAccepted) TellError("Could not register input handle");
 }
 
-// Ends a call after which the handler is not waited for again.
+// Ends a call after which the handler is not waited for again: it is closed, and the close listeners are told.
 void Reactor::Finish(const rc_ptr<EventHandler>& handler) {
   LoopOf(handler.Get())->EndCall(handler, false);
   handler->Close();
@@ -158,6 +161,7 @@ std::string Reactor::GetStatus() {
 }
 
 void Reactor::TellError(std::string text) {
+  // Copied, so that a listener may add listeners or call the Reactor.
   std::vector<ErrorListener> listeners;
   {
     const Lock lock(listenersLock_);

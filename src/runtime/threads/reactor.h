@@ -4,9 +4,10 @@
 // (kernel objects); any thread may register, unregister, add timeouts and stop.
 //
 // Handling is one-shot: a handler that is ready is not waited for while it is called, and is waited for again only if
-// HandleEvent succeeded. So no two threads are ever in one handler, and one that has failed is closed, told to the
-// close listeners, and not seen again. The same happens to one that was closed during HandleEvent, and to one that
-// belongs on the pool once that is stopped: it can't be called any more, and its peer must not wait for an answer.
+// HandleEvent succeeded. So two threads are never in one handler. A handler that has failed is closed, reported to the
+// close listeners, and forgotten. The same happens to a handler that was closed during HandleEvent, and to one that
+// belongs on the pool after the pool was stopped: it can't be called any more, and its peer must not wait for an
+// answer.
 //
 // No lock is held while a handler, a timeout or a listener runs.
 #ifndef KESTRUN_RUNTIME_THREADS_REACTOR_H_
@@ -57,8 +58,8 @@ class Reactor {
   // Adds a handler, which the Reactor holds from here on. False for null, an unknown type, or a kernel object with
   // write interest. Throws ReactorException if no port is left for the wake-up pair of the first socket handler.
   bool Register(const rc_ptr<EventHandler>& handler);
-  // Takes a handler out. True if it was waited for: it is not called any more. False if it is being called, was closed,
-  // or never came; a call that is under way goes on, and the handler is not registered again after it.
+  // Removes a handler. True if it was waited for: it is not called any more. False if it is being called, was closed,
+  // or was never registered; a call that is under way goes on, and the handler is not registered again after it.
   bool Unregister(const rc_ptr<EventHandler>& handler);
 
   // Run until Stop (true) or until a pass fails (false). A pass waits at most `timeoutMs`.

@@ -1,3 +1,5 @@
+// A select can only be ended by a socket. Windows has neither pipes nor events in a select, and no pairs of connected
+// sockets, so the pair is built by connecting to a listener of one's own on the loopback address.
 #include "runtime/threads/select_wakeup_handler.h"
 
 #include <utility>
@@ -9,10 +11,11 @@ namespace kestrun {
 namespace {
 
 constexpr int kBacklog = 5;
-// As an int: some systems have the constant as an enumerator, whose scope would join the lookup of socket().
+// An int: on some systems the constant is an enumerator of the global namespace, which would bring the C library's
+// socket() into the lookup of the call below.
 constexpr int kStream = SOCK_STREAM;
 
-// Owns a socket for as long as the pair is being built.
+// Owns a socket while the pair is being built.
 class UniqueSocket {
  public:
   explicit UniqueSocket(SOCKET handle) : handle_(handle) {}
@@ -43,7 +46,8 @@ bool Listen(SOCKET listener, const sockaddr_in& address) {
          listen(listener, kBacklog) != SOCKET_ERROR;
 }
 
-// Any process may connect to the listener: the pair stands only if the connection that was accepted is our own.
+// Accepts the connection and checks that it is the writer's: any other process may have connected to the listener
+// first.
 SOCKET AcceptFrom(SOCKET listener, SOCKET writer) {
   sockaddr_in peer{};
   sockaddr_in own{};
@@ -57,8 +61,9 @@ SOCKET AcceptFrom(SOCKET listener, SOCKET writer) {
   return reader.Release();
 }
 
-// Neither side may block: a thread that wakes must not wait for room in the buffer, nor the loop for a byte. No wake-up
-// waits for the acknowledgement of the one before, and no child process inherits the pair.
+// Makes a side non-blocking: a thread that wakes must not wait for room in the buffer, nor the loop for a byte.
+// TCP_NODELAY, because otherwise a wake-up may wait for the acknowledgement of the one before. No child process
+// inherits the pair.
 bool Prepare(SOCKET socket) {
   u_long nonBlocking = 1;
   int noDelay = 1;
@@ -107,6 +112,7 @@ bool SelectWakeupHandler::Connect(u16 port) {
 void SelectWakeupHandler::Wake() {
   const Lock lock(lock_);
   const char byte = 0;
+  // A full buffer loses nothing: the loop has wake-ups to read then.
   if (writeSocket_ != -1) send(static_cast<SOCKET>(writeSocket_), &byte, 1, 0);
 }
 

@@ -5,7 +5,7 @@
 
 namespace kestrun {
 
-// What one pass waits for.
+// The sockets that one pass waits for.
 struct SocketLoop::SocketSets {
   fd_set read;
   fd_set write;
@@ -21,7 +21,7 @@ void SocketLoop::Prepare() {
   const Lock lock(wakeupLock_);
   if (wakeup_) return;
   wakeup_ = new SelectWakeupHandler(firstWakeupPort_);
-  // The loop may be asleep without a socket to wake it by.
+  // The loop may be waiting for this event, because there was no socket before.
   SetEvent(idleEvent_.Get());
 }
 
@@ -60,6 +60,8 @@ SocketLoop::Result SocketLoop::Wait(u32 timeoutMs) {
     result.isFailed = true;
     return result;
   }
+  // Winsock's select refuses empty sets, so without sockets the loop waits for an event. The read set is empty only
+  // then, since the pair is in it as soon as a handler was added.
   if (sets.read.fd_count == 0) {
     WaitForSingleObject(idleEvent_.Get(), timeoutMs);
     return result;
@@ -69,6 +71,7 @@ SocketLoop::Result SocketLoop::Wait(u32 timeoutMs) {
   if (count <= 0) return result;
   const rc_ptr<SelectWakeupHandler> wakeup = GetWakeup();
   for (ReadySocket& socket : sets.sockets) {
+    // Only sockets that are ready for reading are reported: no handler of the program asks for writing alone.
     if (!__WSAFDIsSet(static_cast<SOCKET>(socket.handle), &sets.read)) continue;
     if (socket.handler.Get() != wakeup.Get()) {
       result.ready.push_back(std::move(socket));
@@ -80,7 +83,7 @@ SocketLoop::Result SocketLoop::Wait(u32 timeoutMs) {
   return result;
 }
 
-// False if there are more than one call of select can wait for.
+// False if there are more sockets than one call of select can wait for.
 bool SocketLoop::CollectSockets(SocketSets* sets) {
   FD_ZERO(&sets->read);
   FD_ZERO(&sets->write);
@@ -100,7 +103,7 @@ bool SocketLoop::CollectSockets(SocketSets* sets) {
   return true;
 }
 
-// The number of sockets that are ready, with their sets reduced to them; -1 on failure.
+// The number of sockets that are ready, to which the sets are reduced; -1 on failure.
 int SocketLoop::Select(SocketSets* sets, u32 timeoutMs) {
   timeval limit;
   limit.tv_sec = static_cast<long>(timeoutMs / 1000);
@@ -108,7 +111,7 @@ int SocketLoop::Select(SocketSets* sets, u32 timeoutMs) {
   const int ready = select(0, &sets->read, &sets->write, nullptr, &limit);
   if (ready != SOCKET_ERROR) return ready;
   const int error = WSAGetLastError();
-  // Another thread has closed a socket meanwhile: the next pass goes without it.
+  // Another thread has closed a socket meanwhile, which the next pass leaves out.
   if (error == WSAENOTSOCK) return 0;
   TellError("select() failed - error=" + std::to_string(error) + "\n");
   return -1;

@@ -59,7 +59,7 @@ class SocketLoop : public EventLoop {
   int Select(SocketSets* sets, u32 timeoutMs);
 
   const u16 firstWakeupPort_;
-  // Ends a wait while there are no sockets.
+  // The event that the loop waits for as long as there are no sockets.
   UniqueHandle idleEvent_;
   rc_ptr<SelectWakeupHandler> wakeup_;  // guarded by wakeupLock_
   CriticalSection wakeupLock_;

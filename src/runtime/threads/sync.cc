@@ -8,7 +8,7 @@ bool IsTaken(DWORD waitResult) {
   return waitResult == WAIT_OBJECT_0 || waitResult == WAIT_ABANDONED;
 }
 
-// The event of a name if there is one, a new auto-reset event otherwise; null on failure.
+// The event of that name if it exists, a new auto-reset event otherwise; null on failure.
 HANDLE OpenOrCreateEvent(const char* name) {
   HANDLE event = name == nullptr ? nullptr : OpenEventA(EVENT_ALL_ACCESS, FALSE, name);
   return event != nullptr ? event : CreateEventA(SharedSecurityAttributes(), FALSE, FALSE, name);
@@ -86,6 +86,7 @@ bool ConditionVariable::Signal() {
 }
 
 bool ConditionVariable::Wait(CriticalSection& lock, u32 timeoutMs) {
+  // Not one step: a signal between the two is kept by the event, so it is not lost.
   lock.Leave();
   bool signalled = WaitForHandle(handle_.Get(), timeoutMs);
   lock.Enter();
@@ -93,6 +94,8 @@ bool ConditionVariable::Wait(CriticalSection& lock, u32 timeoutMs) {
 }
 
 bool ConditionVariable::Wait(Mutex& lock, u32 timeoutMs) {
+  // One step: the mutex is released and the wait begins. With a mutex that other processes share, a signal meant for
+  // this waiter could otherwise be taken by another that comes in between.
   bool signalled = IsTaken(SignalObjectAndWait(lock.GetHandle(), handle_.Get(), timeoutMs, FALSE));
   if (!lock.Lock(kNoLimit)) throw SyncException("Mutex::Wait() could not re-acquire mutex object.");
   return signalled;

@@ -31,7 +31,7 @@ class SyncException : public SystemException {
 // The attributes with which every shared object is created: default security, handle inheritable.
 SECURITY_ATTRIBUTES* SharedSecurityAttributes();
 
-// WaitForSingleObject as a bool: true if the object was signalled or came from a holder that died.
+// WaitForSingleObject as a bool: true if the object was signalled, or is a mutex whose holder has died.
 bool WaitForHandle(HANDLE handle, u32 timeoutMs);
 
 // A lock between processes. The thread that holds it may take it again; each Lock needs its Unlock. When a holder

@@ -11,7 +11,8 @@ unsigned long RunBody(rc_ptr<Functor0<void>::_DelegateBase> body) {
   return 0;
 }
 
-// Milliseconds left of a limit that began at `start`.
+// The milliseconds that are left of a limit that began at `start`. Unsigned, so the difference is right when the
+// counter wraps.
 u32 Remaining(u32 start, u32 timeoutMs) {
   if (timeoutMs == kNoLimit) return kNoLimit;
   u32 passed = GetTickCount() - start;
@@ -46,9 +47,10 @@ DWORD Thread::TlsSlot() {
 bool Thread::Start(Functor0<void>::Type body, int priority) {
   if (body_) return false;
   body_ = MakeClosure(MakeDelegate(&RunBody), body.Get());
+  // The running thread's own reference, which Enter gives back.
   AddRef();
   DWORD id = 0;
-  // Suspended, so that the fields are set and the priority holds before the body's first step.
+  // Started suspended, so that the fields are set and the priority is in force before the body's first step.
   handle_ = CreateThread(nullptr, 0, &Thread::Enter, this, CREATE_SUSPENDED, &id);
   if (handle_ == nullptr) {
     Release();
@@ -73,7 +75,8 @@ rc_ptr<Thread> Thread::GetCurrent() {
   auto* current = static_cast<Thread*>(TlsGetValue(TlsSlot()));
   if (current == nullptr) {
     current = new Thread(Adopted());
-    // The slot's own reference: the object stays for the life of the thread.
+    // The slot's own reference, which is never given back: the object of an adopted thread lives as long as the
+    // process.
     current->AddRef();
     TlsSetValue(TlsSlot(), current);
   }
@@ -83,7 +86,7 @@ rc_ptr<Thread> Thread::GetCurrent() {
 bool Thread::Wait(u32 timeoutMs, u32* exitCode) {
   if (handle_ == nullptr) return false;
   if (TlsGetValue(TlsSlot()) == this) return true;
-  // The handle of an adopted thread means something on that thread alone.
+  // An adopted thread has a pseudo handle, which names whatever thread uses it; on another thread it is useless.
   if (IsAdopted()) return false;
   DWORD code = 0;
   if (WaitForSingleObject(handle_, timeoutMs) != WAIT_OBJECT_0) return false;
@@ -98,7 +101,8 @@ bool Thread::WaitAll(const std::vector<rc_ptr<Thread>>& threads, u32 timeoutMs) 
     if (thread->handle_ != nullptr) handles.push_back(thread->handle_);
   }
   u32 start = GetTickCount();
-  // One wait takes 64 handles. Threads that have ended stay ended, so one batch after the other gives the same answer.
+  // One wait takes 64 handles at most. Threads that have ended stay ended, so waiting for one batch after the other
+  // gives the same answer.
   for (size_t i = 0; i < handles.size(); i += MAXIMUM_WAIT_OBJECTS) {
     auto count = static_cast<DWORD>(std::min<size_t>(handles.size() - i, MAXIMUM_WAIT_OBJECTS));
     if (WaitForMultipleObjects(count, &handles[i], TRUE, Remaining(start, timeoutMs)) == WAIT_TIMEOUT) return false;

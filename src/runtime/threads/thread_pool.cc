@@ -5,7 +5,7 @@
 namespace kestrun {
 
 void ReportPoolFailure(const std::string& pool, int worker, const SystemException& failure) {
-  // In one piece, so that the lines of two workers do not mix.
+  // Written in one piece, so that the lines of two workers do not mix.
   const std::string line = "Pool:" + pool + " Job:" + std::to_string(worker) + " : " + failure.what() +
                            ": error=" + std::to_string(failure.GetCode()) + "\n";
   std::fputs(line.c_str(), stderr);

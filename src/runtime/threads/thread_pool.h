@@ -63,7 +63,7 @@ class ThreadPool {
   CriticalSection lock_;
   ConditionVariable stopped_;
   std::atomic<bool> stopping_{false};
-  // Guarded by lock_: the first Stop is over, and its result stands.
+  // Guarded by lock_: true when the first Stop has returned.
   bool finished_ = false;
 };
 
@@ -113,7 +113,8 @@ bool ThreadPool<Item>::Stop(u32 timeoutMs) {
     if (stopping_) return WaitForOtherStop(timeoutMs);
     stopping_ = true;
   }
-  // Only this call changes the list from here on.
+  // From here on only this call changes the list of threads. An empty item for each worker ends those that wait; those
+  // that find `stopping_` set end as well.
   for (size_t i = 0; i < threads_.size(); ++i) queue_.Push(Item());
   for (const auto& worker : threads_) worker->SetPriority(THREAD_PRIORITY_ABOVE_NORMAL);
   bool ended = Thread::WaitAll(threads_, timeoutMs);
@@ -129,7 +130,7 @@ bool ThreadPool<Item>::WaitForOtherStop(u32 timeoutMs) {
   while (!finished_) {
     if (!stopped_.Wait(lock_, timeoutMs)) return false;
   }
-  // For the next thread that waits: the event lets one pass a time.
+  // Signalled on for the next thread that waits, because the event lets only one pass.
   stopped_.Signal();
   return threads_.empty();
 }

@@ -7,6 +7,10 @@
 
 namespace kestrun {
 
+// The list is a plain vector: a Reactor has a handful of timeouts.
+//
+// `run` keeps a callback that adds itself with a delay of 0 from running for ever: an entry is only called by a run
+// that began after it was added.
 std::vector<TimeoutList::Entry>::iterator TimeoutList::Find(const rc_ptr<TimeoutHandler>& handler) {
   return std::find_if(entries_.begin(), entries_.end(), [&](const Entry& entry) { return entry.handler == handler; });
 }
@@ -21,6 +25,7 @@ bool TimeoutList::Add(const rc_ptr<TimeoutHandler>& handler, u32 delayMs) {
   } else {
     entries_.push_back({handler, due, run_});
   }
+  // A sleep that ends no later than this timeout need not be ended.
   if (!isAsleep_ || IsDue(due, sleepEnd_)) return false;
   sleepEnd_ = due;
   return true;
@@ -30,7 +35,7 @@ bool TimeoutList::Cancel(const rc_ptr<TimeoutHandler>& handler) {
   const Lock lock(lock_);
   const auto entry = Find(handler);
   if (entry == entries_.end()) return false;
-  // The caller has a reference too, so that no destructor runs under the lock.
+  // The caller still has a reference, so no destructor runs under the lock.
   entries_.erase(entry);
   return true;
 }
@@ -62,7 +67,7 @@ u32 TimeoutList::BeginRun() {
   return ++run_;
 }
 
-// The next handler that is due and that was in the list before the run began.
+// Takes the next handler that is due and was in the list before the run began.
 rc_ptr<TimeoutHandler> TimeoutList::TakeDue(u32 now, u32 run) {
   const Lock lock(lock_);
   const auto entry = std::find_if(entries_.begin(), entries_.end(),

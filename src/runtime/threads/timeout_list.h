@@ -17,7 +17,7 @@
 
 namespace kestrun {
 
-// Something to be called at a time.
+// What is called when its time has come.
 class TimeoutHandler : public rc_base {
  public:
   virtual void OnTimeout() = 0;

@@ -7,6 +7,7 @@ bool IsBlank(char c) {
   return c == ' ' || c == '\t';
 }
 
+// The first word ends at the first blank outside of quotes. Backslashes are plain, since they separate folders.
 std::string TakeProgramName(std::string_view text, std::size_t& at) {
   std::string name;
   bool quoted = false;
@@ -20,7 +21,8 @@ std::string TakeProgramName(std::string_view text, std::size_t& at) {
   return name;
 }
 
-// Backslashes at `at`, and the quote behind them if they make it a plain character.
+// Takes the backslashes at `at`. Before a double quote two of them stand for one, and an odd one takes the quote along
+// as a plain character.
 void TakeBackslashes(std::string_view text, std::size_t& at, std::string& argument) {
   std::size_t count = 0;
   while (at < text.size() && text[at] == '\\') ++at, ++count;
@@ -42,6 +44,7 @@ std::string TakeArgument(std::string_view text, std::size_t& at) {
       TakeBackslashes(text, at, argument);
     } else if (text[at] != '"') {
       argument += text[at++];
+      // Within quotes a doubled quote is a quote, and the quoted part goes on.
     } else if (quoted && at + 1 < text.size() && text[at + 1] == '"') {
       argument += '"';
       at += 2;
@@ -70,11 +73,12 @@ void AppendArgument(const std::string& argument, std::string& line) {
   line += '"';
   std::size_t backslashes = 0;
   for (char c : argument) {
+    // Doubles the backslashes before the quote, and adds one for the quote itself.
     if (c == '"') line.append(backslashes + 1, '\\');
     backslashes = c == '\\' ? backslashes + 1 : 0;
     line += c;
   }
-  // The closing quote must not be taken for an escaped one.
+  // Backslashes at the end are doubled, so that the closing quote is not taken for an escaped one.
   line.append(backslashes, '\\');
   line += '"';
 }

@@ -9,6 +9,7 @@ namespace kestrun::platform {
 
 ssize_t SendDescriptors(int socket, const void* data, std::size_t size, const int* descriptors, std::size_t count) {
   iovec part{const_cast<void*>(data), size};
+  // On the stack and of the largest size, so that nothing has to be allocated for a message.
   alignas(cmsghdr) char control[CMSG_SPACE(kMaxPassedDescriptors * sizeof(int))] = {};
   msghdr header = {};
   header.msg_iov = &part;
@@ -37,6 +38,7 @@ ssize_t ReceiveDescriptors(int socket, void* data, std::size_t size, int (&descr
   header.msg_iovlen = 1;
   header.msg_control = control;
   header.msg_controllen = sizeof control;
+  // Close-on-exec from the start: a child that another thread forks at this moment must not keep the descriptors.
   const ssize_t length = recvmsg(socket, &header, MSG_CMSG_CLOEXEC);
   if (length <= 0) return length;
   const cmsghdr* const attached = CMSG_FIRSTHDR(&header);

@@ -1,3 +1,5 @@
+// The environment is a global array without a lock of its own: setenv may move it while another thread reads. All
+// accesses of this layer take one mutex. A direct call of getenv is only safe while no other thread sets variables.
 #include "platform/linux/base/environment.h"
 
 #include <unistd.h>
@@ -16,7 +18,8 @@ std::mutex& EnvironmentMutex() {
   return mutex;
 }
 
-// Expands the reference at `at`, which is a percent sign. One to a variable that is not set stays as it is.
+// Expands the reference that starts with the percent sign at `at`. A reference to a variable that is not set stays as
+// it is, as on Windows.
 void ExpandAt(const std::string& source, std::size_t& at, std::string& result) {
   const std::size_t end = source.find('%', at + 1);
   const std::string reference = source.substr(at, end == std::string::npos ? end : end + 1 - at);
@@ -55,7 +58,7 @@ DWORD GetEnvironmentVariableA(LPCSTR name, LPSTR buffer, DWORD size) {
     SetLastError(ERROR_ENVVAR_NOT_FOUND);
     return 0;
   }
-  // A value that fits may be empty: the answer 0 then stands beside no error.
+  // An empty value gives 0, like a failure; only the last error tells them apart.
   SetLastError(ERROR_SUCCESS);
   if (value.size() >= size) return static_cast<DWORD>(value.size() + 1);
   std::memcpy(buffer, value.c_str(), value.size() + 1);

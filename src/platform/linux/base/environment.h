@@ -1,4 +1,7 @@
-// The whole environment of this process.
+// The environment of this process, read and changed under one lock.
+//
+// Any thread may call everything. A value is copied out under the lock, because the C library may move it when another
+// thread sets a variable. None of the functions fails.
 #ifndef KESTRUN_PLATFORM_LINUX_BASE_ENVIRONMENT_H_
 #define KESTRUN_PLATFORM_LINUX_BASE_ENVIRONMENT_H_
 
@@ -8,7 +11,8 @@
 
 namespace kestrun::platform {
 
-// Excludes changes by SetEnvironmentVariableA for as long as it lives.
+// Keeps SetEnvironmentVariableA from changing the environment as long as this object lives, for calls that read
+// `environ` itself.
 class EnvironmentLock {
  public:
   EnvironmentLock();

@@ -63,7 +63,7 @@ constexpr ErrorText kTexts[] = {
     {WSAECONNREFUSED, "The connection was refused."},
 };
 
-// Without its line end; empty for a number that has no text.
+// The text without its line end; empty for a number that has no text.
 std::string TextOf(DWORD error) {
   const auto* const found =
       std::find_if(std::begin(kTexts), std::end(kTexts), [&](const ErrorText& entry) { return entry.error == error; });
@@ -78,7 +78,7 @@ using namespace kestrun::platform;
 DWORD FormatMessageA(DWORD flags, LPCVOID, DWORD messageId, DWORD, LPSTR buffer, DWORD size, void*) {
   const std::string text = TextOf(messageId) + "\r\n";
   if (text.size() == 2) {
-    // "There is no message with that number."
+    // ERROR_MR_MID_NOT_FOUND: there is no message with that number.
     SetLastError(317);
     return 0;
   }

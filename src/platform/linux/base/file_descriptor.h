@@ -8,7 +8,10 @@
 
 namespace kestrun::platform {
 
-// Owns a descriptor of the kernel; -1 is none. Closing leaves errno alone.
+// Owns a descriptor of the kernel; -1 means none.
+//
+// Moved, never copied, and not safe for several threads at once. Closing leaves errno alone, so that an error that is
+// being reported survives the clean-up.
 class FileDescriptor {
  public:
   FileDescriptor() = default;

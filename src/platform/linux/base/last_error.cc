@@ -18,6 +18,8 @@ void SetLastError(DWORD error) {
 
 namespace kestrun::platform {
 
+// The general mapping. Calls whose contract names another number for a case (such as 267 for a working directory) look
+// at errno themselves first.
 DWORD Win32ErrorFromErrno(int error) {
   switch (error) {
     case 0:

@@ -1,4 +1,8 @@
 // A value that is made once and never destroyed, because threads may still use it while the process exits.
+//
+// For static variables inside functions, which the compiler makes on first use, under a lock. The order in which static
+// objects are destroyed at exit is then of no interest. The memory is part of the variable, so leak checkers see what
+// it refers to.
 #ifndef KESTRUN_PLATFORM_LINUX_BASE_NEVER_DESTROYED_H_
 #define KESTRUN_PLATFORM_LINUX_BASE_NEVER_DESTROYED_H_
 

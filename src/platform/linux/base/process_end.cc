@@ -15,7 +15,7 @@ namespace kestrun::platform {
 
 namespace {
 
-// The kernel's own, in its first published size: headers that know it are rare.
+// A copy of the kernel's structure in its first published size, because few systems have headers that declare it.
 struct PidfdInfo {
   std::uint64_t mask;
   std::uint64_t cgroupId;
@@ -40,7 +40,8 @@ void SetStatus(int status, ProcessEnd& end) {
   }
 }
 
-// Its clock tells the time to the microsecond, where /proc has ticks of 10 ms. 0 if it is gone.
+// The processor time of a process in microseconds; 0 if the process is gone. Its clock is finer than /proc, which
+// counts in ticks, mostly of 10 ms.
 std::int64_t ProcessorTimeOf(pid_t pid) {
   clockid_t clock = 0;
   timespec time = {};
@@ -48,7 +49,8 @@ std::int64_t ProcessorTimeOf(pid_t pid) {
   return std::int64_t{time.tv_sec} * 1000000 + time.tv_nsec / 1000;
 }
 
-// A process that can be signalled was not waited for yet, so that its id is its own.
+// True if the process was not waited for yet, and so its id still belongs to it: signalling through the pidfd fails
+// after that. Without this test a new process of the same id could be read.
 bool IsStillThere(int pidfd) {
 #ifdef SYS_pidfd_send_signal
   return syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0) == 0;
@@ -74,6 +76,7 @@ ProcessEnd ReadProcessEnd(std::uint32_t processId, int pidfd) {
   if (pidfd < 0) return end;
   ProcessStat stat = {};
   const std::int64_t ownUs = ProcessorTimeOf(static_cast<pid_t>(processId));
+  // The id is tested after /proc was read: if it was the process's own then, it was so before.
   if (ReadProcessStat(static_cast<pid_t>(processId), stat) && stat.state == 'Z' && IsStillThere(pidfd)) {
     SetStatus(stat.exitStatus, end);
     end.cpuUs = ownUs + static_cast<std::int64_t>(TicksToMicroseconds(stat.childUserTicks + stat.childKernelTicks));

@@ -1,3 +1,5 @@
+// What the kernel tells about processes in /proc, read with plain system calls: the helpers call this in processes with
+// little memory, and lists of all processes are read often.
 #include "platform/linux/base/process_stat.h"
 
 #include <dirent.h>
@@ -22,7 +24,8 @@ bool ReadProcessStat(pid_t pid, ProcessStat& stat) {
   close(file);
   if (length <= 0) return false;
   text[length] = '\0';
-  // The program's name stands in parentheses and may hold anything, parentheses too.
+  // The program's name is in parentheses and may contain blanks and parentheses itself, so fields are counted from the
+  // last one.
   const char* const end = std::strrchr(text, ')');
   if (end == nullptr) return false;
   unsigned long user = 0, kernel = 0;
@@ -35,6 +38,7 @@ bool ReadProcessStat(pid_t pid, ProcessStat& stat) {
       " %*u %*d %*u %*u %*u %*u %*u %*u %*u %*u %*u %*u %*u %*u %*u %*d %*d %*u %*u %*u %*u %*d %*u %*u %*u"
       " %*u %*u %*u %*u %d",
       &stat.state, &stat.parent, &stat.group, &user, &kernel, &childUser, &childKernel, &start, &exitStatus);
+  // The exit status, which is the last field, may be missing: kernels before 3.5 do not write it.
   if (fields < 8) return false;
   stat.exitStatus = exitStatus;
   stat.userTicks = user;
@@ -53,7 +57,8 @@ std::map<pid_t, ProcessStat> DescendantsOf(pid_t root) {
     if (ReadProcessStat(pid, stat)) all[pid] = stat;
   }
   const auto isBelow = [&](pid_t pid) {
-    // A table read while processes come and go may be inconsistent; it must not lead round in circles.
+    // The table is read while processes come and go, so the chain of parents may be a circle; the number of steps is
+    // limited.
     for (std::size_t steps = 0; steps <= all.size(); ++steps) {
       if (pid == root) return true;
       const auto entry = all.find(pid);
@@ -71,7 +76,7 @@ std::map<pid_t, ProcessStat> DescendantsOf(pid_t root) {
 
 namespace {
 
-// Empty if it can't be read; cut at some kilobytes.
+// The first 4 KiB of a file of a process; empty if it can't be read.
 std::string ReadProcessFile(pid_t pid, const char* format) {
   char name[64];
   std::snprintf(name, sizeof name, format, pid, pid);
@@ -92,6 +97,7 @@ std::uint64_t PeakMemoryOf(pid_t pid) {
 }
 
 std::vector<pid_t> ChildrenOf(pid_t pid) {
+  // The children of the main thread only, in kernels that have this file; children of other threads are left out.
   const std::string text = ReadProcessFile(pid, "/proc/%d/task/%d/children");
   std::vector<pid_t> children;
   const char* next = text.c_str();

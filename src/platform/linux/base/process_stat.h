@@ -1,4 +1,7 @@
 // What the kernel tells about processes in /proc.
+//
+// The functions keep no state, so any thread may call them, and so may a helper process. What they tell may be old at
+// once: a process can end, and its id be given to another one, before the caller has looked at the answer.
 #ifndef KESTRUN_PLATFORM_LINUX_BASE_PROCESS_STAT_H_
 #define KESTRUN_PLATFORM_LINUX_BASE_PROCESS_STAT_H_
 

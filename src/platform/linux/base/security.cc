@@ -1,10 +1,12 @@
+// Security descriptors are built and released as on Windows and never looked at: files and objects of this layer have
+// the modes of one user's own (security_api.h).
 #include "platform/api/security_api.h"
 
 #include <cstdlib>
 #include <cstring>
 
 HLOCAL LocalAlloc(UINT flags, SIZE_T size) {
-  // A block of size 0 is still a block.
+  // One byte more, because a block of size 0 must still have an address.
   void* const memory = (flags & LMEM_ZEROINIT) != 0 ? std::calloc(1, size + 1) : std::malloc(size + 1);
   if (memory == nullptr) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
   return memory;

@@ -10,6 +10,8 @@ namespace kestrun::platform {
 
 namespace {
 
+// Room for the crash filter, which writes a report on this stack. MAP_NORESERVE below: pages that are never used cost
+// nothing.
 constexpr std::size_t kStackSize = std::size_t{256} << 10;
 
 std::atomic<bool> areStacksNeeded{false};
@@ -18,7 +20,7 @@ class SignalStack {
  public:
   SignalStack() {
     stack_t present;
-    // A sanitizer may have given the thread one already.
+    // A sanitizer may have given the thread such a stack already.
     if (sigaltstack(nullptr, &present) == 0 && (present.ss_flags & SS_DISABLE) == 0) return;
     void* const memory =
         mmap(nullptr, kStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -48,7 +50,8 @@ void NeedSignalStacks() {
 }
 
 void PrepareSignalStack() {
-  // Relaxed: a thread that starts while the first filter is set may go without.
+  // Relaxed: the flag guards no other data, and a thread that starts while the first filter is being set may do without
+  // such a stack.
   if (!areStacksNeeded.load(std::memory_order_relaxed)) return;
   thread_local const SignalStack stack;
 }

@@ -13,7 +13,7 @@ struct IgnoredSignal {
   sighandler_t before;
 };
 
-// Filled by static initialisers, in whatever order they run: zero from the start.
+// Filled by static initialisers, whose order is not defined. Plain arrays are zero before the first of them runs.
 constexpr std::size_t kMostIgnored = 8;
 IgnoredSignal ignored[kMostIgnored];
 std::size_t ignoredCount;
@@ -24,6 +24,7 @@ sigset_t ReadMask() {
   return mask;
 }
 
+// Read by a static initialiser, before any code of the layer changes the mask.
 const sigset_t maskAtStart = ReadMask();
 
 }  // namespace

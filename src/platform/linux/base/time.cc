@@ -99,7 +99,8 @@ BOOL SystemTimeToFileTime(const SYSTEMTIME* from, FILETIME* to) {
   parts.tm_sec = from->wSecond;
   tm normal = parts;
   const time_t seconds = timegm(&normal);
-  // A field beyond its range shows in what timegm made of it.
+  // timegm carries a field beyond its range over into the next one, so a changed field means that the date does not
+  // exist.
   const bool isDate = normal.tm_mday == parts.tm_mday && normal.tm_mon == parts.tm_mon &&
                       normal.tm_hour == parts.tm_hour && normal.tm_min == parts.tm_min &&
                       normal.tm_sec == parts.tm_sec && from->wYear >= 1601 && from->wMilliseconds < 1000;
@@ -128,6 +129,7 @@ BOOL FileTimeToLocalFileTime(const FILETIME* from, FILETIME* to) {
   const time_t seconds = Ticks(*from) / kTicksPerSecond - kSecondsFrom1601To1970;
   tm parts{};
   localtime_r(&seconds, &parts);
+  // tm_gmtoff is the zone's offset at that very moment, with daylight saving time.
   *to = FromTicks(Ticks(*from) + parts.tm_gmtoff * kTicksPerSecond);
   return TRUE;
 }

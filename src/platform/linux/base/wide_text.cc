@@ -6,6 +6,7 @@ namespace kestrun::platform {
 
 namespace {
 
+// Bytes that are not UTF-8 become this plus their value: a range of surrogates, which no valid text contains.
 constexpr std::uint32_t kEscapedByte = 0xDC00;
 
 void AppendBytes(std::uint32_t point, std::string& bytes) {
@@ -27,7 +28,8 @@ void AppendBytes(std::uint32_t point, std::string& bytes) {
   }
 }
 
-// The length of the UTF-8 sequence at the start of `bytes`, and its value; 0 if there is none.
+// The length of the UTF-8 sequence at the start of `bytes`, and its value; 0 if the bytes are none. Overlong sequences,
+// surrogates and values above U+10FFFF are refused, since Narrow would not give the same bytes back.
 std::size_t Decode(std::string_view bytes, std::uint32_t& point) {
   const auto first = static_cast<unsigned char>(bytes[0]);
   const std::size_t length = first < 0x80   ? 1

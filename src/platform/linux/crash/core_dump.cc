@@ -1,8 +1,11 @@
 // MiniDumpWriteDump: a core file of this process, written by the process itself.
 //
-// The other threads are stopped, perhaps in the middle of the heap: nothing here allocates or takes a lock. Memory is
-// written by the kernel straight from where it lies, so that a page that can't be read is an error of that write and no
-// second fault. Pages that were never touched become holes of the file.
+// The other threads are stopped, perhaps while they held the heap's lock, so nothing here allocates memory or takes a
+// lock; what is needed comes from one block of fresh pages (Scratch). Memory is written by the kernel straight from
+// where it is, so that a page that can't be read is an error of that write and no second fault. Pages that were never
+// touched become holes of the file.
+//
+// The kernel's own core files are no substitute: they are mostly off, and go where the administrator has set.
 #include <elf.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
@@ -25,11 +28,13 @@ namespace kestrun::platform {
 namespace {
 
 constexpr std::size_t kScratchSize = 128 << 20;
+// The number of program headers has 16 bits, and 0xFFFF has a meaning of its own.
 constexpr std::size_t kMostSegments = 60000;
 constexpr std::uint64_t kSmallBlock = 1 << 20;
-// How far below its stack the stack pointer of a thread may be that has overflowed it.
+// How far below its stack the stack pointer may be of a thread that has overflowed the stack.
 constexpr std::uint64_t kOverflow = 256 << 10;
-// Ranges larger than this are reservations, such as a sanitizer's; their pages would take hours to ask for.
+// Ranges larger than this are reservations, such as a sanitizer's shadow memory; asking the kernel for each of their
+// pages would take hours.
 constexpr std::uint64_t kLargestRange = 64ull << 30;
 
 #if defined(__x86_64__)
@@ -117,21 +122,22 @@ class CoreWriter {
     return header;
   }
 
-  // How much of a range goes into the file, from its start on.
+  // How many bytes of a range go into the core file, from the range's start on.
   std::uint64_t ContentSize(const MappedRange& range) const {
     const bool isKernels = std::strncmp(range.name, "[v", 2) == 0 && !IsVdso(range);
     if (!range.isReadable || isKernels || scratch_.Holds(range.start) || range.Size() > kLargestRange) return 0;
-    // What a file holds anyway is left out, but for the first page, by which a debugger knows the file.
+    // What a mapped file contains anyway is left out, except for its first page, by which a debugger recognises the
+    // file.
     if (range.HasFile() && !range.isWritable && !IsChanged(range)) return range.offset == 0 ? pageSize_ : 0;
     if (wantsAll_ || IsVdso(range) || IsStack(range)) return range.Size();
-    // Small blocks hold what the loader tells a debugger, and the zero-initialised data of the program.
+    // Small anonymous blocks contain what the loader tells a debugger, and the zero-initialised data of the program.
     const bool isData = range.HasFile() ? !range.isShared : range.Size() <= kSmallBlock;
     return isData ? range.Size() : 0;
   }
 
   static bool IsVdso(const MappedRange& range) { return std::strcmp(range.name, "[vdso]") == 0; }
 
-  // Whether a page of a file's mapping is this process's own. The loader writes its addresses into parts that it makes
+  // True if a page of a file's mapping is this process's own copy: the loader writes addresses into parts that it makes
   // read-only after that.
   bool IsChanged(const MappedRange& range) const {
     for (std::uint64_t address = range.start; address < range.end; address += kBatch * pageSize_) {
@@ -144,7 +150,7 @@ class CoreWriter {
     return false;
   }
 
-  // The kernel's word on each page; all count as present and own if it gives none.
+  // Reads one word of /proc/self/pagemap for each page. If that can't be read, all pages count as present and own.
   void ReadPageMap(std::uint64_t address, std::uint64_t count, std::uint64_t* entries) const {
     const auto wanted = static_cast<ssize_t>(count * sizeof *entries);
     const auto offset = static_cast<off_t>(address / pageSize_ * sizeof *entries);
@@ -157,7 +163,7 @@ class CoreWriter {
                        [&](const CoreThread& thread) { return StackOf(StackPointer(*thread.context)) == &range; });
   }
 
-  // The memory that a stack pointer points at, or what lies above it where the thread has run out of its stack.
+  // The range at which a stack pointer points, or the next one above it if the thread has overflowed its stack.
   const MappedRange* StackOf(std::uint64_t pointer) const {
     for (std::size_t i = 0; i < map_.count && map_.ranges[i].start <= pointer + kOverflow; ++i) {
       if (map_.ranges[i].end > pointer && map_.ranges[i].isReadable) return &map_.ranges[i];
@@ -176,7 +182,7 @@ class CoreWriter {
     return true;
   }
 
-  // Only the pages that are in memory or in swap; the others hold zeros.
+  // Writes only the pages that are in memory or in swap; the others are zero.
   bool WriteUsedPages(const Elf64_Phdr& header) {
     const std::uint64_t pageCount = header.p_filesz / pageSize_;
     for (std::uint64_t first = 0; first < pageCount; first += kBatch) {
@@ -191,7 +197,7 @@ class CoreWriter {
     return true;
   }
 
-  // A page that can't be read stays a hole.
+  // Writes some pages; one that can't be read stays a hole of the file.
   bool WritePages(const Elf64_Phdr& header, std::uint64_t first, std::uint64_t count) {
     std::uint64_t at = first * pageSize_;
     const std::uint64_t end = at + count * pageSize_;
@@ -220,7 +226,7 @@ class CoreWriter {
   MemoryMap map_;
 };
 
-// The failed thread first, then those that were stopped.
+// The failed thread first, then those that SuspendThread has stopped.
 std::size_t CollectThreads(const MINIDUMP_EXCEPTION_INFORMATION* exception, const ucontext_t& here,
                            CoreThread* threads) {
   threads[0] = {static_cast<int>(gettid()), 0, &here, ThreadPointer()};
@@ -232,6 +238,8 @@ std::size_t CollectThreads(const MINIDUMP_EXCEPTION_INFORMATION* exception, cons
   std::size_t count = 1;
   const StoppedThread* const stopped = StoppedThreads();
   for (std::size_t i = 0; i < kMostStoppedThreads; ++i) {
+    // Acquire pairs with the release in StayStopped; the id and the thread pointer were written before it, so relaxed
+    // loads suffice for them.
     const ucontext_t* const context = stopped[i].context.load(std::memory_order_acquire);
     if (context == nullptr) continue;
     threads[count++] = {stopped[i].id.load(std::memory_order_relaxed), 0, context,
@@ -252,7 +260,7 @@ BOOL MiniDumpWriteDump(HANDLE, DWORD, HANDLE file, MINIDUMP_TYPE type, const MIN
   if (!object) return FALSE;
   ucontext_t here;
   getcontext(&here);
-  // Too large for the small stack that this may run on.
+  // Static, because the signal stack on which this may run is small. Only one filter runs at a time.
   static CoreThread threads[kMostStoppedThreads + 1];
   const std::size_t count = CollectThreads(exception, here, threads);
   CoreWriter writer(object->Descriptor(), (type & MiniDumpWithFullMemory) != 0, threads, count);

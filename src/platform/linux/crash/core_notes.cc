@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t kMostNotes = 24 << 20;
 
-// Appends to a block of scratch memory; what doesn't fit marks the whole as failed.
+// Appends notes to a block of scratch memory. If one does not fit, the whole has failed.
 class NoteWriter {
  public:
   explicit NoteWriter(Scratch& scratch) : data_(scratch.TakeArray<char>(kMostNotes)) {}
@@ -86,6 +86,7 @@ void CopyRegisters(const CoreThread& thread, elf_gregset_t& out) {
   registers.rdx = get(REG_RDX);
   registers.rsi = get(REG_RSI);
   registers.rdi = get(REG_RDI);
+  // -1: the thread was not in a system call, so debuggers do not try to restart one.
   registers.orig_rax = ~0ull;
   registers.rip = get(REG_RIP);
   registers.eflags = get(REG_EFL);
@@ -182,7 +183,8 @@ Bytes MakeCoreNotes(const CoreThread* threads, std::size_t threadCount, const Me
   for (std::size_t i = 0; i < threadCount; ++i) {
     AddThread(threads[i], notes);
     if (i > 0) continue;
-    // What belongs to the process stands behind its first thread, which is where readers take its signal from.
+    // The notes about the process follow those of its first thread: debuggers take the first thread as the one that the
+    // signal hit.
     AddProcess(scratch, notes);
     const Bytes auxiliary = ReadProcFile("/proc/self/auxv", 4096, scratch);
     notes.Add(NT_AUXV, auxiliary.data, auxiliary.size);

@@ -1,4 +1,7 @@
 // The notes of a core file: the threads with their registers, and what a debugger needs to find the program's files.
+//
+// For the crash path alone: nothing here allocates memory or takes a lock. The caller owns the scratch memory in which
+// the notes are made.
 #ifndef KESTRUN_PLATFORM_LINUX_CRASH_CORE_NOTES_H_
 #define KESTRUN_PLATFORM_LINUX_CRASH_CORE_NOTES_H_
 
@@ -8,7 +11,7 @@
 
 namespace kestrun::platform {
 
-// A thread and where it stood.
+// A thread, the signal that hit it (0 for none), and its registers at that moment.
 struct CoreThread {
   int id;
   int signal;

@@ -1,3 +1,12 @@
+// The filter for unhandled exceptions, on top of the fatal signals.
+//
+//   a fatal signal comes                      the thread calls the filter; only one thread at a time
+//   the filter itself fails                   the process dies of that signal
+//   the filter takes longer than 30 s         SIGALRM: the process dies of the first signal
+//   the filter lets the search go on          the process dies of the signal, as it would have without a filter
+//   the filter asks to go on                  the thread continues where the signal hit it
+//
+// The process always dies by the signal itself and not by _exit, so that its parent sees the true cause.
 #include "platform/linux/crash/fault_signals.h"
 
 #include <sched.h>
@@ -19,7 +28,8 @@ constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTR
 constexpr unsigned kFilterLimitSeconds = 30;
 
 std::atomic<LPTOP_LEVEL_EXCEPTION_FILTER> currentFilter{nullptr};
-// The thread whose filter runs, 0 for none.
+// The thread whose filter runs, 0 for none. All atomics here are sequentially consistent, since their cost does not
+// matter in a crash.
 std::atomic<int> faultingThread{0};
 std::atomic<int> faultingSignal{0};
 
@@ -50,7 +60,7 @@ DWORD ExceptionCode(int signal) {
   }
 }
 
-// The signal's own way of ending the process, once it is no longer blocked.
+// Lets the signal end the process in its own way, as soon as it is not blocked any more.
 void DieOf(int signal) {
   ::signal(signal, SIG_DFL);
   syscall(SYS_tgkill, getpid(), gettid(), signal);
@@ -65,6 +75,7 @@ void OnLimit(int) {
   pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
 }
 
+// A timer by signal and not by thread: the other threads may be stopped.
 void StartLimit(int signal) {
   faultingSignal.store(signal);
   struct sigaction action {};
@@ -101,7 +112,7 @@ void OnFatalSignal(int signal, siginfo_t* info, void* machine) {
   int owner = 0;
   while (!faultingThread.compare_exchange_weak(owner, self)) {
     if (owner == self) return DieOf(signal);  // the filter itself failed
-    // Another thread's filter is about to end the process; this one must not end it earlier.
+    // Another thread's filter is about to end the process, and must be able to finish its report first.
     constexpr timespec kMoment{0, 10'000'000};
     nanosleep(&kMoment, nullptr);
     owner = 0;
@@ -115,6 +126,8 @@ void OnFatalSignal(int signal, siginfo_t* info, void* machine) {
 void InstallHandlers() {
   struct sigaction action {};
   action.sa_sigaction = OnFatalSignal;
+  // SA_ONSTACK: the thread's own stack may have overflowed. SA_NODEFER: a fault in the filter must come through, to end
+  // the process.
   action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
   for (const int signal : kFatalSignals) sigaction(signal, &action, nullptr);
 }

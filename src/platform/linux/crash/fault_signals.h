@@ -9,22 +9,24 @@
 
 namespace kestrun::platform {
 
-// A filter runs among stopped threads, which may hold any lock: if it takes longer than 30 s the process dies of its
-// signal without it. Long work that makes progress starts the time anew. Nothing while no filter runs.
+// Starts the time limit of a running filter anew; without a running filter it does nothing. A filter runs beside
+// stopped threads, which may hold any lock, so it may hang: after 30 s the process dies of its signal. Long work that
+// makes progress calls this.
 void ExtendFaultLimit();
 
-// A thread that SuspendThread stopped: it stays in a signal handler, and its state before that is in `context`.
+// A thread that SuspendThread has stopped. It stays in a signal handler; `context` is its state before that.
 struct StoppedThread {
   std::atomic<int> id{0};
   std::atomic<const ucontext_t*> context{nullptr};
   std::atomic<unsigned long> threadPointer{0};
 };
 
-// The table of those, in the order in which they were stopped; slots with a null context don't count.
+// The table of stopped threads, in the order in which they were stopped. Entries with a null context do not count.
 constexpr std::size_t kMostStoppedThreads = 1024;
 const StoppedThread* StoppedThreads();
 
-// What addresses the calling thread's own data, which is a register that a signal's context lacks.
+// The register by which the calling thread addresses its thread-local data. The context of a signal does not contain
+// it.
 unsigned long ThreadPointer();
 
 }  // namespace kestrun::platform

@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::size_t kMostMapText = 16 << 20;
 
+// Reads a hexadecimal number and moves the pointer behind it. The kernel writes lower case only.
 std::uint64_t TakeHex(const char*& text) {
   std::uint64_t value = 0;
   for (;; ++text) {
@@ -34,7 +35,7 @@ void SkipWord(const char*& text) {
   while (*text == ' ') ++text;
 }
 
-// "start-end rwxp offset device inode      name"
+// Parses a line of /proc/self/maps: "start-end rwxp offset device inode      name".
 MappedRange ParseLine(const char* line) {
   MappedRange range{};
   range.start = TakeHex(line);
@@ -56,6 +57,7 @@ MappedRange ParseLine(const char* line) {
 
 }  // namespace
 
+// Fresh pages from the kernel. MAP_NORESERVE: a large block costs only what is used of it.
 Scratch::Scratch(std::size_t size)
     : size_(size),
       memory_(static_cast<char*>(

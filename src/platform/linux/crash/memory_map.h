@@ -1,4 +1,6 @@
-// The memory of this process, as the kernel tells it, for use where nothing may be allocated.
+// The memory map of this process as the kernel tells it, for code that must not allocate.
+//
+// For the crash path, on one thread. Nothing here uses the heap, takes a lock or throws; failure is an empty result.
 #ifndef KESTRUN_PLATFORM_LINUX_CRASH_MEMORY_MAP_H_
 #define KESTRUN_PLATFORM_LINUX_CRASH_MEMORY_MAP_H_
 
@@ -7,7 +9,7 @@
 
 namespace kestrun::platform {
 
-// Memory that is handed out from front to end and goes as a whole. Takes none from the heap.
+// A block of fresh pages that is handed out from front to end, and freed as a whole.
 class Scratch {
  public:
   explicit Scratch(std::size_t size);

@@ -1,4 +1,8 @@
-// The threads of this process: listing and stopping them.
+// Listing the threads of this process and stopping them, for the crash path.
+//
+// Linux has no call that stops a thread of one's own process, so a signal is sent to it, in whose handler it stays for
+// ever. The handler finds its entry in a table by its thread id, stores its registers there and pauses. The signal is a
+// real-time one that neither the C library nor this program uses otherwise.
 #include <dirent.h>
 #include <signal.h>
 #include <sys/syscall.h>
@@ -29,13 +33,16 @@ int StopSignal() {
   return SIGRTMIN + 6;
 }
 
-// Where a stopped thread stays: with every signal blocked, until the process ends.
+// The handler in which a stopped thread stays, with every signal blocked, until the process ends.
 void StayStopped(int, siginfo_t*, void* context) {
   const int self = gettid();
+  // Acquire pairs with the release in SuspendThread: the entry's id is visible.
   const std::size_t count = std::min(stoppedCount.load(std::memory_order_acquire), kMostStoppedThreads);
   for (std::size_t i = 0; i < count; ++i) {
     StoppedThread& thread = stoppedThreads[i];
+    // Relaxed: the id was written before the count.
     if (thread.id.load(std::memory_order_relaxed) != self) continue;
+    // Relaxed, because the release of `context` below publishes it.
     thread.threadPointer.store(ThreadPointer(), std::memory_order_relaxed);
     thread.context.store(static_cast<const ucontext_t*>(context), std::memory_order_release);
     for (;;) pause();
@@ -94,6 +101,7 @@ bool AwaitStop(const StoppedThread& thread) {
   constexpr int kRounds = 2000;
   constexpr timespec kMoment{0, 100'000};
   for (int i = 0; i < kRounds; ++i) {
+    // Acquire pairs with the release in StayStopped.
     if (thread.context.load(std::memory_order_acquire) != nullptr) return true;
     nanosleep(&kMoment, nullptr);
   }
@@ -146,6 +154,8 @@ HANDLE OpenThread(DWORD, BOOL, DWORD threadId) {
 DWORD SuspendThread(HANDLE thread) {
   const auto object = LookUp<ForeignThread>(thread);
   if (!object || !PrepareStopSignal()) return kFailed;
+  // Relaxed, as for the id below: one thread alone, that of the crash filter, stops others and writes these. The
+  // release of the count publishes the id to the handler of the thread that is stopped.
   const std::size_t index = stoppedCount.load(std::memory_order_relaxed);
   if (index >= kMostStoppedThreads) {
     SetLastError(ERROR_NO_SYSTEM_RESOURCES);

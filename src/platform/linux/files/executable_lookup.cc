@@ -37,7 +37,7 @@ bool FindExecutableIgnoringCase(const std::string& candidate, std::string& found
   if (leaf.empty()) return false;
   std::unique_ptr<DIR, DirectoryCloser> directory(opendir(folder.empty() ? "." : folder.c_str()));
   if (!directory) return false;
-  // One pass for both forms; the whole name goes before the stripped one.
+  // One pass finds both forms; a file with the whole name takes precedence over one with the stripped name.
   std::string whole, bare;
   while (const dirent* entry = readdir(directory.get())) {
     const std::string_view entryName = entry->d_name;

@@ -16,6 +16,7 @@ std::string SystemName(std::string_view name) {
   return mapped;
 }
 
+// ".." removes the component before it as text, as on Windows; a symbolic link there is not followed.
 std::string LexicalFullPath(const std::string& name, const std::string& currentDirectory) {
   if (name.empty()) return name;
   const std::string whole = name.front() == '/' ? name : currentDirectory + "/" + name;
@@ -40,7 +41,8 @@ std::string LexicalFullPath(const std::string& name, const std::string& currentD
 
 bool MatchesPattern(std::string_view name, std::string_view pattern) {
   if (pattern == "*.*") return true;
-  // Greedy, with one point to backtrack to: the last star, and how much of the name it has matched.
+  // Greedy matching with one point to return to: the last star, and how much of the name it has matched. Earlier stars
+  // need no other point, because any match that they allow is also found from the last one.
   std::size_t n = 0, p = 0, starEnd = std::string_view::npos, taken = 0;
   while (n < name.size()) {
     if (p < pattern.size() && pattern[p] == '*') {
@@ -73,6 +75,7 @@ std::string NameOnDisk(const std::string& name) {
   struct stat info;
   if (!EndsInExe(name) || stat(name.c_str(), &info) == 0) return name;
   const std::string stripped = name.substr(0, name.size() - 4);
+  // "/.exe" has no name left without its ending.
   if (stripped.back() == '/' || stat(stripped.c_str(), &info) != 0) return name;
   return S_ISREG(info.st_mode) && access(stripped.c_str(), X_OK) == 0 ? stripped : name;
 }

@@ -9,8 +9,9 @@ namespace kestrun::platform {
 
 namespace {
 
-// True if the call that just failed is to be repeated; if not, the last error is set. Waits for a descriptor that would
-// block: another process that shares a standard stream may have made it non-blocking.
+// True if the call that has just failed is to be repeated; otherwise the last error is set. If the descriptor would
+// block (EAGAIN) this waits until it is ready: O_NONBLOCK belongs to the open file, so another process that shares a
+// standard stream may have set it.
 bool MayTryAgain(int descriptor, short events) {
   if (errno == EINTR) return true;
   if (errno == EAGAIN) {
@@ -41,6 +42,7 @@ bool FileObject::Read(void* buffer, DWORD count, DWORD* read) {
 
 bool FileObject::Write(const void* buffer, DWORD count, DWORD* written) {
   *written = 0;
+  // A pipe may take a part at a time.
   while (*written < count) {
     const ssize_t put = ::write(Descriptor(), static_cast<const char*>(buffer) + *written, count - *written);
     if (put >= 0) {

@@ -15,6 +15,7 @@ namespace kestrun::platform {
 
 namespace {
 
+// The contract of calls that give a text: its length, or the size that is needed if it does not fit.
 DWORD GiveText(const std::string& text, LPSTR buffer, DWORD size) {
   if (text.size() >= size || buffer == nullptr) return static_cast<DWORD>(text.size() + 1);
   std::memcpy(buffer, text.c_str(), text.size() + 1);
@@ -57,6 +58,7 @@ BOOL RemoveDirectoryA(LPCSTR name) {
   if (errno != ENOTDIR) return Fail(NameError(folder, errno));
   struct stat info;
   if (lstat(folder.c_str(), &info) != 0) return Fail(NameError(folder, errno));
+  // Windows removes a link to a folder by RemoveDirectory, so the link itself is unlinked here.
   const bool leadsToFolder = S_ISLNK(info.st_mode) && stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
   if (!leadsToFolder) return Fail(ERROR_DIRECTORY);
   return unlink(folder.c_str()) == 0 ? TRUE : Fail(Win32ErrorFromErrno(errno));

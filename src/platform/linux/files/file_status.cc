@@ -22,6 +22,7 @@ void Fill(const struct statx& status, WIN32_FILE_ATTRIBUTE_DATA& data) {
   if (S_ISDIR(status.stx_mode)) attributes |= FILE_ATTRIBUTE_DIRECTORY;
   if ((status.stx_mode & 0222) == 0) attributes |= FILE_ATTRIBUTE_READONLY;
   data.dwFileAttributes = attributes != 0 ? attributes : FILE_ATTRIBUTE_NORMAL;
+  // Not every file system keeps the time of a file's making; the change of its inode is the nearest then.
   data.ftCreationTime = FromStatx((status.stx_mask & STATX_BTIME) != 0 ? status.stx_btime : status.stx_ctime);
   data.ftLastAccessTime = FromStatx(status.stx_atime);
   data.ftLastWriteTime = FromStatx(status.stx_mtime);
@@ -36,6 +37,7 @@ constexpr unsigned kWanted = STATX_BASIC_STATS | STATX_BTIME;
 bool GetFileStatus(const std::string& name, WIN32_FILE_ATTRIBUTE_DATA& data) {
   struct statx status;
   if (statx(AT_FDCWD, name.c_str(), AT_SYMLINK_NOFOLLOW, kWanted, &status) != 0) return false;
+  // A link has the status of what it leads to, and is marked as a reparse point, as on Windows.
   const bool isLink = S_ISLNK(status.stx_mode);
   if (isLink && statx(AT_FDCWD, name.c_str(), 0, kWanted, &status) != 0) return false;
   Fill(status, data);
@@ -75,6 +77,7 @@ DWORD GetFileSize(HANDLE file, LPDWORD sizeHigh) {
     return INVALID_FILE_SIZE;
   }
   if (sizeHigh != nullptr) *sizeHigh = static_cast<DWORD>(info.st_size >> 32);
+  // The low half of a size may equal the number for failure; the last error then tells that it is no failure.
   if (static_cast<DWORD>(info.st_size) == INVALID_FILE_SIZE) SetLastError(NO_ERROR);
   return static_cast<DWORD>(info.st_size);
 }

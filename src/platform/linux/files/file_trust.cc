@@ -12,6 +12,7 @@
 
 namespace kestrun::platform {
 
+// A bit that none of the flags of file_api.h has.
 const DWORD kRefuseFilesOfOthers = 0x10000;
 
 bool IsTrusted(const struct stat& info) {
@@ -24,8 +25,8 @@ bool IsNoFile(const struct stat& info) {
 
 namespace {
 
-// A link of another user's is not followed. One of this user's or root's is: others can't replace it in a folder that
-// keeps them from replacing files.
+// Opens a name without following a symbolic link of another user. A link of this user or of root is followed: in a
+// folder whose sticky bit is set, such as /tmp, other users can't replace it between the check and the opening.
 int OpenTrustedName(const std::string& name, int flags) {
   const int opened = open(name.c_str(), flags | O_NOFOLLOW, 0600);
   if (opened >= 0 || errno != ELOOP) return opened;
@@ -38,6 +39,7 @@ int OpenTrustedName(const std::string& name, int flags) {
 }  // namespace
 
 FileDescriptor OpenFileOnly(const std::string& name, int flags, bool mustBeTrusted) {
+  // Opening a FIFO blocks until its other end is opened; with O_NONBLOCK it does not. The flag is cleared again below.
   const int waitless = flags | O_NONBLOCK;
   FileDescriptor file(mustBeTrusted ? OpenTrustedName(name, waitless) : open(name.c_str(), waitless, 0600));
   if (!file) return file;

@@ -20,6 +20,7 @@ namespace kestrun::platform {
 
 namespace {
 
+// O_NOCTTY: opening a terminal must not make it the terminal of this process.
 int OpenFlags(DWORD access) {
   const bool all = (access & GENERIC_ALL) != 0;
   const bool reads = all || (access & GENERIC_READ) != 0;
@@ -27,18 +28,20 @@ int OpenFlags(DWORD access) {
   return (writes ? (reads ? O_RDWR : O_WRONLY) : O_RDONLY) | O_CLOEXEC | O_NOCTTY;
 }
 
-// How a file is to be opened; constant for one call.
+// How a file is to be opened; constant during one call.
 struct OpenRequest {
   int flags;
   DWORD disposition;
   bool mustBeTrusted;
 };
 
-// Opens or makes the file; `existed` tells which. It is truncated later, once it is locked.
+// Opens the file or makes it; `existed` tells which. It is truncated later (Settle), once it is locked, so that a file
+// that another process keeps locked is not emptied.
 FileDescriptor OpenByDisposition(const std::string& name, const OpenRequest& request, bool& existed) {
   const bool mayExist = request.disposition != CREATE_NEW;
   const bool mayCreate = request.disposition != OPEN_EXISTING && request.disposition != TRUNCATE_EXISTING;
-  // If the file appears or vanishes between the two attempts, they start again.
+  // O_CREAT without O_EXCL would not tell whether the file existed, so there are two attempts. If the file appears or
+  // vanishes between them, they start again.
   for (;;) {
     existed = mayExist;
     if (mayExist) {
@@ -54,8 +57,8 @@ FileDescriptor OpenByDisposition(const std::string& name, const OpenRequest& req
   }
 }
 
-// The share modes: an advisory lock on the whole file, shared for an open that shares anything. It goes with the
-// descriptor, also when the process is killed.
+// The share modes as an advisory lock on the whole file: shared for an open that shares anything, exclusive for one
+// that shares nothing. The kernel drops the lock with the descriptor, also when the process is killed.
 bool LockForSharing(int descriptor, DWORD share) {
   const int mode = share == 0 ? LOCK_EX : LOCK_SH;
   int result;
@@ -65,7 +68,7 @@ bool LockForSharing(int descriptor, DWORD share) {
   return result == 0 || errno != EWOULDBLOCK;  // a file system without locks shares everything
 }
 
-// What must hold of the opened file before it is handed out, as an error number.
+// Checks, locks and truncates the opened file. Gives an error number, ERROR_SUCCESS if the file can be handed out.
 DWORD Settle(int descriptor, DWORD share, DWORD disposition) {
   struct stat info;
   if (fstat(descriptor, &info) != 0) return Win32ErrorFromErrno(errno);
@@ -77,8 +80,8 @@ DWORD Settle(int descriptor, DWORD share, DWORD disposition) {
   return ERROR_SUCCESS;
 }
 
-// A disk file is unlocked explicitly before it is closed: a child that another thread is starting has a copy of the
-// descriptor until its exec, which would keep the file locked.
+// A disk file is unlocked explicitly before it is closed. The lock belongs to the open file, and a child that another
+// thread is starting has a copy of the descriptor until its exec, which would keep the file locked.
 class DiskFile : public FileObject {
  public:
   using FileObject::FileObject;
@@ -90,8 +93,8 @@ HANDLE Fail(DWORD error) {
   return INVALID_HANDLE_VALUE;
 }
 
-// True if a process has the file open through this layer. Tests by taking the lock; a file that can't be opened counts
-// as not open.
+// True if a process has the file open through this layer: an exclusive lock then fails. A file that can't be opened
+// counts as not open.
 bool IsOpenElsewhere(const std::string& name) {
   struct stat info;
   if (lstat(name.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
@@ -158,7 +161,8 @@ DWORD SetFilePointer(HANDLE file, LONG distance, LONG* distanceHigh, DWORD metho
   static_assert(FILE_BEGIN == SEEK_SET && FILE_CURRENT == SEEK_CUR && FILE_END == SEEK_END);
   const auto object = LookUp<FileObject>(file);
   if (!object) return INVALID_SET_FILE_POINTER;
-  // Without a high part the distance is signed, with one it is the low half of a signed 64-bit number.
+  // Without a high part the distance is a signed number, except from the beginning of the file; with one it is the low
+  // half of a signed 64-bit number.
   std::int64_t offset = distance;
   if (distanceHigh != nullptr) {
     offset = static_cast<std::int64_t>((static_cast<std::uint64_t>(static_cast<DWORD>(*distanceHigh)) << 32) |
@@ -209,6 +213,7 @@ BOOL MoveFileExA(LPCSTR from, LPCSTR to, DWORD flags) {
   const std::string source = SystemName(from);
   const std::string target = SystemName(to);
   const bool replaces = (flags & MOVEFILE_REPLACE_EXISTING) != 0;
+  // Without the flag for replacing, the test for the target and the rename must be one step.
   const unsigned mode = replaces ? 0 : static_cast<unsigned>(RENAME_NOREPLACE);
   if (renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), mode) == 0) return TRUE;
   SetLastError(errno == EEXIST ? ERROR_ALREADY_EXISTS : NameError(source, errno));

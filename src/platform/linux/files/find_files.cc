@@ -31,7 +31,7 @@ class FindObject : public Object {
   FindObject(std::string folder, std::vector<std::string> names)
       : Object(kKind), folder_(std::move(folder)), names_(std::move(names)) {}
 
-  // False at the end. A file that went in the meantime is passed over; a link that leads nowhere is listed.
+  // False at the end. A file that was removed after the listing is skipped; a link that leads nowhere is listed.
   bool Next(WIN32_FIND_DATAA& data) {
     const std::lock_guard lock(mutex_);
     while (next_ < names_.size()) {

@@ -1,3 +1,7 @@
+// Mappings of shared memory and of disk files, and the views of them.
+//
+// The memory of a mapping is reserved when it is made. Otherwise a store into a page for which the file system has no
+// room would be a SIGBUS, at some later moment and in some other process.
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -29,7 +33,8 @@ std::size_t RoundUpToPage(std::size_t bytes) {
   return (bytes + PageSize() - 1) & ~(PageSize() - 1);
 }
 
-// A region of memory with a name or without, or a disk file, of which views can be made.
+// What views can be made of: a region of memory, with or without a name, or a disk file. A named one lies in a file of
+// the object folder, an unnamed one in a memfd.
 class Mapping : public Object {
  public:
   static constexpr ObjectKind kKind = ObjectKind::kMapping;
@@ -69,7 +74,7 @@ struct View {
   bool writable = false;
 };
 
-// The views of this process by their address.
+// The views of this process by address, because UnmapViewOfFile gets no length.
 class Views {
  public:
   static Views& Get() {
@@ -82,7 +87,8 @@ class Views {
     views_[reinterpret_cast<std::uintptr_t>(address)] = view;
   }
 
-  // Unmaps as well: a new view may be put at the address as soon as it is free.
+  // Unmaps under the lock: as soon as the address is free, another thread may get a view there, whose entry must not be
+  // removed.
   bool Remove(const void* address) {
     const std::lock_guard guard(lock_);
     const auto found = views_.find(reinterpret_cast<std::uintptr_t>(address));
@@ -115,7 +121,8 @@ HANDLE Fail(DWORD error) {
   return nullptr;
 }
 
-// The kernel reserves memory for a file as long as there is any, and then kills processes to get more.
+// True for half of the machine's memory or more. The kernel would reserve memory for a file as long as there is any,
+// and then kill processes to get more.
 bool IsBeyondMemory(std::uint64_t size) {
   const auto pages = static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES));
   return size / PageSize() >= pages / 2;
@@ -146,7 +153,7 @@ HANDLE MapDiskFile(HANDLE handle, DWORD protect, std::uint64_t size) {
   const auto file = LookUp<FileObject>(handle);
   if (!file) return nullptr;
   struct stat status {};
-  // A pipe or a device has no bytes to map.
+  // A pipe or a device can't be mapped as a file.
   if (fstat(file->Descriptor(), &status) != 0 || !S_ISREG(status.st_mode)) return Fail(ERROR_INVALID_HANDLE);
   const auto fileSize = static_cast<std::uint64_t>(status.st_size);
   const bool writable = protect == PAGE_READWRITE;
@@ -200,7 +207,7 @@ LPVOID MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWORD offse
   const auto length = static_cast<std::size_t>(bytes != 0 ? bytes : object->size() - offset);
   void* address = object->Map(offset, length, writable ? PROT_READ | PROT_WRITE : PROT_READ);
   if (address == MAP_FAILED) return Fail(Win32ErrorFromErrno(errno));
-  // As in object_table.cc: a forked child must not keep the file's locks alive.
+  // A forked child must not inherit the view, which would keep the file's locks alive (object_table.cc).
   madvise(address, length, MADV_DONTFORK);
   Views::Get().Add(address, {length, writable});
   return address;
@@ -213,7 +220,8 @@ BOOL UnmapViewOfFile(LPCVOID address) {
 }
 
 BOOL FlushViewOfFile(LPCVOID address, SIZE_T) {
-  // Views are the page cache itself, so others see each store at once, and the system writes it out in its own time.
+  // Nothing to do: a view is the page cache itself, so other processes see each store at once, and the kernel writes it
+  // out in its own time.
   std::uintptr_t base;
   View view;
   if (Views::Get().Find(address, &base, &view)) return TRUE;
@@ -244,7 +252,7 @@ void GetSystemInfo(SYSTEM_INFO* information) {
   *information = {};
   information->dwPageSize = static_cast<DWORD>(PageSize());
   information->dwAllocationGranularity = information->dwPageSize;
-  // The C library would look it up in a file.
+  // Not by the C library, which reads a file of /sys for it.
   cpu_set_t processors;
   const bool isKnown = sched_getaffinity(0, sizeof processors, &processors) == 0;
   information->dwNumberOfProcessors = isKnown ? static_cast<DWORD>(CPU_COUNT(&processors)) : 1;

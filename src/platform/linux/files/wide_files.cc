@@ -1,4 +1,4 @@
-// The W forms: convert the names and call the A forms.
+// The W forms of the file calls: they convert the names and call the A forms.
 #include <algorithm>
 #include <climits>
 #include <cwchar>
@@ -11,7 +11,7 @@ namespace kestrun::platform {
 
 namespace {
 
-// A name as the A forms take it; false with ERROR_INVALID_NAME.
+// Converts a name for the A forms; false with ERROR_INVALID_NAME.
 bool NarrowName(const WCHAR* wide, std::string& name) {
   if (wide != nullptr && Narrow(wide, name)) return true;
   SetLastError(ERROR_INVALID_NAME);

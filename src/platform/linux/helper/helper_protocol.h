@@ -2,7 +2,7 @@
 //
 // A process that starts tools has a zygote (zygote.h): this very program, started once more as a small single-threaded
 // process that forks quickly. The zygote forks a supervisor (supervisor.h) when no supervisor is idle. A supervisor
-// makes its next tool's process in advance: it exists, with its id, before there is a tool for it, and waits for one.
+// makes its next tool's process in advance, so that the process and its id exist before there is a tool for it.
 //
 //   process --- helper socket (one message a supervisor) ---> zygote
 //   process <-- control socket (a stream, one a supervisor) --> supervisor, and its tool to be
@@ -22,8 +22,8 @@
 // After kEmpty, or a kEnded that says that nothing is left, the supervisor is idle: the process keeps the control
 // socket for its next tool. A late command for the tool before may arrive in front of kStart; it is ignored.
 //
-// When the process closes its end of the control socket it has given the supervisor up; when it dies, the kernel closes
-// that end. No other process has a copy of it.
+// When the process closes its end of the control socket, it gives the supervisor up; when the process dies, the kernel
+// closes that end. No other process has a copy of that end, so the supervisor learns of either at once.
 //
 // Both sides are the same build of the program on one machine, so structures are sent as they lie in memory.
 #ifndef KESTRUN_PLATFORM_LINUX_HELPER_HELPER_PROTOCOL_H_

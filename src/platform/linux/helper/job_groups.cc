@@ -20,7 +20,7 @@ namespace kestrun::platform {
 namespace {
 
 constexpr std::string_view kPrefix = "kestrun-job-";
-// Where systems mount the groups of version 2: alone, or beside those of version 1.
+// The mount points of version 2 of the control groups: alone, or beside version 1.
 constexpr const char* kMounts[] = {"/sys/fs/cgroup", "/sys/fs/cgroup/unified"};
 
 std::string ReadText(const char* path) {
@@ -30,13 +30,13 @@ std::string ReadText(const char* path) {
   return {text, count > 0 ? static_cast<std::size_t>(count) : 0};
 }
 
-// The files of a group exist; none is made.
+// Writes to a file that exists: the kernel makes the files of a group with the group.
 bool WriteTo(const std::string& path, const std::string& text) {
   const FileDescriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
   return file && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-// The names of the groups of supervisors in a folder.
+// The names of the supervisors' groups in a folder.
 std::vector<std::string> ListGroups(const std::string& folder) {
   std::vector<std::string> found;
   const auto close = [](DIR* directory) { closedir(directory); };
@@ -47,13 +47,15 @@ std::vector<std::string> ListGroups(const std::string& folder) {
   return found;
 }
 
-// Certainly: what is in the group of such a process is killed.
+// True only if it is certain that the process has ended, because everything in its group is then killed. A process of
+// another user fails kill with EPERM and counts as alive.
 bool HasEnded(pid_t pid) {
   ProcessStat stat{};
   return (kill(pid, 0) != 0 && errno == ESRCH) || (ReadProcessStat(pid, stat) && stat.state == 'Z');
 }
 
-// A tool may have had supervisors of its own.
+// Removes the groups inside first, because the kernel refuses to remove a group that contains others: a tool that is a
+// program of this kind had supervisors of its own.
 void RemoveWithInner(const std::string& group) {
   for (const std::string& inner : ListGroups(group)) RemoveWithInner(group + "/" + inner);
   rmdir(group.c_str());
@@ -88,6 +90,8 @@ JobGroups JobGroups::OfThisProcess() {
   if (path.empty()) return JobGroups("", "");
   for (const char* const mount : kMounts) {
     const std::string folder = mount + path;
+    // Moving a process needs write access to both groups; cgroup.kill exists since Linux 5.14, and without it a group
+    // can't be ended as a whole.
     const bool isOurs = access((folder + "/cgroup.procs").c_str(), W_OK) == 0 && access(folder.c_str(), W_OK) == 0;
     if (isOurs && access((folder + "/cgroup.kill").c_str(), W_OK) == 0) return JobGroups(folder, NameSpaceOfIds());
   }
@@ -97,6 +101,8 @@ JobGroups JobGroups::OfThisProcess() {
 bool JobGroups::Enter(pid_t supervisor) const {
   if (folder_.empty()) return false;
   const std::string group = folder_ + "/" + prefix_ + std::to_string(supervisor);
+  // The group may exist already: process ids are used again, and a group of an earlier supervisor may not have been
+  // removed. A failure shows in the write.
   mkdir(group.c_str(), 0700);
   return WriteTo(group + "/cgroup.procs", std::to_string(supervisor));
 }

@@ -1,10 +1,10 @@
 // Control groups (cgroup v2) for jobs: each supervisor and everything that is ever below it is in one group, which the
 // kernel ends as a whole.
 //
-// A supervisor adopts what its tool leaves behind, and ends it. If the supervisor and the zygote above it are killed,
-// what had lost its parent before is nobody's; in a group of its supervisor's number it is still found. A group stays
-// as long as its supervisor lives, which does not end before all below it has. So a group whose supervisor has gone
-// holds only what is to be ended.
+// A supervisor adopts the processes that its tool leaves behind, and ends them. If the supervisor and the zygote above
+// it are killed, those processes go to init, and nothing tells any more which tool they came from. In a group that
+// bears their supervisor's number they are still found. A supervisor does not exit before everything below it has
+// ended; so a group whose supervisor is gone contains only processes that are to be ended.
 //
 //   <own group>/kestrun-job-<name space of process ids>-<process id of the supervisor>
 //
@@ -12,11 +12,11 @@
 //   the zygote                ends the group of each supervisor that has ended, and at its start those that others left
 //   the process itself        ends the group of a supervisor that was killed, if the zygote did not
 //
-// Groups are made only in a group that was given to this user or made by this layer, never in the root of all groups.
-// Elsewhere there are none, at the cost of a look when a zygote starts, and the helpers do what they can without.
+// Groups are made only below a group that was delegated to this user or made by this layer, never in the root of all
+// groups. On other systems no groups are used; finding that out costs some system calls when a zygote starts.
 //
-// An object is a value without resources; all functions may be called from any thread, Enter from a process with one
-// thread. Failures are silent: a job without a group is supervised all the same.
+// An object is a value without resources. All functions may be called from any thread; Enter is for a process with one
+// thread. Failures are not reported: a job without a group is supervised all the same.
 #ifndef KESTRUN_PLATFORM_LINUX_HELPER_JOB_GROUPS_H_
 #define KESTRUN_PLATFORM_LINUX_HELPER_JOB_GROUPS_H_
 
@@ -29,7 +29,8 @@ namespace kestrun::platform {
 
 class JobGroups {
  public:
-  // Below the group in this folder; none with "". `nameSpace` is that of this process's id.
+  // For groups below the one in this folder; with "" there are none. `nameSpace` is the name space of process ids to
+  // which this process's id belongs.
   JobGroups(std::string folder, const std::string& nameSpace);
 
   // Below the group of this process, if it may make groups there.

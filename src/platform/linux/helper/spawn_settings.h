@@ -1,4 +1,6 @@
-// What posix_spawn is told beside the program: its file actions and attributes, empty at first.
+// The file actions and attributes of one posix_spawn, empty at first and destroyed with this object.
+//
+// The caller fills the two members by the C library's calls. Used on one thread, around one start of a process.
 #ifndef KESTRUN_PLATFORM_LINUX_HELPER_SPAWN_SETTINGS_H_
 #define KESTRUN_PLATFORM_LINUX_HELPER_SPAWN_SETTINGS_H_
 

@@ -16,11 +16,17 @@
 //   kSignalGroup            signals the tool's group, if it has its own  nothing
 //   the socket ends         kills everything if it is told to; waits for the end of everything, and exits
 //
-// Everything below this process is its child sooner or later, because it is a subreaper: "nothing is left" means that
-// waiting for a child fails.
+// Everything below this process becomes its child sooner or later, because it is a subreaper: when a process below it
+// dies, the kernel gives that one's children to the supervisor. So "nothing is left" means that waiting for a child
+// fails. A process group or a session would not do in its place, because any program can leave those.
 //
-// The process that waits for its tool shares this one's memory, as by vfork: it costs no copy, and what it writes
-// (phase_ and the tool's settings) is here when it has become the tool. This process stands still until then.
+// The process that waits for its tool is made by clone with the supervisor's memory, as vfork does it: no page table is
+// copied, and what the process writes (phase_ and the tool's settings) is visible to the supervisor once the process
+// has become the tool. The supervisor stands still until then; commands and reports of that time are handled by the
+// waiting process itself.
+//
+// SIGCHLD is blocked except during ppoll, and its handler does nothing: the signal only ends the wait. So no child's
+// end is missed between the last wait4 and the next ppoll.
 #include "platform/linux/helper/supervisor.h"
 
 #include <poll.h>
@@ -50,6 +56,7 @@
 namespace kestrun::platform {
 namespace {
 
+// The longest pause between two rounds of killing; see KillAll.
 constexpr int kMaxKillPauseMs = 1000;
 
 std::uint64_t Microseconds(const timeval& time) {
@@ -65,7 +72,7 @@ std::uint32_t ExitCodeOf(int status) {
                            : 128 + static_cast<std::uint32_t>(WTERMSIG(status));
 }
 
-// By all children that were waited for, and by those that they waited for.
+// The time used by all children that were waited for, and by the children that those waited for.
 UsedTime UsedByAll() {
   rusage usage = {};
   getrusage(RUSAGE_CHILDREN, &usage);
@@ -77,6 +84,7 @@ enum class Phase { kWaiting, kRunning, kKilled, kLeftovers, kEmpty };
 
 class Supervisor {
  public:
+  // The zygote has SIGCHLD blocked, and this process has inherited that.
   explicit Supervisor(int control) : control_(control) {
     sigprocmask(SIG_SETMASK, nullptr, &whileWaiting_);
     sigdelset(&whileWaiting_, SIGCHLD);
@@ -86,6 +94,7 @@ class Supervisor {
     do {
       before_ = UsedByAll();
       StartTool();
+      // The phase was changed by the tool's process, in this memory, before its exec.
       if (phase_ == Phase::kWaiting) OutliveUnusedTool();
       while (phase_ != Phase::kEmpty) {
         // poll ignores a negative descriptor.
@@ -99,14 +108,16 @@ class Supervisor {
   }
 
  private:
-  // Returns when the process has become the tool, or has ended before.
+  // Returns when the process has become the tool, or has ended without that. If no process can be made, the error is
+  // reported in place of the process, and the supervisor exits.
   void StartTool() {
     phase_ = Phase::kWaiting;
-    // On this stack and not on the heap, because AddressSanitizer knows this stack.
+    // The child's stack is part of this one and not on the heap, because AddressSanitizer accepts addresses of this
+    // stack.
     alignas(16) char stack[kStackSize];
     tool_ = clone(&Supervisor::BecomeTool, std::end(stack), CLONE_VM | CLONE_VFORK | SIGCHLD, this);
 #ifdef __SANITIZE_ADDRESS__
-    // The calls that were made there did not return, so their poisoned zones are still on it.
+    // The child's calls ended with exec and not by returning, so their poisoned zones are still marked.
     __asan_unpoison_memory_region(stack, sizeof stack);
 #endif
     if (tool_ > 0) return;
@@ -122,7 +133,7 @@ class Supervisor {
     return 127;
   }
 
-  // In the tool's process.
+  // Runs in the tool's process, and returns only if there is no tool or it can't be run.
   void AwaitAndRunTool() {
     // If the supervisor dies before exec, this process must die too.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -132,13 +143,15 @@ class Supervisor {
     report.supervisor = getppid();
     report.all = before_;
     Send(report);
-    // Another parent: the supervisor died before prctl.
+    // A changed parent means that the supervisor died before prctl; the signal then never comes.
     if (!start_.Receive(control_) || getppid() != report.supervisor) return;
+    // From here on the process is the tool to the supervisor, even if the exec below fails: then it ends with 127.
     phase_ = Phase::kRunning;
     const ToolHeader& header = start_.header();
     killsOnClose_ = (header.flags & kToolKillOnClose) != 0;
     hasOwnGroup_ = (header.flags & kToolOwnGroup) != 0;
     if (hasOwnGroup_) setpgid(0, 0);
+    // Relative to the caller's own nice value, which the helpers have inherited.
     if (header.nice != 0) setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, 0) + header.nice);
     const bool inFolder = start_.EnterWorkingDirectory();
     start_.PlaceDescriptors();
@@ -154,7 +167,8 @@ class Supervisor {
     }
   }
 
-  // The socket has ended, or the process that waited for its tool was killed.
+  // The process that waited for its tool has ended: because the control socket has ended, or because it was killed. The
+  // supervisor exits, and the pool takes another one.
   [[noreturn]] void OutliveUnusedTool() {
     while (waitpid(tool_, nullptr, 0) < 0 && errno == EINTR) {
     }
@@ -165,7 +179,7 @@ class Supervisor {
     send(control_, &report, sizeof report, MSG_NOSIGNAL);
   }
 
-  // False once the tool was waited for, so that its id may be another process's.
+  // False once the tool was waited for: from then on its id may belong to another process and must not be signalled.
   bool IsToolThere() const {
     return phase_ < Phase::kLeftovers;
   }
@@ -186,6 +200,7 @@ class Supervisor {
       report.peakBytes = static_cast<std::uint64_t>(usage.ru_maxrss) * 1024;
       phase_ = Phase::kLeftovers;
     } while (pid > 0 || (pid < 0 && errno == EINTR));
+    // wait4 fails (ECHILD) when there is no child at all, and gives 0 while some run.
     const bool isEmpty = pid != 0;
     if (!toolHasEnded && !isEmpty) return;
     if (isEmpty) phase_ = Phase::kEmpty;
@@ -229,15 +244,17 @@ class Supervisor {
     killCode_ = code;
   }
 
-  // Stays until all below has ended, also if it is not to be killed: otherwise it would come to the zygote, which kills
-  // what it takes for the remains of a killed supervisor.
+  // The supervisor stays until everything below it has ended, even if it must not kill anything: if it exited, its
+  // children would go to the zygote, which kills them as the remains of a killed supervisor.
   void OnClose() {
     isGivenUp_ = true;
     if (killsOnClose_) KillAll();
   }
 
-  // The children of a process that dies come to this process before the SIGCHLD for it does, so killing all children at
-  // each SIGCHLD reaches everything. The pauses are for a child that can't be killed at once.
+  // Kills everything below this process and returns when all of it has ended. The kernel hands the children of a dying
+  // process to this one before it sends the SIGCHLD for that process, so killing all children after each SIGCHLD
+  // reaches everything. The pauses grow because a child that hangs in the kernel can't die yet, and asking again and
+  // again would cost processor time.
   void KillAll() {
     if (IsToolThere()) {
       if (hasOwnGroup_) kill(-tool_, SIGKILL);

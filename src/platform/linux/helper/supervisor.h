@@ -1,5 +1,5 @@
-// The supervisor: the process above a tool. It adopts whatever the tool leaves behind, and ends all of it when it is
-// told to or when its process dies. It runs one tool after another.
+// The supervisor: the process above a tool. It adopts the processes that the tool leaves behind, and ends them when it
+// is told to, or when the process that it works for dies. It runs one tool after another.
 //
 // Forked by the zygote (zygote.cc), with one thread and no other descriptor than the control socket and /dev/null.
 #ifndef KESTRUN_PLATFORM_LINUX_HELPER_SUPERVISOR_H_

@@ -1,3 +1,6 @@
+// What arrives with a kStart command, and the exec. After the clone in supervisor.cc this code runs in a process that
+// shares the supervisor's memory, so what is allocated here belongs to the supervisor and is used again for its next
+// tool.
 #include "platform/linux/helper/tool_start.h"
 
 #include <fcntl.h>
@@ -16,7 +19,7 @@
 namespace kestrun::platform {
 namespace {
 
-// Text of more than that is not kept for the next tool.
+// A buffer larger than this is freed before the next tool, so that one long command line does not cost memory for good.
 constexpr std::size_t kKeptText = 256 * 1024;
 
 char* Take(char*& at) {
@@ -37,12 +40,14 @@ bool ToolStart::Receive(int control) {
   Command command = {};
   std::size_t count = 0;
   for (;;) {
-    // A receiver that sleeps is also woken when the other end takes a report from the socket; poll is not.
+    // The thread sleeps in poll and not in recvmsg. A sleeper in recvmsg is also woken when the other end reads a
+    // report from its side, to sleep again at once; poll is not woken then.
     pollfd wait{control, POLLIN, 0};
     poll(&wait, 1, -1);
     const ssize_t length = ReceiveDescriptors(control, &command, sizeof command, descriptors_, count);
     if (length < 0 && errno == EINTR) continue;
     if (length <= 0) return false;
+    // The descriptors come with the first byte; on a stream socket the rest of the command may come later.
     const std::size_t received = static_cast<std::size_t>(length);
     if (!ReceiveAll(control, reinterpret_cast<char*>(&command) + received, sizeof command - received)) return false;
     if (command.kind == CommandKind::kStart) break;
@@ -81,7 +86,9 @@ void ToolStart::PlaceDescriptors() {
   PlaceFurther();
 }
 
-// One of them may stand where another belongs, and gets out of its way first. All came closed on exec.
+// Gives the further descriptors their numbers. If the number that one needs is taken by another that is still to be
+// placed, that other one is moved away first. All of them arrived close-on-exec; dup2 clears that flag on the copy, and
+// fcntl does where a descriptor has its number already.
 void ToolStart::PlaceFurther() {
   int* const further = descriptors_ + 1 + StreamCount();
   for (std::size_t i = 0; i < furtherNumbers_.size(); ++i) {
@@ -101,8 +108,8 @@ void ToolStart::Execute() const {
   timespec pause{0, 1000000};
   do {
     execve(path_, arguments_.data(), variables_.data());
-    // A process that has just written the file may have forked while it was open for writing, and the fork keeps it
-    // open until its own exec.
+    // ETXTBSY: the file is open for writing. A process that has just written it may have forked meanwhile, and the
+    // forked child keeps the descriptor until its own exec, so a retry helps soon.
     if (errno != ETXTBSY) break;
     nanosleep(&pause, nullptr);
     pause.tv_nsec *= 2;

@@ -10,7 +10,10 @@
 //   the socket ends                         takes no more requests
 //   the socket has ended, no child left     exits
 //
-// Supervisors are spared by the killing, so what belongs to a live supervisor goes on.
+// The killing spares supervisors, so everything below a living supervisor goes on.
+//
+// SIGCHLD is blocked except during ppoll, and its handler does nothing: the signal only ends the wait, and no child's
+// end is missed between a waitpid and the next ppoll.
 #include "platform/linux/helper/zygote.h"
 
 #include <fcntl.h>
@@ -35,22 +38,24 @@
 namespace kestrun::platform {
 namespace {
 
-// Signals that a terminal or a shutdown sends to whole groups: a helper outlives them, and ends when its work does.
-// They are blocked and not ignored, so that a tool gets its defaults back by its signal mask alone.
+// Signals that a terminal or a shutdown sends to whole process groups. A helper must outlive them, to end what its
+// tools leave behind. They are blocked and not ignored, because exec keeps ignored signals ignored, while a mask is
+// reset by one call before the exec.
 constexpr int kBlockedSignals[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU};
 
 void CloseAllAbove(int descriptor) {
 #ifdef SYS_close_range
   if (syscall(SYS_close_range, descriptor + 1, ~0U, 0) == 0) return;
 #endif
+  // Kernels before 5.9 have no close_range. The limit may be in the millions, and closing that many would take seconds.
   const long limit = std::min(sysconf(_SC_OPEN_MAX), 65536L);
   for (int i = descriptor + 1; i < limit; ++i) close(i);
 }
 
 // SIGCHLD is blocked except during ppoll, so it interrupts no other call.
 void PrepareSignals() {
-  // By the system call: posix_spawn leaves the C library's two private signals ignored, and sigaction refuses to change
-  // them.
+  // Set by the system call, for all signals: posix_spawn leaves the C library's two private signals ignored, the
+  // library's sigaction refuses to change them, and tools would inherit them.
   const unsigned long defaultAction[4] = {};
   for (int number = 1; number < NSIG; ++number) syscall(SYS_rt_sigaction, number, defaultAction, nullptr, NSIG / 8);
   struct sigaction action = {};
@@ -87,8 +92,8 @@ class ZygoteLoop {
     return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
   }
 
-  // A child that is no supervisor was below one that was killed, and ends with all others of that kind. Children of a
-  // dead process come here before SIGCHLD tells of its death, so none is missed.
+  // Every child that is no supervisor was below a supervisor that was killed, and is killed with all others of that
+  // kind. The kernel hands over the children of a dead process before it sends the SIGCHLD for it, so none is missed.
   void ReapChildren() {
     bool hasOrphans = false;
     int status = 0;
@@ -109,6 +114,7 @@ class ZygoteLoop {
     int descriptors[kMaxPassedDescriptors];
     std::size_t count = 0;
     const ssize_t length = ReceiveDescriptors(socket_, &request, sizeof request, descriptors, count);
+    // Out of descriptors or buffers, the request stays in the socket and is read at the next turn.
     if (length < 0 && (errno == EINTR || errno == EAGAIN || errno == EMFILE || errno == ENOBUFS)) return;
     if (length <= 0) {
       isConnected_ = false;
@@ -116,6 +122,8 @@ class ZygoteLoop {
       if (supervisors_.empty() && !HasChildren()) _exit(0);
       return;
     }
+    // Anything but a request with one socket is dropped. The descriptors are closed below in any case: the supervisor
+    // has its own copy from the fork.
     if (length == sizeof request && request.magic == kSupervisorMagic && count == 1) StartSupervisor(descriptors[0]);
     for (std::size_t i = 0; i < count; ++i) close(descriptors[i]);
   }
@@ -150,10 +158,12 @@ void RunZygote(int socket) {
   PrepareSignals();
   prctl(PR_SET_NAME, kHelperName);
   prctl(PR_SET_CHILD_SUBREAPER, 1);
-  // So that the folder in which the process was started can be unmounted or removed while the helper lives.
+  // The helper leaves the folder in which its process was started, so that it can be unmounted or removed while the
+  // helper lives.
   [[maybe_unused]] const int result = chdir("/");
   HelloMessage hello = {};
   if (recv(socket, &hello, sizeof hello, 0) != sizeof hello || hello.magic != kHelloMagic) _exit(127);
+  // A session without a terminal: the terminal's signals reach neither the helpers nor the tools.
   if (hello.session == SessionKind::kOwn) setsid();
   ZygoteLoop(socket).Run();
 }

@@ -1,3 +1,5 @@
+// Critical sections are recursive mutexes of the C library. They belong to one process and have no handle, so they need
+// neither the object table nor robustness.
 #include "platform/api/sync_api.h"
 
 void InitializeCriticalSection(CRITICAL_SECTION* section) {

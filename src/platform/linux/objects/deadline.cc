@@ -22,7 +22,7 @@ timespec TimespecOf(std::int64_t ns) {
 
 Deadline Deadline::After(DWORD timeoutMs) {
   if (timeoutMs == INFINITE) return Never();
-  // 0 has always passed; no clock needs to be read for it.
+  // A limit of 0 has always passed, so the clock is not read for it.
   return Deadline(timeoutMs == 0 ? 0 : Now() + timeoutMs * kNsPerMs);
 }
 
@@ -39,6 +39,8 @@ timespec Deadline::Left() const {
   return TimespecOf(IsNever() ? ns_ : std::max(ns_ - Now(), std::int64_t{0}));
 }
 
+// The monotonic clock, since a wait must not change with the time of day. It is also the one that futexes use by
+// default.
 std::int64_t Deadline::Now() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);

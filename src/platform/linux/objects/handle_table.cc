@@ -18,13 +18,18 @@ constexpr std::uint32_t kSlotsPerChunk = 64;
 constexpr std::uint32_t kChunks = 1024;
 constexpr std::uint32_t kNoSlot = UINT32_MAX;
 
-// A slot has its own cache line and its own lock: a shared_ptr that another thread may be replacing can't be copied
-// without a lock, and the standard library's atomic shared_ptr takes one too.
+// A slot has its own cache line and its own lock, so that threads with different handles do not wait for one another.
+// The lock is needed because a shared_ptr can't be copied while another thread replaces it; the standard library's
+// atomic shared_ptr takes a lock as well.
 struct alignas(64) Slot {
   std::mutex lock;
   std::shared_ptr<Object> object;
 };
 
+// The table grows by chunks that never move, so a slot is found without the table's lock. The lowest free number is
+// given out first, which keeps the chunks few.
+//
+// Locks: the table's lock and a slot's are never held together.
 class HandleTable {
  public:
   // kNoSlot if the table is full.
@@ -33,6 +38,8 @@ class HandleTable {
     if (index == kNoSlot) return kNoSlot;
     object->AddHandle();
     Slot& slot = *Find(index);
+    // Locked although no caller knows the handle yet: a closed handle with the same number may be looked up at this
+    // moment.
     const std::lock_guard guard(slot.lock);
     slot.object = std::move(object);
     return index;
@@ -54,6 +61,7 @@ class HandleTable {
       object = std::move(slot->object);
       slot->object = nullptr;
     }
+    // Given back only when the slot is empty, so that a new owner of the number finds it free.
     if (object) GiveBack(index);
     return object;
   }
@@ -61,7 +69,7 @@ class HandleTable {
  private:
   Slot* Find(std::uint32_t index) {
     if (index >= kChunks * kSlotsPerChunk) return nullptr;
-    // Acquire pairs with the release in Grow: the slots of a chunk that is seen are made.
+    // Acquire pairs with the release in Grow: a thread that sees the chunk also sees its slots constructed.
     Slot* chunk = chunks_[index / kSlotsPerChunk].load(std::memory_order_acquire);
     return chunk ? &chunk[index % kSlotsPerChunk] : nullptr;
   }
@@ -86,6 +94,7 @@ class HandleTable {
     if (owned_.size() == kChunks) return false;
     owned_.push_back(std::make_unique<Slot[]>(kSlotsPerChunk));
     used_.resize(used_.size() + kSlotsPerChunk / 64);
+    // Release: see Find.
     chunks_[owned_.size() - 1].store(owned_.back().get(), std::memory_order_release);
     return true;
   }
@@ -181,7 +190,9 @@ bool ReleaseHandle(HANDLE handle) {
     SetLastError(ERROR_INVALID_HANDLE);
     return false;
   }
+  // Closing leaves the last error alone, so that a caller may close handles before it reports a failure.
   const DWORD error = GetLastError();
+  // No lock of the table is held here: LastHandleClosed takes locks of its own and makes system calls.
   if (object->DropHandle()) object->LastHandleClosed();
   object.reset();
   SetLastError(error);

@@ -18,7 +18,9 @@ namespace {
 //
 //   lock: 1: OFDLCK ADVISORY  WRITE -1 00:1a:4711 0 0
 //
-// The last three are the file, as device and inode, and the first and last byte.
+// The last three fields are the file as device and inode, and the first and last byte of the lock. Locks of this kind
+// belong to an open file and not to a process, so F_OFD_GETLK names no owner (its l_pid is -1), and the descriptors of
+// all processes have to be searched.
 bool ListsLock(const std::filesystem::path& descriptor, const std::string& inode, const std::string& range) {
   std::ifstream lines(descriptor);
   for (std::string line; std::getline(lines, line);) {
@@ -30,7 +32,7 @@ bool ListsLock(const std::filesystem::path& descriptor, const std::string& inode
 bool HasLock(pid_t pid, const std::string& inode, const std::string& range) {
   std::error_code error;
   std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(pid) + "/fdinfo", error);
-  // A process that ends meanwhile ends the list too.
+  // A process that ends meanwhile ends the listing with an error.
   for (; !error && descriptors != std::filesystem::directory_iterator(); descriptors.increment(error)) {
     if (ListsLock(descriptors->path(), inode, range)) return true;
   }

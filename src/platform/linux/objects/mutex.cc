@@ -13,8 +13,12 @@ namespace kestrun::platform {
 
 namespace {
 
-// A robust mutex of the C library in the object's header: the kernel itself tells the next owner, within microseconds,
-// that the owner's process died. How often the owner has taken it is counted in the data of its thread.
+// A robust mutex of the C library in the object's header: when the owner's thread or process dies, the kernel marks the
+// mutex and wakes a waiter, whose lock then succeeds with EOWNERDEAD. An owner's id in the table would have to be
+// polled for its death, and ids are used again.
+//
+// How often the owner has taken the mutex is counted in the data of its thread, which lists the thread's mutexes
+// anyway, for AbandonOwnedMutexes.
 class Mutex : public StoredWaitable {
  public:
   static constexpr ObjectKind kKind = ObjectKind::kMutex;
@@ -23,6 +27,7 @@ class Mutex : public StoredWaitable {
       : StoredWaitable(kKind, std::move(memory), std::move(name)) {}
 
   DWORD TryAcquire() override {
+    // Before the lock itself: a thread that locked its own mutex again would wait for itself.
     if (TakeAgain()) return WAIT_OBJECT_0;
     return Taken(pthread_mutex_trylock(&memory_->mutex));
   }
@@ -84,7 +89,8 @@ class Mutex : public StoredWaitable {
         SetLastError(Win32ErrorFromErrno(lockResult));
         return WAIT_FAILED;
     }
-    // Relaxed: the mutex itself orders the flag, which is set and read by its owners alone.
+    // A thread that ended while its process lives has unlocked the mutex itself (AbandonOwnedMutexes), so the kernel
+    // reports nothing, and this flag tells of it. Relaxed: the mutex orders the accesses, which only its owners make.
     if (memory_->abandoned.load(std::memory_order_relaxed) != 0) {
       memory_->abandoned.store(0, std::memory_order_relaxed);
       abandoned = true;
@@ -108,12 +114,13 @@ bool FindMutexOwner(HANDLE mutex, pid_t* thread) {
 }
 
 void AbandonOwnedMutexes(ThreadData& data) {
-  // The kernel would do this only once the thread is gone, which is after its handle is signalled.
+  // The kernel would do this only once the thread is gone. The thread's handle is signalled before that, and a thread
+  // that has waited for the handle must find the mutexes abandoned.
   for (const OwnedMutex& owned : data.ownedMutexes) {
-    // Relaxed: the unlock orders it.
+    // Relaxed: the unlock below publishes it.
     owned.memory->abandoned.store(1, std::memory_order_relaxed);
     pthread_mutex_unlock(&owned.memory->mutex);
-    // Sequentially consistent: read after the unlock; see wait_hub.cc.
+    // Sequentially consistent: the marks are read after the unlock; see wait_hub.cc.
     NotifyHubs(owned.memory->state.hubs.load(std::memory_order_seq_cst), owned.scope);
   }
   data.ownedMutexes.clear();

@@ -15,6 +15,7 @@ namespace kestrun::platform {
 
 namespace {
 
+// MAX_PATH, which is Windows' limit for such names.
 constexpr std::size_t kLongestName = 260;
 
 }  // namespace
@@ -42,6 +43,7 @@ bool FullObjectName(const char* name, std::string* fullName) {
 
 std::unique_ptr<NamedObject> NamedObject::CreateOrOpen(ObjectKind kind, const char* name, std::uint64_t dataSize,
                                                        const Initialise& initialise, bool* existed) {
+  // Sweeps run on the way, in a process that uses the folder just now, so that none has to run for the sweeps alone.
   if (SweepIsDue()) {
     if (ObjectTable* const table = ObjectTable::Current()) table->Sweep();
     RemoveStaleSockets(ObjectFolderPath());

@@ -25,11 +25,11 @@ namespace {
 constexpr const char* kFolderVariable = "KESTRUN_OBJECT_DIR";
 constexpr int kOpenTries = 1000;
 
-// A file that would grow beyond the user's limit is an error of the call, as on a full disk, and does not end the
-// process. Tools start with every signal at its default.
+// SIGXFSZ is ignored, so that a file that would grow beyond the user's limit is an error of the call, as on a full
+// disk, and does not end the process. Tools start with every signal at its default.
 [[maybe_unused]] const bool kFilesTooLargeAreErrors = IgnoreSignal(SIGXFSZ);
 
-// Fails for a symbolic link: another user could redirect it.
+// Fails for a symbolic link, which another user could have made to redirect the objects.
 int OpenFolder(const std::string& path) {
   return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
@@ -56,13 +56,17 @@ class ObjectFolder {
     return folder.get();
   }
 
-  // A descriptor of the folder, for the *at calls; it stays open when the folder is made again. -1 with the last error.
+  // A descriptor of the folder, for the *at calls; it stays open even when the folder is made again. -1 with the last
+  // error.
+  //
+  // Acquire pairs with the release in Open: a thread that sees the descriptor also sees the folder checked.
   int Descriptor() {
     const int fd = fd_.load(std::memory_order_acquire);
     return fd >= 0 ? fd : Open(-1);
   }
 
-  // After ENOENT for a file that was to be made: the folder itself may be gone. `stale` is the descriptor used.
+  // To be called after ENOENT for a file that was to be made, which means that the folder itself is gone. `stale` is
+  // the descriptor that was used; if another thread has replaced it already, its new one is the answer.
   int OpenAgain(int stale) { return Open(stale); }
 
   std::string Path() {
@@ -76,13 +80,14 @@ class ObjectFolder {
     Refuse(cause);
   }
 
-  // From the environment alone, as long as no object has been made.
+  // Chooses the folder's path from the environment.
   static std::string Choose() {
     const char* given = std::getenv(kFolderVariable);
     if (given && *given) return given;
     const std::string leaf = "/kestrun-" + std::to_string(geteuid());
     const std::string shared = "/dev/shm" + leaf;
-    // An existing folder settles it, even one that will be refused: it must not be possible to push a user aside.
+    // An existing folder settles the choice, even one that will be refused: otherwise another user could make it first
+    // and so send this user's processes to different folders.
     if (access(shared.c_str(), F_OK) == 0 || mkdir(shared.c_str(), 0700) == 0 || errno == EEXIST) return shared;
     const char* temporary = std::getenv("TMPDIR");
     return (temporary && *temporary ? std::string(temporary) : "/tmp") + leaf;
@@ -91,6 +96,7 @@ class ObjectFolder {
  private:
   int Open(int stale) {
     const std::lock_guard guard(lock_);
+    // Relaxed: only this function stores it, under the lock.
     const int current = fd_.load(std::memory_order_relaxed);
     if (current != stale) return current;
     if (path_.empty()) path_ = Choose();
@@ -100,12 +106,13 @@ class ObjectFolder {
       if (fd >= 0) close(fd);
       return Refuse(fault);
     }
-    // The old descriptor stays open: another thread may be about to use it.
+    // The old descriptor stays open, because another thread may be about to use it. Release: see Descriptor.
     fd_.store(fd, std::memory_order_release);
     return fd;
   }
 
-  // -1 with errno. Between its making and its lock a folder looks abandoned, and may be removed.
+  // -1 with errno. Between its making and its lock a separate folder (separate_folder.h) looks abandoned, and another
+  // process may remove it; then it is made once more.
   int OpenOrMake() {
     int fd = -1;
     for (int tries = 0; tries < kOpenTries; ++tries) {

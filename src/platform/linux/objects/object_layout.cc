@@ -22,6 +22,7 @@ std::string DataFileName(std::uint64_t serial, unsigned slot) {
   return ".data-" + Hex(serial) + "-" + std::to_string(slot);
 }
 
+// FNV-1a, written out here because all processes must agree on it: std::hash may differ between libraries.
 unsigned BucketOf(std::string_view name) {
   std::uint64_t hash = 14695981039346656037u;
   for (const char c : name) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211u;

@@ -13,7 +13,7 @@ namespace kestrun::platform {
 
 namespace {
 
-// The file grows by as many.
+// The file grows by this many slots at a time.
 constexpr unsigned kSlotsAtOnce = 32;
 
 }  // namespace
@@ -23,6 +23,7 @@ void ObjectSlots::StartAnew(std::size_t fileSize) {
   layout_.reserved = static_cast<std::uint32_t>(std::min<std::size_t>(room, kMaxObjects));
   layout_.used = std::min(layout_.used.load(), layout_.reserved.load());
   for (unsigned slot = 0; slot < layout_.used; ++slot) {
+    // Free also removes the data file that a killed process has left.
     if (State(slot).phase != SlotPhase::kFree) Free(slot);
     layout_.states[slot] = 0;
   }
@@ -31,12 +32,13 @@ void ObjectSlots::StartAnew(std::size_t fileSize) {
     InitialiseRobustMutex(bucket.mutex);
     bucket.first = 0;
   }
-  // Relaxed: no other process reads them before the gate is open.
+  // Relaxed: no other process reads the flags before the gate is open, and opening it is a system call.
   for (auto& flag : layout_.hasMarks) flag.store(0, std::memory_order_relaxed);
   InitialiseRobustMutex(layout_.growth);
   layout_.firstFree = 0;
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
+  // The time serves as a number that earlier starts did not have, so that their data files are not taken for new ones.
   layout_.serial = static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
@@ -51,6 +53,8 @@ unsigned ObjectSlots::Find(const ObjectBucket& bucket, std::string_view name) co
 
 void ObjectSlots::Link(unsigned bucket, unsigned slot) {
   ObjectSlot& object = layout_.slots[slot];
+  // The object's own link first, then the one store that puts it into the chain: a process killed in between leaves the
+  // chain whole.
   object.next.store(layout_.buckets[bucket].first.load());
   layout_.buckets[bucket].first.store(slot + 1);
   layout_.states[slot].store(State(slot).In(SlotPhase::kLive).Word());
@@ -60,6 +64,8 @@ void ObjectSlots::Unlink(ObjectBucket& bucket, unsigned slot) {
   std::atomic<std::uint32_t>* link = &bucket.first;
   while (link->load() != 0 && link->load() != slot + 1) link = &layout_.slots[link->load() - 1].next;
   if (link->load() != 0) link->store(layout_.slots[slot].next.load());
+  // A process killed between the two steps leaves a live slot outside of its chain, which the next Unlink of the slot
+  // completes.
   const SlotState state = State(slot);
   if (state.phase == SlotPhase::kLive) layout_.states[slot].store(state.In(SlotPhase::kDead).Word());
 }
@@ -69,6 +75,7 @@ bool ObjectSlots::IsHeld(unsigned slot) const {
 }
 
 bool ObjectSlots::Claim(unsigned* slot) {
+  // The search starts at the hint and wraps around; only if every used slot is taken does the file grow.
   const std::uint32_t used = layout_.used;
   const std::uint32_t first = std::min(layout_.firstFree.load(), used);
   if (!ClaimFree(first, used, slot) && !ClaimFree(0, first, slot) && !ClaimUnused(slot)) return false;
@@ -89,9 +96,10 @@ bool ObjectSlots::ClaimFree(unsigned from, unsigned to, unsigned* slot) {
   return false;
 }
 
-// Claims a slot that has never been used.
+// Claims a slot that has never been used; the file gets room for it first.
 bool ObjectSlots::ClaimUnused(unsigned* slot) {
-  // A bucket's mutex is held here: those that wait for that one must not give up before this wait does.
+  // A bucket's mutex is held here, and other processes wait for it with kTableLockLimitMs. This wait has half of that,
+  // so that it gives up first and names the process that is really stopped.
   const RobustLock lock(layout_.growth, kTableLockLimitMs / 2);
   if (!lock) return FailByHolder(ProcessOfThread(OwnerThread(layout_.growth)));
   const std::uint32_t next = layout_.used;
@@ -106,6 +114,7 @@ bool ObjectSlots::ClaimUnused(unsigned* slot) {
     if (error != 0) return FailInFolder(error);
     layout_.reserved = next + kSlotsAtOnce;
   }
+  // Claimed before it is counted as used: a sweep looks at used slots only, and finds its owner there.
   layout_.states[next].store(SlotState{1, 0, SlotPhase::kFree}.ClaimedBy(processes_.own()).Word());
   layout_.used = next + 1;
   *slot = next;
@@ -119,6 +128,7 @@ void ObjectSlots::Free(unsigned slot) {
   object.held.Clear();
   object.pinned.Clear();
   layout_.states[slot].store(State(slot).In(SlotPhase::kFree).Word());
+  // Lowers the hint, so that low slots are used first and the table stays small.
   std::uint32_t first = layout_.firstFree.load();
   while (slot < first && !layout_.firstFree.compare_exchange_weak(first, slot)) {
   }

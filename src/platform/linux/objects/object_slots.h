@@ -10,9 +10,10 @@
 //   live      in the chain of its bucket        dead, when its last holder has gone
 //   dead      out of the chain, still pinned    claimed, by the process that finds it without pins
 //
-// A bucket is a chain of live slots under a robust mutex. Each change of a chain is one store, and each state in which
-// a process can be killed is one that the sweep understands (object_sweep.h), so the next owner of a dead owner's mutex
-// has nothing to mend. The generation of a slot keeps a late process from reclaiming it under the next object.
+// A bucket is a chain of live slots under a robust mutex, chosen by the hash of the name. Each change of a chain is one
+// store, and each state in which a process can be killed is one that the sweep understands (object_sweep.h), so the
+// next owner of a dead owner's mutex has nothing to mend. The generation of a slot keeps a late process from reclaiming
+// it under the next object.
 //
 // Any thread of any process may call everything, but for the locks that a function asks for. Loads and stores of the
 // layout are sequentially consistent, since marks and phases are compared with one another.
@@ -36,7 +37,7 @@ class ObjectSlots {
       : file_(file), layout_(layout), processes_(processes) {}
 
   ObjectSlot& operator[](unsigned slot) const { return layout_.slots[slot]; }
-  // How many have ever been used; the others have no memory yet.
+  // How many slots have ever been used; the others may have no memory in the file yet.
   unsigned Used() const { return layout_.used.load(); }
   SlotState State(unsigned slot) const { return SlotState::Of(layout_.states[slot].load()); }
 

@@ -1,3 +1,5 @@
+// Order of locks: the gate, then one bucket at a time. A bucket behind which a stopped process sits is skipped after a
+// short wait, and the marks of the dead then stay, so that their process slots are not given out again.
 #include "platform/linux/objects/object_sweep.h"
 
 #include <fcntl.h>
@@ -23,10 +25,11 @@ constexpr time_t kIntervalSeconds = 60;
 bool RenewStamp(int folder) {
   struct stat status {};
   const bool isStamped = fstatat(folder, kStampFile, &status, AT_SYMLINK_NOFOLLOW) == 0;
-  // The coarse clock is the one that file times are taken from.
+  // File times are taken from the coarse clock, which may lag the exact one by some milliseconds; with the exact clock
+  // a fresh stamp could seem old.
   timespec now{};
   clock_gettime(CLOCK_REALTIME_COARSE, &now);
-  // A stamp in the future was made before the clock was set back, and counts as old.
+  // A stamp in the future was written before the clock was set back, and counts as old.
   const time_t age = now.tv_sec - status.st_mtim.tv_sec;
   if (isStamped && age >= 0 && age < kIntervalSeconds) return false;
   FileDescriptor stamp(openat(folder, kStampFile, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_CREAT, 0600));
@@ -42,10 +45,12 @@ Swept SweepSlot(ObjectLayout& layout, ObjectSlots& slots, unsigned slot, const P
   const SlotState state = slots.State(slot);
   if (state.phase == SlotPhase::kFree) return Swept::kNothing;
   const auto isDead = [&dead](unsigned process) { return dead.Has(process); };
-  // A process that sweeps on its way into the table has no process slot yet. It does so under the gate, which is held
-  // here: if a slot is still claimed by such a process, that process died over it.
+  // A process that sweeps while it enters the table has no process slot yet and claims slots as kMaxProcesses. It does
+  // so under the gate, which this process holds now; so a slot that is still claimed in that way belongs to a process
+  // that died during its sweep.
   const bool isUnfinished = state.phase == SlotPhase::kClaimed && (state.owner == kMaxProcesses || isDead(state.owner));
-  // A slot with such a mark is not reclaimed by other processes until the mark goes, so it stays the same object.
+  // As long as the slot has such a mark, no other process reclaims it, so it stays the same object during the next
+  // steps.
   if (!isUnfinished && !object.held.Any(isDead) && !object.pinned.Any(isDead)) return Swept::kNothing;
   {
     ObjectBucket& bucket = layout.buckets[object.bucket % kObjectBuckets];
@@ -82,7 +87,7 @@ int SweepTable(ObjectLayout& layout, const ProcessSlots& processes, ObjectSlots&
     if (swept == Swept::kFreed) ++objectsFreed;
     if (swept == Swept::kLocked) limitMs = 0;
   }
-  // A slot behind a lock that a stopped process keeps may still have their marks.
+  // Slots that were skipped may still have marks of the dead, whose process slots must then not be freed.
   if (limitMs == 0) return objectsFreed;
   dead->Any([&layout](unsigned process) {
     layout.hasMarks[process].store(0);
@@ -92,11 +97,11 @@ int SweepTable(ObjectLayout& layout, const ProcessSlots& processes, ObjectSlots&
 }
 
 bool SweepIsDue() {
-  // When this process last read the stamp, so that most calls cost no system call.
+  // When this process last read the stamp. Most calls then end here, with a clock that is read without a system call.
   static std::atomic<time_t> lastCheck{-kIntervalSeconds};
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  // Relaxed: it guards no other data, and the exchange lets one thread through.
+  // Relaxed: the time guards no other data, and the exchange lets one thread through.
   time_t last = lastCheck.load(std::memory_order_relaxed);
   if (now.tv_sec - last < kIntervalSeconds || !lastCheck.compare_exchange_strong(last, now.tv_sec)) return false;
   const int folder = ObjectFolderDescriptor();

@@ -1,3 +1,5 @@
+// Order of locks: the mutex of Current; the gate; a bucket's mutex; then lock_ or the mutex for growth, which are never
+// held together. Locks that other processes share are waited for with a limit, since their holder may be stopped.
 #include "platform/linux/objects/object_table.h"
 
 #include <fcntl.h>
@@ -23,24 +25,27 @@ namespace kestrun::platform {
 
 namespace {
 
-// The slots that most tables come to use.
+// As many slots as most tables come to use.
 constexpr unsigned kExpectedObjects = 32;
 
-// Maps the table's file, which has that size, and gives it room for the fixed part. Null with the last error.
+// Maps the table's file, whose size is `fileSize`, and reserves room for the fixed part. Null with the last error.
 ObjectLayout* MapLayout(int file, std::size_t fileSize) {
   const int error = fileSize < kFixedLayoutSize ? ReserveSpace(file, 0, kFixedLayoutSize) : 0;
   if (error != 0) return FailInFolder(error), nullptr;
-  // The whole layout at once, so that the file can grow under the mapping; what it has no room for is never touched.
+  // The whole layout is mapped at once, so that the file can grow under the mapping and addresses never change. Pages
+  // beyond the file's end are never touched: an access would be a fatal signal.
   void* const memory = mmap(nullptr, sizeof(ObjectLayout), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
   if (memory == MAP_FAILED) return FailInFolder(errno), nullptr;
-  // A mapping keeps the file's locks alive like a descriptor does, so a forked child must not get it.
+  // A forked child must not inherit the mapping: it keeps the open file and with it the file's locks alive, so this
+  // process would seem to live on in its child.
   madvise(memory, sizeof(ObjectLayout), MADV_DONTFORK);
-  // One call in place of a fault for each page that most processes use. A kernel without it faults, which is as good.
+  // One call in place of a page fault for each page that most processes use. Kernels before 5.14 refuse the advice and
+  // fault as usual.
   madvise(memory, offsetof(ObjectLayout, states) + kLayoutPage, MADV_POPULATE_WRITE);
   return static_cast<ObjectLayout*>(memory);
 }
 
-// All but kind, name and size of an object that has just been claimed.
+// Resets everything but kind, name and size in the header of an object that has just been claimed.
 void ResetHeader(ObjectHeader& header) {
   header.parameter = 0;
   header.state.word = 0;
@@ -74,7 +79,7 @@ class ObjectTable::BucketLock {
  public:
   BucketLock(ObjectTable& table, unsigned bucket)
       : lock_(table.layout_.buckets[bucket].mutex, table.isStuck_[bucket] ? kShortLockLimitMs : kTableLockLimitMs) {
-    // Not where it is so already: the line of memory is shared by all threads.
+    // Stored only if it changes, because all threads share the cache line.
     if (table.isStuck_[bucket] != !lock_) table.isStuck_[bucket] = !lock_;
     if (!lock_) FailByHolder(ProcessOfThread(OwnerThread(table.layout_.buckets[bucket].mutex)));
   }
@@ -97,21 +102,27 @@ ObjectTable::~ObjectTable() {
 ObjectTable* ObjectTable::Current() {
   static NeverDestroyed<std::mutex> lock;
   static std::atomic<ObjectTable*> current{nullptr};
-  // Acquire pairs with the release below: a table that is seen is complete.
+  // Acquire pairs with the release below: a thread that sees the table also sees it constructed.
   ObjectTable* table = current.load(std::memory_order_acquire);
   if (table && !table->IsRemoved()) return table;
   const std::lock_guard guard(lock.get());
+  // Read again under the lock, since another thread may have entered meanwhile. Acquire as above; the lock alone would
+  // do.
   table = current.load(std::memory_order_acquire);
   if (table && !table->IsRemoved()) return table;
   table = Enter();
   if (!table) return nullptr;
-  // Keeps earlier tables reachable, for leak checkers.
+  // Earlier tables are never freed, because objects and hubs may still refer to them; this list keeps them reachable
+  // for leak checkers.
   static NeverDestroyed<std::vector<ObjectTable*>> entered;
   entered.get().push_back(table);
+  // Release: see the first load above.
   current.store(table, std::memory_order_release);
   return table;
 }
 
+// One fstat for each call: a user may delete the folder at any time, for instance with all of /dev/shm, and processes
+// started later would make another table.
 bool ObjectTable::IsRemoved() const {
   struct stat status {};
   return fstat(file_.get(), &status) == 0 && status.st_nlink == 0;
@@ -121,9 +132,9 @@ ObjectTable* ObjectTable::Enter() {
   for (;;) {
     FileDescriptor file = OpenObjectFile(TableFileName(), O_CREAT);
     if (!file) return nullptr;
-    // Before the gate, whose unlocking needs the table's file to be open.
+    // Declared before the gate, so that it is destroyed after it: unlocking the gate needs the table's file to be open.
     std::unique_ptr<ObjectTable> table;
-    // Whether the gate was waited for in vain before.
+    // True after a wait for the gate that timed out; the next waits are then short.
     static std::atomic<bool> isStuck{false};
     const TableGate gate(file.get(), isStuck ? kShortLockLimitMs : kTableLockLimitMs);
     isStuck = !gate && errno == ETIMEDOUT;
@@ -131,11 +142,11 @@ ObjectTable* ObjectTable::Enter() {
     struct stat status {};
     if (!gate || fstat(file.get(), &status) != 0) {
       const int error = errno;
-      // Not every file system has these locks, nor every sandbox.
+      // Some file systems and sandboxes do not have such locks.
       if (!gate) ReportUnusableFolder(std::string("its files cannot be locked: ") + std::strerror(error));
       return FailInFolder(error), nullptr;
     }
-    // Removed before the gate was locked.
+    // The file was removed between its opening and the locking of the gate: another one has to be made.
     if (status.st_nlink == 0) continue;
     const auto size = static_cast<std::size_t>(status.st_size);
     ObjectLayout* const layout = MapLayout(file.get(), size);
@@ -145,7 +156,8 @@ ObjectTable* ObjectTable::Enter() {
   }
 }
 
-// Makes this process one of the table's, under the gate. False with the last error.
+// Makes this process one of the users of the table, under the gate. False with the last error. A table without a living
+// user is emptied first: its state may be anything, since every user of it was killed.
 bool ObjectTable::Join(std::size_t fileSize) {
   if (!processes_.AnyIsAlive()) slots_.StartAnew(fileSize);
   const std::size_t inUse = std::min<std::size_t>(slots_.Used(), kExpectedObjects) * sizeof(ObjectSlot);
@@ -171,7 +183,7 @@ bool ObjectTable::Find(const Request& request, Found* found) {
   const unsigned slot = slots_.Find(bucket, request.name);
   if (slot != ObjectSlots::kNone) {
     if (slots_.IsHeld(slot)) return OpenObject(request, slot, found);
-    // All its holders were killed.
+    // All processes that held the object were killed, so it is gone; the name is free for a new object.
     slots_.Unlink(bucket, slot);
   }
   if (request.initialise) return MakeObject(request, number, found);
@@ -186,8 +198,8 @@ void ObjectTable::Release(unsigned slot) {
   const std::lock_guard guard(lock_);
   if (--own_[slot].holds != 0) return;
   object.held.Remove(processes_.own());
-  // Without the lock the slot stays in its chain, as if this process had been killed: the object can't be opened any
-  // more, and the next process that asks for its name takes it out.
+  // Without the lock the slot stays in its chain, as if this process had been killed. The object can't be opened any
+  // more, and the next process that asks for its name unlinks it.
   if (lock && object.held.IsEmpty()) slots_.Unlink(bucket, slot);
 }
 
@@ -234,7 +246,10 @@ bool ObjectTable::MakeObject(const Request& request, unsigned bucket, Found* fou
     slots_.Free(slot);
     return false;
   }
+  // The object becomes visible only with Link below.
   (*request.initialise)(header);
+  // The slot is held before it is live: a process that is killed between the two steps leaves a mark, by which the
+  // sweep finds the slot.
   object.bucket = bucket;
   Hold(slot);
   slots_.Link(bucket, slot);
@@ -258,7 +273,8 @@ void ObjectTable::DropUse() {
   if (--uses_ == 0) layout_.hasMarks[processes_.own()].store(0);
 }
 
-// Under the bucket's mutex, for a slot that is held by another process or claimed by this one.
+// Called under the bucket's mutex, for a slot that another process holds or this one has claimed. The pin comes before
+// the hold and goes after it, since a held slot must never be reclaimed.
 void ObjectTable::Hold(unsigned slot) {
   const std::lock_guard guard(lock_);
   AddUse();
@@ -276,7 +292,8 @@ void ObjectTable::Unpin(unsigned slot) {
   const auto own = own_.find(slot);
   if (--own->second.pins == 0) {
     own_.erase(own);
-    // Read while the pin still keeps the slot: afterwards it may serve another object, which must not be reclaimed.
+    // The generation is read while the pin still keeps the slot: afterwards the slot may serve another object, which
+    // must not be reclaimed.
     const std::uint32_t generation = slots_.State(slot).generation;
     slots_[slot].pinned.Remove(processes_.own());
     if (slots_[slot].pinned.IsEmpty()) slots_.Reclaim(slot, generation);

@@ -11,9 +11,9 @@
 // A process that enters a table which no living process uses starts it anew. A table stays mapped until the process
 // ends. All functions may be called from any thread.
 //
-// A process that is stopped while it holds the gate or the mutex of a bucket holds up the others for 5 s once, and for
-// a moment each time after that. Then their calls fail with ERROR_TIMEOUT, after a line on the standard error stream
-// that names the process and the folder.
+// If a process is stopped while it holds the gate or the mutex of a bucket, another process waits for 5 s once, and for
+// 50 ms each time after that. Its calls then fail with ERROR_TIMEOUT, after a line on the standard error stream that
+// names the stopped process and the folder.
 #ifndef KESTRUN_PLATFORM_LINUX_OBJECTS_OBJECT_TABLE_H_
 #define KESTRUN_PLATFORM_LINUX_OBJECTS_OBJECT_TABLE_H_
 
@@ -106,7 +106,7 @@ class ObjectTable {
   ProcessSlots processes_;
   ObjectSlots slots_;
 
-  // Buckets whose mutex was last waited for in vain. Whoever needs them next waits no longer than a moment.
+  // Buckets whose last wait timed out. The next wait for such a bucket has the short limit.
   std::array<std::atomic<bool>, kObjectBuckets> isStuck_{};
 
   // Taken after a bucket's mutex.

@@ -34,8 +34,9 @@ bool TryLock(int file, off_t byte) {
   return Lock(file, F_OFD_SETLK, F_WRLCK, byte);
 }
 
-// The kernel has no wait with a limit for such a lock, so one that is taken is tried again: the gate is held for far
-// less than the longest pause. The pauses are what counts, and not the time in which this process was stopped itself.
+// The kernel offers no wait with a limit for such a lock, so it is tried again after pauses; the gate is held for far
+// less than the longest pause. The limit counts the pauses and not the clock, so that time in which this process itself
+// was stopped does not count.
 bool LockWithin(int file, off_t byte, DWORD limitMs) {
   timespec pause{0, 20'000};
   for (std::int64_t leftNs = std::int64_t{limitMs} * 1'000'000; !TryLock(file, byte); leftNs -= pause.tv_nsec) {
@@ -49,7 +50,7 @@ bool LockWithin(int file, off_t byte, DWORD limitMs) {
 
 bool IsLockedElsewhere(int file, off_t start, off_t length) {
   struct flock range = RangeOf(F_WRLCK, start, length);
-  // A failed query counts as locked: then nothing is removed or taken over.
+  // A failed query counts as locked, so that nothing of a living process is removed or taken over.
   return fcntl(file, F_OFD_GETLK, &range) != 0 || range.l_type != F_UNLCK;
 }
 
@@ -66,6 +67,7 @@ bool ProcessSlots::AnyIsAlive() const {
 }
 
 bool ProcessSlots::Claim() {
+  // Processes start their search at different slots, so that most find a free one at the first try.
   const auto start = static_cast<unsigned>(getpid());
   for (unsigned i = 0; i < kMaxProcesses; ++i) {
     const unsigned process = (start + i) % kMaxProcesses;

@@ -16,8 +16,9 @@
 
 namespace kestrun::platform {
 
-// Keeps all other processes from entering or sweeping the table of that file. Waits for its turn. False with errno:
-// ETIMEDOUT if the limit has passed, and another value where the file system or a sandbox has no such locks.
+// The lock that excludes other processes from entering or sweeping the table of that file. The constructor waits for
+// it, `limitMs` at most. False with errno: ETIMEDOUT if the limit has passed, and another value where the file system
+// or a sandbox has no such locks.
 class TableGate {
  public:
   TableGate(int file, DWORD limitMs);

@@ -5,8 +5,10 @@ namespace kestrun::platform {
 
 namespace {
 
-// The word is the count. Sequentially consistent throughout: a change of it is ordered before the reads in Wake
-// (waitable.cc).
+// A semaphore: its word is the count.
+//
+// Memory orders: all accesses to the word are sequentially consistent, because a change of the word must be ordered
+// before the reads of counts and marks in Wake (waitable.cc), and these are other words.
 class Semaphore : public StoredWaitable {
  public:
   static constexpr ObjectKind kKind = ObjectKind::kSemaphore;
@@ -15,6 +17,7 @@ class Semaphore : public StoredWaitable {
       : StoredWaitable(kKind, std::move(memory), std::move(name)), maximum_(memory_->parameter) {}
 
   DWORD TryAcquire() override {
+    // Sequentially consistent: a waiter that has left its mark or count sees a release that was made before.
     std::uint32_t count = state().word.load(std::memory_order_seq_cst);
     while (count != 0) {
       if (state().word.compare_exchange_weak(count, count - 1, std::memory_order_seq_cst)) return WAIT_OBJECT_0;
@@ -25,8 +28,10 @@ class Semaphore : public StoredWaitable {
   bool SignalOne() override { return Release(1, nullptr); }
 
   bool Release(std::uint32_t count, LONG* previous) {
+    // Sequentially consistent: the exchange is ordered before the reads in Wake.
     std::uint32_t old = state().word.load(std::memory_order_seq_cst);
     do {
+      // Written as a subtraction, which can't overflow, since the count is never above the maximum.
       if (count > maximum_ - old) {
         SetLastError(ERROR_TOO_MANY_POSTS);
         return false;
@@ -54,6 +59,7 @@ HANDLE CreateSemaphoreA(LPSECURITY_ATTRIBUTES, LONG initialCount, LONG maximumCo
   }
   return CreateStored<Semaphore>(name, [=](ObjectHeader& header) {
     header.parameter = static_cast<std::uint32_t>(maximumCount);
+    // No other thread sees the object yet; the order is that of all accesses.
     header.state.word.store(static_cast<std::uint32_t>(initialCount), std::memory_order_seq_cst);
   });
 }

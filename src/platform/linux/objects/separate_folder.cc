@@ -48,6 +48,8 @@ std::vector<std::string> ListEntries(int descriptor) {
   return names;
 }
 
+// The maker's process must be gone and no process may hold the folder. The lock decides, since process ids are used
+// again and differ between containers; the id spares most folders the attempt.
 bool IsAbandoned(int folder, const std::string& name) {
   struct stat status {};
   const pid_t maker = MakerOf(name);
@@ -55,7 +57,7 @@ bool IsAbandoned(int folder, const std::string& name) {
          flock(folder, LOCK_EX | LOCK_NB) == 0;
 }
 
-// A folder of named objects holds files alone.
+// Removes the folder with its files. A folder of named objects contains no folders.
 void RemoveIfAbandoned(int parent, const std::string& name) {
   const FileDescriptor folder(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!folder || !IsAbandoned(folder.get(), name)) return;
@@ -65,7 +67,8 @@ void RemoveIfAbandoned(int parent, const std::string& name) {
 
 }  // namespace
 
-// Process ids are used again, and a folder of a killed process may still be there.
+// The name has a clock's digits in it as well, because process ids are used again, and the folder of a killed process
+// with the same id may still exist.
 std::string NameSeparateFolder(const std::string& folder) {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -78,7 +81,8 @@ bool IsSeparateFolder(const std::string& path) {
 
 bool HoldSeparateFolder(int descriptor) {
   struct stat status {};
-  // A file system without such locks is as good as one that gives them: nothing is removed there either.
+  // EWOULDBLOCK alone means that the folder is being removed. On a file system without such locks IsAbandoned fails
+  // too, so nothing is removed there.
   if (flock(descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK) return false;
   return fstat(descriptor, &status) != 0 || status.st_nlink > 0;
 }

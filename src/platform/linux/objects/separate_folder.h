@@ -1,8 +1,8 @@
 // Folders of named objects that one build has for itself, beside that of the user's other builds.
 //
-// Such a folder is named after the user's own and the process that made it, and is removed by that process. Each
-// process that uses it holds a shared lock on it, by which one that a killed process has left behind is told from one
-// in use, in whatever container its processes run.
+// Such a folder bears the name of the user's usual folder, with the id of the process that made it, and that process
+// removes it. Each process that uses the folder holds a shared lock on it. The lock tells a folder in use from one that
+// a killed process has left, even if the processes run in different containers.
 //
 // All functions may be called from any thread and keep no state.
 #ifndef KESTRUN_PLATFORM_LINUX_OBJECTS_SEPARATE_FOLDER_H_
@@ -20,7 +20,7 @@ bool IsSeparateFolder(const std::string& path);
 // Locks the open folder until `descriptor` is closed. False if it has been removed, or is just being removed.
 bool HoldSeparateFolder(int descriptor);
 
-// Removes those of this user beside `folder` whose makers have ended and that no process holds.
+// Removes this user's folders beside `folder` whose makers have ended and which no process holds.
 void RemoveAbandonedFolders(const std::string& folder);
 
 }  // namespace kestrun::platform

@@ -23,6 +23,8 @@ ino_t SocketInode(const std::string& path) {
   return lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) ? status.st_ino : 0;
 }
 
+// A connection attempt is the only way to learn whether a process listens on a socket file. It does not block, and a
+// living server sees at most a client that hangs up at once.
 bool IsRefused(const std::string& path) {
   sockaddr_un address = {};
   if (path.size() >= sizeof address.sun_path) return false;
@@ -49,7 +51,7 @@ void RemoveStaleSockets(const std::string& folder) {
   while (const dirent* const entry = readdir(directory.get())) {
     const std::string path = folder + "/" + entry->d_name;
     const ino_t inode = SocketInode(path);
-    // A new server may have taken the name over meanwhile.
+    // The inode is compared again, because a new server may have taken the name over meanwhile.
     if (inode != 0 && IsStale(path) && SocketInode(path) == inode) unlink(path.c_str());
   }
 }

@@ -1,4 +1,8 @@
 // Socket files that killed processes left in the folder of the named objects.
+//
+// A server makes its socket under a draft name and renames it once it listens (local_server.cc); either file may be
+// left. The function keeps no state and may be called from any thread, in several processes at once. It reports no
+// failures: what can't be removed is tried again with the next sweep.
 #ifndef KESTRUN_PLATFORM_LINUX_OBJECTS_STALE_SOCKETS_H_
 #define KESTRUN_PLATFORM_LINUX_OBJECTS_STALE_SOCKETS_H_
 

@@ -16,6 +16,8 @@ namespace kestrun::platform {
 
 namespace {
 
+// What a thread's priority adds to the nice value. On Linux a nice value belongs to a thread, though POSIX speaks of
+// processes.
 struct PriorityStep {
   int priority;
   int niceChange;
@@ -29,7 +31,7 @@ constexpr PriorityStep kPrioritySteps[] = {
 
 bool MayLowerNice(int target) {
   rlimit limit{};
-  // The limit is counted from 20 downwards.
+  // The limit is counted the other way round: a value of n allows nice values down to 20 - n.
   if (getrlimit(RLIMIT_NICE, &limit) == 0 &&
       (limit.rlim_cur == RLIM_INFINITY || static_cast<int>(limit.rlim_cur) >= 20 - target)) {
     return true;
@@ -40,8 +42,8 @@ bool MayLowerNice(int target) {
   return (data[CAP_TO_INDEX(CAP_SYS_NICE)].effective & CAP_TO_MASK(CAP_SYS_NICE)) != 0;
 }
 
-// Most users may raise a thread's nice value but not lower it again. For them a thread that steps back for a moment
-// would stay there, so its nice value is left alone.
+// Most users may raise a thread's nice value but not lower it again. Their threads would keep a low priority that was
+// meant for a moment, so the nice value of such a user's threads is never changed.
 void ApplyNice(DWORD threadId, int change) {
   static const int base = getpriority(PRIO_PROCESS, 0);
   static const bool canReturn = MayLowerNice(base);
@@ -49,6 +51,7 @@ void ApplyNice(DWORD threadId, int change) {
   setpriority(PRIO_PROCESS, threadId, std::clamp(base + change, -20, 19));
 }
 
+// The argument owns a reference, which keeps the object alive until the thread has it in its own data.
 void* RunThread(void* argument) {
   PrepareSignalStack();
   std::unique_ptr<std::shared_ptr<ThreadObject>> object(static_cast<std::shared_ptr<ThreadObject>*>(argument));
@@ -59,7 +62,8 @@ void* RunThread(void* argument) {
 
 thread_local ThreadData* threadData = nullptr;
 
-// Runs after the destructors of the thread's thread_local objects, which is why the layer's own data is not one.
+// The destructor of the key. The C library runs it after the destructors of thread_local objects, which may still use
+// mutexes; so the layer's own data is kept under a key and is no thread_local object.
 void EndThread(void* pointer) {
   std::unique_ptr<ThreadData> data(static_cast<ThreadData*>(pointer));
   threadData = nullptr;
@@ -125,14 +129,14 @@ ThreadObject::ThreadObject(LPTHREAD_START_ROUTINE start, LPVOID argument, bool s
 ThreadObject::ThreadObject(DWORD threadId) : Completion(kKind), threadId_(threadId) {}
 
 DWORD ThreadObject::Resume() {
-  // At least release: what was done before the resume is visible to the thread.
+  // Sequentially consistent, of which release is needed: what was done before the resume is visible to the thread.
   const DWORD before = suspended_.exchange(0, std::memory_order_seq_cst);
   if (before != 0) FutexWake(suspended_, INT_MAX, Scope::kProcess);
   return before;
 }
 
 DWORD ThreadObject::threadId() {
-  // Acquire pairs with the store in Run.
+  // Acquire pairs with the store in Run, in both loads.
   while (threadId_.load(std::memory_order_acquire) == 0) FutexWait(threadId_, 0, Scope::kProcess, Deadline::Never());
   return threadId_.load(std::memory_order_acquire);
 }
@@ -141,20 +145,25 @@ bool ThreadObject::SetPriority(int priority) {
   const auto* step = std::find_if(std::begin(kPrioritySteps), std::end(kPrioritySteps),
                                   [=](const PriorityStep& candidate) { return candidate.priority == priority; });
   if (step == std::end(kPrioritySteps)) return false;
+  // Relaxed: the number guards no other data.
   const int before = priority_.exchange(priority, std::memory_order_relaxed);
-  // A thread that has ended may have left its number to another one.
+  // The kernel may have given the number of a thread that has ended to a new one.
   if (before != priority && !IsSignalled()) ApplyNice(threadId(), step->niceChange);
   return true;
 }
 
 void ThreadObject::Run() {
+  // A new thread has the nice value of its maker. On Windows it starts with the normal priority, so the value is put
+  // back.
   if (inheritsPriority_) ApplyNice(GetCurrentThreadId(), 0);
+  // Sequentially consistent, of which release is needed: it pairs with the loads in threadId.
   threadId_.store(GetCurrentThreadId(), std::memory_order_seq_cst);
   FutexWake(threadId_, INT_MAX, Scope::kProcess);
   // Acquire pairs with the exchange in Resume.
   while (suspended_.load(std::memory_order_acquire) != 0) {
     FutexWait(suspended_, 1, Scope::kProcess, Deadline::Never());
   }
+  // Release pairs with the acquire in exitCode.
   exitCode_.store(start_(argument_), std::memory_order_release);
 }
 
@@ -237,7 +246,7 @@ BOOL TlsFree(DWORD index) {
 }
 
 LPVOID TlsGetValue(DWORD index) {
-  // As on Windows, where it tells a null value from a failure.
+  // As on Windows: without an error the null is the thread's value.
   SetLastError(ERROR_SUCCESS);
   return pthread_getspecific(index);
 }

@@ -1,4 +1,8 @@
-// A waiter and a signaller never miss one another, by the order of their steps:
+// How a thread waits for several objects. A futex sleeps on one word, and a wait for a list of words (futex_waitv)
+// exists only since Linux 5.16; so a waiter sleeps on the counter of a hub, and signals of its objects move that
+// counter.
+//
+// A waiter and a signaller never miss one another, because of the order of their steps:
 //
 //   waiter                              signaller
 //   marks the object                    changes the object's word
@@ -6,10 +10,13 @@
 //   tries the object                    moves the counter of each marked hub
 //   sleeps while the counter is equal   wakes the sleepers, if the hub counts any
 //
-// A signaller that reads the marks before this one was made has changed the word before the waiter tries the object, as
-// has one that moves the counter before the waiter reads it; any other moves a counter that the waiter has read, which
-// keeps it from sleeping or wakes it. Each step is a store before a load of another word, so all of it is sequentially
-// consistent.
+// There are three cases. A signaller that reads the marks before the waiter's was made has changed the word before
+// that, and the waiter finds the object signalled when it tries. A signaller that moves the counter before the waiter
+// reads it has changed the word before that as well. Any other signaller moves a counter that the waiter has read,
+// which keeps the waiter from sleeping or wakes it.
+//
+// In each column a store is followed by a load of another word. Acquire and release do not order these two, so all of
+// them are sequentially consistent.
 #include "platform/linux/objects/wait_hub.h"
 
 #include <unistd.h>
@@ -27,6 +34,7 @@ namespace kestrun::platform {
 
 namespace {
 
+// The last hub is shared by all processes that found no other one free.
 constexpr unsigned kCommonHub = kMachineHubs - 1;
 
 constexpr std::uint64_t kProcessMark = 1;
@@ -34,8 +42,8 @@ constexpr std::uint64_t kMachineMark = 2;
 
 HubWord processHub{};
 
-// The hubs in the object table and the one that this process has claimed. They are those of the first table that the
-// process enters; a process that can't enter one then has no machine hubs until it ends.
+// The hubs in the object table, and the one of them that this process has claimed. The table is the first that the
+// process enters; if it can't enter one then, it has no machine hubs until it ends.
 class MachineHubs {
  public:
   static MachineHubs& Get() {
@@ -51,7 +59,8 @@ class MachineHubs {
     std::call_once(claimOnce_, [this] { Claim(); });
     return claimed_;
   }
-  // The same, or -1 if no thread has asked for it yet. Acquire pairs with the release in Claim.
+  // The claimed hub, or -1 if no thread has asked for it yet. Acquire pairs with the release in Claim: what was written
+  // to the hub there is visible.
   int ClaimedSoFar() const { return claimedSoFar_.load(std::memory_order_acquire); }
 
  private:
@@ -61,15 +70,18 @@ class MachineHubs {
 
   // The kernel drops the claim when the process ends.
   void Claim() {
+    // Processes start their search at different hubs, so that most find a free one at the first try.
     const auto start = static_cast<unsigned>(getpid()) % kCommonHub;
     for (unsigned i = 0; i < kCommonHub; ++i) {
       const unsigned hub = (start + i) % kCommonHub;
       if (!table_->ClaimHub(hub)) continue;
-      // An earlier owner that was killed asleep left its count.
+      // An owner that was killed while its threads slept has left its count, which would cost each signal a needless
+      // call. Sequentially consistent, like all accesses to the words of hubs.
       page_[hub].sleepers.store(0, std::memory_order_seq_cst);
       claimed_ = hub;
       break;
     }
+    // Release: see ClaimedSoFar.
     claimedSoFar_.store(static_cast<int>(claimed_), std::memory_order_release);
   }
 
@@ -80,6 +92,8 @@ class MachineHubs {
   std::atomic<int> claimedSoFar_{-1};
 };
 
+// Sequentially consistent: the counter moves before the number of sleepers is read. A sleeper counts itself before the
+// kernel compares the counter, so either this wakes it or it does not sleep.
 void Notify(HubWord& hub, Scope scope) {
   hub.counter.fetch_add(1, std::memory_order_seq_cst);
   if (hub.sleepers.load(std::memory_order_seq_cst) != 0) FutexWake(hub.counter, INT_MAX, scope);
@@ -109,9 +123,11 @@ void Hub::Mark(WaitState& state, Scope scope) const {
 }
 
 bool Hub::Sleep(std::uint32_t seen, const Deadline& deadline) const {
+  // Sequentially consistent: see Notify.
   word_->sleepers.fetch_add(1, std::memory_order_seq_cst);
   const long result = FutexWait(word_->counter, seen, scope_, deadline);
   const int error = errno;
+  // Sequentially consistent, as all accesses here; a signaller that reads the old count makes a needless call.
   word_->sleepers.fetch_sub(1, std::memory_order_seq_cst);
   if (result == 0 || error == EAGAIN || error == EINTR || error == ETIMEDOUT) return true;
   SetLastError(Win32ErrorFromErrno(error));

@@ -1,5 +1,5 @@
 // The words in memory that waiting is built on: those of one object, and those of a hub on which a thread sleeps that
-// waits for several objects. What they mean and who changes them stands in waitable.h and wait_hub.h.
+// waits for several objects. What they mean and which threads change them is told in waitable.h and wait_hub.h.
 //
 // They may lie in memory that processes share, so they hold nothing but lock-free atomic numbers, and zeroed memory is
 // a valid state: not signalled, no sleepers. The words of shared objects and hubs are part of the object table's layout

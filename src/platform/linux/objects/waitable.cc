@@ -34,6 +34,7 @@ DWORD Waitable::Acquire(const Deadline& deadline) {
       break;
     }
   }
+  // Sequentially consistent, as all accesses to the count; a signaller that reads the old one makes a needless call.
   state_->sleepers.fetch_sub(1, std::memory_order_seq_cst);
   return result;
 }
@@ -44,14 +45,14 @@ bool Waitable::SignalOne() {
 }
 
 void Waitable::Wake(int count) {
-  // Both loads are ordered behind the change of the word; see Acquire and Hub::Mark.
+  // Sequentially consistent: both loads are ordered behind the change of the word; see Acquire and Hub::Mark.
   if (state_->sleepers.load(std::memory_order_seq_cst) != 0) FutexWake(state_->word, count, scope_);
   const std::uint64_t marks = state_->hubs.load(std::memory_order_seq_cst);
   if (marks != 0) NotifyHubs(marks, scope_);
 }
 
 void Completion::Signal() {
-  // Ordered before Wake reads the count of sleepers.
+  // Sequentially consistent: the store is ordered before Wake reads the count of sleepers.
   ownState_.word.store(1, std::memory_order_seq_cst);
   Wake(INT_MAX);
 }

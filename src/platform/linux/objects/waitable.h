@@ -62,6 +62,7 @@ class Completion : public Waitable {
   explicit Completion(ObjectKind kind) : Waitable(kind, &ownState_, Scope::kProcess) {}
 
   void Signal();
+  // Acquire pairs with the store in Signal: what was done before the signal is visible.
   bool IsSignalled() const { return ownState_.word.load(std::memory_order_acquire) != 0; }
 
   DWORD TryAcquire() override { return IsSignalled() ? 0u /* WAIT_OBJECT_0 */ : WAIT_TIMEOUT; }

@@ -13,8 +13,9 @@ namespace kestrun::platform {
 
 namespace {
 
+// The first sleep for shared objects; see the head of waitable.h.
 constexpr DWORD kFirstSliceMs = 1000;
-// For a hub that signals of other processes do not reach: each of its sleeps is that short.
+// The slice for a hub that signals of other processes do not reach: the wait is then a poll.
 constexpr DWORD kShortSliceMs = 20;
 
 // The objects of one wait. It holds references, so that their handles may be closed meanwhile.
@@ -31,12 +32,14 @@ class WaitSet {
   }
 
   DWORD WaitForAny(const Deadline& deadline) {
+    // Most waits are satisfied or have a limit of 0, and then need no hub.
     DWORD result = TryAny();
     if (result != WAIT_TIMEOUT || deadline.HasPassed()) return result;
     const Hub hub = Hub::For(scope_);
     for (DWORD i = 0; i < count_; ++i) hub.Mark(objects_[i]->state(), objects_[i]->scope());
     SleepSlices slices(kFirstSliceMs);
     for (;;) {
+      // The order of these steps is the one at the top of wait_hub.cc.
       const std::uint32_t seen = hub.Counter();
       result = TryAny();
       if (result != WAIT_TIMEOUT || deadline.HasPassed()) return result;
@@ -44,7 +47,8 @@ class WaitSet {
     }
   }
 
-  // Only for objects that stay signalled: each may then be waited for on its own.
+  // Only for objects that stay signalled, which may be waited for one after the other. For others a wait would have to
+  // take all signals in one step, which words in shared memory do not allow without a lock.
   DWORD WaitForAll(const Deadline& deadline) {
     for (DWORD i = 0; i < count_; ++i) {
       if (objects_[i]->IsConsumable()) {
@@ -104,7 +108,8 @@ DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, D
 DWORD SignalObjectAndWait(HANDLE toSignal, HANDLE toWaitOn, DWORD timeoutMs, BOOL) {
   const auto signalled = LookUp<Waitable>(toSignal);
   const auto awaited = LookUp<Waitable>(toWaitOn);
-  // Two steps serve for one: an event keeps a signal that comes between them until the wait takes it.
+  // Windows does both in one step. Two steps serve as well, because an event keeps a signal that comes between them
+  // until the wait takes it.
   if (!signalled || !awaited || !signalled->SignalOne()) return WAIT_FAILED;
   return awaited->Acquire(Deadline::After(timeoutMs));
 }

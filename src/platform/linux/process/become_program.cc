@@ -1,4 +1,8 @@
-// Running a tool as the caller's shell would.
+// Becoming a tool as the caller's shell would run it, and what the kernel tells about trees of processes.
+//
+// The search along PATH is done here and not by execvp, because execvp gives a script without "#!" to a shell whatever
+// it holds, and because the error that a shell reports for a search that fails has rules of its own (see
+// BecomeProgram).
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -20,10 +24,10 @@ namespace kestrun::platform {
 
 namespace {
 
-// Where shells look without a PATH.
+// The path that shells search where PATH is not set.
 constexpr const char* kDefaultPath = "/usr/local/bin:/usr/bin:/bin";
 constexpr const char* kShell = "/bin/sh";
-// Deeper trees of processes are cut where they are only looked at.
+// How deep UsageOfTree follows a tree of processes; what is deeper is left out of the figure.
 constexpr int kMostLevels = 16;
 
 void AddUsage(pid_t pid, int levels, ProcessUsage& usage) {
@@ -34,7 +38,7 @@ void AddUsage(pid_t pid, int levels, ProcessUsage& usage) {
   for (const pid_t child : ChildrenOf(pid)) AddUsage(child, levels - 1, usage);
 }
 
-// The files that a name may mean, in order.
+// The files that a name may mean, in the order in which they are tried.
 std::vector<std::string> ListCandidates(const std::string& name) {
   if (name.empty()) return {};
   if (name.find('/') != std::string::npos) return {name};
@@ -50,7 +54,8 @@ std::vector<std::string> ListCandidates(const std::string& name) {
   return candidates;
 }
 
-// A program of another machine must not be read as a script: shells take a NUL in the first line for that.
+// False for a program of another machine, which a shell must not read as a script. Shells tell the two apart in the
+// same way: a program has a NUL in its first line.
 bool LooksLikeScript(const std::string& file) {
   const FileDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
   char text[128];
@@ -72,7 +77,8 @@ std::vector<char*> Pointers(const std::vector<std::string>& words) {
   return pointers;
 }
 
-// Returns errno.
+// Returns only if the program can't be run, with errno as the result. The kernel refuses a script without "#!" with
+// ENOEXEC; shells run such a file themselves, and so does this.
 int Execute(const std::string& file, const std::vector<std::string>& arguments) {
   execve(file.c_str(), Pointers(arguments).data(), environ);
   if (errno != ENOEXEC || !LooksLikeScript(file)) return errno;
@@ -90,7 +96,8 @@ bool IsPlainFile(const std::string& file) {
 bool HasProgramHeader(const std::string& file) {
   const FileDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
   char text[4] = {};
-  // What can't be read may still be run.
+  // Not ELF and not "#!": CreateProcessA would refuse the file, so the caller has a shell run it. A file that may be
+  // executed but not read is left to exec, which decides by itself.
   if (!descriptor || read(descriptor.get(), text, sizeof text) < 2) return !descriptor;
   return std::memcmp(text, "#!", 2) == 0 || std::memcmp(text, "\177ELF", 4) == 0;
 }
@@ -100,6 +107,8 @@ bool HasProgramHeader(const std::string& file) {
 const bool kCanBecomeProgram = true;
 
 RunFailure BecomeProgram(const std::vector<std::string>& arguments) {
+  // The tool gets the limit and the signals that this process was started with, not the raised limit and the ignored
+  // signals that the layer has set up for itself.
   const rlimit limit = OriginalDescriptorLimit();
   setrlimit(RLIMIT_NOFILE, &limit);
   RestoreSignals();
@@ -108,7 +117,8 @@ RunFailure BecomeProgram(const std::vector<std::string>& arguments) {
     const int failure = Execute(candidate, arguments);
     if (failure == ENOENT || failure == ENOTDIR) continue;
     error = failure;
-    // A file that may not be run does not end the search, but tells more than that there is none.
+    // The search goes on behind a file that may not be executed, as in shells; if nothing else is found, that file is
+    // the better explanation.
     if (failure != EACCES) break;
   }
   return FailureOf(error);
@@ -132,6 +142,7 @@ bool FindProgram(const std::string& name, const std::string& argumentText, Progr
 }
 
 std::uint32_t ParentProcess(std::uint32_t processId) {
+  // The pidfd answers in one call; /proc is the way for older kernels.
   if (const std::uint32_t parent = ParentByPidfd(processId)) return parent;
   ProcessStat stat = {};
   return ReadProcessStat(static_cast<pid_t>(processId), stat) ? static_cast<std::uint32_t>(stat.parent) : 0;
@@ -146,6 +157,7 @@ ProcessUsage UsageOfTree(std::uint32_t processId) {
 std::uint64_t ProcessorTimeOfTree(std::uint32_t processId) {
   std::uint64_t ticks = 0;
   for (const auto& [pid, stat] : DescendantsOf(static_cast<pid_t>(processId))) {
+    // The times of children that have ended stand in the fields of the parents that waited for them.
     ticks += stat.AllTicks();
   }
   return TicksToMicroseconds(ticks);
@@ -156,7 +168,7 @@ std::uint64_t PipeNumber(int standardStream) {
   return fstat(standardStream, &status) == 0 && S_ISFIFO(status.st_mode) ? status.st_ino : 0;
 }
 
-// Closed on exec, so that a program that this process becomes finds them as they were.
+// Opened close-on-exec, so that the program that this process becomes finds the streams closed, as they were.
 void OpenClosedStandardStreams() {
   for (int descriptor = 0; descriptor < 3; ++descriptor) {
     if (fcntl(descriptor, F_GETFD) < 0) open("/dev/null", O_RDWR | O_CLOEXEC);

@@ -2,10 +2,11 @@
 
 namespace kestrun::platform {
 
+// A bit that none of the creation flags of process_api.h has.
 const DWORD kInheritDescriptors = 0x200000;
 
-// A child of this layer inherits its standard streams alone, whatever the start-up data say, and one that is held back
-// ends with its parent.
+// Nothing needs to be arranged here: a child of this layer inherits no descriptors but its standard streams, and a
+// child that was not resumed ends with this process even if it is in no job yet.
 struct ChildStartup::State {
   STARTUPINFOA startupInfo;
 };
@@ -27,7 +28,7 @@ bool ChildStartup::PutsInJob() const {
   return false;
 }
 
-// A read end that was fed by a child comes to its end with that child.
+// Not needed: PipeReadEnd ends a read from a child's pipe when that child ends (pipe.h).
 void InterruptRead(HANDLE /*thread*/) {}
 
 }  // namespace kestrun::platform

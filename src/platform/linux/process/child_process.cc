@@ -16,7 +16,7 @@
 namespace kestrun::platform {
 namespace {
 
-// The children that are still referred to, by process id.
+// The children to which some handle, job or thread still refers, by process id.
 struct ChildRegistry {
   std::mutex mutex;
   std::map<pid_t, std::weak_ptr<ChildProcess>> children;  // guarded by mutex
@@ -27,6 +27,7 @@ ChildRegistry& Registry() {
   return registry.get();
 }
 
+// A failed fork (EAGAIN) and helpers that were killed (EPIPE, ECONNRESET) are both a shortage to the caller.
 DWORD ErrorOfStart(int error) {
   const DWORD win32Error = Win32ErrorFromErrno(error);
   return error == EAGAIN || error == ENOMEM || error == EPIPE || error == ECONNRESET ? ERROR_NOT_ENOUGH_MEMORY
@@ -42,6 +43,7 @@ std::shared_ptr<ChildProcess> ChildProcess::Start(ChildRequest request, DWORD& e
     error = ErrorOfStart(code);
     return nullptr;
   }
+  // The child is in the registry before its first report can be served, so that Find never misses one that exists.
   auto child = std::make_shared<ChildProcess>(std::move(request), ready, std::move(supervisor));
   {
     const std::lock_guard lock(Registry().mutex);
@@ -74,11 +76,11 @@ ChildProcess::ChildProcess(ChildRequest request, const Report& ready, Supervisor
 ChildProcess::~ChildProcess() {
   const std::lock_guard lock(Registry().mutex);
   const auto found = Registry().children.find(pid());
-  // The id may be another child's by now.
+  // The kernel may have given the id to another child meanwhile, whose entry must stay.
   if (found != Registry().children.end() && found->second.expired()) Registry().children.erase(found);
 }
 
-// With mutex_ held.
+// Called with mutex_ held. False if the control socket has been given up, or its other end has gone.
 bool ChildProcess::SendCommand(CommandKind kind, DWORD value) {
   Command command = {};
   command.kind = kind;
@@ -96,15 +98,16 @@ bool ChildProcess::LetRun() {
   }
   phase_ = Phase::kRunning;
   SendStart(supervisor_.control.get(), request_, killsOnClose_);
-  // This process's own write ends stay open until the child's end, which is what ends a reading: the end of the pipe
-  // itself would wake the reader once more for nothing.
+  // This process keeps its own copies of the output pipes' write ends until the child has ended. A reader stops when it
+  // learns of the child's end; with the copies closed, the end of the pipe would wake it once more before that, for
+  // nothing.
   done = std::move(request_);
   for (int i = 1; i < 3; ++i) request_.streams[i] = std::move(done.streams[i]);
   return true;
 }
 
-// Ends a child that was not let run. False if it was. The phase is left before the socket is shut down: otherwise the
-// thread that serves the reports would take the end of the socket for a killed supervisor.
+// Ends a child that was not let run. False if it was. The phase changes before the socket is shut down: otherwise the
+// thread that serves the reports would take the end of the socket for the end of a killed supervisor.
 bool ChildProcess::EndUnstarted(DWORD exitCode) {
   bool isFirst = false;
   ChildRequest done;
@@ -139,8 +142,9 @@ void ChildProcess::SetKillOnClose(bool killsOnClose) {
   if (WasLetRun()) SendCommand(CommandKind::kKillOnClose, killsOnClose);
 }
 
-// The report of the tool's end is still wanted for the threads that wait for it, so the socket stays open for reading.
-// Without kill-on-close the supervisor is given up and stays with this tool.
+// The socket stays open for reading, because threads that wait for the tool still need the report of its end. Without
+// kill-on-close only this direction is shut down: the supervisor takes that for the end of its owner, serves this tool
+// until everything below it has ended, and exits.
 void ChildProcess::CloseJob() {
   if (EndUnstarted(128 + SIGKILL)) return;
   const std::lock_guard lock(mutex_);
@@ -164,7 +168,7 @@ bool ChildProcess::SignalGroup(int signal) {
   return SendCommand(CommandKind::kSignalGroup, static_cast<DWORD>(signal));
 }
 
-// Acquire pairs with SetExitCode: what the child's end has changed is visible with its code.
+// Acquire pairs with the release in SetExitCode: a thread that sees the exit code also sees what was written before it.
 DWORD ChildProcess::ExitCode() const {
   return exitCode_.load(std::memory_order_acquire);
 }
@@ -197,7 +201,8 @@ bool ChildProcess::OnReadable() {
   ChildRequest done;
   {
     const std::lock_guard lock(mutex_);
-    // Without a report the supervisor was killed; the zygote kills what was below it, if that one lives.
+    // The end of the socket without a report means that the supervisor was killed. The zygote then kills what was below
+    // the supervisor, if the zygote itself lives.
     isFirst = SetExitCode(isReport ? report.exitCode : 128 + SIGKILL);
     if (isFirst) done = std::move(request_);
     if (isReport) {
@@ -205,15 +210,16 @@ bool ChildProcess::OnReadable() {
     } else if (isFirst) {
       phase_ = phase_ == Phase::kHeldBack ? Phase::kLost : Phase::kEnded;
     }
-    // A job may still ask for, or end, what the tool has left behind.
+    // The child is served on for its job, which may count or end the processes that the tool has left behind.
     goesOn = isReport && isInJob_ && phase_ != Phase::kIdle;
   }
+  // If the zygote was killed as well, this process is the only one left that can end the supervisor's group.
   if (!isReport) JobGroups::OfThisProcess().End(supervisorPid_);
   if (isFirst) TellEnd();
   return goesOn;
 }
 
-// With mutex_ held.
+// Called with mutex_ held. Takes over what the report says, and enters kEnded or kIdle.
 void ChildProcess::EnterPhaseOf(const Report& report) {
   const bool isIdle = report.kind == ReportKind::kEmpty || report.isEmpty != 0;
   if (report.kind == ReportKind::kEnded) {
@@ -224,6 +230,8 @@ void ChildProcess::EnterPhaseOf(const Report& report) {
   phase_ = isIdle ? Phase::kIdle : Phase::kEnded;
 }
 
+// An idle supervisor goes back to the pool. In every other phase the socket is closed, which the supervisor takes for
+// the end of its owner.
 void ChildProcess::OnLetGo() {
   const std::lock_guard lock(mutex_);
   if (phase_ == Phase::kIdle) {
@@ -232,6 +240,8 @@ void ChildProcess::OnLetGo() {
   supervisor_.control.Reset();
 }
 
+// After UnwatchDescriptor the reaper makes no further call for this child, not even OnLetGo; so the taker calls it, in
+// ServeReport or GiveBack.
 int ChildProcess::TakeOver() {
   return UnwatchDescriptor(controlDescriptor_, this) ? controlDescriptor_ : -1;
 }
@@ -243,7 +253,8 @@ bool ChildProcess::ServeReport() {
 }
 
 void ChildProcess::GiveBack() {
-  // A child that can't be watched is given up: its supervisor then does as if this process had died.
+  // If the reaper can't watch the child again, its socket is closed, and the supervisor does as if this process had
+  // died.
   if (!WatchDescriptor(controlDescriptor_, shared_from_this())) OnLetGo();
 }
 
@@ -254,6 +265,8 @@ ProcessTimes ChildProcess::TreeTimes(DWORD& active) const {
     if (!supervisor_.control) return isInJob_ ? treeTimes_ : ownTimes_;
   }
   ProcessTimes total;
+  // While the tree lives, its times are read from /proc: of each process its own, and of the ended ones what their
+  // parents have collected. The supervisor's own time is not the tool's, and neither are its earlier tools (before_).
   for (const auto& [pid, stat] : DescendantsOf(supervisorPid_)) {
     const bool isSupervisor = pid == supervisorPid_;
     if (!isSupervisor && stat.state != 'Z') ++active;
@@ -265,14 +278,15 @@ ProcessTimes ChildProcess::TreeTimes(DWORD& active) const {
   return total;
 }
 
-// With mutex_ held, before the phase changes. False if the child has ended before. Release: see ExitCode.
+// Called with mutex_ held, before the phase changes. False if the child has ended before. Release pairs with the
+// acquire in ExitCode.
 bool ChildProcess::SetExitCode(DWORD exitCode) {
   if (phase_ != Phase::kHeldBack && phase_ != Phase::kRunning) return false;
   exitCode_.store(exitCode, std::memory_order_release);
   return true;
 }
 
-// Without the mutex: it wakes other threads, which may ask this child at once.
+// Called without the mutex, because the threads that it wakes may call this child at once.
 void ChildProcess::TellEnd() {
   exitNotice_->Set();
   Signal();

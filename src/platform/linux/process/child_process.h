@@ -1,8 +1,8 @@
 // A tool that this process started, and the way to start one.
 //
-// A child is owned by its handles, by its job and by the reaper, which serves the reports of its supervisor until the
-// child has ended; while the child is in a job and has left something behind, until that has ended too. A thread may
-// take the serving over (TakeOver). Everything else may be called from any thread.
+// A child is owned by its handles, by its job and by the reaper. The reaper serves the reports of the child's
+// supervisor until the child has ended, and for a child in a job until the processes that it has left behind have ended
+// as well. Another thread may take over from the reaper (TakeOver). All other functions may be called from any thread.
 //
 //   phase           LetRun             Terminate, KillAll, CloseJob   a report that comes             the socket ends
 //   kHeldBack       kRunning, true     kEnded                         -                               kLost
@@ -11,9 +11,9 @@
 //   kEnded          false              a command to the supervisor    kIdle if none is left           -
 //   kIdle           false              a command to the supervisor    -                               -
 //
-// A child in kHeldBack or kLost can enter a job. Entering kLost, or kEnded or kIdle for the first time but from kLost,
-// sets the exit code and signals the child. The descriptor is closed, or given to the pool in kIdle, when it is served
-// no more; commands then do nothing.
+// A child in kHeldBack or kLost can enter a job. The exit code is set and the child is signalled once: on leaving
+// kHeldBack for anything but kRunning, and on leaving kRunning. When no more reports are served the descriptor is
+// closed or, in kIdle, given to the pool; commands then do nothing.
 #ifndef KESTRUN_PLATFORM_LINUX_PROCESS_CHILD_PROCESS_H_
 #define KESTRUN_PLATFORM_LINUX_PROCESS_CHILD_PROCESS_H_
 
@@ -38,7 +38,7 @@ class ChildProcess : public ProcessObject, public ReaperClient, public std::enab
   // A child that is held back: its process exists, but is not told yet what it is to run. Null with the Win32 error in
   // `error`.
   static std::shared_ptr<ChildProcess> Start(ChildRequest request, DWORD& error);
-  // The child with this id that has not been forgotten by all its owners; null if there is none.
+  // The child with this id that still has an owner; null if there is none.
   static std::shared_ptr<ChildProcess> Find(pid_t pid);
 
   // For Start alone.
@@ -51,14 +51,16 @@ class ChildProcess : public ProcessObject, public ReaperClient, public std::enab
   bool EnterJob(bool killsOnClose);
   bool IsInJob() const;
   void SetKillOnClose(bool killsOnClose);
-  // The job's end: ends the child and everything below it, if it was told to end on close.
+  // The job object was closed: ends the child and everything below it, if SetKillOnClose or EnterJob asked for that.
   void CloseJob();
   // Ends the child and everything below it, with this exit code if it has not ended yet.
   bool KillAll(DWORD exitCode);
-  // Sends a signal to the child's group. False if it has ended, or was not started with a group for that.
+  // Sends a signal to the child's process group. False if the child has ended, or was not started with
+  // CREATE_NEW_PROCESS_GROUP.
   bool SignalGroup(int signal);
 
-  // The time used by the child and everything that was ever below it; `active` is the number of processes that are.
+  // The processor time used by the child and everything that was ever below it; `active` is the number of those
+  // processes that run now.
   ProcessTimes TreeTimes(DWORD& active) const;
   // The most memory in bytes that it, or the largest of the children that it waited for, had at once; 0 while it runs.
   std::uint64_t PeakBytes() const {
@@ -67,12 +69,14 @@ class ChildProcess : public ProcessObject, public ReaperClient, public std::enab
   }
   const std::shared_ptr<ExitNotice>& exitNotice() const { return exitNotice_; }
 
-  // Takes the serving of reports over from the reaper. Gives a descriptor; whenever it is readable the caller has to
-  // call ServeReport. -1 if the reaper keeps the child.
+  // Takes the child over from the reaper: the caller now polls the descriptor that this gives, and calls ServeReport
+  // whenever it is readable. -1 if the reaper keeps the child, because it is serving it at this moment or has let it
+  // go.
   int TakeOver();
   // False when no more reports come.
   bool ServeReport();
-  // The reaper serves what is left. Once for each TakeOver that succeeded, unless ServeReport gave false.
+  // Hands the child back to the reaper. To be called once for each TakeOver that succeeded, unless ServeReport gave
+  // false.
   void GiveBack();
 
   DWORD ExitCode() const override;

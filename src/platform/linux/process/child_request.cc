@@ -11,7 +11,8 @@
 namespace kestrun::platform {
 namespace {
 
-// What goes along with a kStart command as descriptors.
+// The descriptors that go along with a kStart command, in the order of helper_protocol.h: folder, streams, further
+// ones.
 struct StartDescriptors {
   explicit StartDescriptors(const ChildRequest& request) {
     values[count++] = request.workingDirectory.get();
@@ -21,6 +22,7 @@ struct StartDescriptors {
       values[count++] = request.streams[i]->Descriptor();
     }
     for (const int descriptor : request.further) {
+      // The kernel takes no more in one message; what is beyond is not inherited.
       if (count == kMaxPassedDescriptors) break;
       values[count++] = descriptor;
       ++furtherCount;
@@ -33,7 +35,8 @@ struct StartDescriptors {
   std::size_t count = 0;
 };
 
-// A kStart command and the text behind it.
+// A kStart command and the text behind it, in one buffer: the descriptors travel with the first byte, and most commands
+// then go out with one system call.
 std::string MakeStart(const ChildRequest& request, bool killsOnClose, const StartDescriptors& given) {
   const rlimit limit = OriginalDescriptorLimit();
   Command command = {};
@@ -65,6 +68,7 @@ void SendStart(int control, const ChildRequest& request, bool killsOnClose) {
   const std::string start = MakeStart(request, killsOnClose, given);
   const ssize_t sent = SendDescriptors(control, start.data(), start.size(), given.values, given.count);
   if (sent <= 0) return;
+  // The descriptors went with what was sent. On a stream socket the rest of a long text may follow in any pieces.
   const std::size_t done = static_cast<std::size_t>(sent);
   SendAll(control, start.data() + done, start.size() - done);
 }

@@ -1,9 +1,11 @@
-// CollectOutput: one thread waits for a tool's outputs and for its end at once, and reads both outputs to their end.
+// CollectOutput: one thread waits for a tool's outputs and for its end at once, and reads both outputs to their end. A
+// thread for each pipe would cost two thread starts and several switches for a tool that often runs for milliseconds.
 //
-// It polls the pipes and, in the reaper's place, the supervisor's socket. A pipe is at its end when a read gives
-// nothing, or when the tool has ended and what was in the pipe at that moment is read. If the reaper is just serving
-// the child it keeps it; then the tool's end is learnt from its exit notice, and if the system has no descriptor for
-// that, by polling.
+// The thread polls the pipes and, in the reaper's place, the supervisor's socket, so that the tool's end does not have
+// to travel through the reaper's thread. A pipe is at its end when a read gives nothing, or when the tool has ended and
+// what was in the pipe at that moment is read; waiting for the end of the pipe alone would wait for every process that
+// the tool has left behind. If the reaper is serving the child at this moment, the child stays with the reaper. The
+// tool's end is then learnt from its exit notice; if no descriptor can be had for the notice, the notice is polled.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -23,9 +25,9 @@ namespace {
 
 constexpr DWORD kMaxOutputs = 2;
 constexpr DWORD kBufferSize = 64 * 1024;
-// The size of a pipe whose writer has once filled it, so that the two sides wait for one another less often. It is
-// still read in smaller pieces, since a writer waits while a read goes on. Only such pipes, because the pipes of a user
-// have a limit together.
+// A pipe whose writer has filled it once is enlarged to this size, so that the two sides wait for one another less
+// often. It is still read in pieces of kBufferSize, because a writer waits while a read goes on. Other pipes stay
+// small, because the kernel limits what all pipes of a user hold together.
 constexpr DWORD kLargePipe = 256 * 1024;
 
 class Collector {
@@ -46,7 +48,8 @@ class Collector {
 
   DWORD Run(const Deadline& deadline) {
     while (!child_->IsSignalled()) {
-      // Negative descriptors are ignored; those ends are found by polling.
+      // poll ignores negative descriptors. An exit notice without a descriptor is polled: the wait below is cut into
+      // slices.
       const int notice = reports_ >= 0 ? reports_ : child_->exitNotice()->Descriptor();
       pollfd wait[1 + kMaxOutputs] = {{notice, POLLIN, 0}};
       for (DWORD i = 0; i < count_; ++i) wait[1 + i] = {isAtEnd_[i] ? -1 : pipes_[i]->Descriptor(), POLLIN, 0};
@@ -57,16 +60,18 @@ class Collector {
         if (wait[1 + i].revents != 0 && !PassOn(i)) isAtEnd_[i] = true;
       }
       if (reports_ >= 0 && wait[0].revents != 0 && !child_->ServeReport()) reports_ = -1;
-      // A child that never stops writing has a limit, too.
+      // Checked after each round and not only after an idle wait, so that the limit also holds for a child that never
+      // stops writing.
       if (deadline.HasPassed() && !child_->IsSignalled()) return WAIT_TIMEOUT;
     }
+    // The tool may have written between the last read and its end.
     for (DWORD i = 0; i < count_; ++i) PassWhatIsThere(i);
     return WAIT_OBJECT_0;
   }
 
  private:
-  // All that the child wrote is in the pipe once it has ended. Not until the pipe is empty: a descendant that keeps
-  // writing would prevent that.
+  // Reads what is in the pipe now, which contains all that the child wrote, since it has ended. It does not read until
+  // the pipe is empty, because a descendant of the child may keep writing.
   void PassWhatIsThere(DWORD i) {
     int left = 0;
     if (ioctl(pipes_[i]->Descriptor(), FIONREAD, &left) != 0) return;
@@ -79,6 +84,7 @@ class Collector {
 
   bool PassOn(DWORD i) {
     const DWORD count = Pass(i, kBufferSize);
+    // A read of 64 KiB found the pipe full, since that is the default size of a pipe.
     if (count == kBufferSize && !isLarge_[i]) {
       fcntl(pipes_[i]->Descriptor(), F_SETPIPE_SZ, kLargePipe);
       isLarge_[i] = true;

@@ -1,5 +1,9 @@
-// Console control handlers on top of signals: a signal handler passes each number through a pipe to one thread, which
-// calls the handlers.
+// Console control handlers on top of signals: a signal handler writes each number into a pipe, and one thread reads
+// them and calls the console handlers.
+//
+// The handlers take locks and allocate memory, which a signal handler must not do: it may have interrupted the very
+// thread that holds the lock. A pipe and not sigwait, because sigwait needs the signals blocked in every thread of the
+// process, also in those that ran before the first handler was added.
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -27,6 +31,7 @@ DWORD EventOf(int signal) {
 }
 
 // Carries the numbers of signals from the handler to the console thread.
+// Not blocking: with a full pipe a signal is dropped, and the handler does not wait in an interrupted thread.
 int signalPipe[2] = {-1, -1};
 
 void OnSignal(int signal) {
@@ -62,19 +67,21 @@ class Console {
   void IgnoreCtrlC(bool ignore) {
     const std::lock_guard lock(mutex_);
     ignoresCtrlC_ = ignore;
-    // Without a handler the signal's own default holds.
+    // While no console handler was ever added, no thread reads the pipe, and the disposition of SIGINT alone decides.
     if (!started_) signal(SIGINT, ignore ? SIG_IGN : SIG_DFL);
   }
 
  private:
   // The console's thread takes the signals. The calling thread and those that it starts later block them, so that their
-  // system calls are not interrupted. Threads that ran before may still take them, which only interrupts their calls.
+  // system calls are not interrupted. Threads that were started earlier may still receive them; that does no more than
+  // interrupt a call.
   bool Start() {
     if (signalPipe[0] < 0 && pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) return false;
     sigset_t console, others, before;
     sigemptyset(&console);
     for (const int number : kConsoleSignals) sigaddset(&console, number);
     sigfillset(&others);
+    // The new thread inherits the mask: it blocks everything but the console's signals.
     for (const int number : kConsoleSignals) sigdelset(&others, number);
     pthread_sigmask(SIG_SETMASK, &others, &before);
     pthread_t thread;
@@ -88,7 +95,8 @@ class Console {
     return true;
   }
 
-  // A signal that was ignored when the program started, by nohup or by a shell for its background, stays ignored.
+  // A signal that was ignored when the program started stays ignored: nohup and shells that start background jobs rely
+  // on it.
   static void InstallSignalHandlers() {
     for (const int number : kConsoleSignals) {
       struct sigaction action = {};
@@ -107,7 +115,7 @@ class Console {
     }
   }
 
-  // Without the lock while a handler runs: it may add and remove others, and often ends the process.
+  // No lock is held while a handler runs, because handlers may add and remove handlers, and often end the process.
   void Handle(int signal) {
     std::vector<PHANDLER_ROUTINE> handlers;
     {
@@ -133,7 +141,8 @@ Console& TheConsole() {
 
 }  // namespace
 
-// The id of a child that has ended may be another process's by now.
+// The id of a child that was waited for may already belong to another process, so ids are looked up among the living
+// children.
 bool AskToEnd(DWORD childId) {
   const std::shared_ptr<ChildProcess> child = ChildProcess::Find(static_cast<pid_t>(childId));
   return child && !child->IsSignalled() && kill(static_cast<pid_t>(childId), SIGTERM) == 0;

@@ -5,8 +5,9 @@
 namespace kestrun::platform {
 
 void ExitNotice::Set() {
-  // Before the lock: a Descriptor call that finds the lock free first makes an event that is signalled below, and one
-  // that comes later makes a signalled event. Sequentially consistent is more than this needs, and costs nothing here.
+  // Stored before the lock is taken: a call of Descriptor that gets the lock first makes an event that is signalled
+  // below, and one that gets it later makes an event that is signalled from the start. Release would do (it pairs with
+  // IsSet); sequentially consistent costs nothing here, once a child.
   isSet_.store(true, std::memory_order_seq_cst);
   const std::lock_guard lock(mutex_);
   if (event_) eventfd_write(event_.get(), 1);

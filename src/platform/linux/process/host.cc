@@ -24,7 +24,8 @@ namespace {
 std::string HomeFolder() {
   std::string home;
   if (FindVariable("HOME", home) && !home.empty()) return home;
-  // getpwuid would load shared libraries of the system's, which a static program can't rely on.
+  // getpwuid would load shared libraries for the name services, and a static program can't rely on finding those that
+  // fit it.
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> users(std::fopen("/etc/passwd", "re"), std::fclose);
   if (!users) return "";
   while (const passwd* const user = fgetpwent(users.get())) {
@@ -34,7 +35,8 @@ std::string HomeFolder() {
 }
 
 unsigned ProcessorsOfAffinity() {
-  // The largest set of any kernel: the call fails if the set is smaller than the kernel's.
+  // The largest number that a kernel can be built for. sched_getaffinity fails if the set is smaller than the kernel's
+  // own, as a plain cpu_set_t (1024) may be.
   constexpr int kMaxProcessors = 8192;
   const std::unique_ptr<cpu_set_t, void (*)(cpu_set_t*)> set(CPU_ALLOC(kMaxProcessors),
                                                              [](cpu_set_t* memory) { CPU_FREE(memory); });
@@ -43,11 +45,12 @@ unsigned ProcessorsOfAffinity() {
   return static_cast<unsigned>(CPU_COUNT_S(size, set.get()));
 }
 
-// The processors that a quota of one group comes to, rounded up; 0 without a quota.
+// How many processors the quota of one group amounts to, rounded up; 0 without a quota.
 unsigned QuotaOfGroup(const std::string& folder) {
   long long quota = -1;
   long long period = 0;
-  // One file with both in the unified hierarchy, one file each in the older one.
+  // Version 2 of the control groups has one file with both numbers, version 1 a file for each. "max" fails to read as a
+  // number and means no quota.
   if (std::ifstream both(folder + "/cpu.max"); !(both >> quota >> period)) {
     std::ifstream(folder + "/cpu.cfs_quota_us") >> quota;
     std::ifstream(folder + "/cpu.cfs_period_us") >> period;
@@ -55,7 +58,8 @@ unsigned QuotaOfGroup(const std::string& folder) {
   return quota > 0 && period > 0 ? static_cast<unsigned>((quota + period - 1) / period) : 0;
 }
 
-// The smallest quota of this process's group and those above it; 0 without any.
+// The smallest quota of this process's group and the groups above it; 0 without any. A container's limit is often set
+// on a group further up.
 unsigned ProcessorsOfQuota() {
   unsigned smallest = 0;
   std::ifstream groups("/proc/self/cgroup");
@@ -63,6 +67,7 @@ unsigned ProcessorsOfQuota() {
     const std::size_t controllers = line.find(':') + 1;
     const std::size_t colon = line.find(':', controllers);
     if (controllers == 0 || colon == std::string::npos) continue;
+    // A line is "number:controllers:path"; the line of version 2 names no controllers.
     const bool unified = colon == controllers;
     if (!unified && line.find("cpu", controllers) > colon) continue;
     const std::string root = unified ? "/sys/fs/cgroup" : "/sys/fs/cgroup/cpu";
@@ -84,7 +89,7 @@ const bool kFileNamesIgnoreCase = false;
 
 std::string DefaultCommonPath() {
   std::string data;
-  // A relative value is to be ignored.
+  // The convention for this variable says that a relative path is to be ignored.
   if (!FindVariable("XDG_DATA_HOME", data) || data.empty() || data[0] != '/') data = HomeFolder() + "/.local/share";
   return data + "/Ravelin Works/Common";
 }
@@ -93,6 +98,7 @@ void SetStandardStreamsBinary() {}
 
 void FlushStandardStreams() {
   for (std::FILE* stream : {stdout, stderr}) {
+    // A stopped thread may hold the stream's lock for ever.
     if (ftrylockfile(stream) != 0) continue;
     fflush_unlocked(stream);
     funlockfile(stream);

@@ -1,4 +1,9 @@
-// Job objects: the children in a job end with it.
+// Job objects: a set of children with limits in common. The work is in each child's supervisor, which knows all
+// processes below it; a job forwards its calls to its children. Children stay in the list after their end, because the
+// times and counts of a job include them.
+//
+// Locks: the job's mutex is taken before a child's, and it is released before a call that may block or wake other
+// threads.
 #include <algorithm>
 #include <cstring>
 #include <mutex>
@@ -11,7 +16,8 @@
 namespace kestrun::platform {
 namespace {
 
-// The limits that have an effect here, and those that need none: no process leaves a job.
+// The limits that may be set. Only KILL_ON_JOB_CLOSE has an effect; the others need none, since no process can leave a
+// job here.
 constexpr DWORD kKnownLimits =
     JOB_OBJECT_LIMIT_DIE_ON_UNHANDLED_EXCEPTION | JOB_OBJECT_LIMIT_BREAKAWAY_OK | JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
 
@@ -66,6 +72,7 @@ JOBOBJECT_BASIC_ACCOUNTING_INFORMATION Account(const JobObject& job) {
   for (const auto& child : job.Children()) {
     DWORD active = 0;
     const ProcessTimes times = child->TreeTimes(active);
+    // Windows counts in units of 100 ns.
     total.TotalUserTime.QuadPart += static_cast<LONGLONG>(times.userUs) * 10;
     total.TotalKernelTime.QuadPart += static_cast<LONGLONG>(times.kernelUs) * 10;
     total.ActiveProcesses += active;

@@ -29,7 +29,7 @@ struct Module {
 
 template <class T>
 FARPROC AsProc(T* function) {
-  // Through a generic function type, which keeps the compiler from warning of the cast.
+  // The cast goes through a generic function type, because compilers warn of a direct one.
   return reinterpret_cast<FARPROC>(reinterpret_cast<void (*)()>(function));
 }
 
@@ -48,7 +48,8 @@ struct ObjectBasicInformation {
 };
 static_assert(sizeof(ObjectBasicInformation) == 56);
 
-// Tells whether some other handle exists, 1 meaning none; the exact number isn't known beyond that.
+// Answers a handle count of 1 if this is the only handle on the object, and a larger number if not: the object table
+// marks which processes hold an object, and not how often.
 NTSTATUS QueryObject(HANDLE handle, int what, void* buffer, ULONG length, ULONG* returnedLength) {
   if (what != kObjectBasicInformation) return kStatusInvalidInfoClass;
   if (length < sizeof(ObjectBasicInformation)) return kStatusInfoLengthMismatch;
@@ -71,7 +72,7 @@ HANDLE IdAsHandle(pid_t id) {
   return reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(id));
 }
 
-// Tells which thread of which process owns a mutex: both are 0 if none does.
+// Answers which thread of which process owns a mutex; both are 0 if it has no owner.
 NTSTATUS QueryMutant(HANDLE handle, int what, void* buffer, ULONG length, ULONG* returnedLength) {
   if (what != kMutantOwnerInformation) return kStatusInvalidInfoClass;
   if (length < sizeof(ClientId)) return kStatusInfoLengthMismatch;

@@ -16,7 +16,8 @@
 namespace kestrun::platform {
 namespace {
 
-// Writing to a pipe whose reader has gone is a failed write, as on Windows, and does not end this process.
+// Windows fails a write to a pipe whose reader has gone; here the signal that would end the process is ignored for the
+// same effect.
 [[maybe_unused]] const bool kBrokenPipesAreErrors = IgnoreSignal(SIGPIPE);
 
 DWORD BytesWaiting(int descriptor) {
@@ -43,11 +44,12 @@ std::shared_ptr<ExitNotice> PipeFeeders::Running() const {
   return running != feeders_.end() ? *running : nullptr;
 }
 
-// Returns once a read gives something, or the children have ended and remaining_ is known.
+// Returns once a read would give something, or all children have ended and remaining_ is set. A pipe that was given to
+// no child has no feeders; then the read itself waits, as on any pipe.
 void PipeReadEnd::AwaitDataOrEnd() {
   while (const std::shared_ptr<ExitNotice> running = feeders_->Running()) {
     pollfd wait[2] = {{Descriptor(), POLLIN, 0}, {running->Descriptor(), POLLIN, 0}};
-    // poll ignores a negative descriptor; without one the notice itself is polled.
+    // poll ignores a negative descriptor. Without one the loop asks the notice itself at every turn.
     const int limitMs = wait[1].fd >= 0 ? -1 : kExitPollMs;
     if (poll(wait, 2, limitMs) > 0 && wait[0].revents != 0) return;
   }
@@ -58,6 +60,7 @@ bool PipeReadEnd::Read(void* buffer, DWORD count, DWORD* read) {
   *read = 0;
   const std::lock_guard lock(readMutex_);
   if (!remaining_) AwaitDataOrEnd();
+  // What a descendant writes after the children's end is not read: the output is complete without it.
   if (remaining_) count = std::min(count, *remaining_);
   if (remaining_ != 0u && !FileObject::Read(buffer, count, read)) return false;
   if (*read == 0) {

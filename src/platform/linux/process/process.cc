@@ -45,18 +45,19 @@ class ThisProcess : public ProcessObject {
   [[noreturn]] bool Terminate(DWORD exitCode) override { ExitProcess(exitCode); }
 };
 
-// Before main, so that GetCurrentProcess works from the start.
+// A static initialiser, so that GetCurrentProcess works before main.
 [[maybe_unused]] const bool kThisProcessKnown = (SetCurrentProcessObject(std::make_shared<ThisProcess>()), true);
 
-// A handle that is not a file counts as none: a failed CreatePipe leaves such handles.
+// A handle that is not a file counts as no handle: callers pass on what a failed CreatePipe has left in their
+// variables.
 void TakeStreams(const STARTUPINFOA& startup, ChildRequest& request) {
   const bool given = (startup.dwFlags & STARTF_USESTDHANDLES) != 0;
   const HANDLE handles[] = {startup.hStdInput, startup.hStdOutput, startup.hStdError};
   for (int i = 0; i < 3; ++i) request.streams[i] = given ? LookUp<FileObject>(handles[i]) : StandardStream(i);
 }
 
-// Two and a half times less weight than a normal process (423 to 1024): a tool below normal steps back beside other
-// work and still gets on. At a nice value of 10 it would get a tenth.
+// At nice 4 the scheduler gives a process 423 parts of weight, against 1024 of a normal one: a tool of this class gives
+// precedence to interactive work and still makes progress. At nice 10 it would get a tenth of a normal process's share.
 constexpr int kNiceBelowNormal = 4;
 
 int NiceOfClass(DWORD flags) {
@@ -96,12 +97,14 @@ DWORD PrepareRequest(LPCSTR application, LPCSTR commandLine, DWORD flags, LPCVOI
   error = CheckArgumentSize(request.arguments, request.variables);
   if (error != ERROR_SUCCESS) return error;
   request.nice = NiceOfClass(flags);
-  // The tool starts in its working directory, and a relative name is relative to that of this process.
+  // A relative name is relative to this process's directory, but the tool's process enters the working directory before
+  // its exec.
   if (request.path[0] != '/') request.path = CurrentDirectory() + "/" + request.path;
   return OpenWorkingDirectory(folder, request.workingDirectory);
 }
 
-// What this process was given at its start: everything that it opens itself is closed on exec.
+// The descriptors that this process inherited: all that it opens itself are close-on-exec, so those without that flag
+// are not its own.
 std::vector<int> ListInheritedDescriptors() {
   std::vector<int> descriptors;
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/proc/self/fd"), &closedir);
@@ -114,8 +117,8 @@ std::vector<int> ListInheritedDescriptors() {
   return descriptors;
 }
 
-// A tool that keeps this process's standard input may read from its terminal, so it stays in this session and group: in
-// another group, a read from the terminal would stop it.
+// A tool that keeps this process's standard input may read from the terminal, so it stays in this session and process
+// group: the kernel stops a background group that reads from its terminal.
 void PlaceInSession(DWORD flags, ChildRequest& request) {
   const bool detached = (flags & (CREATE_NEW_CONSOLE | DETACHED_PROCESS)) != 0;
   const bool sharesInput = request.streams[0] != nullptr && request.streams[0] == StandardStream(0);
@@ -137,6 +140,7 @@ bool GiveHandles(const std::shared_ptr<ChildProcess>& child, PROCESS_INFORMATION
   return true;
 }
 
+// The read end of the pipe has to know the processes that write into it (pipe.h).
 void LinkOutput(FileObject* stream, const ChildProcess& child) {
   if (auto* const pipe = dynamic_cast<PipeWriteEnd*>(stream)) pipe->feeders().Add(child.exitNotice());
 }
@@ -168,6 +172,7 @@ BOOL CreateProcessA(LPCSTR applicationName, LPSTR commandLine, LPSECURITY_ATTRIB
     child->KillAll(0);
     return FALSE;
   }
+  // Before the child runs, so that a reader never takes a pipe without feeders for one that no child was given.
   for (const auto& output : outputs) LinkOutput(output.get(), *child);
   if ((creationFlags & CREATE_SUSPENDED) == 0) child->LetRun();
   return TRUE;
@@ -217,6 +222,7 @@ BOOL GetProcessAffinityMask(HANDLE process, PDWORD_PTR processMask, PDWORD_PTR s
     SetLastError(Win32ErrorFromErrno(errno));
     return FALSE;
   }
+  // The masks of these calls have 64 bits; further processors are left out.
   const long online = std::min(sysconf(_SC_NPROCESSORS_CONF), 64L);
   *processMask = 0;
   *systemMask = 0;

@@ -21,8 +21,9 @@
 namespace kestrun::platform {
 namespace {
 
-// A process that this one did not start. Its end is seen through a pidfd, which refers to that process even when its id
-// is used again. On a kernel without pidfds the end is not seen.
+// A process that this one did not start. Its end is seen through a pidfd, which refers to the same process even after
+// its id was used again. On a kernel without pidfds (before 5.3) the end is not seen, and waits for the process never
+// end.
 class ForeignProcess : public ProcessObject, public ReaperClient {
  public:
   ForeignProcess(pid_t pid, FileDescriptor descriptor) : ProcessObject(pid), descriptor_(std::move(descriptor)) {}
@@ -63,7 +64,8 @@ std::string ReadProcessFile(pid_t pid, const char* file) {
   return text;
 }
 
-// Helpers run this program's file too, and are left out.
+// Helper processes run this program's file as well. Their own name tells them apart, so that a search for this
+// program's processes does not find them.
 std::string ProgramName(pid_t pid) {
   const std::string shortName = ReadProcessFile(pid, "comm");
   if (shortName == kHelperName) return shortName;
@@ -71,12 +73,13 @@ std::string ProgramName(pid_t pid) {
   const ssize_t length = readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), path, sizeof path);
   if (length <= 0) return shortName;
   std::string name(path, static_cast<std::size_t>(length));
+  // The kernel appends this to the path of a file that was removed or replaced while it runs, as a rebuild does.
   constexpr std::string_view kDeleted = " (deleted)";
   if (name.ends_with(kDeleted)) name.resize(name.size() - kDeleted.size());
   return name.substr(name.rfind('/') + 1);
 }
 
-// As GetModuleFileNameA does: cut off where it doesn't fit, with the whole size as the answer.
+// The contract of GetModuleFileNameA: a name that does not fit is cut off, and the answer is the size of the buffer.
 DWORD CopyName(const std::string& name, LPSTR buffer, DWORD size) {
   if (name.empty() || size == 0) {
     SetLastError(name.empty() ? ERROR_ACCESS_DENIED : ERROR_INSUFFICIENT_BUFFER);
@@ -90,6 +93,7 @@ DWORD CopyName(const std::string& name, LPSTR buffer, DWORD size) {
   return size;
 }
 
+// From /proc and not from main, so that the layer needs no call at the start of each program.
 std::vector<std::string> OwnArguments() {
   std::vector<std::string> arguments;
   const FileDescriptor file(open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC));
@@ -111,6 +115,7 @@ HANDLE OpenProcess(DWORD, BOOL, DWORD processId) {
   const pid_t pid = static_cast<pid_t>(processId);
   if (pid == getpid()) return AllocateHandle(LookUpObject(GetCurrentProcess()));
   if (const std::shared_ptr<ChildProcess> child = ChildProcess::Find(pid)) return AllocateHandle(child);
+  // EPERM: the process exists and belongs to another user.
   if (pid <= 0 || (kill(pid, 0) != 0 && errno != EPERM)) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return nullptr;

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::uint64_t kSecondsFrom1601To1970 = 11644473600;
 
-// When the system started, in seconds since 1970.
+// When the system started, in seconds since 1970. /proc tells the start of a process relative to that.
 std::uint64_t BootTime() {
   std::ifstream file("/proc/stat");
   std::string word;

@@ -17,8 +17,10 @@
 namespace kestrun::platform {
 namespace {
 
-// The kernel's limit for one argument, its NUL included.
+// MAX_ARG_STRLEN: one argument or environment entry, its NUL included. Limits of the kernel's exec. They are checked
+// beforehand because CreateProcessA has returned when exec fails.
 constexpr std::size_t kMaxArgumentSize = 128 * 1024;
+// Three quarters of the default stack limit of 8 MiB, beyond which the kernel refuses whatever the limit is.
 constexpr std::size_t kMaxTotalSize = 6 * 1024 * 1024;
 // What the kernel keeps on the new stack beside the texts.
 constexpr std::size_t kStackReserve = 8 * 1024;
@@ -39,7 +41,7 @@ DWORD ErrorOfMissing(const std::string& path, int error) {
   return Win32ErrorFromErrno(error);
 }
 
-// A script's first line names its interpreter.
+// The first line of a script names its interpreter, without which exec would fail with ENOENT for the script itself.
 DWORD CheckInterpreter(std::string_view firstLine) {
   const std::size_t start = firstLine.find_first_not_of(" \t", 2);
   if (start == std::string_view::npos) return ERROR_BAD_EXE_FORMAT;
@@ -50,7 +52,7 @@ DWORD CheckInterpreter(std::string_view firstLine) {
 
 DWORD CheckContent(const std::string& path) {
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  // A program may be executable and not readable; then exec decides.
+  // A program may be executable but not readable; exec then decides what it is.
   if (file.get() < 0) return errno == EACCES ? ERROR_SUCCESS : Win32ErrorFromErrno(errno);
   char start[256];
   const ssize_t length = read(file.get(), start, sizeof start);
@@ -70,7 +72,8 @@ std::string OwnProgramFile() {
     char path[PATH_MAX];
     const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
     if (length > 0) return std::string(path, static_cast<std::size_t>(length));
-    // Where /proc is not mounted neither tools nor helper processes can be found, and callers can't tell the user why.
+    // Without /proc neither tools nor helper processes can be found. The callers only see that a name is empty, so the
+    // cause is reported here.
     std::fprintf(stderr, "KESTRUN: error: cannot read /proc/self/exe: %s\n", std::strerror(errno));
     return std::string();
   }();
@@ -110,7 +113,7 @@ DWORD CheckArgumentSize(const std::vector<std::string>& arguments, const std::ve
       total += entry.size() + 1 + sizeof(char*);
     }
   }
-  // A quarter of the stack's limit, and never more than the second.
+  // sysconf gives a quarter of the stack's limit, which may be larger than what the kernel takes in any case.
   const std::size_t limit = std::min(static_cast<std::size_t>(sysconf(_SC_ARG_MAX)), kMaxTotalSize);
   return total > limit ? ERROR_FILENAME_EXCED_RANGE : ERROR_SUCCESS;
 }

@@ -1,3 +1,10 @@
+// The reaper's thread: an epoll over the sockets of supervisors and the pidfds of foreign processes.
+//
+// A thread of its own and not SIGCHLD, because children of the layer are not this process's children but their
+// supervisors', and because a signal would interrupt the system calls of whatever thread receives it.
+//
+// A client may be unwatched by another thread at any moment except while it is served: `served_` marks that one, and
+// Unwatch then fails. Without that mark two threads could read from one socket at once.
 #include "platform/linux/process/reaper.h"
 
 #include <pthread.h>
@@ -40,7 +47,8 @@ class Reaper {
   }
 
  private:
-  // With all signals blocked: the program's own threads handle them.
+  // The thread blocks all signals, which are for the threads of the program. It inherits the mask that is set around
+  // its creation.
   bool Start() {
     if (!epoll_) epoll_.Reset(epoll_create1(EPOLL_CLOEXEC));
     if (!epoll_) return false;
@@ -72,7 +80,7 @@ class Reaper {
     }
   }
 
-  // The descriptor may have been unwatched since epoll_wait returned.
+  // The descriptor may have been unwatched since epoll_wait returned, in which case its event is ignored.
   void Serve(int descriptor) {
     std::shared_ptr<ReaperClient> client;
     {
@@ -82,6 +90,7 @@ class Reaper {
       client = found->second;
       served_ = client.get();
     }
+    // No lock is held here: the client takes locks of its own and wakes other threads.
     const bool goesOn = client->OnReadable();
     {
       const std::lock_guard lock(mutex_);

@@ -15,7 +15,7 @@ namespace {
 
 class StandardHandles {
  public:
-  // Null if there is none.
+  // Null if the stream is closed. The handle is made by the first call, since most processes never ask for theirs.
   HANDLE Get(int stream) {
     const std::lock_guard lock(mutex_);
     Entry& entry = entries_[stream];
@@ -39,12 +39,14 @@ class StandardHandles {
   struct Entry {
     bool asked = false;
     HANDLE handle = nullptr;
-    // Kept for good, whatever becomes of the handle: the C run-time's streams use the descriptor too.
+    // Kept until the process ends, even if the handle is closed: closing the descriptor would break the C library's
+    // streams.
     std::shared_ptr<FileObject> inherited;
   };
 
   static std::shared_ptr<FileObject> Open(int stream) {
     struct stat info = {};
+    // A pipe from outside has no known writers; its end is the end of the pipe.
     const bool isPipe = fstat(stream, &info) == 0 && S_ISFIFO(info.st_mode);
     if (isPipe) return std::make_shared<PipeReadEnd>(FileDescriptor(stream), std::make_shared<PipeFeeders>());
     return std::make_shared<FileObject>(FileDescriptor(stream));
@@ -61,6 +63,7 @@ StandardHandles& Handles() {
 
 // 0 to 2, or -1 with the last error for what is none of the three.
 int StreamOf(DWORD which) {
+  // The three constants are -10, -11 and -12.
   const DWORD stream = STD_INPUT_HANDLE - which;
   if (stream <= 2) return static_cast<int>(stream);
   SetLastError(ERROR_INVALID_HANDLE);
@@ -94,6 +97,7 @@ DWORD GetFileType(HANDLE handle) {
   const std::shared_ptr<FileObject> file = LookUp<FileObject>(handle);
   struct stat info;
   if (!file || fstat(file->Descriptor(), &info) != 0) return FILE_TYPE_UNKNOWN;
+  // FILE_TYPE_UNKNOWN is also the answer on failure; the last error tells the two apart.
   SetLastError(ERROR_SUCCESS);
   if (S_ISREG(info.st_mode) || S_ISDIR(info.st_mode) || S_ISBLK(info.st_mode)) return FILE_TYPE_DISK;
   if (S_ISCHR(info.st_mode)) return FILE_TYPE_CHAR;

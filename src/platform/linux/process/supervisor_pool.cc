@@ -10,8 +10,9 @@
 namespace kestrun::platform {
 namespace {
 
-// Of each kind. It is rare that more tools than that run at once.
+// For each kind of session. More tools at once are rare, and an idle supervisor costs two processes.
 constexpr std::size_t kMaxIdle = 32;
+// A helper can be killed at any moment, by a user or for want of memory; a second and a third try get new helpers.
 constexpr int kMaxAttempts = 3;
 
 bool ReceiveReady(int control, Report& report) {
@@ -22,8 +23,8 @@ bool ReceiveReady(int control, Report& report) {
   return count == sizeof report && report.kind == ReportKind::kReady;
 }
 
-// True if the socket is open and silent. The socket of a supervisor that was killed has ended, and one that has lost
-// the process made for its next tool ends too.
+// True if the socket is open and nothing is to be read from it. If the supervisor was killed, the socket has ended; if
+// the process made for its next tool was killed, the supervisor exits and the socket ends as well.
 bool IsSilent(int control) {
   char byte = 0;
   return recv(control, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN;
@@ -41,6 +42,7 @@ bool StartNew(SessionKind session, SupervisorLink& supervisor, Report& ready) {
   FileDescriptor supervisorEnd(ends[1]);
   supervisor.zygote = AskForSupervisor(session, supervisorEnd.get(), ready.error);
   if (!supervisor.zygote) return true;
+  // Closed before the wait: otherwise this process's own copy would keep the socket open if the supervisor dies.
   supervisorEnd.Reset();
   return ReceiveReady(supervisor.control.get(), ready);
 }
@@ -72,7 +74,8 @@ void SupervisorPool::CloseIdle(SessionKind session) {
   closed.swap(idle_[static_cast<std::size_t>(session)]);
 }
 
-// False if no idle supervisor is left. Those that can't take a tool any more are closed.
+// False if no idle supervisor is left. Supervisors that can't take another tool are closed on the way: those that were
+// killed, those without a living zygote (Zygote::IsAlive), and those that could not make a process.
 bool SupervisorPool::FindIdle(SessionKind session, SupervisorLink& supervisor, Report& ready) {
   while ((supervisor = TakeIdle(session)).control) {
     const int control = supervisor.control.get();
@@ -83,7 +86,8 @@ bool SupervisorPool::FindIdle(SessionKind session, SupervisorLink& supervisor, R
   return false;
 }
 
-// One without a socket if there is none.
+// Takes the supervisor that became idle last, whose memory is most likely still in the caches. The link has no socket
+// if there is none.
 SupervisorLink SupervisorPool::TakeIdle(SessionKind session) {
   const std::lock_guard lock(mutex_);
   std::vector<SupervisorLink>& idle = idle_[static_cast<std::size_t>(session)];

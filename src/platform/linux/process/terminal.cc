@@ -21,7 +21,8 @@ SavedTerminal::SavedTerminal() {
 
 SavedTerminal::~SavedTerminal() = default;
 
-// A process in the background that sets modes is stopped by SIGTTOU unless it has that blocked; then the call works.
+// A background process that changes the terminal's modes is stopped by SIGTTOU, unless it has that signal blocked; then
+// the call succeeds.
 void SavedTerminal::Restore() const {
   if (!modes_) return;
   sigset_t stop, before;
@@ -39,6 +40,7 @@ bool IsTerminal(std::FILE* stream) {
 TerminalSize GetTerminalSize(std::FILE* stream) {
   if (!IsTerminal(stream)) return {};
   winsize size = {};
+  // Serial lines and some pseudo-terminals report a size of 0.
   if (ioctl(fileno(stream), TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0) return {24, 80};
   return {size.ws_row, size.ws_col};
 }

@@ -1,5 +1,6 @@
-// Version information out of an ELF note. The note is named "kestrun", of type 1, and holds the four parts of the
-// version as 16-bit numbers, least significant byte first; kestrun_version_note in cmake/version.cmake makes it.
+// Version information, which Windows programs keep in a resource, out of an ELF note. The note is named "kestrun", of
+// type 1, and holds the four parts of the version as 16-bit numbers, least significant byte first; kestrun_version_note
+// in cmake/version.cmake makes it.
 #include <elf.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -22,7 +23,7 @@ constexpr char kNoteName[] = "kestrun";
 constexpr std::uint32_t kNoteType = 1;
 constexpr std::size_t kMaxNotes = 64 * 1024;
 
-// A file of which the first block is read at once: headers and notes mostly lie there.
+// A file whose first block is read at once, because headers and notes mostly lie in it and need no further system call.
 class ProgramReader {
  public:
   explicit ProgramReader(const std::string& name) : file_(open(name.c_str(), O_RDONLY | O_CLOEXEC)) {
@@ -58,7 +59,7 @@ DWORD PairAt(const char* bytes) {
   return (byte(0) | byte(1) << 8) << 16 | byte(2) | byte(3) << 8;
 }
 
-// Walks the notes of one segment. Its lengths come from the file and are checked against its size.
+// Walks the notes of one segment. The lengths in the file are not trusted: each is checked against the segment's size.
 std::optional<VS_FIXEDFILEINFO> FindNote(const std::vector<char>& notes) {
   for (std::size_t at = 0; notes.size() - at >= sizeof(Elf64_Nhdr);) {
     Elf64_Nhdr header;
@@ -100,13 +101,15 @@ std::optional<VS_FIXEDFILEINFO> ReadVersion(const std::string& name) {
   const ProgramReader file(NameOnDisk(SystemName(name)));
   unsigned char identity[EI_NIDENT] = {};
   if (!ReadAt(file, 0, identity) || std::memcmp(identity, ELFMAG, SELFMAG) != 0) return std::nullopt;
+  // Numbers are read as they lie in the file, so a program of the other byte order has no version here.
   const int order = std::endian::native == std::endian::little ? ELFDATA2LSB : ELFDATA2MSB;
   if (identity[EI_DATA] != order) return std::nullopt;
   if (identity[EI_CLASS] == ELFCLASS64) return ReadSegments<Elf64_Ehdr, Elf64_Phdr>(file);
   return ReadSegments<Elf32_Ehdr, Elf32_Phdr>(file);
 }
 
-// The program whose size the thread last asked for: the next call is for the same one.
+// The contract has two calls for one answer: the size first, then the data. The answer to the first is kept for the
+// second, so that the file is read once.
 struct LastAnswer {
   std::string name;
   std::optional<VS_FIXEDFILEINFO> info;

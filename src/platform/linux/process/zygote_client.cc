@@ -1,3 +1,9 @@
+// How a process starts its zygotes and asks them for supervisors.
+//
+// The layer does not fork in the process itself: a master has many threads and much memory, so a fork would copy page
+// tables for milliseconds and might inherit a lock of the heap that no thread in the child ever releases. posix_spawn
+// alone is no way out, because a tool needs a parent that adopts and ends what it leaves behind. So a small helper is
+// spawned once, and it forks.
 #include "platform/linux/process/zygote_client.h"
 
 #include <fcntl.h>
@@ -24,8 +30,8 @@
 namespace kestrun::platform {
 namespace {
 
-// True if the descriptor is one end of a socket pair that the parent process made for this helper. A program that was
-// started with the helper's arguments by mistake does not have one.
+// True if the descriptor is one end of a socket pair that the parent process made for this helper. It keeps a program
+// that was started with the helper's arguments by mistake from behaving as a helper.
 bool IsHelperSocket(int descriptor) {
   int type = 0;
   socklen_t length = sizeof type;
@@ -36,9 +42,10 @@ bool IsHelperSocket(int descriptor) {
   return peer.uid == geteuid() && peer.pid == getppid();
 }
 
-// Every program that can start processes is its own helper: started with these arguments and this socket it never comes
-// to main. It stands in this file so that every program that links CreateProcessA contains it, and runs before the
-// program's own static objects are made.
+// Every program that can start processes is its own helper, so that no second file has to be installed and found:
+// started with these arguments and this socket it never comes to main. The function stands in this file so that every
+// program that links CreateProcessA contains it. Its priority, 101, is the first that programs may use: it runs before
+// the program's own static objects are made.
 __attribute__((constructor(101))) void BecomeHelperIfAsked(int argc, char** argv, char**) {
   if (argc != 2 || std::strcmp(argv[0], kHelperName) != 0 || std::strcmp(argv[1], kHelperArgument) != 0) return;
   if (!IsHelperSocket(kHelperSocket)) _exit(127);
@@ -47,9 +54,10 @@ __attribute__((constructor(101))) void BecomeHelperIfAsked(int argc, char** argv
 
 int SpawnHelper(int socket, pid_t& pid) {
   SpawnSettings settings;
-  // The socket first: it may have one of the three numbers that are replaced next.
+  // The socket is moved first, because it may have one of the three numbers that are replaced next.
   posix_spawn_file_actions_adddup2(&settings.actions, socket, kHelperSocket);
   for (int i = 0; i < 3; ++i) posix_spawn_file_actions_addopen(&settings.actions, i, "/dev/null", O_RDWR, 0);
+  // The helper starts with no signal blocked and every signal at its default, whatever this process has set.
   sigset_t none, all;
   sigemptyset(&none);
   sigfillset(&all);
@@ -61,6 +69,7 @@ int SpawnHelper(int socket, pid_t& pid) {
   std::memcpy(name, kHelperName, sizeof name);
   std::memcpy(argument, kHelperArgument, sizeof argument);
   char* const arguments[] = {name, argument, nullptr};
+  // `environ` is read by posix_spawn, and must not be changed by another thread meanwhile.
   const EnvironmentLock environment;
   return posix_spawn(&pid, "/proc/self/exe", &settings.actions, &settings.attributes, arguments, environ);
 }
@@ -68,6 +77,7 @@ int SpawnHelper(int socket, pid_t& pid) {
 class Connection : public Zygote {
  public:
   Connection(FileDescriptor socket, pid_t pid) : socket_(std::move(socket)), pid_(pid) {}
+  // Collects a zygote that has ended; one that still runs becomes a zombie only until this process ends.
   ~Connection() override { waitpid(pid_, nullptr, WNOHANG); }
 
   static std::shared_ptr<Connection> Start(SessionKind session, int& error) {
@@ -93,7 +103,8 @@ class Connection : public Zygote {
     return poll(&state, 1, 0) == 0;
   }
 
-  // No request may follow.
+  // Ends the requests, so that the zygote exits when nothing is left below it, and waits for that. No request may
+  // follow.
   void AwaitEnd(int limitMs) {
     shutdown(socket_.get(), SHUT_RDWR);
 #ifdef SYS_pidfd_open
@@ -124,6 +135,7 @@ class Zygotes {
       if (!connection) return nullptr;
       error = connection->AskForSupervisor(control);
       if (error == 0) return connection;
+      // The zygote was killed: the next turn starts a new one.
       if (error != EPIPE && error != ECONNRESET) return nullptr;
       failed = connection;
     }

@@ -1,4 +1,5 @@
-// Host names and addresses, IPv4 only.
+// Host names and addresses, IPv4 only. The C library's look-ups are not used, because they load shared libraries
+// (name_lookup.h).
 #include <netdb.h>
 #include <unistd.h>
 
@@ -14,7 +15,8 @@ namespace kestrun::platform {
 
 namespace {
 
-// What a hostent points at.
+// Owns what a hostent points at. One for each thread, as Winsock's contract has it: a result is valid until the
+// thread's next call.
 class HostEntry {
  public:
   hostent* Make(std::string name, std::vector<in_addr> addresses) {

@@ -11,10 +11,10 @@ namespace kestrun::platform {
 
 namespace {
 
-// Leaves room for a folder's path in the 107 bytes of an address.
+// Short enough to leave room for a folder's path in the 107 bytes of an address; longer names are hashed.
 constexpr std::size_t kLongestName = 64;
 
-// FNV-1a: both sides must come to the same number, whatever they were built with.
+// FNV-1a, written out here because server and client must agree on it: std::hash may differ between libraries.
 std::uint64_t Hash(const std::string& text) {
   std::uint64_t hash = 14695981039346656037u;
   for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211u;
@@ -29,6 +29,7 @@ bool IsPlain(const std::string& name) {
 }
 
 std::string FileName(const std::string& name) {
+  // "." for a name in clear and "," for a hash, so that the two can't be equal.
   if (IsPlain(name)) return "stream." + name;
   char text[24];
   std::snprintf(text, sizeof text, "stream,%016llx", static_cast<unsigned long long>(Hash(name)));
@@ -41,7 +42,7 @@ LocalName::LocalName(const std::string& name, const std::string& suffix) {
   const std::string folder = ObjectFolderPath();
   if (folder.empty()) return;
   path_ = folder + "/" + FileName(name) + suffix;
-  // An address is short; the descriptor of the folder stands for a long path.
+  // A path that is too long for an address is reached through the descriptor of the folder in /proc.
   std::string address = path_;
   if (address.size() >= sizeof address_.sun_path) {
     address = "/proc/self/fd/" + std::to_string(ObjectFolderDescriptor()) + "/" + FileName(name) + suffix;

@@ -1,4 +1,6 @@
-// Where the local stream sockets of a name stand.
+// The addresses of local stream sockets: files in the folder of the named objects.
+//
+// A LocalName is a value for one thread. It makes no file, but the folder is made if it does not exist.
 #ifndef KESTRUN_PLATFORM_LINUX_SOCKETS_LOCAL_NAMES_H_
 #define KESTRUN_PLATFORM_LINUX_SOCKETS_LOCAL_NAMES_H_
 
@@ -9,7 +11,7 @@
 
 namespace kestrun::platform {
 
-// The address of a socket file in the folder of the named objects (object_folder.h).
+// The address of the socket file of one name (the folder: object_folder.h).
 class LocalName {
  public:
   // With `suffix` behind the file's name, for a file that is to be renamed later.

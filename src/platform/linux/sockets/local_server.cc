@@ -1,10 +1,21 @@
 // The server of local_stream.h: one epoll over the listening socket, the connections of clients that wait for their
 // answer, and the pidfds of clients, which become readable when their processes end.
 //
-// The server opens the pidfd by the process id that the kernel tells of the peer. That id is the client's as long as
-// the client's end of the connection is open, so the connection is looked at once more behind it. Where there is no
-// pidfd (before Linux 5.3, or for a client in a process namespace that this one does not see), the end of the
-// connection counts.
+// The kernel tells the process id of the peer (SO_PEERCRED), and the server opens a pidfd by that id. Between the two
+// the client may end and its id be used again; therefore the server looks at the connection once more after it has the
+// pidfd. If the client's end is still open then, the client lived, and the id was its own.
+//
+// Without a pidfd (before Linux 5.3, or for a client in a process namespace that this one does not see) the end of the
+// connection counts as the end of the client, which has to keep its end open.
+//
+// A client passes through these states:
+//
+//   accepted     has a connection, and has sent nothing yet
+//   client       has sent its first message: OnClient was called, and OnGone will be
+//   answered     has its last bytes; with a pidfd its connection is closed, and only its process is watched
+//   gone         its process has ended, or it hung up before it was answered; OnGone, and its number is forgotten
+//
+// Locks: `lock_` guards the table against Answer, which comes from other threads. The handler is called without it.
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -31,14 +42,15 @@ namespace kestrun::platform {
 
 namespace {
 
-// What an event of the epoll belongs to: 0 and 1, or twice a client's number, plus one for its process.
+// The keys of events: 0 and 1 are the server's own; a client's connection has twice the client's number, and its
+// process that plus one. Clients are numbered from 1, so no key stands for two things.
 constexpr std::uint64_t kListenerKey = 0;
 constexpr std::uint64_t kStopKey = 1;
 
 constexpr int kEventsAtOnce = 64;
-// A connection that has sent nothing for so long, while descriptors are short, is closed.
+// When descriptors run out, connections that have sent nothing for this long are closed.
 constexpr time_t kSilenceSeconds = 5;
-// Without descriptors the listener rests for this long, unless a client goes.
+// When descriptors have run out, the listener is not watched for this long, unless an event comes earlier.
 constexpr int kPauseMs = 100;
 
 time_t Now() {
@@ -63,7 +75,7 @@ class EpollServer final : public LocalServer {
     Watch(stop_.get(), kStopKey);
   }
 
-  // A later server may have taken over the name: the file is then not ours to remove.
+  // Removes the socket file, unless a later server has taken over the name: the file has another inode then.
   ~EpollServer() override {
     struct stat there = {};
     if (stat(path_.c_str(), &there) == 0 && inode_ == there.st_ino) unlink(path_.c_str());
@@ -78,6 +90,7 @@ class EpollServer final : public LocalServer {
     epoll_event events[kEventsAtOnce];
     bool isStopped = false;
     while (!isStopped) {
+      // The pause ends after its time, or earlier with any event: a client that goes frees a descriptor.
       const int count = epoll_wait(epoll_.get(), events, kEventsAtOnce, isPaused_ ? kPauseMs : -1);
       if (count == 0 || isPaused_) Resume();
       for (int i = 0; i < count && !isStopped; ++i) {
@@ -100,7 +113,8 @@ class EpollServer final : public LocalServer {
     if (found == connections_.end()) return;
     Connection& connection = found->second;
     [[maybe_unused]] const ssize_t sent = send(connection.socket.get(), data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
-    // What was sent can still be read; without a pidfd the connection is what tells of the client's end.
+    // The client can still read what was sent before the socket is closed. Without a pidfd the socket stays open,
+    // because it alone tells of the client's end.
     if (connection.process) connection.socket.Reset();
   }
 
@@ -131,19 +145,20 @@ class EpollServer final : public LocalServer {
         connection.processId = static_cast<std::uint32_t>(peer.pid);
         connection.acceptedAt = Now();
       }
-      // Most clients have sent by now.
+      // Most clients have sent their message by now, which saves a turn of the loop.
       if (!ReceiveFirst(client, handler) || !WatchConnection(client)) Drop(client, handler);
     }
   }
 
-  // Under the lock: a client that was answered at once has no connection any more, and another thread may answer now.
+  // Under the lock, because another thread may answer this client at this moment. A client that was answered already
+  // has no connection any more.
   bool WatchConnection(Client client) {
     const std::lock_guard lock(lock_);
     const Connection& connection = connections_.find(client)->second;
     return !connection.socket || Watch(connection.socket.get(), client * 2);
   }
 
-  // True while the connection stands.
+  // False if the connection is to be dropped.
   bool ReceiveFirst(Client client, Handler& handler) {
     Connection& connection = connections_.find(client)->second;  // only this thread adds and removes
     char message[kMaxMessage];
@@ -151,6 +166,7 @@ class EpollServer final : public LocalServer {
     if (count < 0) return errno == EAGAIN || errno == EINTR;
     if (count == 0) return false;
     FileDescriptor process = OpenProcess(connection.processId);
+    // The second look at the connection; see the top of this file.
     if (process && (HasEnded(connection.socket.get()) || !Watch(process.get(), client * 2 + 1))) return false;
     const bool seesEnd = static_cast<bool>(process);
     {
@@ -176,7 +192,7 @@ class EpollServer final : public LocalServer {
     return IsEnd(recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT));
   }
 
-  // Of the result of recv without waiting, with its errno.
+  // Tells from the result of a recv that does not wait, and its errno, whether the other end has gone.
   static bool IsEnd(ssize_t count) {
     return count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR);
   }
@@ -193,8 +209,8 @@ class EpollServer final : public LocalServer {
     if (IsHungUp(client)) Drop(client, handler);
   }
 
-  // Takes what a client sends beyond its first message. One that has hung up without an answer is gone, whatever its
-  // process does.
+  // Reads and drops what a client sends after its first message. A client that has hung up without an answer is gone,
+  // even if its process goes on.
   bool IsHungUp(Client client) {
     const std::lock_guard lock(lock_);
     const Connection& connection = connections_.find(client)->second;
@@ -209,7 +225,7 @@ class EpollServer final : public LocalServer {
       const std::lock_guard lock(lock_);
       const auto found = connections_.find(client);
       gone = std::move(found->second);
-      // The client may have a copy of this descriptor, which would keep the watch.
+      // Unwatched explicitly: closing would not end the watch if another process had a copy of the descriptor.
       if (gone.process) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, gone.process.get(), nullptr);
       connections_.erase(found);
     }
@@ -217,7 +233,8 @@ class EpollServer final : public LocalServer {
     if (gone.isClient) handler.OnGone(client, [&gone] { return ReadProcessEnd(gone.processId, gone.process.get()); });
   }
 
-  // Out of descriptors: to ask again at once would only spin.
+  // Stops watching the listener, since accepting would fail again at once and the loop would spin. Connections that do
+  // not send are closed, which may free descriptors.
   void Pause() {
     if (isPaused_) return;
     isPaused_ = true;
@@ -247,7 +264,8 @@ class EpollServer final : public LocalServer {
       connections_;  // changed by the thread of Run alone, under lock_, which others take to read
 };
 
-// The name appears with a socket that listens already, so that no client finds one that refuses it.
+// Binds and listens under a draft name and then renames the file, so that a client never finds a socket that refuses
+// it. The rename also takes over the name of a server that has died.
 FileDescriptor ListenUnder(const std::string& name, std::string& path) {
   const LocalName address(name);
   const LocalName draft(name, kDraftMark + std::to_string(getpid()));

@@ -26,10 +26,11 @@ class SocketStream final : public LocalStream {
     do {
       sent = send(socket_.get(), data, size, MSG_NOSIGNAL);
     } while (sent < 0 && errno == EINTR);
-    // A new connection has room for a whole message.
+    // A new connection has room for a whole message, so a short count means that the server has gone.
     return sent == static_cast<ssize_t>(size);
   }
 
+  // Without close-on-exec, the descriptor stays open in the program that this process becomes.
   void KeepOpen() override { fcntl(socket_.get(), F_SETFD, 0); }
 
   std::size_t Receive(void* data, std::size_t size) override {
@@ -44,6 +45,8 @@ class SocketStream final : public LocalStream {
   const FileDescriptor socket_;
 };
 
+// The folder is closed to other users, and this is the second check: a client sends its request to no other user's
+// process.
 bool IsOfThisUser(int socket) {
   ucred peer = {};
   socklen_t size = sizeof peer;

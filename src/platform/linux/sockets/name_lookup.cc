@@ -16,15 +16,17 @@ namespace kestrun::platform {
 
 namespace {
 
+// The length of a DNS message has 16 bits.
 constexpr int kLargestAnswer = 65535;
 
-// One line of a hosts file: an address and its names. Lines of other kinds of addresses have no names here.
+// One line of a hosts file: an address and its names. A line with another kind of address, such as IPv6, has no names
+// here.
 struct HostsLine {
   ::in_addr address{};
   std::vector<std::string> names;
 };
 
-// Streams would make every start of the program longer.
+// Reads a text line by line, without the cost of the library's streams.
 class HostsReader {
  public:
   explicit HostsReader(const std::string& text) : text_(text) {}
@@ -68,7 +70,7 @@ std::string ReadHostsFile() {
   return text;
 }
 
-// What no host is called is not asked for.
+// True for a text that can be the name of a host; other texts are not sent to a name server.
 bool CanBeName(const std::string& name) {
   const auto isUsual = [](unsigned char c) { return std::isalnum(c) || c == '-' || c == '.' || c == '_'; };
   return !name.empty() && std::all_of(name.begin(), name.end(), isUsual);
@@ -78,7 +80,7 @@ class Answer {
  public:
   Answer() : bytes_(kLargestAnswer) {}
 
-  // Asks with the search list of resolv.conf.
+  // Asks the name servers, with the search list of resolv.conf.
   bool Ask(const std::string& name, ns_type type) {
     const int length = res_search(name.c_str(), ns_c_in, type, bytes_.data(), kLargestAnswer);
     return length > 0 && ns_initparse(bytes_.data(), std::min(length, kLargestAnswer), &message_) == 0;
@@ -149,7 +151,7 @@ std::vector<::in_addr> LookUpAddresses(const std::string& name) {
   h_errno = HOST_NOT_FOUND;
   if (!CanBeName(name)) return {};
   addresses = FindAddresses(ReadHostsFile(), name);
-  // This name means the machine itself even where no file says so.
+  // "localhost" means this machine, even if the hosts file does not list it.
   if (addresses.empty() && strcasecmp(name.c_str(), "localhost") == 0) return {{htonl(INADDR_LOOPBACK)}};
   Answer answer;
   return addresses.empty() && answer.Ask(name, ns_t_a) ? answer.Addresses() : addresses;

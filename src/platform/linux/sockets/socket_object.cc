@@ -52,7 +52,7 @@ constexpr Pair kErrors[] = {
     {EHOSTUNREACH, WSAEHOSTUNREACH},
 };
 
-// Addresses and option structures go to the system as they are.
+// Addresses are passed to the system as they are, so their layouts must be equal.
 static_assert(sizeof(sockaddr) == sizeof(::sockaddr) && sizeof(sockaddr_in) == sizeof(::sockaddr_in));
 static_assert(offsetof(sockaddr_in, sin_port) == offsetof(::sockaddr_in, sin_port));
 static_assert(offsetof(sockaddr_in, sin_addr) == offsetof(::sockaddr_in, sin_addr));
@@ -65,6 +65,7 @@ std::shared_ptr<SocketObject> LookUpSocket(SOCKET socket) {
   return object;
 }
 
+// WSAEINVAL for a number without a match, so that a failure never looks like success.
 int WinsockErrorFromErrno(int error) {
   for (const Pair& pair : kErrors) {
     if (pair.error == error) return pair.winsock;

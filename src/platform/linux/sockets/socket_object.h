@@ -22,17 +22,20 @@ class SocketObject : public Object {
 
   int Descriptor() const { return descriptor_.get(); }
   bool IsStream() const { return isStream_; }
-  // Acquire and release: a call that was woken by the shutdown behind the store sees it.
+  // Acquire pairs with the release in LastHandleClosed: a call that the shutdown has woken sees that the socket is
+  // closed.
   bool IsClosed() const { return isClosed_.load(std::memory_order_acquire); }
 
-  // A connection attempt is under way: until it has succeeded the socket isn't writable. Relaxed, as the next flag:
-  // they guard no other data.
+  // True while a connection attempt is under way; until it has succeeded the socket does not count as writable.
+  // Relaxed, here and for the next flag: they guard no other data.
   bool IsConnecting() const { return isConnecting_.load(std::memory_order_relaxed); }
   void SetConnecting(bool connecting) { isConnecting_.store(connecting, std::memory_order_relaxed); }
 
+  // Relaxed: see IsConnecting.
   bool IsSendShutDown() const { return isSendShutDown_.load(std::memory_order_relaxed); }
   void SetSendShutDown() { isSendShutDown_.store(true, std::memory_order_relaxed); }
 
+  // Release: see IsClosed.
   void LastHandleClosed() override { isClosed_.store(true, std::memory_order_release); }
 
  private:

@@ -1,5 +1,9 @@
-// select: the sets are arrays of sockets, so that neither a socket's number nor a descriptor's is bounded, and the wait
-// is a poll.
+// Winsock's select, as a poll. Its sets are arrays of sockets, so neither the numbers of sockets nor those of
+// descriptors are bounded, as they are in the C library's select.
+//
+// Two things differ from poll. A socket that another thread closes ends the wait with WSAENOTSOCK: closesocket shuts
+// the descriptor down, which wakes the poll. And a failed connection attempt is an exception, while poll reports it as
+// readable and writable.
 #include <poll.h>
 
 #include <algorithm>
@@ -18,7 +22,8 @@ namespace {
 
 enum class Interest { kRead, kWrite, kExceptional };
 
-// One socket of one set. A socket that stands in two sets is polled twice, which is cheaper than finding that out.
+// One socket of one set. A socket in two sets has two entries and is polled twice, which is cheaper than looking for
+// such pairs.
 struct Entry {
   std::shared_ptr<SocketObject> object;
   Interest interest;
@@ -65,8 +70,9 @@ class Waiter {
 };
 
 int Waiter::Wait(const timeval* timeout) {
-  // An entry that fires without being ready would fire again at once, so it is no longer polled. Its closing then can't
-  // wake the poll, and is checked for from time to time.
+  // An entry that poll reports but that is not ready for select would be reported again at once, so it is no longer
+  // polled. Its closing can't wake the poll then, so the wait is cut into slices and closed sockets are looked for
+  // after each.
   constexpr std::int64_t kSliceMs = 500;
   bool someAreOut = false;
   const std::int64_t limit = timeout == nullptr ? kForever : timeout->tv_sec * 1000 + (timeout->tv_usec + 999) / 1000;

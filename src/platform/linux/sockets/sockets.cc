@@ -1,4 +1,7 @@
-// Sockets: making, connecting and closing them, and moving bytes.
+// Winsock's calls on sockets: making, connecting and closing them, and moving bytes.
+//
+// What differs from the system's own calls: a socket may be closed while another thread is in a call on it; a signal
+// interrupts no call; a send to a closed connection raises no signal; two sockets can't listen on one port.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/time.h>
@@ -64,7 +67,7 @@ SOCKET NewSocket(FileDescriptor descriptor, bool isStream) {
   return INVALID_SOCKET;
 }
 
-// Repeats `call` when a signal has interrupted it.
+// Repeats `call` as long as a signal interrupts it: Winsock has no such error.
 template <class Call>
 auto Uninterrupted(Call call) {
   auto result = call();
@@ -72,7 +75,8 @@ auto Uninterrupted(Call call) {
   return result;
 }
 
-// A blocking connect that a signal has interrupted goes on in the kernel: waits for its end. -1 with errno set.
+// A blocking connect that a signal has interrupted goes on in the kernel, and calling connect again would fail with
+// EALREADY. Waits for its end; -1 with errno if the attempt fails.
 int FinishConnect(int descriptor) {
   pollfd wait{descriptor, POLLOUT, 0};
   if (Uninterrupted([&] { return poll(&wait, 1, -1); }) < 0) return -1;
@@ -83,8 +87,9 @@ int FinishConnect(int descriptor) {
   return error == 0 ? 0 : -1;
 }
 
-// Winsock lets a port be bound again while its last connections linger. Here both the socket that binds and those that
-// linger must have asked for it; connections have it from the socket that accepted them.
+// Winsock lets a port be bound again while connections of its last owner linger. Linux demands that both the binding
+// socket and the lingering ones have set SO_REUSEADDR; accepted connections inherit it from their listener, so every
+// stream socket sets it.
 void AllowLingeringPort(const SocketObject& object) {
   const int on = 1;
   if (object.IsStream()) ::setsockopt(object.Descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -125,7 +130,7 @@ int bind(SOCKET socket, const sockaddr* address, int length) {
   const bool hasPort = reinterpret_cast<const sockaddr_in*>(address)->sin_port != 0;
   if (hasPort) AllowLingeringPort(*object);
   if (::bind(object->Descriptor(), SystemAddress(address), sizeof(sockaddr_in)) != 0) return FailFromErrno(*object);
-  // Not earlier: the system must not choose a port that others linger on.
+  // Set after the bind, so that the system does not choose a port on which other connections linger.
   if (!hasPort) AllowLingeringPort(*object);
   return 0;
 }
@@ -143,7 +148,7 @@ int listen(SOCKET socket, int backlog) {
 SOCKET accept(SOCKET socket, sockaddr* address, int* length) {
   const auto object = LookUpSocket(socket);
   if (!object) return INVALID_SOCKET;
-  // The new socket blocks or not as the listening one does.
+  // As in Winsock, the new socket blocks or does not block as the listening one does; on Linux it would always block.
   const int mode = fcntl(object->Descriptor(), F_GETFL) & O_NONBLOCK;
   sockaddr_in from{};
   socklen_t size = sizeof from;
@@ -195,7 +200,7 @@ int recvfrom(SOCKET socket, char* data, int length, int flags, sockaddr* from, i
   const auto object = LookUpSocket(socket);
   if (!object) return SOCKET_ERROR;
   if (length < 0) return Fail(WSAEFAULT);
-  // With MSG_TRUNC a datagram's whole length comes back, so that one which was cut shows.
+  // With MSG_TRUNC the kernel gives the whole length of a datagram, which tells whether it was cut off.
   const int allFlags = flags | (object->IsStream() ? 0 : MSG_TRUNC);
   sockaddr_in sender{};
   socklen_t size = sizeof sender;
@@ -223,8 +228,9 @@ int shutdown(SOCKET socket, int how) {
 int closesocket(SOCKET socket) {
   const auto object = LookUpSocket(socket);
   if (!object || !ReleaseHandle(reinterpret_cast<HANDLE>(socket))) return Fail(WSAENOTSOCK);
-  // More references than this one: other threads are in calls and must be woken by a shutdown. Without them a plain
-  // close is right, since a shutdown would defeat a linger of 0 seconds.
+  // With more references than this one, other threads are in calls on the socket and must be woken by a shutdown.
+  // Otherwise it is only closed, because a shutdown would end the connection in order, where a linger of 0 seconds asks
+  // for a reset.
   if (object.use_count() > 1) ::shutdown(object->Descriptor(), SHUT_RDWR);
   return 0;
 }
