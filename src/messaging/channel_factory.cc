@@ -32,6 +32,7 @@ rc_ptr<MessageChannel> ChannelFactory::ConnectTcp(const SocketAddress& address, 
   }
 }
 
+// Defined here and not with the base class; see the header.
 rc_ptr<MessageChannel> MessageChannel::Create(const Address& address, u32 timeoutMs) {
   return ChannelFactory::Connect(address, timeoutMs);
 }

@@ -1,4 +1,7 @@
-// Makes the channel that fits an address. Apart from MessageChannel, so that the base class depends on no derived one.
+// Makes the channel that fits an address. A class of its own, so that MessageChannel depends on none of the classes
+// derived from it.
+//
+// Holds nothing; any thread may call it. The channel belongs to the caller.
 #ifndef KESTRUN_MESSAGING_CHANNEL_FACTORY_H_
 #define KESTRUN_MESSAGING_CHANNEL_FACTORY_H_
 

@@ -15,6 +15,7 @@ DispatcherClient::DispatcherClient(u32 id, Handler handler, u32 threads, PeerTyp
       handler_(std::move(handler)),
       mayPeerSend_(mayPeerSend),
       pool_("MessageDispatcher::Client"),
+      // Started last: a worker may run as soon as it exists.
       hasThreads_(pool_.Start(threads)) {}
 
 DispatcherClient::~DispatcherClient() {

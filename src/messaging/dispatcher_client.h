@@ -1,4 +1,7 @@
-// One receiver of a dispatcher's messages, with its worker threads. Counted; its destructor stops the threads.
+// One receiver of a dispatcher's messages, with its worker threads and their queue.
+//
+// Counted; the destructor stops the threads. Enqueue and the questions may come from any thread, Stop from one. A
+// handler's SystemException is printed by the pool, and the worker goes on.
 #ifndef KESTRUN_MESSAGING_DISPATCHER_CLIENT_H_
 #define KESTRUN_MESSAGING_DISPATCHER_CLIENT_H_
 
@@ -21,7 +24,7 @@ class DispatcherClient : public rc_base {
   ~DispatcherClient() override;
 
   u32 GetId() const { return id_; }
-  // The message is for this receiver: id 0 takes those to every destination.
+  // True if the message is for this receiver; the receiver with id 0 takes the messages to all destinations.
   bool IsReceiverOf(const Message& message) const { return id_ == 0 || id_ == message.GetDestination(); }
   bool MayPeerSend(u32 type) const { return mayPeerSend_(type); }
   bool HasThreads() const { return hasThreads_; }

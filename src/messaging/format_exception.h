@@ -1,4 +1,6 @@
 // Thrown for bytes that can't be a message, and for a use that a segment does not allow.
+//
+// The peer's fault, in most cases: the Reactor closes the channel on which it came out of HandleEvent.
 #ifndef KESTRUN_MESSAGING_FORMAT_EXCEPTION_H_
 #define KESTRUN_MESSAGING_FORMAT_EXCEPTION_H_
 

@@ -21,6 +21,7 @@ rc_ptr<IpcSocket> IpcAcceptor::GetSocket() const {
 
 int IpcAcceptor::GetHandle() {
   const rc_ptr<IpcSocket> socket = GetSocket();
+  // Without room the reactor does not wait for this handler. Connectors wait in their own Connect meanwhile.
   return socket && (!hasRoom_ || hasRoom_()) ? socket->GetWaitHandle() : -1;
 }
 
@@ -28,7 +29,7 @@ bool IpcAcceptor::HandleEvent() {
   const rc_ptr<IpcSocket> socket = GetSocket();
   if (!socket) return false;
   rc_ptr<IpcSocket> connection;
-  // The request may have been served together with the one before it.
+  // The request may have been served together with the one before it, so an event without a request is no failure.
   if (!socket->TryAccept(connection) || !IsListening()) return true;
   if (!connection) {
     std::fputs("IpcAcceptor - IpcSocket::Accept() return NULL!\n", stderr);

@@ -7,10 +7,10 @@ namespace kestrun {
 
 namespace {
 
-// What one ReadInto takes at most, so that a peer that writes as fast as we read does not keep the reader from
-// delivering, nor the other channels waiting.
+// The most that one ReadInto takes. Without a bound, a peer that writes as fast as this end reads would keep the reader
+// from delivering messages and from serving other channels.
 constexpr u32 kMaxBytesAtOnce = 0x100000;
-// What is asked for in one read in the middle of a large message: a ring.
+// The size of one read in the middle of a large message: that of a ring.
 constexpr u32 kLargeReadBlock = 0x10000;
 
 }  // namespace
@@ -39,11 +39,12 @@ Address IpcChannel::GetAddress() {
   return Address(Address::kIpc, socket_->GetName());
 }
 
+// A client may be silent for as long as its job runs; its death is seen by the handle count, so no pings are needed.
 std::int64_t IpcChannel::GetLastActivity() {
   return std::time(nullptr);
 }
 
-// Only the first read waits: a block that came full may have been all there was.
+// Only the first read waits. Later ones take what is there: a full block may have been the last.
 bool IpcChannel::ReadInto(MemoryStream& buffer, int timeoutMs) {
   u32 limitMs = static_cast<u32>(timeoutMs);
   for (u32 total = 0; total < kMaxBytesAtOnce;) {
@@ -57,6 +58,7 @@ bool IpcChannel::ReadInto(MemoryStream& buffer, int timeoutMs) {
     if (result.count < block) return result.isConnected;
     limitMs = 0;
   }
+  // The bound was reached with bytes left: the event is set again, since the peer has announced them already.
   socket_->SignalReader();
   return true;
 }

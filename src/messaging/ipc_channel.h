@@ -1,4 +1,7 @@
-// A message channel over shared memory. Its last activity is always now, so it never counts as idle.
+// A message channel over shared memory, at the client's end; ServedIpcChannel is the master's.
+//
+// Owns the socket. Its last activity is always now, so it never counts as idle. Threads and failures are those of
+// MessageChannel.
 #ifndef KESTRUN_MESSAGING_IPC_CHANNEL_H_
 #define KESTRUN_MESSAGING_IPC_CHANNEL_H_
 
@@ -25,7 +28,7 @@ class IpcChannel : public MessageChannel {
   bool IsDatagram() override { return false; }
   std::int64_t GetLastActivity() override;
   bool ReadInto(MemoryStream& buffer, int timeoutMs) override;
-  // False once the peer has gone, also while something that it sent is still to be read.
+  // False once the peer has gone, even if bytes that it sent are still to be read.
   bool IsConnected() const { return socket_->IsConnected(); }
 
  protected:

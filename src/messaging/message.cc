@@ -10,6 +10,7 @@ namespace kestrun {
 
 namespace {
 
+// Type in the low 24 bits, then source and destination, 4 bits each.
 constexpr u32 HeaderWord(u32 type, u32 source, u32 destination) {
   return (type & 0xFFFFFF) | ((source << 24) & 0x0F000000) | (destination << 28);
 }
@@ -24,6 +25,7 @@ Message::Message(const Address& address, u32 type, u32 source, u32 destination)
 Message::Message(const Address& address, u32 length, Stream& stream) : header_(0), address_(address) {
   const u32 available = stream.GetAvailable();
   ReadHeader(length, stream);
+  // A segment that runs past `length` is taken whole; the channel then finds the message out of step.
   while (available - stream.GetAvailable() < length) segments_.push_back(Segment::Parse(stream));
 }
 
@@ -34,6 +36,8 @@ Message::Message(const Address& address, u32 length, MemoryStream& stream, const
   if (alike != nullptr) segments_.reserve(alike->segments_.size());
   for (u32 done = stream.GetPosition() - begin; done < length; done = stream.GetPosition() - begin) {
     const u32 left = std::min(length - done, stream.GetAvailable());
+    // Sharing saves the allocation and keeps the comparison of two requests' environments to one of pointers
+    // (protocol/environment_segments.h).
     const rc_ptr<Segment> candidate = alike != nullptr ? alike->GetSegment(GetSegmentCount()) : nullptr;
     const u32 matched = candidate ? candidate->MatchWire(std::as_const(stream).GetData() + begin + done, left) : 0;
     if (matched > 0) {
@@ -120,7 +124,7 @@ u64 Message::GetWireSize() const {
 
 u32 Message::Serialize(Streams& out) const {
   if (out.empty()) out.emplace_back(new MemoryStream());
-  // A segment with large data ends the stream that it found, so each one asks for the last stream anew.
+  // A segment with large data puts its own stream behind the last one, so each segment asks for the last stream again.
   Stream& first = *out.back();
   first.Write(&header_, sizeof header_);
   first.Write(&sequence_, sizeof sequence_);

@@ -41,8 +41,9 @@ class Message : public rc_base {
   // 24 bits of type, 4 bits for each service number.
   Message(u32 type, u32 source, u32 destination);
   Message(const Address& address, u32 type, u32 source, u32 destination);
-  // Parses a message of `length` bytes. It stops at the first end of a segment at or past `length`; what was taken from
-  // the stream tells whether the segments were in step. Memory follows the bytes that are there, not what they claim.
+  // Parses a message of `length` bytes. It stops at the first end of a segment at or past `length`; the number of bytes
+  // taken from the stream tells whether the segments ended with the message. Memory is allocated for bytes that are
+  // there, and not for what they claim.
   Message(const Address& address, u32 length, Stream& stream);
   // The same from memory. `alike`, if given, is an earlier message: segments that are equal at the same place are
   // shared with it. The requests of a script differ in a few of some forty.

@@ -10,12 +10,13 @@ namespace kestrun {
 
 namespace {
 
-// The input buffer is replaced once it has allocated more than this, or holds more than this of bytes already parsed.
+// The input buffer is replaced once it has more memory than this, or more than this of bytes already parsed.
 constexpr u32 kMaxIdleCapacity = 0x100000;
 // The most that a buffer can hold.
 constexpr u32 kMaxFrameLength = 0x7FFFFFFF;
+// Up to this size a frame is sent without a change of the thread's priority.
 constexpr u32 kSmallFrame = 0x4000;
-// The last message is kept for its segments up to this size.
+// The last message is kept, for the segments that the next may share with it, up to this size.
 constexpr u32 kMostKept = 0x10000;
 
 }  // namespace
@@ -45,7 +46,8 @@ u32 MessageChannel::Transmit(rc_ptr<Message> message) {
   message->SetSequence(++sequence_);
   Message::Streams frame;
   const u32 size = BuildFrame(*message, frame);
-  // A small frame is out before another thread could be in the way, and to change the priority twice takes longer.
+  // A large frame holds the send lock for a while, so its sender gets precedence. For a small one, changing the
+  // priority twice would take longer than sending.
   std::optional<ScopedThreadPriority> priority;
   if (size > kSmallFrame) priority.emplace(THREAD_PRIORITY_ABOVE_NORMAL);
   for (const auto& part : frame) {
@@ -69,7 +71,7 @@ bool MessageChannel::Broadcast(rc_ptr<Message>, u16) {
 }
 
 bool MessageChannel::Register(Reactor* reactor, MessageDelegate delegate) {
-  // Stored first: the loop may run on another thread, where an event may come before Register returns.
+  // Stored first, because the loop may run on another thread, and an event may come before Register returns.
   delegate_ = std::move(delegate);
   if (reactor->Register(this)) return true;
   delegate_.Reset();
@@ -77,6 +79,7 @@ bool MessageChannel::Register(Reactor* reactor, MessageDelegate delegate) {
 }
 
 bool MessageChannel::HandleEvent() {
+  // Messages that came complete are delivered even if the peer has gone; the result closes the channel afterwards.
   const bool isUp = ReadInto(*input_, 0);
   while (HasBytes(bytesWanted_)) {
     if (receiveState_ == ReceiveState::kLength) {
@@ -90,7 +93,7 @@ bool MessageChannel::HandleEvent() {
   return isUp;
 }
 
-// A read that fails may still have brought the rest of a frame, so the bytes decide and not the result alone.
+// A read that fails may still have brought the rest of a frame, so the result alone does not decide.
 rc_ptr<Message> MessageChannel::Receive(int timeoutMs) {
   for (;;) {
     if (rc_ptr<Message> message = ReceiveBuffered()) return message;
@@ -110,6 +113,7 @@ rc_ptr<Message> MessageChannel::ReceiveBuffered() {
 void MessageChannel::TakeFrameLength() {
   u32 length = 0;
   input_->Read(&length, sizeof length);
+  // Checked before anything is allocated for it.
   if (length < Message::kHeaderSize || length > kMaxFrameLength) {
     throw Message::FormatException("Invalid length of a message");
   }
@@ -129,8 +133,8 @@ rc_ptr<Message> MessageChannel::TakeMessage() {
   return message;
 }
 
-// An empty buffer is reused. Otherwise parsed bytes are dropped once they are many, since under steady traffic the
-// buffer may never be empty.
+// Reuses an empty buffer. A buffer that is never empty, as under steady traffic, is replaced once it has many parsed
+// bytes in front.
 void MessageChannel::RecycleInput() {
   const u32 done = input_->GetPosition();
   const u32 left = input_->GetAvailable();

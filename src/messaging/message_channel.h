@@ -1,14 +1,14 @@
-// Carries messages over a byte transport: frames and sends them, and puts them together again from what comes in.
+// Carries messages over a byte transport: frames and sends them, and reassembles those that come in.
 //
-// A frame is the message's size as a u32, little-endian, and the message. A channel works in one of two modes:
-// under a Reactor (Register) each message goes to a delegate; without one, its owner calls Receive and blocks.
+// A frame is the message's size as a u32, little-endian, and the message. A channel works in one of two modes: under a
+// Reactor (Register) each message goes to a delegate; without one, its owner calls Receive and blocks.
 //
-// Threads: any number may Send, one frame at a time; a slow peer delays the senders of its own channel. Receiving is
-// for one thread at a time, which the Reactor sees to in event mode.
+// Threads: any number may Send, one frame at a time; a slow peer delays the senders of its own channel. One thread at a
+// time receives; in event mode the Reactor ensures that.
 //
-// Failure: Send gives false, Receive an empty pointer. Bytes that can't be a message are a Message::FormatException
-// out of Receive or HandleEvent; the Reactor then closes the channel. A message that is cut off is never delivered,
-// and messages that came complete before the end are delivered first.
+// Failure: Send gives false, Receive an empty pointer. Bytes that can't be a message are a Message::FormatException out
+// of Receive or HandleEvent; the Reactor then closes the channel. A message that is cut off is never delivered, and
+// messages that came complete before the end are delivered first.
 #ifndef KESTRUN_MESSAGING_MESSAGE_CHANNEL_H_
 #define KESTRUN_MESSAGING_MESSAGE_CHANNEL_H_
 
@@ -58,8 +58,8 @@ class MessageChannel : public Reactor::EventHandler {
   // The peer.
   virtual Address GetAddress() = 0;
   virtual bool IsDatagram() = 0;
-  // True the first time: a receiver that refuses messages of this channel writes one record for all of them. For the
-  // thread that receives.
+  // True the first time only, so that a receiver that refuses messages of this channel writes one log record for all of
+  // them. For the thread that receives.
   bool NoteRefusal() { return !std::exchange(hasRefusals_, true); }
   // Seconds, as from time(nullptr).
   virtual std::int64_t GetLastActivity() = 0;

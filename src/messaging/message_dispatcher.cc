@@ -18,6 +18,8 @@ namespace {
 
 constexpr int kLoopTimeoutMs = 1000;
 constexpr u32 kTickSeconds = 10;
+// A channel over a network may be dead without an error: after this silence it is asked, and after the next it is
+// closed.
 constexpr std::int64_t kPingAfterSeconds = 25;
 constexpr std::int64_t kExpireAfterSeconds = 50;
 
@@ -71,6 +73,7 @@ int MessageDispatcher::Run() {
     ReportError("Could not start the threads of the dispatcher");
     reactor_.Stop();
   }
+  // The order of the end: both loops, the listener, the threads that use them, and the clients' handlers last.
   const bool isStopped = reactor_.RunSelectLoop(kLoopTimeoutMs);
   reactor_.Stop();
   ended_.Signal();
@@ -113,8 +116,9 @@ bool MessageDispatcher::ListenOnIpc() {
   return false;
 }
 
-// There can be more connections than admitted clients: a client may leave, and the next one connect, before the end of
-// its channel is noticed. A client that connects and sends nothing keeps its slot only while others are free.
+// There can be more connections than admitted clients, because a client may leave, and the next one connect, before the
+// end of the first one's channel is noticed. When all places of the wait are taken, a connection that has sent nothing
+// yet is evicted.
 bool MessageDispatcher::HasFreeSlot() {
   static_assert(kMaxIpcChannels == MAXIMUM_WAIT_OBJECTS - 2);
   const Lock lock(channelsLock_);
@@ -122,7 +126,7 @@ bool MessageDispatcher::HasFreeSlot() {
     return entry.second->GetHandleType() == Reactor::kWaitable;
   });
   if (count < std::ptrdiff_t{kMaxIpcChannels}) return true;
-  // One at a time; the next pass, at most a second from now, finds its slot free.
+  // One at a time: the next pass of the loop, at most a second from now, finds the place free.
   for (const auto& entry : channels_) {
     auto* const channel = dynamic_cast<ServedIpcChannel*>(entry.second.Get());
     if (channel != nullptr && channel->EvictIfSilent()) break;
@@ -134,7 +138,7 @@ void MessageDispatcher::RunWaitLoop() {
   reactor_.RunWaitLoop(kLoopTimeoutMs);
 }
 
-// The listener accepts connections from the time on that it is registered, so clients need not wait for the loops.
+// Connections are accepted as soon as the listener is registered, so clients need not wait for this announcement.
 bool MessageDispatcher::StartAnnouncing(const rc_ptr<Thread>& init) {
   if (startDelayMs_ != 0) return init->Start(MakeDelegate(&MessageDispatcher::AnnounceLater, this));
   Announce();
@@ -177,10 +181,11 @@ void MessageDispatcher::StopAllActivity() {
   if (!reactor_.StopThreadPool()) isOk = false;
   if (isOk) return;
   WriteLog(Log::Error, Log::SERVER, "Exiting process early", {{"reason", "MessageDispatcher::StopAllActivity failed"}});
+  // A handler that does not return would use members that are being destroyed.
   ExitProcess(1);
 }
 
-// An introduction that is under way ends with its listener, and the wait loop with it.
+// Closing the listener ends an introduction that is under way, which the wait loop would otherwise wait for.
 void MessageDispatcher::CloseListener() {
   if (!ipcAcceptor_) return;
   reactor_.Unregister(ipcAcceptor_.Get());
@@ -202,7 +207,7 @@ bool MessageDispatcher::StopClients() {
       LogClient(client->GetId(), "Completed message dispatcher client close");
     } else {
       LogClient(client->GetId(), "Failed message dispatcher client close");
-      // Its handler still runs, so it is never destroyed.
+      // A handler of this client still runs, so the client must never be destroyed: the reference is not given back.
       client->AddRef();
       isOk = false;
     }
@@ -226,6 +231,7 @@ void MessageDispatcher::Close() {
 void MessageDispatcher::OnChannelMessage(rc_ptr<Message> message, MessageChannel* channel) {
   const u32 type = message->GetType();
   if (type == kPing) Send(message->GetAddress(), NewMessage(kPong));
+  // Answered or dropped here; clients never see them.
   if (type == kPing || type == kPong) return;
   bool isRefused = !IsNoTypeOfDispatcher(type);
   if (!isRefused) {
@@ -295,7 +301,7 @@ bool MessageDispatcher::OnNewIpcConnection(rc_ptr<IpcSocket> socket) {
   return false;
 }
 
-// The table has the channel before its first message can come, so that a handler finds it.
+// The channel is in the table before its first message can come, so that the handler of that message finds it.
 bool MessageDispatcher::RegisterChannel(rc_ptr<MessageChannel> channel) {
   if (!channel) return false;
   const Address address = channel->GetAddress();
@@ -314,6 +320,7 @@ bool MessageDispatcher::RegisterChannel(rc_ptr<MessageChannel> channel) {
 }
 
 rc_ptr<MessageChannel> MessageDispatcher::FindChannel(const Address& address) {
+  // Messages of this process have no address.
   if (address == Address()) return nullptr;
   const Lock lock(channelsLock_);
   const auto found = channels_.find(address);
@@ -334,11 +341,12 @@ void MessageDispatcher::OnHandlerClosed(Reactor::EventHandler* handler) {
   auto* channel = dynamic_cast<MessageChannel*>(handler);
   Address address;
   if (channel != nullptr && RemoveChannel(channel, address)) TellClients(kClosed, address);
-  // In a build the next client comes soon after the end of this one; until then the wait loop has time for it.
+  // In a build the next client comes soon after this one has gone; until then the wait loop has time to prepare its
+  // region.
   if (handler->GetHandleType() == Reactor::kWaitable && ipcAcceptor_) ipcAcceptor_->Prepare();
 }
 
-// By the channel and not by its address: a datagram channel's changes.
+// Looked up by the channel and not by its address, because that of a datagram channel changes.
 bool MessageDispatcher::RemoveChannel(MessageChannel* channel, Address& address) {
   const Lock lock(channelsLock_);
   for (auto entry = channels_.begin(); entry != channels_.end(); ++entry) {
@@ -365,12 +373,13 @@ void MessageDispatcher::Housekeep() {
       }
     }
   }
+  // Outside the lock: a send may wait for the peer.
   for (const auto& channel : idle) channel->Send(NewMessage(kPing));
   for (const auto& [address, channel] : expired) Expire(address, channel);
   PostDelayed(NewMessage(kTick), kTickSeconds, 0);
 }
 
-// Out of the table before it is closed, so that its end is not told a second time.
+// Removed from the table before it is closed, so that OnHandlerClosed does not report its end a second time.
 void MessageDispatcher::Expire(const Address& address, const rc_ptr<MessageChannel>& channel) {
   TellClients(kTimedOut, address);
   Address ignored;

@@ -3,11 +3,11 @@
 //
 // A message goes to every client whose id is 0 or equals the message's destination number; one without a client is
 // dropped. What a message may do depends on where it comes from: a peer's message comes in by OnChannelMessage, which
-// delivers only the types that the client lets peers send, and never one of the dispatcher's own below; what this
-// process says to itself comes by Post. A refused message is dropped, with one log record for each channel.
+// delivers only the types that the client lets peers send, and never one of the dispatcher's own below; messages of
+// this process to itself come in by Post. A refused message is dropped, with one log record for each channel.
 //
-// Replies are not matched to requests: a client answers on the channel that FindChannel gives for the
-// message's address. Messages that the dispatcher makes itself have the types below, services 0 and 0 and no segments.
+// Replies are not matched to requests: a client answers on the channel that FindChannel gives for the message's
+// address. Messages that the dispatcher makes itself have the types below, services 0 and 0 and no segments.
 //
 //   type       meaning                                     goes to
 //   kTick      housekeeping, every 10 s                    handled inside

@@ -11,6 +11,7 @@ namespace kestrun {
 
 namespace {
 
+// The highest bit of the type word tells a container from a leaf.
 constexpr u32 kTypeMask = 0xFFFFFFF;
 constexpr u32 kNestedBit = 0x80000000;
 
@@ -118,16 +119,18 @@ rc_ptr<Segment> Segment::Parse(Stream& stream, u32 depth) {
   u32 count = 0;
   if ((typeWord & kNestedBit) == 0) {
     if (!ReadWord(stream, count)) throw FormatException("Not enough bytes for segment length");
+    // Compared with a sign: a length of 2 GiB or more is negative and passes, and is refused by CheckLength.
     if (static_cast<i32>(stream.GetAvailable()) < static_cast<i32>(count)) {
       throw FormatException("Not enough bytes for segment data");
     }
     CheckLength(count, "Invalid (too long) segment-length");
     return new Segment(stream, count, typeWord);
   }
+  // Parse calls itself, and a hostile message must not use up the stack.
   if (depth >= kMaxDepth) throw FormatException("Segments nested too deeply");
   if (!ReadWord(stream, count)) throw FormatException("Not enough bytes for nested-segment count");
   rc_ptr<Segment> segment(new Segment(typeWord));
-  // The list grows with the children that are really there.
+  // The count is not trusted: the list grows with the children that are really there.
   for (i32 left = static_cast<i32>(count); left > 0; --left) segment->AddNested(Parse(stream, depth + 1));
   return segment;
 }

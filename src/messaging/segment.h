@@ -82,8 +82,8 @@ class Segment : public rc_base {
 
   // Bytes of the byte form, with all that is in it.
   u64 GetWireSize() const;
-  // The size of the byte form if it stands at the beginning of these bytes, else 0. A segment
-  // without content, or with data over kSharedDataLimit, is not compared.
+  // The size of this segment's byte form if the bytes begin with it, else 0. A segment without content, or with data
+  // over kSharedDataLimit, is never found equal.
   u32 MatchWire(const u8* bytes, u32 count) const;
   // Appends the byte form to the list, which is not empty: data over kSharedDataLimit as a stream of its own, to be
   // written whole, and all else to the last stream.

@@ -1,4 +1,6 @@
-// Lookups in a list of segments, that of a message or of a container. Null for what is not there.
+// Lookups in a list of segments: that of a message, or of a container.
+//
+// Linear searches, since a list has some forty entries at most in practice. Null if there is no such segment.
 #ifndef KESTRUN_MESSAGING_SEGMENT_LIST_H_
 #define KESTRUN_MESSAGING_SEGMENT_LIST_H_
 

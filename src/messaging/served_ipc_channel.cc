@@ -8,7 +8,7 @@ namespace kestrun {
 
 namespace {
 
-// An honest client sends as soon as it is connected.
+// A client sends as soon as it is connected, so one that is silent for longer is stuck or hostile.
 constexpr u32 kSilenceMs = 5000;
 
 }  // namespace
@@ -28,6 +28,7 @@ void ServedIpcChannel::Close() {
     queue_.clear();
     sender = sender_;
   }
+  // Without the lock: this ends the sender's write, and the sender takes the lock next.
   IpcChannel::Close();
   if (sender) sender->Wait(kNoLimit);
 }
@@ -48,7 +49,7 @@ bool ServedIpcChannel::EvictIfSilent() {
   return true;
 }
 
-// The lock is held while a message that finds room is written, so that messages go out in the order of their Sends.
+// The lock is held while a message that finds room is written, so that messages go out in the order of the calls.
 bool ServedIpcChannel::Send(rc_ptr<Message> message) {
   const Lock lock(queueLock_);
   if (isClosed_) return false;
@@ -56,7 +57,8 @@ bool ServedIpcChannel::Send(rc_ptr<Message> message) {
   return Queue(message);
 }
 
-// Room does not shrink until the next write, which waits for queueLock_. A socket that has lost its peer fails at once.
+// True if the write would not wait. Only writes take room, and they need queueLock_, so the room stays until the write.
+// A socket that has lost its peer fails at once, which is no wait either.
 bool ServedIpcChannel::FindsRoom(const Message& message) {
   return !socket_->IsConnected() || wire::kFrameHeaderSize + message.GetWireSize() <= socket_->GetRoom();
 }
@@ -66,7 +68,7 @@ bool ServedIpcChannel::HasUnsent() {
   return isSending_;
 }
 
-// The sender returns when it has found the queue empty.
+// The sender thread returns when it has found the queue empty, so its end is what is waited for.
 void ServedIpcChannel::AwaitSent(u32 limitMs) {
   rc_ptr<Thread> sender;
   {
@@ -79,10 +81,11 @@ void ServedIpcChannel::AwaitSent(u32 limitMs) {
 bool ServedIpcChannel::Queue(const rc_ptr<Message>& message) {
   queue_.push_back(message);
   if (isSending_) return true;
-  // The previous sender has found the queue empty and only has to return.
+  // The previous sender has found the queue empty and is about to return, so this wait is short.
   if (sender_) sender_->Wait(kNoLimit);
   sender_ = new Thread("Result sender");
   isSending_ = sender_->Start(MakeDelegate(&ServedIpcChannel::SendQueued, this));
+  // Without a thread the message can't be kept: no later event would send it.
   if (!isSending_) queue_.clear();
   return isSending_;
 }

@@ -2,8 +2,8 @@
 //
 // Send never waits for the client to read. A message that finds room in the ring is written on the caller's thread;
 // once a message finds none, it and those behind it are queued, and a thread of the channel sends them in order and
-// ends with the last. The queue has no bound: it holds what the client's own jobs have put out. A true result means
-// sent or queued.
+// ends with the last. The queue itself has no bound: it holds results of the client's own jobs, whose output the master
+// bounds. A true result means sent or queued.
 //
 // Close drops what is queued. It waits for that thread, which the closing of the socket ends at once.
 #ifndef KESTRUN_MESSAGING_SERVED_IPC_CHANNEL_H_
@@ -28,12 +28,13 @@ class ServedIpcChannel : public IpcChannel {
   bool Register(Reactor* reactor, MessageDelegate delegate) override;
   void Close() override;
 
-  // Messages wait for room in the ring. What is in the ring needs no sender: the client reads it even after Close.
+  // True while messages wait for room in the ring. Bytes in the ring need no sender: the client reads them even after
+  // Close.
   bool HasUnsent();
-  // Waits until that is no longer so, at most limitMs.
+  // Waits until no message waits, at most limitMs.
   void AwaitSent(u32 limitMs);
-  // Ends a connection that is some seconds old and has not brought one message, as if its client had gone, so that
-  // another client can have its slot. True if it was such a connection. From any thread; waits for nothing.
+  // Evicts a connection that is 5 s old and has not brought a message: it is treated as if its client had gone, so that
+  // another client can connect. True if it was such a connection. May be called from any thread, and does not wait.
   bool EvictIfSilent();
 
  private:

@@ -41,7 +41,7 @@ bool SocketAcceptor::HandleEvent() {
   if (!socket) return false;
   const u32 descriptor = socket->Accept();
   if (descriptor == Socket::kInvalidDescriptor) throw SocketException(WSAENOTSOCK, "accept() failed");
-  // A connection that the factory does not keep is closed with this reference.
+  // If the factory does not keep the connection, it is closed with this reference.
   const rc_ptr<TcpSocket> connection(new TcpSocket(descriptor));
   if (factory_ && !factory_(connection)) std::fputs("SocketAcceptor : factory-function failed!\n", stderr);
   return true;

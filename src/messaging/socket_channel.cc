@@ -10,7 +10,7 @@ namespace kestrun {
 
 namespace {
 
-// What one ReadInto takes at most; select reports the socket again while there is more.
+// The most that one ReadInto takes; select reports the socket again if there is more.
 constexpr u32 kMaxBytesAtOnce = 0x100000;
 
 }  // namespace
@@ -46,6 +46,7 @@ bool SocketChannel::Broadcast(rc_ptr<Message> message, u16 port) {
   if (!IsDatagram()) return false;
   Message::Streams frame;
   BuildFrame(*message, frame);
+  // A datagram is sent by one call; a message with large data consists of several streams.
   if (frame.size() > 1) return false;
   const auto& stream = static_cast<const MemoryStream&>(*frame.front());
   socket_->Broadcast(stream.GetData(), stream.GetSize(), port);
@@ -60,7 +61,7 @@ bool SocketChannel::IsDatagram() {
   return socket_->GetType() == SOCK_DGRAM;
 }
 
-// Each read gives one datagram whole, so one that fills the block has no rest.
+// Reads blocks until one is not full. A datagram socket is read once, since each read gives one whole datagram.
 bool SocketChannel::ReadInto(MemoryStream& buffer, int) {
   u8 block[kReadBlock];
   for (u32 total = 0; total < kMaxBytesAtOnce;) {

@@ -1,4 +1,7 @@
 // A message channel over a TCP connection or a UDP socket. On UDP the peer is the sender of the last datagram.
+//
+// Shares the socket with its output stream. Threads and failures are those of MessageChannel; the constructor throws
+// SocketException.
 #ifndef KESTRUN_MESSAGING_SOCKET_CHANNEL_H_
 #define KESTRUN_MESSAGING_SOCKET_CHANNEL_H_
 

@@ -1,4 +1,6 @@
 // A timeout of a Reactor that calls a delegate, once.
+//
+// The Reactor holds it until then; the delegate runs on the thread of the select loop.
 #ifndef KESTRUN_MESSAGING_TIMER_H_
 #define KESTRUN_MESSAGING_TIMER_H_
 

@@ -1,4 +1,6 @@
-// Sizes in bytes of what stands ahead of the data in the byte form. docs/protocol.md has the fields.
+// The sizes in bytes of the headers in the byte form of messages.
+//
+// They are part of the protocol and never change; docs/protocol.md has the fields.
 #ifndef KESTRUN_MESSAGING_WIRE_FORMAT_H_
 #define KESTRUN_MESSAGING_WIRE_FORMAT_H_
 

@@ -1,4 +1,4 @@
-// How the dorns of a user and the master that they share find one another.
+// How the `dorn` processes of a user and the master that they share find one another.
 //
 //   name                 kind     held by                          meaning
 //   dorn_session         memory   every dorn, and the master       the record below
@@ -8,8 +8,8 @@
 //                                 its end, and never the master     dorns end
 //   dorn_session.<id>    event    the master of this id            tells it from another process that got its number
 //
-// A dorn that finds a master in the record joins it; any other starts one. The master ends when no dorn is left: it is
-// told by the last one that leaves, and by the system where that one was killed.
+// A dorn that finds a master in the record joins it; any other starts one. The master ends when no dorn is left: the
+// last one that leaves tells it, and if that one was killed, the system does (dorn_session.users is gone).
 #ifndef KESTRUN_PROTOCOL_DORN_SESSION_H_
 #define KESTRUN_PROTOCOL_DORN_SESSION_H_
 
@@ -48,16 +48,17 @@ struct DornSession {
 
   std::atomic<u32> version;  // 0 in a new record
   std::atomic<u32> ending;
-  // MakeMaster of the dorn that starts the master and of the master, which is 0 until it has come. A master whose dorn
-  // was killed may come at any time, so it changes this word only where its own dorn's number still stands, and a dorn
-  // that starts the next one only where it is still what it has seen.
+  // MakeMaster of two process ids: that of the dorn that starts the master, and that of the master, which is 0 until
+  // the master has come. A master whose dorn was killed may come at any time. So a master changes this word only if it
+  // still has the id of its own dorn, and a dorn that starts the next master only if it is still what that dorn has
+  // read: both by compare-and-swap.
   std::atomic<u64> master;
   std::atomic<u32> wantedJobs;  // by the dorn that started the master; 0: as its settings say
   std::atomic<u32> jobs;        // the master's limit; 0 until it has come
   char id[kIdSize];             // with its NUL; changes only while there is no master
 
-  // Process ids of dorns, for a master that sleeps until one of them ends: not all of them need be here, and those that
-  // have ended may stay until a dorn takes their place. Whether any lives, the event tells alone.
+  // Process ids of dorns, for a master that sleeps until one of them ends. The list need not be complete, and ids of
+  // dorns that have ended stay until another takes the entry. Only the event tells whether any dorn lives.
   std::atomic<u32> users[kMaxUsers];
 
   static constexpr u64 MakeMaster(u32 dornProcess, u32 masterProcess) {

@@ -23,6 +23,7 @@ bool HoldsText(const Message::Segment& variable, u32 type, const std::string& te
 std::vector<rc_ptr<Message::Segment>> MakeEnvironmentSegments(const Environment& environment) {
   std::vector<rc_ptr<Message::Segment>> variables;
   variables.reserve(environment.size());
+  // The variables of a request are some forty segments; the requests of one script share them.
   for (const auto& [name, value] : environment) {
     rc_ptr<Message::Segment> variable = new Message::Segment(SEG_ENV_VAR);
     variable->AddNested(Message::Segment::FromString(SEG_ENV_NAME, name).Get());
@@ -58,6 +59,7 @@ bool ShareEnvironment(const Message& one, const Message& other) {
 }
 
 bool HasEnvironment(const Message& message, const Environment& environment) {
+  // Both are in the map's order, so one pass compares them, without a copy.
   auto expected = environment.begin();
   for (u32 i = 0; i < message.GetSegmentCount(); ++i) {
     const rc_ptr<Message::Segment> segment = message.GetSegment(i);

@@ -1,5 +1,5 @@
 // How an environment travels in a build request: one SEG_ENV_VAR for each variable, which holds a SEG_ENV_NAME and a
-// SEG_ENV_VALUE. This is the only place that knows that layout.
+// SEG_ENV_VALUE. No other code depends on that layout.
 #ifndef KESTRUN_PROTOCOL_ENVIRONMENT_SEGMENTS_H_
 #define KESTRUN_PROTOCOL_ENVIRONMENT_SEGMENTS_H_
 

@@ -10,8 +10,8 @@ namespace kestrun {
 
 namespace {
 
-// Words at blanks, with quotes of both kinds around them or parts of them. That is not how every program splits, and
-// near enough for a name.
+// Splits at blanks, with quotes of both kinds around words or parts of them. Programs split by other rules, too; for a
+// label this is near enough.
 std::vector<std::string> SplitWords(const std::string& command) {
   std::vector<std::string> words;
   std::string word;
@@ -38,8 +38,8 @@ bool IsOption(const std::string& word) {
   return word[0] == '-' || word[0] == '@';
 }
 
-// The words behind the program's name, without those that belong to the option before them and name no source: a
-// dependency file, a folder, a macro.
+// The arguments without those that belong to the option before them and name no source, such as a dependency file, a
+// folder or a macro.
 std::vector<std::string> GetArguments(const std::vector<std::string>& words) {
   static const char* const kOptions[] = {
       "-MF", "-MT", "-MQ", "-I", "-isystem", "-iquote",   "-idirafter", "-D",      "-include", "-imacros",  "-U",
@@ -66,6 +66,7 @@ bool IsSource(const std::string& word) {
 }  // namespace
 
 std::string GetFileOfJob(const JobText& text) {
+  // A compiler's source tells most about a job, a linker's output comes next. What follows -o may look like a source.
   const std::vector<std::string> words = GetArguments(SplitWords(text.command));
   const auto output = std::find(words.begin(), words.end(), "-o");
   for (auto word = words.begin(); word != words.end(); ++word) {
@@ -88,8 +89,10 @@ std::string FitLine(const std::string& text, std::size_t columns) {
   std::size_t used = 0;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
+    // Bytes of 10xxxxxx continue a character and take no column of their own.
     const bool isContinuation = (byte & 0xC0) == 0x80;
     if (!isContinuation && used == columns) {
+      // Makes room for the dots, by whole characters.
       while (!line.empty() && used + 3 > columns) {
         while (line.size() > 1 && (static_cast<unsigned char>(line.back()) & 0xC0) == 0x80) line.pop_back();
         line.pop_back();

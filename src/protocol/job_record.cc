@@ -10,7 +10,8 @@ namespace {
 
 constexpr std::size_t kTexts = 6;
 
-// In front of the texts of a record. Both ends are of one build on one machine, so it is sent as it lies in memory.
+// The numbers of a record, which are sent in front of its texts. Both ends are the same build on one machine, so the
+// structure is sent as it is in memory.
 struct RecordHeader {
   u64 number;
   u64 parent;
@@ -68,6 +69,7 @@ void Take(const RecordHeader& header, JobRecord& record) {
   record.clientProcess = header.clientProcess;
   record.rootProcess = header.rootProcess;
   record.slot = header.slot;
+  // A number that does not fit is not trusted, since any process of the user can send these bytes.
   record.outcome = header.outcome <= static_cast<u32>(JobOutcome::kUnknown) ? static_cast<JobOutcome>(header.outcome)
                                                                             : JobOutcome::kUnknown;
   record.hasExitCode = header.hasExitCode != 0;

@@ -1,4 +1,4 @@
-// What a master tells observers about its jobs, and how that lies in a MSG_JOURNAL.
+// What a master tells observers about its jobs, and its byte form in a MSG_JOURNAL.
 //
 // Times are microseconds of one clock that all processes of the machine share (SteadyMicroseconds). Plain values; one
 // thread at a time.
@@ -47,7 +47,7 @@ inline bool IsFailure(JobOutcome outcome) {
 const char* GetOutcomeName(JobOutcome outcome);
 
 struct JobRecord {
-  // Of a time, a size or a slot that is not known, or not there yet.
+  // The value of a time or size that is not known or does not exist yet.
   static constexpr std::int64_t kNone = -1;
 
   u64 number = 0;         // from 1 upward, in the order in which the master learned of the jobs
@@ -90,12 +90,12 @@ std::int64_t SteadyMicroseconds();
 u64 UnixMicroseconds();
 
 std::string EncodeState(const JournalState& state);
-// False for bytes that are none.
+// False for bytes that are no state.
 bool DecodeState(std::string_view bytes, JournalState& state);
 
-// Behind what the text holds already.
+// Appends the record to `bytes`.
 void EncodeRecord(const JobRecord& record, std::string& bytes);
-// All records of a message. False, with those in front of the fault, for bytes that are none.
+// Reads all records of a message. False for bytes that are no records; `records` then has those in front of the fault.
 bool DecodeRecords(std::string_view bytes, std::vector<JobRecord>& records);
 
 }  // namespace kestrun

@@ -39,7 +39,7 @@ JournalObserver::Outcome JournalObserver::Receive(u32 timeoutMs, JournalNews& ne
     const u32 start = GetTickCount();
     for (u32 waitedMs = 0;; waitedMs = GetTickCount() - start) {
       const u32 leftMs = waitedMs < timeoutMs ? timeoutMs - waitedMs : 0;
-      // A limit of 0 would not wait, and not end either.
+      // With a limit of 0 Receive would poll until a message comes; only a limit above 0 lets it give up.
       const rc_ptr<Message> message = channel_->Receive(static_cast<int>(std::max(leftMs, u32{1})));
       if (message) return ReadNews(message, news) ? Outcome::kNews : Outcome::kGone;
       if (!channel_->IsConnected()) return Outcome::kGone;

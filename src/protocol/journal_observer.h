@@ -1,4 +1,6 @@
-// An observer's end: a client that looks at a master's jobs and asks for nothing else.
+// An observer's end of a connection: a client that is told of a master's jobs and asks for nothing else.
+//
+// Owns its channel. docs/see-the-build.md has the order of the messages.
 #ifndef KESTRUN_PROTOCOL_JOURNAL_OBSERVER_H_
 #define KESTRUN_PROTOCOL_JOURNAL_OBSERVER_H_
 
@@ -35,7 +37,8 @@ class JournalObserver {
 
   // Jobs below `process` will be marked with it; 0 for none. False if the master has gone.
   bool Ask(ObserveKind kind, u32 process = 0);
-  // Waits for news, at least as long as the limit and at most a second longer. What is no news is kGone, too.
+  // Waits for news, at least as long as the limit and at most a second longer. A message that is no news gives kGone as
+  // well.
   Outcome Receive(u32 timeoutMs, JournalNews& news);
 
  private:

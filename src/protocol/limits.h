@@ -1,4 +1,6 @@
-// Limits that more than one program checks.
+// Limits that more than one program checks: dorn refuses a value before it starts a master with it.
+//
+// Constants only.
 #ifndef KESTRUN_PROTOCOL_LIMITS_H_
 #define KESTRUN_PROTOCOL_LIMITS_H_
 

@@ -23,6 +23,7 @@ std::string_view MessageReader::GetText(u32 id) const {
 
 template <class T>
 void MessageReader::Require(u32 id, T& out, u32 n) const {
+  // The segment's type is the exception's code, so that the log names the segment that is missing.
   const rc_ptr<Message::Segment> segment = message_->FindSegment(id, n);
   if (!segment) throw Message::FormatException(static_cast<i32>(id), "No such segment");
   if (!GetValue(*segment, out)) throw Message::FormatException(static_cast<i32>(id), "Invalid segment size");

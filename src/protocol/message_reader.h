@@ -1,4 +1,4 @@
-// Reads the segments that a message has to have. Holds a reference to its message; one thread at a time.
+// Reads the segments of a received message. Holds a reference to its message; one thread at a time.
 //
 // An optional segment is read with Message::FindSegment and GetValue, so that its target keeps its default; the Read
 // operations below are that, in one call.

@@ -1,4 +1,8 @@
-// The names under which clients find the master of an id, and by which they know that they run in one of its jobs.
+// The names under which clients find the master of an id, and the variable by which they learn that they run in one of
+// its jobs.
+//
+// Pure functions and constants. The names are part of the protocol: clients and masters of different versions meet by
+// them.
 #ifndef KESTRUN_PROTOCOL_NAMES_H_
 #define KESTRUN_PROTOCOL_NAMES_H_
 

@@ -1,5 +1,6 @@
 // The table through which clients ask their master for admission. It exists while a master runs with the setting
-// Extensions/ReclaimPlaces. docs/protocol.md has the steps.
+// Extensions/ReclaimPlaces; a second table serves job slots where the system has no local streams. docs/protocol.md has
+// the steps.
 #ifndef KESTRUN_PROTOCOL_PLACE_TABLE_H_
 #define KESTRUN_PROTOCOL_PLACE_TABLE_H_
 
@@ -11,9 +12,9 @@
 
 namespace kestrun {
 
-// The form of the shared memory named GetTableName, zero at first. A slot is zero or belongs to the client whose
-// process id and stamp it holds. Each step changes the whole word at once, so that a client that is killed at any
-// moment leaves a word that tells how far it was.
+// The form of the shared memory named GetTableName, which is zero at first. A slot is zero, or belongs to the client
+// whose process id and stamp it holds. Each step changes the whole word at once, so that a client that is killed at any
+// moment leaves a word that tells how far it had come.
 struct PlaceTable {
   static constexpr u32 kSlots = 1024;
   static constexpr u32 kSize = kSlots * 8;
@@ -57,9 +58,9 @@ inline std::string GetPlaceName(const std::string& id, u64 word) {
          std::to_string(static_cast<u32>(word) >> 2);
 }
 
-// Beside the event of a client that asks for a job slot, in shared memory of this name: what master and observers are
-// to know of its tool. The client writes the texts before it asks, and how the tool has ended before it returns the
-// slot.
+// What master and observers are told of the tool of a client that asks for a job slot. It is in shared memory under
+// GetNoteName, beside the client's event. The client writes the texts before it asks, and how the tool has ended before
+// it returns the slot.
 struct ToolNote {
   static constexpr u32 kSize = 4096;
   static constexpr u32 kMostText = kSize - 32;

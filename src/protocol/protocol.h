@@ -27,8 +27,9 @@ enum MessageType : u32 {
   MSG_JOURNAL = 801,           // master to observer: records of jobs, and the state of the whole
 };
 
-// The types that a master takes from its clients. Each acts for the client whose channel brings it, but for MSG_STOP,
-// with which any client ends the master. All others are the master's own, and refused if a channel brings them.
+// The types that a master accepts from its clients. Each acts for the client on whose channel it comes, except
+// MSG_STOP, by which any client ends the master. All other types are the master's own, and refused if they come from a
+// channel.
 inline bool MayStubSend(u32 type) {
   return type == MSG_BUILD_REQUEST || type == MSG_STOP || type == MSG_PROJECT_DETAILS || type == MSG_OBSERVE;
 }

@@ -1,12 +1,13 @@
-// What a client sends to the master's slot server, and what it gets. A client asks for a slot in the limit on running
-// jobs, is answered once it has one, and then runs its tool itself; the slot is free again when its process has ended.
+// What a client sends to the master's slot server, and the answer. A client asks for a slot in the limit on running
+// jobs, is answered once it has one, and then runs its tool itself; the slot is free again when the client's process
+// has ended.
 //
-// Clients that a pipe joins are one pipeline: each waits for the others, so they run together. The request tells the
-// pipes by numbers that mean the same to every process of the machine.
+// Clients that are joined by pipes are one pipeline: each waits for the output or input of the others, so they must run
+// together. The request names the pipes by numbers that mean the same to every process of the machine.
 //
-// The request is a header and, behind it, texts for people, each but the last with a NUL behind it: project, name of
-// the job, folder, tool, arguments. The answer is one SlotAnswer. Both stay within one machine, so numbers lie as they
-// do in memory.
+// The request is a header, followed by texts for display, each but the last with a NUL behind it: project, name of the
+// job, folder, tool, arguments. The answer is one SlotAnswer. Both stay within one machine, so numbers are sent as they
+// are in memory.
 #ifndef KESTRUN_PROTOCOL_SLOT_REQUEST_H_
 #define KESTRUN_PROTOCOL_SLOT_REQUEST_H_
 
@@ -20,8 +21,8 @@
 
 namespace kestrun {
 
-// Numbers are never used again with another meaning; a client takes one that it does not know for kGranted, and so
-// builds beside the limit rather than not at all.
+// A number never gets another meaning. A client treats a number that it does not know as kGranted: it then runs its
+// tool outside of the limit, which is better than not at all.
 enum class SlotAnswer : u32 {
   kGranted = 1,
   kStopping = 2,  // the master ends: run nothing
@@ -37,7 +38,7 @@ struct SlotRequestHeader {
   u64 outputPipe = 0;  // the same of its standard output
 };
 
-// The texts are cut to this length together: they are for people.
+// All texts together are cut to this length; they are only for display.
 inline constexpr std::size_t kMostSlotText = 3072;
 
 struct SlotTexts {
@@ -62,7 +63,7 @@ inline std::string MakeSlotRequest(const SlotRequestHeader& header, const SlotTe
   return std::string(reinterpret_cast<const char*>(&header), sizeof header) + JoinSlotTexts(texts);
 }
 
-// They lie in `text`; those that were cut off are empty.
+// The results are views of `text`; texts that were cut off are empty.
 inline SlotTexts SplitSlotTexts(std::string_view text) {
   SlotTexts texts;
   for (std::string_view* const part : {&texts.project, &texts.name, &texts.folder, &texts.tool}) {
@@ -73,7 +74,7 @@ inline SlotTexts SplitSlotTexts(std::string_view text) {
   return texts;
 }
 
-// False for what is no request. The texts lie in `data`.
+// False for bytes that are no request. The texts are views of `data`.
 inline bool ReadSlotRequest(const char* data, std::size_t size, SlotRequestHeader& header, SlotTexts& texts) {
   if (size < sizeof header) return false;
   std::memcpy(&header, data, sizeof header);

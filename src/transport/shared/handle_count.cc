@@ -1,3 +1,5 @@
+// Neither end of a connection knows the other's process, on whose end it could wait. What both have open is the ring's
+// event, and the system counts the handles on it. The entry point is not in every header, so it is looked up by name.
 #include "transport/shared/handle_count.h"
 
 #include <atomic>
@@ -12,7 +14,7 @@ using NtQueryObjectFunction = LONG(NTAPI*)(HANDLE, int, PVOID, ULONG, ULONG*);
 
 constexpr int kObjectBasicInformation = 0;
 
-// The beginning of the system's answer, with the size that it requires.
+// The beginning of the system's answer. The system requires the whole size, 56 bytes.
 struct ObjectBasicInformation {
   ULONG attributes;
   ULONG grantedAccess;
@@ -41,7 +43,7 @@ NtQueryObjectFunction FindEntryPoint() {
   return reinterpret_cast<NtQueryObjectFunction>(reinterpret_cast<void*>(found));
 }
 
-// Two threads that call this first at the same time find the same entry.
+// Without a lock: two threads that call this first at the same time find the same entry.
 NtQueryObjectFunction EntryPoint() {
   static std::atomic<NtQueryObjectFunction> known{nullptr};
   NtQueryObjectFunction entry = known.load();

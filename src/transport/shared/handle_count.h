@@ -1,4 +1,7 @@
-// How many handles all processes together hold on a kernel object: with only one left, no other process has it open.
+// How many handles all processes together hold on a kernel object. With only one left, no other process has the object
+// open: so an end learns that its peer has died.
+//
+// Any thread may call it.
 #ifndef KESTRUN_TRANSPORT_SHARED_HANDLE_COUNT_H_
 #define KESTRUN_TRANSPORT_SHARED_HANDLE_COUNT_H_
 

@@ -6,8 +6,8 @@ namespace kestrun {
 
 namespace {
 
-// A build that is suspended as a whole goes on as a whole: the time in which this process was stopped must not count,
-// and costs one slice at most.
+// A long limit is waited for in slices of this length, and only slices are counted. If a whole build is suspended and
+// resumed, the time in which this process was stopped then costs one slice at most.
 constexpr u32 kSliceMs = 500;
 
 bool LockInSlices(Mutex& mutex, u32 timeoutMs) {
@@ -33,6 +33,8 @@ IntroductionTurn::~IntroductionTurn() {
 }
 
 bool IntroductionTurn::Await(const Wait& wait, const Query& owner, u32& holder) {
+  // A change of the owner during a wait means that turns pass on, so the wait starts again. The same owner before and
+  // after means that one process keeps its turn.
   MutexOwner before = owner();
   while (!wait()) {
     const MutexOwner after = owner();

@@ -1,7 +1,7 @@
 // A connector's turn: the mutex L.lck of a listening name L, held for a scope.
 //
-// A turn takes well below a millisecond, but a process that is stopped in it keeps it. So the wait for a turn is
-// without a limit only as long as the turn passes from one connector to another.
+// A turn takes well below a millisecond, but a process that is stopped during its turn keeps it. So the wait goes on
+// without a limit only while the turn passes from one connector to another.
 //
 // For one thread, on which it is made and destroyed.
 #ifndef KESTRUN_TRANSPORT_SHARED_INTRODUCTION_TURN_H_
@@ -26,11 +26,11 @@ class IntroductionTurn {
   IntroductionTurn& operator=(const IntroductionTurn&) = delete;
 
   explicit operator bool() const { return isHeld_; }
-  // Where it was waited for in vain: the process that keeps it, 0 if unknown.
+  // After a wait that timed out: the process that keeps the turn, 0 if unknown.
   u32 GetHolder() const { return holder_; }
 
-  // Repeats `wait`, which ends with false after a time, for as long as the owner is another one after it. `holder` is
-  // the process that owned the mutex before and after the last wait.
+  // Repeats `wait`, which gives false after its timeout, as long as the mutex has changed its owner during it. `holder`
+  // is the process that owned the mutex after the last wait.
   using Wait = std::function<bool()>;
   using Query = std::function<MutexOwner()>;
   static bool Await(const Wait& wait, const Query& owner, u32& holder);

@@ -35,7 +35,7 @@ bool SendRequest(IpcRegion& region) {
 }
 
 bool ReadReply(IpcRegion& region, std::string& connectionName, u32 timeoutMs) {
-  // A listener answers within microseconds.
+  // A listener answers within microseconds, so spinning first is nearly always enough.
   AdaptiveSpin(AdaptiveSpin::kMostChecks).Await([&region] { return region.SeemsReadable(); });
   char reply[kReplySize] = {};
   const u32 count = region.Read(reply, sizeof reply, timeoutMs).count;
@@ -48,7 +48,7 @@ bool ReadReply(IpcRegion& region, std::string& connectionName, u32 timeoutMs) {
   return true;
 }
 
-// A connector that has joined and left again counts too: what it sent is still to be read.
+// True if the connector has joined, even if it has left again: what it sent is still to be read.
 bool WasJoined(IpcRegion& connection) {
   return connection.GetAttachTotal() >= 2;
 }
@@ -63,6 +63,7 @@ bool IpcIntroduction::Join(IpcRegion& region, u32 timeoutMs) {
   const bool isIntroduced = SendRequest(region) && ReadReply(region, connectionName, timeoutMs);
   region.Leave();
   if (!isIntroduced || !region.Open(connectionName)) return false;
+  // The listener may be waiting for this connector to join.
   Condition(GetChangeName(name).c_str()).Signal();
   Sleep(0);
   return true;
@@ -74,6 +75,8 @@ IpcIntroduction::IpcIntroduction(IpcRegion& region)
     : region_(region),
       changed_(GetChangeName(region.GetName()).c_str()),
       connectLock_(GetLockName(region.GetName()).c_str()),
+      // Started from the clock, so that a master that follows a killed one does not meet the names of regions that its
+      // clients still have open.
       connectionCounter_(static_cast<u32>(std::time(nullptr))) {}
 
 std::unique_ptr<IpcRegion> IpcIntroduction::Accept() {
@@ -85,8 +88,8 @@ std::unique_ptr<IpcRegion> IpcIntroduction::Accept() {
   return nullptr;
 }
 
-// A request that was seen may be gone: a connector that is killed between emptying the ring and writing its own request
-// leaves the ring empty. So nothing here waits for one.
+// The request that made the event may be gone: a connector that is killed between emptying the ring and writing its own
+// request leaves the ring empty. So this does not wait for one.
 bool IpcIntroduction::TryAccept(std::unique_ptr<IpcRegion>& connection) {
   connection.reset();
   region_.RepairHeaders();
@@ -103,7 +106,7 @@ bool IpcIntroduction::ReadRequest(u32 timeoutMs, bool& isValid) {
   return true;
 }
 
-// After a connector that has failed, the request of the next one may be there already.
+// After a connector has failed, the request of the next one may be there already.
 std::unique_ptr<IpcRegion> IpcIntroduction::ServeRequests() {
   bool isValid = true;
   do {
@@ -120,7 +123,8 @@ std::unique_ptr<IpcRegion> IpcIntroduction::ServeRequest() {
   const u32 start = GetTickCount();
   while (!WasJoined(*connection)) {
     const bool isOver = GetTickCount() - start >= kStepMs || HasNewerRequest() || IsConnectorGone();
-    // A connector joins before it leaves, so the last check comes after the one that found it gone.
+    // The check is repeated after the one that found the connector gone, because a connector joins the new region
+    // before it leaves this one.
     if (WasJoined(*connection)) break;
     if (isOver || !region_.IsOpen()) return nullptr;
     changed_.Wait(kCheckMs);
@@ -133,14 +137,16 @@ bool IpcIntroduction::SendReply(const std::string& connectionName) {
   std::memcpy(reply + kReplyHeaderSize, connectionName.data(), connectionName.size());
   const u32 length = kReplyHeaderSize + static_cast<u32>(connectionName.size());
   return region_.RunLocked(kStepMs, [&](IpcRing& input, IpcRing& output) {
+    // A newer request is in the ring: the connector of the older one is gone, and a reply now would be read by the
+    // wrong one.
     if (input.GetUsed() > 0) return false;
     output.Discard();
     return output.WriteQuietly(reply, length) == length;
   });
 }
 
-// True if no other process has L open and none holds its lock. A connector that is between the two regions has neither
-// open, but it still holds the lock; if it dies, the lock goes to the next connector, whose request comes soon.
+// True if no other process has L open and none holds its lock. A connector between the two regions has neither of them
+// open, but it still holds the lock. If it dies, the lock goes to the next connector, whose request comes soon.
 bool IpcIntroduction::IsConnectorGone() {
   if (!region_.IsPeerGone() || !connectLock_.Lock(0)) return false;
   connectLock_.Unlock();
@@ -152,7 +158,7 @@ void IpcIntroduction::PrepareNext() {
   try {
     next_ = MakeNext();
   } catch (const SyncException&) {
-    // Accept tries again, and reports the failure.
+    // The next Accept tries again, and reports the failure.
   }
 }
 

@@ -1,8 +1,8 @@
 // How two ends meet: on the region of a name L, under which the listener waits for connectors, each connector is told
 // the name of a private region that the listener has made for it.
 //
-// Only one connector at a time works on L, since it holds the mutex L.lck throughout. One that dies there leaves its
-// bytes and its attachments behind. Two rules keep them from the next connector:
+// Only one connector at a time works on L, since it holds the mutex L.lck throughout. A connector that dies there
+// leaves its bytes and its attachments behind. Two rules keep these from misleading the next connector:
 //
 //   - A connector empties both rings and writes its request in one step, under the locks of both rings.
 //   - The listener writes its reply in one step under the same locks, and only if no other request has come since the
@@ -12,7 +12,8 @@
 // listener to take, which makes "another request has come" the same as "there is something to read". docs/protocol.md
 // has the bytes.
 //
-// Threads: TryAccept, Accept and PrepareNext from one thread. It is ended from any other one by closing the region.
+// Threads: TryAccept, Accept and PrepareNext are called from one thread. Any other thread ends them by closing the
+// region.
 #ifndef KESTRUN_TRANSPORT_SHARED_IPC_INTRODUCTION_H_
 #define KESTRUN_TRANSPORT_SHARED_IPC_INTRODUCTION_H_
 
@@ -41,13 +42,14 @@ class IpcIntroduction {
   // The listener's part, on L, which `region` has created and which must outlive this. Throws SyncException.
   explicit IpcIntroduction(IpcRegion& region);
 
-  // Serves the request that is there: for at most 5 s, and no longer than its connector lives. False, at once, if there
-  // is none. `connection` is the private region, joined by its connector, or null if that went away or failed.
+  // Serves the request that is there, which takes at most 5 s and ends when its connector dies. False, at once, if
+  // there is no request. `connection` is the private region, joined by its connector, or null if the connector has gone
+  // or failed.
   bool TryAccept(std::unique_ptr<IpcRegion>& connection);
   // Waits for a request while L is open, and serves it as TryAccept does. Null also if the lock of a ring timed out.
   std::unique_ptr<IpcRegion> Accept();
 
-  // Makes the private region for the next connector, so that it does not wait for that.
+  // Makes the private region for the next connector in advance, so that the connector does not wait for that.
   void PrepareNext();
 
  private:

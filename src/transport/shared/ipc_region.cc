@@ -37,7 +37,7 @@ bool IpcRegion::Create(const std::string& name) {
   return true;
 }
 
-// The other end has written the sizes in the region: each is checked before its ring is used.
+// The sizes in the region were written by the other end, so each is checked before its ring is used.
 bool IpcRegion::Open(const std::string& name) {
   Leave();
   const Lock input(inputLock_);
@@ -63,7 +63,8 @@ void IpcRegion::Leave() {
   file_.reset();
 }
 
-// Both rings are detached before the peer is woken, so that it finds this end gone in whichever ring it checks.
+// Both rings are detached before the peer is woken, so that the peer finds this end gone in either ring. Interrupt
+// comes first: it ends a blocked reader or writer, which holds the lock that is taken next.
 void IpcRegion::Close() {
   isOpen_ = false;
   Interrupt();
@@ -116,6 +117,7 @@ bool IpcRegion::RunLocked(u32 lockTimeoutMs, const Step& step) {
   const Lock output(outputLock_);
   if (output_ == nullptr) return false;
   {
+    // Always .c2s first, at both ends: taken in different orders, the two ends could wait for one another.
     const IpcRing::LockGuard toOwner(isOwner_ ? *input_ : *output_, lockTimeoutMs);
     const IpcRing::LockGuard fromOwner(isOwner_ ? *output_ : *input_, lockTimeoutMs);
     if (!toOwner || !fromOwner || !step(*input_, *output_)) return false;
@@ -154,6 +156,7 @@ void IpcRegion::WakeReader() {
 bool IpcRegion::RecoverReader() {
   const Lock lock(inputLock_);
   if (input_ == nullptr) return false;
+  // Bytes that arrived while the lock was timed out were announced already and not read.
   if (input_->HasLockTimedOut() && IpcRing::LockGuard(*input_)) input_->WakeReader();
   return !input_->IsUnusable();
 }

@@ -10,8 +10,8 @@
 //
 // Owns the mapping, the rings and their kernel objects, which live for as long as some process has them open.
 //
-// Threads: one reader, and one writer at a time; the two may be different threads. Close comes from any thread at any
-// time and ends what is blocked. IsPeerGone, GetAttachCount and GetAttachTotal wait for neither reader nor writer.
+// Threads: one reader and one writer at a time, which may be different threads. Close may be called from any thread at
+// any time and ends blocked calls. IsPeerGone, GetAttachCount and GetAttachTotal wait for neither reader nor writer.
 //
 // Failure: Create and Open give false for a region that can't be had, and throw SyncException if a kernel object can't
 // be opened or made. Everything else moves nothing, and gives 0 or false, where there is no region.
@@ -53,7 +53,7 @@ class IpcRegion {
   // Ends a blocked Read or Write, leaves the region and wakes the peer.
   void Close();
 
-  // Until Close, or Leave, has begun.
+  // True until Close or Leave has begun.
   bool IsOpen() const { return isOpen_; }
   // Constant once created or opened, as is the next one.
   const std::string& GetName() const { return name_; }
@@ -103,9 +103,9 @@ class IpcRegion {
   bool isOwner_ = false;
   std::atomic<bool> isOpen_{false};
 
-  // Lock order as they stand. The pointers to the rings change under all three locks. A ring is read or written under
-  // its own lock, inputLock_ or outputLock_, which a blocked reader or writer holds while it waits. What must not wait
-  // for that uses ringsLock_ alone, which is never held across a wait.
+  // The locks are taken in this order. The pointers to the rings change under all three. A ring is read or written
+  // under its own lock, inputLock_ or outputLock_, which a blocked reader or writer holds while it waits. Calls that
+  // must not wait for that take ringsLock_ alone, which is never held during a wait.
   CriticalSection inputLock_;
   CriticalSection outputLock_;
   CriticalSection ringsLock_;

@@ -1,3 +1,12 @@
+// Writing and reading a ring. The steps of a writer, and those of a reader with the roles exchanged:
+//
+//   1. under the mutex   reads the indices; up to 512 bytes are copied and the index is moved, and the mutex released
+//     2. without it        copies a piece of a larger block into the free part, which the other end leaves alone
+//   3. under the mutex   moves the index behind the piece, and reads the indices again
+//   4. without it        wakes the other end, and waits if there is more to write than room
+//
+// The mutex is robust: if a process dies in step 1 or 3, the system passes it on. Each index is one store, so no state
+// in which a process can die needs to be repaired.
 #include "transport/shared/ipc_ring.h"
 
 #include <algorithm>
@@ -24,16 +33,17 @@ struct IpcRing::Indices {
 
 namespace {
 
-// Up to this size a block is copied under the lock: to take the lock a second time would take longer.
+// A block up to this size is copied under the lock, because taking the lock a second time would cost more.
 constexpr u32 kSmallBlock = 512;
-// What is copied at most before the index moves.
+// The most that is copied before the index moves: the other end can work on one piece while the next is copied.
 constexpr u32 kPiece = 0x4000;
 
 constexpr u32 kLockSliceMs = 20;
 constexpr u32 kLockLossMs = 5000;
 
-// The header lies in memory that another process reads and writes. Relaxed: the ring's mutex orders the indices and the
-// data. What is read without the mutex (attach count, generation, the indices in a spin) promises nothing about data.
+// The header lies in memory that another process reads and writes, so each access is atomic. Relaxed, in Load and
+// Store: the ring's mutex orders the indices and the data. No conclusion about data is drawn from values read without
+// the mutex (attach count, generation, the indices during a spin).
 template <class T>
 T Load(T& field) {
   return std::atomic_ref<T>(field).load(std::memory_order_relaxed);
@@ -41,6 +51,7 @@ T Load(T& field) {
 
 template <class T>
 void Store(T& field, T value) {
+  // Relaxed: see Load.
   std::atomic_ref<T>(field).store(value, std::memory_order_relaxed);
 }
 
@@ -75,6 +86,8 @@ IpcRing::~IpcRing() {
 }
 
 void IpcRing::Attach() {
+  // Atomic, because both ends change this field, and the generation, without the mutex: a stopped holder of the mutex
+  // must not delay a detachment.
   std::atomic_ref<u16>(header_->attachCount).fetch_add(1);
   readerGeneration_ = ReadGeneration();
   writerGeneration_ = readerGeneration_;
@@ -93,9 +106,9 @@ bool IpcRing::TakeLock(u32 timeoutMs) {
   return true;
 }
 
-// In short slices, since only the loop sees an Interrupt. A lock that has timed out already is not waited for again,
-// except for one slice where more than the usual timeout is given: its holder may have gone, and the one that holds it
-// now may be honest.
+// Waits in short slices, because only this loop sees an Interrupt. A lock that has timed out already is not waited for
+// again, except for one slice if the caller gives more than the usual timeout: the lock may have another holder by now,
+// which releases it soon.
 bool IpcRing::WaitForLock(u32 timeoutMs) {
   const u32 start = GetTickCount();
   if (HasLockTimedOut() && timeoutMs <= kLockTimeoutMs) return false;
@@ -109,6 +122,7 @@ bool IpcRing::WaitForLock(u32 timeoutMs) {
 }
 
 bool IpcRing::IsUnusable() const {
+  // 0 means that the lock is not timed out, so a tick count of 0 is stored as 1 (WaitForLock).
   const u32 since = lockTimedOutSince_;
   return IsCorrupt() || (since != 0 && GetTickCount() - since >= kLockLossMs);
 }
@@ -141,8 +155,8 @@ u32 IpcRing::WriteQuietly(const void* source, u32 length, u32 lockTimeoutMs) {
   return WriteInPieces(data, length, lockTimeoutMs, indices);
 }
 
-// Copies without the lock, which is taken between two pieces to move and read the indices: what is free stays free,
-// since only this end fills it. The reader may take one piece while the next one is copied.
+// Copies without the lock, which is only taken between two pieces to move and read the indices. The free part stays
+// free meanwhile, since only this end fills it.
 u32 IpcRing::WriteInPieces(const u8* source, u32 length, u32 lockTimeoutMs, Indices& indices) {
   u32 written = 0;
   while (const u32 count = std::min({length - written, indices.Free(), kPiece})) {
@@ -156,14 +170,14 @@ u32 IpcRing::WriteInPieces(const u8* source, u32 length, u32 lockTimeoutMs, Indi
   return written;
 }
 
-// A reader that made room, or detached, before the wait has left the event set.
+// Nothing is missed: a reader that made room, or detached, before the wait has left the event set.
 bool IpcRing::WaitForRoom(u32 wanted, u32 timeoutMs) {
   if (timeoutMs > 0 && writerSpin_.Await([&] { return SeemsToHaveRoom(std::min(wanted, kPiece)); })) return true;
   if (WaitForHandle(notFull_.GetHandle(), timeoutMs)) return true;
   return GetFree() > 0;
 }
 
-// A writer that wrote before the wait has left the event set.
+// Nothing is missed: a writer that wrote before the wait has left the event set.
 u32 IpcRing::Read(void* target, u32 length, u32 timeoutMs) {
   if (header_ == nullptr) return 0;
   u32 count = 0;
@@ -174,7 +188,7 @@ u32 IpcRing::Read(void* target, u32 length, u32 timeoutMs) {
   return 0;
 }
 
-// True if Read is done: `count` bytes were read, or none will come (corrupt, interrupted, an end has detached).
+// True if Read is finished: `count` bytes were read, or none will come (corrupt, interrupted, an end has detached).
 bool IpcRing::ReadWhatIsThere(u8* target, u32 length, u32& count) {
   Indices indices{};
   {
@@ -260,7 +274,8 @@ bool IpcRing::SeemsToHaveRoom(u32 count) const {
   return indices.Free() >= count || ReadGeneration() != writerGeneration_ || isInterrupted_;
 }
 
-// True once for each change: a peer that rewrites the field ends one wait of the writer with it, not all later ones.
+// True once for each change, so that a peer that keeps rewriting the field ends one wait of the writer and not all
+// later ones.
 bool IpcRing::WriterSeesDetachment() {
   const u16 known = writerGeneration_;
   writerGeneration_ = ReadGeneration();
@@ -285,6 +300,7 @@ u16 IpcRing::GetAttachTotal() const {
 
 bool IpcRing::ReadIndices(Indices& out) {
   out = {Load(header_->writeIndex), Load(header_->readIndex), capacity_};
+  // The capacity is this end's own copy; a peer that changes the one in memory changes nothing here.
   if (out.write < capacity_ && out.read < capacity_) return true;
   isCorrupt_ = true;
   return false;

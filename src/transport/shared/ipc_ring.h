@@ -28,8 +28,8 @@
 // timeout, after which they behave as if there was nothing to move. The lock counts as timed out until it is taken
 // again. A connection whose lock has been timed out for 5 s is closed.
 //
-// Threads: one reader and one writer may be inside at once, Interrupt comes from any thread, Detach only while no other
-// thread is inside.
+// Threads: one reader and one writer may be inside at once; Interrupt may be called from any thread, Detach only while
+// no other thread is inside.
 #ifndef KESTRUN_TRANSPORT_SHARED_IPC_RING_H_
 #define KESTRUN_TRANSPORT_SHARED_IPC_RING_H_
 
@@ -77,13 +77,13 @@ class IpcRing {
   IpcRing(const IpcRing&) = delete;
   IpcRing& operator=(const IpcRing&) = delete;
 
-  // Ends this view: the attach count falls and the generation rises, which is what the other end sees. Later calls
-  // find nothing and move nothing.
+  // Ends this view: the attach count falls and the generation rises, by which the other end learns of it. Later calls
+  // move nothing.
   void Detach();
 
-  // Blocks while the ring is full, for at most timeoutMs at a time, which is its lock timeout as well.
-  // Returns the bytes written: fewer than length when a wait ran out, the ring is corrupt, or it is full after some end
-  // has detached; those written stand.
+  // Blocks while the ring is full, for at most timeoutMs at a time, which is also the lock timeout. Returns the bytes
+  // written: fewer than length when a wait ran out, the ring is corrupt, or it is full after some end has detached;
+  // those written stand.
   u32 Write(const void* source, u32 length, u32 timeoutMs);
 
   // Writes what there is room for, without a wait for room and without waking the reader, which the caller does.

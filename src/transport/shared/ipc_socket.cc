@@ -10,6 +10,7 @@ namespace kestrun {
 
 namespace {
 
+// A blocked reader looks for a dead peer this often: a process that is killed sets no event.
 constexpr u32 kSliceMs = 1000;
 constexpr u32 kBothEnds = 2;
 
@@ -104,7 +105,7 @@ IpcSocket::Result IpcSocket::Read(void* target, u32 length, u32 timeoutMs) {
     if (timeoutMs == 0 || result.count > 0) break;
     if (region_->IsPeerGone()) LosePeer();
   }
-  // The peer may have written between the last read and its end.
+  // The peer may have written between the last read and its end; those bytes are still delivered.
   if (GetState() == State::kClosed) result.count += ReadRing(next + result.count, length - result.count, 0);
   result.isConnected = IsConnected();
   return result;
@@ -125,13 +126,15 @@ int IpcSocket::GetWaitHandle() {
   if (handle == nullptr) throw SocketException("NULL waitable handle from input buffer.");
   if (IsConnected() && region_->IsPeerGone()) LosePeer();
   if (!region_->RecoverReader()) LosePeer();
-  // Also if a writer has found the peer gone: the thread that waits on the handle must read that from the socket.
+  // Another thread's write may have found the peer gone. The thread that waits on the handle is woken, so that it reads
+  // and learns of it.
   if (GetState() == State::kClosed) region_->WakeReader();
   return platform::HandleToInt(handle);
 }
 
 void IpcSocket::LosePeer() {
   State expected = State::kConnected;
+  // Only from connected: a socket that listens or has failed keeps its state.
   state_.compare_exchange_strong(expected, State::kClosed);
 }
 

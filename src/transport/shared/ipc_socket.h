@@ -7,9 +7,9 @@
 //
 // Counted: held by rc_ptr. Owns all its handles and its mapping.
 //
-// Threads: one reader, and writers one at a time (StreamAdapter and the channels see to that); reader and writer may be
-// two threads, and neither waits for the other. Close may come from any thread at any time and ends what is blocked in
-// Read, Write or Accept.
+// Threads: one reader, and writers one at a time, for which StreamAdapter and the channels have locks. Reader and
+// writer may be two threads, and neither waits for the other. Close may be called from any thread at any time, and ends
+// calls that are blocked in Read, Write or Accept.
 //
 //   state       entered by                                             left by
 //   closed      construction; Close; a read, a write or a wait handle  Listen, Connect
@@ -26,9 +26,10 @@
 //   dies while attached handle count of the ring's events is 1   GetWaitHandle; a blocked reader or writer once a
 //   second
 //
-// An accepting end also takes a peer for gone that keeps the lock of a ring for 5 s, and never waits for it in Read.
+// An accepting end also treats a peer as gone that keeps the lock of a ring for 5 s, and never waits for that lock in
+// Read.
 //
-// What the peer wrote before it went is still read; only then the socket counts as no longer connected.
+// Bytes that the peer wrote before it went are still delivered; only then does the socket count as no longer connected.
 //
 // Listen, Connect and Accept report failure by their result; a kernel object that can't be opened or made is a
 // SyncException.
@@ -67,23 +68,23 @@ class IpcSocket : public rc_base {
   // False if the name is in use or too long.
   bool Listen(const std::string& name);
 
-  // Serves the request that is there: for at most 5 s, and no longer than its connector lives. False, at once, if there
-  // is none. `connection` is a new connected socket, or empty if the connector went away or failed.
+  // Serves the request that is there, which takes at most 5 s and ends when its connector dies. False, at once, if
+  // there is no request. `connection` is a new connected socket, or empty if the connector has gone or failed.
   bool TryAccept(rc_ptr<IpcSocket>& connection);
   // Waits for a request for as long as the socket listens, and serves it as TryAccept does. Empty also if the lock of a
   // ring timed out.
   rc_ptr<IpcSocket> Accept();
 
-  // Makes what the next connection needs, so that its connector does not wait for that. Without it Accept does the same
-  // when it is asked. From the thread that accepts.
+  // Makes what the next connection needs in advance, so that its connector does not wait for that; otherwise Accept
+  // makes it. To be called from the thread that accepts.
   void PrepareNext();
 
   // Waits while other connectors are being introduced, for each of them at most timeoutMs, and then at most timeoutMs
   // for the listener's answer. False if no socket listens on the name (the state stays as it was) or the introduction
   // failed (state failed).
   bool Connect(const std::string& name, u32 timeoutMs);
-  // Of a Connect that has failed because another process keeps its turn: a text for the user that names it. Else empty.
-  // From the thread that connects.
+  // After a Connect that has failed because another process keeps its turn: a text for the user that names the process.
+  // Empty otherwise. To be called from the thread that connects.
   const std::string& GetObstacle() const { return obstacle_; }
 
   void Close();

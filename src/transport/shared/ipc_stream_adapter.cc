@@ -6,6 +6,7 @@ namespace kestrun {
 
 namespace {
 
+// How long one attempt waits for room; after each the peer is checked.
 constexpr u32 kTryMs = 1000;
 
 }  // namespace
@@ -39,7 +40,8 @@ u32 IpcSocket::StreamAdapter::Write(const void* buffer, u32 count) {
   return count;
 }
 
-// Defined here so that ipc_socket.cc does not depend on the adapter, which depends on it.
+// Defined here and not in ipc_socket.cc, so that the socket does not depend on the adapter, which depends on the
+// socket.
 void IpcSocket::GetStream(rc_ptr<Stream>& out) {
   out = new StreamAdapter(this);
 }

@@ -28,6 +28,7 @@ u32 IdOf(HANDLE handle) {
 }  // namespace
 
 MutexOwner GetMutexOwner(HANDLE mutex) {
+  // Looked up by name, since not every system has it; then no owner is known.
   static const NtQueryMutantFunction query = FindEntryPoint();
   OwnerInformation owner{};
   if (query == nullptr || query(mutex, kMutantOwnerInformation, &owner, sizeof owner, nullptr) < 0) return {};

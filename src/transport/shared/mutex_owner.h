@@ -1,4 +1,4 @@
-// Which thread owns a named mutex, so that a connector can tell a turn that passes on from one that does not.
+// Which thread owns a named mutex. A connector tells by it whether turns pass on or one process keeps its turn.
 #ifndef KESTRUN_TRANSPORT_SHARED_MUTEX_OWNER_H_
 #define KESTRUN_TRANSPORT_SHARED_MUTEX_OWNER_H_
 
@@ -13,7 +13,7 @@ struct MutexOwner {
   u32 thread = 0;
 };
 
-// Any thread.
+// Never fails: isKnown is false if the system does not tell. May be called from any thread.
 MutexOwner GetMutexOwner(HANDLE mutex);
 
 }  // namespace kestrun

@@ -68,6 +68,7 @@ bool Address::IsValid() const {
   return GetSocketAddress(ignored);
 }
 
+// An ipc or int address names something on this machine by its kind.
 bool Address::IsLocal() const {
   if (kind_ == kIpc || kind_ == kInt) return true;
   SocketAddress address;
@@ -78,6 +79,7 @@ bool Address::GetSocketAddress(SocketAddress& out) const {
   if (!IsInternetKind(kind_)) return false;
   const size_t slash = text_.find('/');
   if (slash == std::string::npos) return false;
+  // 0 is no port that can be connected to.
   const long port = std::strtol(text_.c_str() + slash + 1, nullptr, 10);
   if (port < 1 || port > 65535) return false;
   out = SocketAddress(text_.substr(0, slash), static_cast<u16>(port));

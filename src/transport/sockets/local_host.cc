@@ -4,6 +4,7 @@ namespace kestrun {
 
 namespace {
 
+// A function's static, so that it exists before any other static object asks for it. Without a lock; see the header.
 std::string& LocalHostName() {
   static std::string name;
   return name;

@@ -7,6 +7,7 @@ namespace kestrun {
 
 namespace {
 
+// How many connections wait to be accepted; more are refused or retried by the system.
 constexpr int kBacklog = 5;
 
 int Size(u32 length) {
@@ -17,6 +18,7 @@ int Size(u32 length) {
   throw SocketException(WSAGetLastError(), message);
 }
 
+// Winsock's handles are inheritable unless this is said, and a child that has one keeps the connection open.
 void KeepFromChildren(SOCKET descriptor) {
   SetHandleInformation(reinterpret_cast<HANDLE>(descriptor), HANDLE_FLAG_INHERIT, 0);
 }
@@ -28,7 +30,7 @@ SOCKET Create(int family, int type) {
   return created;
 }
 
-// As select: 1, 0 when the limit is over, or SOCKET_ERROR.
+// As select does: 1 if the socket is writable, 0 after the limit, or SOCKET_ERROR.
 int WaitUntilWritable(SOCKET descriptor, u32 timeoutMs) {
   fd_set writable;
   FD_ZERO(&writable);
@@ -64,11 +66,13 @@ void Socket::CloseAndThrow(int error, const char* message) {
 void Socket::Close() {
   const u32 descriptor = descriptor_.exchange(kInvalidDescriptor);
   if (descriptor == kInvalidDescriptor) return;
+  // The shutdown wakes a thread that is in a call on this socket; the exchange above lets one thread close.
   shutdown(descriptor, SD_BOTH);
   closesocket(descriptor);
 }
 
 u32 Socket::Send(const void* data, u32 length, u32 timeoutMs) {
+  // A socket can be writable and full again when send is called, so the wait is repeated.
   constexpr int kAttempts = 3;
   if (timeoutMs == 0) return Send(data, length);
   const bool wasBlocking = IsBlocking();
@@ -102,7 +106,7 @@ u32 Socket::Receive(void* data, u32 length) {
     const int error = WSAGetLastError();
     if (error != WSAEWOULDBLOCK) throw SocketException(error, "In recv()");
     if (!IsBlocking()) return 0;
-    // A sender had the socket non-blocking for a moment.
+    // Another thread's Send with a limit had made the socket non-blocking for a moment, so the call is repeated.
   }
 }
 
@@ -203,6 +207,7 @@ u32 Socket::GetAvailable() {
 
 SocketAddress Socket::Ask(SocketAddress& cached, int (*ask)(SOCKET, sockaddr*, int*)) {
   const Lock lock(addressLock_);
+  // Asked once: a peer that has gone has no address any more, but messages still name it.
   if (cached.IsValid()) return cached;
   sockaddr_in found{};
   int size = sizeof found;

@@ -15,6 +15,7 @@ constexpr char kLoopback[] = "127.0.0.1";
 }  // namespace
 
 SocketAddress::SocketAddress(const std::string& host, u16 port) : SocketAddress(port) {
+  // Addresses in numbers need no look-up, which may block.
   const auto numeric = inet_addr(host.c_str());
   if (numeric != INADDR_NONE) {
     address_.sin_addr.s_addr = numeric;
@@ -61,6 +62,7 @@ bool SocketAddress::IsLocal() const {
   return SocketAddress(machine, GetPort()) == *this;
 }
 
+// Bytewise, so the unused bytes of the structure must be zero, as the initialisation makes them.
 int SocketAddress::Compare(const SocketAddress& other) const {
   return std::memcmp(&address_, &other.address_, sizeof address_);
 }

@@ -1,4 +1,6 @@
-// Thrown by the sockets. The code is the Winsock error, or -1 where there is none.
+// Thrown by the operations of sockets.
+//
+// The code is the Winsock error, or -1 if there is none. 0 stands for an end of the connection in order (Receive).
 #ifndef KESTRUN_TRANSPORT_SOCKETS_SOCKET_EXCEPTION_H_
 #define KESTRUN_TRANSPORT_SOCKETS_SOCKET_EXCEPTION_H_
 

@@ -54,6 +54,7 @@ u32 SocketStream::Write(const void* buffer, u32 count) {
       throw StreamException(error.GetCode(),
                             "SocketStream::Write() failed " + Progress(sent, count) + ": " + error.what());
     }
+    // Checked after the last piece as well: a write that took too long has failed, even if all of it went out.
     const DWORD spent = GetTickCount() - start;
     if (spent >= writeTimeoutMs_) {
       throw StreamException(WSAETIMEDOUT, "SocketStream::Write() timed-out " + Progress(sent, count));
