@@ -11,6 +11,8 @@ namespace kestrun {
 
 namespace {
 
+// A stream of the tool's output, whose loss must not go unnoticed. Error lines of Kestrun itself are written without
+// that.
 struct CheckedStream {
   std::FILE* file;
   const char* name;
@@ -31,7 +33,7 @@ bool Write(std::FILE* file, std::string_view text) {
   return std::fwrite(text.data(), 1, text.size(), file) == text.size() && std::fflush(file) == 0;
 }
 
-// Nothing follows a part that was lost.
+// Writes nothing after a part that was lost: output with a gap in the middle would mislead.
 void WriteChecked(CheckedStream& stream, std::string_view text) {
   if (stream.hasFailed || Write(stream.file, text)) return;
   const platform::WriteFailure failure = platform::LastWriteFailure();
@@ -58,6 +60,7 @@ void PrintWarning(std::string_view text) {
   Write(stderr, "KESTRUN: warning: " + std::string(text) + "\n");
 }
 void PrintNoMaster(const std::string& error) {
+  // The caller's look for the master has set the last error; it is read before this writes anything.
   const bool couldLook = GetLastError() != ERROR_TOO_MANY_OPEN_FILES;
   PrintError(error);
   if (!couldLook) return;

@@ -1,4 +1,4 @@
-// What the user reads. Each call is one write, flushed, so that lines of several threads stay whole.
+// Writing to the user. Each call is one write, flushed, so that lines of several threads stay whole.
 #ifndef KESTRUN_APP_CONSOLE_H_
 #define KESTRUN_APP_CONSOLE_H_
 
@@ -6,9 +6,9 @@
 
 namespace kestrun {
 
-// The bytes as they are, with nothing added. The first write that fails is reported on the standard error stream, and
-// what would follow it on the same stream is dropped. Where the reader of a pipe has gone the process ends at once, as
-// other programs do.
+// Write the bytes as they are. The first write that fails is reported on the standard error stream, and everything
+// after it on the same stream is dropped. If the reader of a pipe has gone the process ends at once, as other programs
+// do.
 void WriteStandardOutput(std::string_view text);
 void WriteStandardError(std::string_view text);
 
@@ -20,8 +20,8 @@ bool HasLostOutput();
 void PrintError(std::string_view text);
 void PrintWarning(std::string_view text);
 
-// The error of a client that found no master, and below it how to start one. Not where the last error says that this
-// process may open no more files: then it could not look.
+// Prints the error of a client that found no master, and below it how to start one. The second line is left out if the
+// last error says that this process may open no more files, since it could not look for a master then.
 void PrintNoMaster(const std::string& error);
 
 }  // namespace kestrun

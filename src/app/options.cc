@@ -11,7 +11,8 @@ void ReplaceMarker(std::string& text, const std::string& marker) {
   std::size_t found = text.find(marker);
   while (found != std::string::npos) {
     text.replace(found, marker.size(), kDefaultMarker);
-    // There was no marker before this one, so the next can begin at most a marker's length before its place.
+    // No marker was before this one, so a new one that the replacement forms begins less than a marker's length before
+    // it.
     found = text.find(marker, found - std::min(found, marker.size() - 1));
   }
 }

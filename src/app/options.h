@@ -1,4 +1,5 @@
-// The options of a process as a plain, copyable record. The front end fills it; every stub keeps a copy of its own.
+// The options of a process as a plain, copyable record. The front end fills it, and every stub keeps a copy of its own,
+// so that nothing changes while it runs.
 #ifndef KESTRUN_APP_OPTIONS_H_
 #define KESTRUN_APP_OPTIONS_H_
 

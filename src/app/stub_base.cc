@@ -9,9 +9,11 @@ namespace kestrun {
 
 namespace {
 
+// What the protocol can carry for a folder, NUL included.
 constexpr u32 kMaxPath = 260;
 constexpr u32 kIdBufferSize = 256;
 
+// A pointer and not a counted one: stubs are objects on the stack of main.
 StubBase* currentStub = nullptr;  // guarded by CurrentLock
 
 std::string ResolveId(const Options& options) {
@@ -58,6 +60,7 @@ std::string ReadBoundedVariable(const char* name, u32 bufferSize) {
   std::vector<char> buffer(bufferSize);
   const u32 length = GetEnvironmentVariableA(name, buffer.data(), bufferSize);
   if (length < bufferSize) return std::string(buffer.data(), length);
+  // One warning for each variable, since several parts of a stub read the same one. Without a lock: main thread only.
   static std::set<std::string> reported;
   if (reported.insert(name).second) PrintWarning(std::string(name) + " is too long, ignored");
   return {};

@@ -1,5 +1,5 @@
-// What every form of a working process shares: the identifier that ties a master and its clients together, the
-// settings, a copy of the options, and the registration through which the console-control handler finds the stub.
+// What all forms of the program share: the id that ties a master and its clients together, the settings, a copy of the
+// options, and the registration by which the console-control handler finds the running stub.
 #ifndef KESTRUN_APP_STUB_BASE_H_
 #define KESTRUN_APP_STUB_BASE_H_
 
@@ -12,8 +12,8 @@
 
 namespace kestrun {
 
-// A stub lives on the stack of main. Run is called once, on the main thread; Stop comes from the console-control
-// handler's thread at any time while the stub is registered, and the process ends right after it.
+// A stub is an object on the stack of main. Run is called once, on the main thread. Stop is called on the
+// console-control handler's thread, at any time while the stub is registered, and the process ends right after it.
 class StubBase : public rc_base {
  public:
   // The id is Options::id, else KESTRUN_ID, else this process's own id. The settings outlive the stub.

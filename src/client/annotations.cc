@@ -11,6 +11,7 @@ void RemoveAll(std::string& text, std::string_view mark) {
   std::size_t found = text.find(mark);
   while (found != std::string::npos) {
     text.erase(found, mark.size());
+    // The removal may have formed a new mark, which begins less than a mark's length before it.
     found = text.find(mark, found - std::min(found, mark.size() - 1));
   }
 }

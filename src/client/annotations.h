@@ -5,9 +5,9 @@
 
 namespace kestrun {
 
-// The command text without the annotations that only a master understands: the text is cut at the first "$$C", and each
-// "$$I:" and "$$O:" is removed, also one that the removal of another forms. The text behind those four characters
-// stays.
+// The command text without the annotations that only a master understands. The text is cut off at the first "$$C", and
+// each "$$I:" and "$$O:" is removed, also one that is formed by the removal of another. The text that follows those
+// four characters stays.
 std::string StripAnnotations(std::string text);
 
 }  // namespace kestrun

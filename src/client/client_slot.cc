@@ -1,3 +1,12 @@
+// A client's steps on the table of clients (protocol/place_table.h):
+//
+//   1. makes the event of its word        the master takes a word without an event for that of a dead client
+//   2. writes the word, "asking"          by a compare-and-swap from 0
+//   3. sets the master's event            the master looks at the table
+//   4. waits for its own event            the word is "granted" then
+//   5. "returned", or 0 without a grant   the master reclaims the entry
+//
+// A client that is killed after any step leaves a word whose event is gone, by which the master reclaims it.
 #include "client/client_slot.h"
 
 #include <algorithm>
@@ -20,7 +29,8 @@ u32 MakeStamp() {
   return static_cast<u32>(counter.QuadPart);
 }
 
-// A live master owns the mutex. A client owns it only for the moment of this check.
+// True if a master lives: it owns the mutex. A client that takes it finds it abandoned or free, and gives it back at
+// once.
 bool IsKept(HANDLE keeper) {
   if (!WaitForHandle(keeper, 0)) return true;
   ReleaseMutex(keeper);
@@ -35,7 +45,7 @@ bool ClientSlot::Open(const std::string& id, bool usesTable) {
   if (!usesTable) return true;
   UniqueHandle keeper(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, GetKeeperName(id).c_str()));
   if (!keeper) return true;
-  // The master has died, and its other clients keep the objects open: no request would ever be granted.
+  // The master has died, and other clients keep its objects open, so no request would ever be granted.
   if (!IsKept(keeper.Get())) return false;
   request_ = MakeRequest(id, {});
   if (!request_) return true;
@@ -66,14 +76,14 @@ std::unique_ptr<ClientSlot::Request> ClientSlot::MakeRequest(const std::string& 
   }
   if (request->view->GetSize() < PlaceTable::kSize) return nullptr;
   request->word = MakePlaceWord(GetCurrentProcessId(), MakeStamp(), PlaceState::kAsking);
-  // The event has to exist before the word is in the table: the master reclaims a word that has no event.
+  // The event must exist before the word is in the table, because the master reclaims a word without an event.
   request->answer.Reset(CreateEventA(nullptr, FALSE, FALSE, GetPlaceName(id, request->word).c_str()));
   const bool isNew = GetLastError() != ERROR_ALREADY_EXISTS;
   if (isNew && !noteText.empty()) WriteNote(id, noteText, *request);
   return request->answer && isNew && TakeEntry(*request) ? std::move(request) : nullptr;
 }
 
-// Without it the master knows less of the job, and runs it all the same.
+// A failure is ignored: without the note the master knows less of the job, and grants its slot all the same.
 void ClientSlot::WriteNote(const std::string& id, std::string_view text, Request& request) {
   try {
     request.noteRegion = std::make_unique<MappedFile>(GetNoteName(id, request.word), ToolNote::kSize, true);
@@ -91,11 +101,11 @@ void ClientSlot::NoteEnd(i32 exitCode, std::int64_t cpuUs, std::int64_t peakMemo
   note.exitCode = exitCode;
   note.cpuUs = cpuUs;
   note.peakMemoryBytes = peakMemoryBytes;
-  // Release: the master that sees this sees what is above.
+  // Release: a master that sees the flag also sees the fields above.
   note.hasEnded.store(1, std::memory_order_release);
 }
 
-// Clients that start together search from different entries, so that they rarely compete for one.
+// Clients search from different entries, so that those that start together rarely compete for one.
 bool ClientSlot::TakeEntry(Request& request) {
   PlaceTable& table = *static_cast<PlaceTable*>(request.view->GetData());
   const u32 first = static_cast<u32>(request.word >> 32) % PlaceTable::kSlots;
@@ -118,13 +128,14 @@ ClientSlot::Outcome ClientSlot::Wait(u32 timeoutMs) {
     isAdmitted_ = WaitForHandle(access_.Get(), timeoutMs);
     return isAdmitted_ ? Outcome::kAdmitted : Outcome::kTimeOver;
   }
-  // Where a slot is free the grant arrives sooner than a thread falls asleep and wakes again.
+  // If a slot is free, the grant arrives sooner than a thread could fall asleep and wake up.
   AdaptiveSpin(AdaptiveSpin::kMostChecks).Await([this] { return IsGranted(); });
   for (u32 waitedMs = 0; waitedMs < timeoutMs;) {
     if (IsGranted()) return Outcome::kAdmitted;
     const u32 sliceMs = std::min(kMasterCheckMs, timeoutMs - waitedMs);
     const bool isAnswered = WaitForHandle(request_->answer.Get(), sliceMs);
     if (isAnswered || IsGranted()) continue;
+    // Asked only after a slice without an answer, since asking takes the mutex.
     if (!IsKept(request_->keeper.Get())) return Outcome::kMasterGone;
     waitedMs += sliceMs;
   }
@@ -132,7 +143,7 @@ ClientSlot::Outcome ClientSlot::Wait(u32 timeoutMs) {
 }
 
 // Withdraws a request that is not granted, or returns the granted slot. The first exchange fails only if the grant came
-// before it, and no grant can come after it.
+// before it; after it has succeeded no grant can come.
 ClientSlot::~ClientSlot() {
   if (isAdmitted_) ReleaseSemaphore(access_.Get(), 1, nullptr);
   if (!request_ || request_->entry == nullptr) return;

@@ -18,8 +18,8 @@ namespace kestrun {
 
 // Asks for a slot, waits until it is granted, and gives it back when the object is destroyed.
 //
-// Where the master keeps a table of clients the request is written there, and the master grants the slot. It also
-// reclaims the slot of a client that was killed. Without a table, or when the table is full, the client takes its slot
+// If the master keeps a table of clients, the request is written there and the master grants the slot; the master also
+// reclaims the slot of a client that was killed. Without a table, or if the table is full, the client takes its slot
 // from the master's semaphore directly. One thread at a time uses the object.
 class ClientSlot {
  public:
@@ -33,8 +33,8 @@ class ClientSlot {
   // False if there is no master. A master that died while its other clients keep its objects open is recognised only
   // with `usesTable`, which tells whether to look for a table.
   bool Open(const std::string& id, bool usesTable);
-  // The same for a table alone, without a semaphore behind it. False if there is none, or if it is full.
-  // `noteText` is told to the master (ToolNote).
+  // The same for a table alone, without a semaphore behind it. False if there is none, or if it is full. `noteText` is
+  // passed to the master (ToolNote).
   bool OpenTable(const std::string& id, std::string_view noteText);
   // After OpenTable: how the tool has ended, for the master. Sizes and times are -1 where they are not known.
   void NoteEnd(i32 exitCode, std::int64_t cpuUs, std::int64_t peakMemoryBytes);

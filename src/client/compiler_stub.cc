@@ -24,12 +24,13 @@ int CompilerStub::Run() {
   if (!WaitForAccess()) return kFailure;
   int exitCode = -1;
   if (HasSendableDirectory() && RunAtMaster(project, exitCode)) return exitCode;
+  // After a stop the tool must not be run locally.
   if (connection_.IsStopped()) return kFailure;
   PrintWarning("building locally...");
   return RunLocally();
 }
 
-// The local build is stopped first, so that the end of the channel can't start one.
+// The local build is stopped first: the end of the channel, which follows, would otherwise start one.
 void CompilerStub::Stop(const std::string&) {
   localBuild_.Stop();
   connection_.Stop();
@@ -66,6 +67,7 @@ bool CompilerStub::HandleResult(const rc_ptr<Message>& message, int& exitCode) {
   const std::string_view stderrText = reader.GetText(SEG_STDERR);
   i32 code = 0;
   const bool isLast = reader.ReadInt(SEG_EXIT_CODE, code);
+  // The master could not run the tool; the result's text is Kestrun's own message.
   if (isLast && code == StubFailureCode) {
     PrintError(stderrText);
     return true;

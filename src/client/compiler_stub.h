@@ -1,4 +1,4 @@
-// Stands in for one tool invocation: the caller sees a tool that behaves as usual.
+// Stands in for one invocation of a tool, so that the caller sees a tool that behaves as usual.
 #ifndef KESTRUN_CLIENT_COMPILER_STUB_H_
 #define KESTRUN_CLIENT_COMPILER_STUB_H_
 
@@ -13,7 +13,7 @@
 namespace kestrun {
 
 // Waits for admission by the master, sends the tool as a build request, echoes what comes back and gives the tool's
-// exit code. If the exchange fails once the stub was admitted it says so and runs the tool itself.
+// exit code. If the exchange fails after the stub was admitted, it prints a warning and runs the tool itself.
 //
 // The client slot is held until the destructor. Run works on one thread, Stop comes from another: it breaks the running
 // tool and closes the channel, and no local build starts afterwards.

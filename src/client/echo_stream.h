@@ -7,9 +7,9 @@
 
 namespace kestrun {
 
-// A write-only stream in front of one of the functions of app/console.h: each write goes out at once, byte for byte. A
-// write that fails is that function's business. One writer at a time; two streams over two functions may be written by
-// two threads.
+// A write-only stream over one of the functions of app/console.h: each write goes out at once, byte for byte. That
+// function handles a write that fails. One writer at a time; two streams over two functions may be written by two
+// threads.
 class EchoStream : public Stream {
  public:
   using WriteFunction = void (*)(std::string_view);

@@ -18,7 +18,7 @@ std::string FromFirstNonBlank(const std::string& text, std::size_t position) {
   return start == std::string::npos ? std::string() : text.substr(start);
 }
 
-// A quoted tool ends at the next quote, a plain one at the first blank, which goes with it.
+// A quoted tool ends at the next quote, any other at the first space, which is dropped. Tabs do not end it.
 ScriptJob ParseJobLine(const std::string& line) {
   const bool quoted = line.front() == '"';
   const std::size_t start = quoted ? 1 : 0;
@@ -29,8 +29,8 @@ ScriptJob ParseJobLine(const std::string& line) {
   return job;
 }
 
-// Where each of the lines that SplitLines gives begins, from 1. A CR alone, which ends a line as well, is not counted:
-// editors don't either.
+// The number, from 1, of the first line of each logical line that SplitLines gives. A CR alone ends a line for
+// SplitLines, but does not count as one here, as in editors.
 std::vector<u32> NumberLines(const std::string& text) {
   constexpr const char* kLineEnds = "\r\n";
   std::vector<u32> numbers;
@@ -77,6 +77,7 @@ std::vector<ScriptJob> ParseJobScript(const std::string& text) {
     const u32 number = numbers[index++];
     const std::string line = FromFirstNonBlank(logicalLine, 0);
     if (line.empty() || line.front() == '#' || line.front() == ';') continue;
+    // "echo" needs no blank behind it, so a line that only begins with the word counts as well.
     if (line.compare(0, kEchoLength, kEchoWord) == 0) {
       echoText += FromFirstNonBlank(line, kEchoLength) + "\r\n";
       continue;

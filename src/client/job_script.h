@@ -1,5 +1,5 @@
-// The grammar of job scripts; docs/job-scripts.md has it for users. Text goes in as bytes and comes out as a list of
-// jobs; nothing is looked up, opened or sent here.
+// Parses job scripts; docs/job-scripts.md has the grammar for users. Pure functions from text to a list of jobs:
+// nothing is looked up, opened or sent here.
 #ifndef KESTRUN_CLIENT_JOB_SCRIPT_H_
 #define KESTRUN_CLIENT_JOB_SCRIPT_H_
 

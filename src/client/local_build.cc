@@ -20,8 +20,8 @@ int LocalBuild::Run(const Path& toolPath, const std::string& command) {
     if (isStopped_) return kNotRun;
     process_ = process;
   }
-  // A stop that comes from here on, before the tool has started, is followed by the end of this process. That closes
-  // the job, and the tool ends with its job.
+  // A stop that comes between here and the start of the tool finds no process to interrupt. But the end of this process
+  // follows it, which closes the job and so ends the tool.
   rc_ptr<Stream> out = new EchoStream(WriteStandardOutput);
   rc_ptr<Stream> err = new EchoStream(WriteStandardError);
   return process->Run(StripAnnotations(command), out.Get(), err.Get(), Process::OWN_JOB, nullptr, 0, false);

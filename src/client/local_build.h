@@ -1,4 +1,4 @@
-// The local build: what a client does with its tool when the master is out of reach.
+// The local build: how a client runs its tool if it can't reach the master.
 #ifndef KESTRUN_CLIENT_LOCAL_BUILD_H_
 #define KESTRUN_CLIENT_LOCAL_BUILD_H_
 

@@ -20,7 +20,7 @@ namespace {
 
 constexpr u32 kProjectBufferSize = 256;
 constexpr u32 kDefaultIpcTimeoutMs = 10000;
-// From here on a wait is worth a record of the log, so that a client that hangs can be told from one that builds.
+// A longer wait is recorded in the log, so that a client that hangs can be told from one that builds.
 constexpr u32 kLongWaitMs = 2000;
 
 void LogLongWait(const char* thing) {
@@ -63,6 +63,8 @@ bool MasterConnection::OpenClientAccess() {
   return slot_.Open(id_, settings_.GetBool("Extensions/ReclaimPlaces", false));
 }
 
+// A wait is cut at the times of its notices. Without a log and outside of a job the list is empty, and the wait is one
+// call.
 std::vector<MasterConnection::Notice> MasterConnection::ListNotices(const char* thing) {
   std::vector<Notice> notices;
   if (IsLogOpen()) notices.push_back({kLongWaitMs, [thing] { LogLongWait(thing); }});
@@ -123,6 +125,7 @@ rc_ptr<Message> MasterConnection::BuildRequest(const Path& toolPath, const std::
       .AddU32(SEG_JOB_TIMEOUT, options_.timeoutSeconds)
       .AddString(SEG_JOB_NAME, options_.name);
   AddEnvironment(*request);
+  // By the process id the master finds the job below which this client runs.
   if (settings_.GetBool("Extensions/TransparentTools", false)) {
     request->AddU32(SEG_CLIENT_PROCESS, GetCurrentProcessId());
   }
@@ -140,7 +143,7 @@ bool MasterConnection::Connect() {
   const u32 timeoutMs = settings_.GetInt("LocalSettings/IpcTimeout", kDefaultIpcTimeoutMs);
   const u32 start = GetTickCount();
   const bool isConnected = socket->Connect(GetListeningName(id_), timeoutMs);
-  // A connector has its turn in one call, so this wait can be told only when it is over.
+  // The introduction is one call, so this wait can only be recorded after it.
   if (GetTickCount() - start >= kLongWaitMs) LogLongWait("the introduction to the master");
   if (!isConnected) {
     ReportObstacle(socket->GetObstacle());
@@ -183,7 +186,7 @@ rc_ptr<Message> MasterConnection::Receive(int timeoutMs) {
   const u32 start = GetTickCount();
   for (const Notice& notice : ListNotices("the result")) {
     for (u32 waitedMs = 0; waitedMs < notice.afterMs; waitedMs = GetTickCount() - start) {
-      // The socket waits for whole seconds, so it may give up before the limit while it is still connected.
+      // The socket waits for whole seconds, so it may return before the limit while it is still connected.
       const rc_ptr<Message> message = channel->Receive(static_cast<int>(notice.afterMs - waitedMs));
       if (message || !channel->IsConnected()) return LogReceived(message);
     }
@@ -192,7 +195,8 @@ rc_ptr<Message> MasterConnection::Receive(int timeoutMs) {
   return LogReceived(channel->Receive(timeoutMs));
 }
 
-// The copy keeps the channel alive here while the main thread drops it.
+// Closed without the lock, which the main thread may need to see that it was stopped. The reference keeps the channel
+// alive while the main thread drops its own.
 void MasterConnection::Stop() {
   rc_ptr<IpcChannel> channel;
   {
@@ -220,6 +224,7 @@ std::string ChooseProject(const Options& options) {
 
 bool HasSendableDirectory() {
   if (!GetWorkingDirectory().empty()) return true;
+  // The system answers with the length for a name that is too long, and fails for a folder that is gone.
   if (GetCurrentDirectoryA(0, nullptr) == 0 && GetLastError() == ERROR_FILE_NOT_FOUND) {
     PrintError("the working directory has been deleted");
     return false;

@@ -1,4 +1,4 @@
-// A client's side of everything that passes between it and its master.
+// A client's side of all communication with its master.
 #ifndef KESTRUN_CLIENT_MASTER_CONNECTION_H_
 #define KESTRUN_CLIENT_MASTER_CONNECTION_H_
 
@@ -16,19 +16,20 @@
 
 namespace kestrun {
 
-// Admission, the channel, and the build requests that are sent on it. The client slot is held until the destructor.
+// Admission, the channel, and the build requests that are sent on it. The client slot is held until the destructor
+// runs.
 //
 // Owned by a client stub. The main thread opens, waits, builds requests, connects and receives. Send may come from
 // another thread once Connect has succeeded; Stop and IsStopped may come from any thread at any time.
 //
-// A client that a job of the same master has started waits for other clients while its job keeps a thread of the master
-// busy, and may do so for ever. After ten seconds of waiting, for admission or for a result, it warns of that, once.
+// A client that was started by a job of the same master waits for other clients while its job occupies a thread of the
+// master, and may wait for ever. After ten seconds of waiting, for admission or for a result, it prints a warning once.
 //
 // Failures are bool results or empty messages, and reported as error lines on the standard error stream where the
 // operation says so.
 class MasterConnection {
  public:
-  // How long a client in a job of its own master waits before it warns of that.
+  // How long a client in a job of its own master waits before that warning.
   static constexpr u32 kNestedNoticeMs = 10000;
 
   // The settings and the options outlive the connection.
@@ -37,7 +38,7 @@ class MasterConnection {
   // False if there is no master; the last error is that of looking for it. Writes nothing.
   bool OpenClientAccess();
 
-  // How waiting for admission speaks to the user and to the log; the client stubs differ in it.
+  // The texts of waiting for admission, for the user and for the log; the client stubs have different ones.
   struct WaitTexts {
     std::string stillWaiting;  // a whole line, without its end
     std::string timedOut;      // what stands behind "KESTRUN: error: "
@@ -48,7 +49,7 @@ class MasterConnection {
     u32 sliceMs = 120000;
     u32 totalMs = 3600000;
   };
-  // Waits for admission in slices, and writes the waiting line after each slice that passed in vain. False, after an
+  // Waits for admission in slices, and writes the waiting line after each slice without admission. False, after an
   // error line, if the total time is over or the master has ended.
   bool WaitForAccess(const WaitTexts& texts, const WaitLimits& limits);
 
@@ -64,7 +65,7 @@ class MasterConnection {
   // The next message; a timeout of -1 waits without limit. Empty if the time is over, or if there is no working
   // channel.
   rc_ptr<Message> Receive(int timeoutMs);
-  // A message that has come with an earlier one; empty if there is none. Does not wait.
+  // A message that was read together with an earlier one; empty if there is none. Does not wait.
   rc_ptr<Message> ReceiveBuffered();
 
   // Closes the channel, which ends a Receive that is under way.
@@ -73,18 +74,18 @@ class MasterConnection {
   bool IsStopped();
 
  private:
-  // Something to be said once in a long wait.
+  // What is reported once in a long wait, and after how long.
   struct Notice {
     u32 afterMs;
     std::function<void()> tell;
   };
-  // For a wait for this thing, the earliest first.
+  // The notices for a wait, the earliest first. `thing` is what is waited for, for the log.
   std::vector<Notice> ListNotices(const char* thing);
   // As ClientSlot::Wait, with the notices on the way.
   ClientSlot::Outcome WaitForSlot(u32 limitMs);
   void WarnOfNesting();
   void AddEnvironment(Message& request);
-  // As ClientSlot::Wait; the log is told of a long wait.
+  // The channel; null before Connect and after Stop.
   rc_ptr<IpcChannel> GetChannel();
 
   const std::string id_;

@@ -16,7 +16,7 @@ struct CloseFile {
 
 enum class ReadResult { kOk, kNotReadable, kTooLong };
 
-// A line end becomes a blank, whichever of the two forms it has.
+// Turns each line end, LF or CR LF, into a blank. A CR may be the last byte of the piece before.
 void AppendPiece(std::string& contents, const char* bytes, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
     if (bytes[i] != '\n') {
@@ -36,7 +36,7 @@ ReadResult ReadContents(const std::string& name, std::size_t maxBytes, std::stri
     AppendPiece(contents, buffer, count);
     if (contents.size() > maxBytes) return ReadResult::kTooLong;
   }
-  // On some systems a directory can be opened, and only reading it fails.
+  // On some systems a folder can be opened, and only reading it fails.
   return std::ferror(file.get()) ? ReadResult::kNotReadable : ReadResult::kOk;
 }
 
@@ -73,6 +73,7 @@ std::string ExpandResponseFiles(const std::string& text, const ResponseFileLimit
       PrintError((tooLong ? "Text is too long for response file " : "Could not open response file ") + reference.name);
       return s;
     }
+    // The search goes on at the same place, so that references in the file's text are expanded too.
     s[at] = ' ';
     s.replace(at + 1, reference.length, contents);
   }

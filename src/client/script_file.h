@@ -7,8 +7,8 @@
 
 namespace kestrun {
 
-// Reads a job script to its end, so that it may be a pipe as well as a file; a pipe is waited for. A byte-order mark at
-// its start is left out. False, with part of the text, if it can't be read.
+// Reads a job script until its end and not by its size, so that it may be a pipe; then this waits for the writer. A
+// byte-order mark at the start is left out. False, with part of the text, if the script can't be read.
 bool ReadScriptFile(const Path& path, std::string& text);
 
 }  // namespace kestrun

@@ -32,7 +32,8 @@ ScriptProgress::ScriptProgress(std::vector<Job> jobs, std::FILE* out, std::size_
 ScriptProgress::~ScriptProgress() {
   isEnding_ = true;
   if (!thread_) return;
-  // The answer, or the end of the master, ends the thread.
+  // The thread sees isEnding_ after the next message; asking makes one come. The end of the master ends the thread as
+  // well.
   observer_->Ask(OBSERVE_SNAPSHOT);
   thread_->Wait(kNoLimit);
 }
@@ -60,6 +61,7 @@ void ScriptProgress::Take(const JournalNews& news, u32 clientProcess) {
     if (job.clientProcess != clientProcess) continue;
     numbers_.insert(job.number);
     if (HasStarted(job)) started_.insert(job.number);
+    // A job that has ended stays erased; one that runs is entered again with its present label.
     running_.erase(job.number);
     if (job.outcome == JobOutcome::kRunning) running_[job.number] = GetLabel(job.text);
   }
@@ -90,7 +92,7 @@ void ScriptProgress::OnResult(u32 line, i32 exitCode) {
   Draw();
 }
 
-// What the master has not told yet of jobs that have started.
+// Asks for the records that the master has not sent yet, so that jobs that have started are known as such.
 void ScriptProgress::Flush() {
   if (thread_ && observer_->Ask(OBSERVE_FLUSH)) flushed_.Wait(kFlushMs);
 }
@@ -111,7 +113,8 @@ void ScriptProgress::TellFailure(const Job& job, i32 exitCode) {
         job.command);
 }
 
-// Jobs reach the master in the order of the script. What has a result has started, also if the master has not told so.
+// Jobs reach the master in the order of the script, so the n-th number of the journal is the n-th job. A job with a
+// result has started even if the master has not reported that, so the count is limited by the results that are missing.
 void ScriptProgress::TellNeverStarted() {
   if (done_ == jobs_.size()) return;
   if (numbers_.empty()) return Print("KESTRUN: jobs without a result: " + std::to_string(jobs_.size() - done_));
@@ -143,7 +146,7 @@ std::string ScriptProgress::GetLine() const {
   return FitLine(line, columns_);
 }
 
-// With the lock, as all below.
+// Called with the lock held, as all functions below.
 void ScriptProgress::Draw() {
   if (isHidden_) return;
   std::fputs((kEraseLine + GetLine()).c_str(), out_);
@@ -159,7 +162,7 @@ void ScriptProgress::Erase() {
 }
 
 void ScriptProgress::Print(const std::string& text) {
-  // Not cut: what failed is to be copied from here.
+  // Cleaned of control characters and not cut, because users copy failed commands from here.
   std::fputs((FitLine(text, text.size()) + "\n").c_str(), out_);
   std::fflush(out_);
 }

@@ -1,4 +1,4 @@
-// What a script shows of its jobs on a terminal.
+// The progress that a script stub shows on a terminal.
 #ifndef KESTRUN_CLIENT_SCRIPT_PROGRESS_H_
 #define KESTRUN_CLIENT_SCRIPT_PROGRESS_H_
 
@@ -19,12 +19,12 @@
 
 namespace kestrun {
 
-// One line that is written over again and again, "[done/all] running: names", below what the jobs print; a line for
-// each failure as soon as it is known; and at the end what failed and what was never started.
+// One status line that is overwritten, "[done/all] running: names", below the output of the jobs; a line for each
+// failure as soon as it is known; and at the end the jobs that failed and those that were never started.
 //
-// The names of what runs come from the master, which this observes; without that the numbers stand alone.
+// The names of running jobs come from the master, which this observes; without an answer only the numbers are shown.
 //
-// Threads: one that observes, from Observe to the end of the object. All else on one thread.
+// Threads: one that observes, from Observe to the end of the object. All other calls come from one thread.
 class ScriptProgress {
  public:
   // A job of the script, in its order.
@@ -37,22 +37,22 @@ class ScriptProgress {
   // True if the standard error stream is a terminal that can write over a line.
   static bool IsWanted();
 
-  // Lines of at most so many columns go to `out`.
+  // Writes lines of at most `columns` columns to `out`.
   ScriptProgress(std::vector<Job> jobs, std::FILE* out, std::size_t columns);
   ~ScriptProgress();
   ScriptProgress(const ScriptProgress&) = delete;
   ScriptProgress& operator=(const ScriptProgress&) = delete;
 
-  // Begins to follow the master of this id, as far as the jobs of this process go.
+  // Begins to observe the master of this id; only the jobs of this process are shown.
   void Observe(const std::string& masterId);
   void Take(const JournalNews& news, u32 clientProcess);
 
-  // Around what the jobs print: the line is out of the way between the two.
+  // Called before and after output of jobs: between the two the line is erased.
   void Hide();
   void Show();
-  // A job has ended. `line` is 0 where it is not known.
+  // A job has ended. `line` is 0 if it is not known.
   void OnResult(u32 line, i32 exitCode);
-  // The run is over: the line goes. With `listsFailures` they are named once more, in one place.
+  // The run is over: erases the line. With `listsFailures` all failures are listed once more, in one place.
   void Finish(bool listsFailures);
 
  private:

@@ -20,9 +20,11 @@ constexpr int kFailure = 1;
 constexpr u32 kSendThreadEndMs = 10000;
 constexpr int kPollMs = 100;
 constexpr int kWithoutLimit = -1;
-// Short jobs end thousands of times a second. To wake up for each would take as much processor time as the master takes
-// to handle it, so while many results are missing those of so many milliseconds are taken at once.
+// Short jobs end thousands of times a second, and waking up for each result would take as much processor time as the
+// master takes for the job. So while many results are missing, the results of this many milliseconds are taken
+// together.
 constexpr u32 kGatherMs = 2;
+// With fewer missing results the delay could be seen at the end of the run.
 constexpr std::size_t kManyResults = 64;
 
 }  // namespace
@@ -70,7 +72,7 @@ bool ScriptStub::PrepareJobs() {
     return false;
   }
   if (options_.expandEnvironment) text = ExpandScriptVariables(text);
-  std::map<std::string, Path> tools;  // most lines of a script name the same few
+  std::map<std::string, Path> tools;  // each name is looked up once, since a script names few tools in many lines
   std::vector<ScriptProgress::Job> shown;
   const bool isShown = ScriptProgress::IsWanted();
   for (ScriptJob& job : ParseJobScript(text)) {
@@ -120,6 +122,8 @@ void ScriptStub::StopSending(int exitCodeOnFailure) {
     thread = sendThread_;
   }
   if (!thread) return;
+  // The sender sees the flag between two jobs. If it is blocked on a full ring it does not, and the process ends after
+  // the limit below.
   stopRequested_ = true;
   if (thread->Wait(kSendThreadEndMs)) return;
   WriteLog(Log::Error, Log::STUB, "'Send jobs' thread did not stop in time, ending process now",
@@ -157,7 +161,7 @@ int ScriptStub::ReceiveResults() {
       return StubFailureCode;
     }
     if (!message) {
-      // While jobs go out an empty result says nothing; afterwards only a lost connection gives one.
+      // While jobs are being sent, an empty result is only a timeout; afterwards it means a lost connection.
       if (sendFinished_) {
         timeoutMs = kWithoutLimit;
       } else {
@@ -185,7 +189,7 @@ rc_ptr<Message> ScriptStub::ReceiveNext(int timeoutMs) {
   return connection_.Receive(timeoutMs);
 }
 
-// Output that comes ahead of its result has no exit code.
+// A part of the output that comes before the result has no exit code.
 void ScriptStub::TellProgress(const Message& message, i32 code) {
   u32 line = 0;
   const rc_ptr<Message::Segment> segment = message.FindSegment(SEG_SCRIPT_LINE);
@@ -200,9 +204,10 @@ bool ScriptStub::HandleScriptResult(const rc_ptr<Message>& message) {
   const std::string_view stderrText = reader.GetText(SEG_STDERR);
   i32 code = 0;
   u32 keepGoing = 0;
-  // Output that comes in parts is followed by a result with an exit code.
+  // Parts of the output have no exit code; the result that follows them has.
   const bool isEnd = reader.ReadInt(SEG_EXIT_CODE, code);
   reader.ReadUnsigned(SEG_KEEP_GOING, keepGoing);
+  // A job that prints is shown without delay.
   mayGather_ = stdoutText.empty() && stderrText.empty();
   if (isEnd && missingResults_ > 0) --missingResults_;
   if (progress_) progress_->Hide();

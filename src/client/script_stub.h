@@ -1,4 +1,4 @@
-// Runs a job script: every job line becomes a build request, and one exit code stands for them all.
+// Runs a job script: every job line becomes a build request, and the stub has one exit code for all of them.
 #ifndef KESTRUN_CLIENT_SCRIPT_STUB_H_
 #define KESTRUN_CLIENT_SCRIPT_STUB_H_
 
@@ -35,11 +35,11 @@ class ScriptStub : public StubBase {
   int SendAndReceive();
   void SendJobs();
   int ReceiveResults();
-  // As MasterConnection::Receive; results that come close together are taken together.
+  // As MasterConnection::Receive, but waits a moment while many results are missing, to take several at once.
   rc_ptr<Message> ReceiveNext(int timeoutMs);
   // True ends the receive loop.
   bool HandleScriptResult(const rc_ptr<Message>& message);
-  // Tells the sending thread to stop and waits for it; one that doesn't end takes the process with it.
+  // Tells the sending thread to stop and waits for its end; if it does not end in time, the process is ended.
   void StopSending(int exitCodeOnFailure);
   [[noreturn]] void FatalError(const std::string& text);
 

@@ -9,7 +9,7 @@ namespace kestrun {
 
 namespace {
 
-// The name with each letter as it is.
+// Looks the name up without a change of case.
 bool FindExactly(const std::string& name, Path& tool) {
   constexpr const char* kEnding = ".exe";
   const std::string lowered = ToLower(name);
@@ -37,7 +37,7 @@ Path FindTypedTool(const std::string& name) {
   Path tool;
   if (FindExactly(name, tool)) return tool.GetLongName();
   std::string found;
-  // The typed name once more: its folder may be right, and its last component in another case.
+  // The typed name is looked up once more, because its folder may be right and only its last component in another case.
   const bool isFoundAsTyped = !FindExecutable(lowered, found) && FindExecutable(name, found);
   return FindTool(isFoundAsTyped ? name : lowered);
 }

@@ -17,6 +17,7 @@ ToolSlot::Outcome ToolSlot::TakeFromTable(const std::string& id, const SlotTexts
 ToolSlot::Outcome ToolSlot::TakeFromServer(const std::string& id, const SlotTexts& texts) {
   stream_ = platform::LocalStream::Connect(GetSlotServerName(id));
   if (!stream_) return Outcome::kNoServer;
+  // The pipes tell the master which clients form a pipeline and have to run together.
   SlotRequestHeader header;
   header.inputPipe = platform::PipeNumber(0);
   header.outputPipe = platform::PipeNumber(1);
@@ -24,6 +25,7 @@ ToolSlot::Outcome ToolSlot::TakeFromServer(const std::string& id, const SlotText
   if (!stream_->Send(request.data(), request.size())) return Outcome::kLost;
   SlotAnswer answer{};
   if (stream_->Receive(&answer, sizeof answer) != sizeof answer) return Outcome::kLost;
+  // Without a pidfd the server learns of the tool's end by the end of this connection.
   if (answer == SlotAnswer::kKeepOpen) stream_->KeepOpen();
   return answer == SlotAnswer::kStopping ? Outcome::kStopping : Outcome::kGranted;
 }

@@ -1,4 +1,4 @@
-// A client's slot in its master's limit on running jobs.
+// A client's slot in the limit on running jobs of its master.
 #ifndef KESTRUN_CLIENT_TOOL_SLOT_H_
 #define KESTRUN_CLIENT_TOOL_SLOT_H_
 
@@ -23,9 +23,10 @@ class ToolSlot {
     kLost,      // the master died while this client waited
   };
 
-  // Waits for as long as it takes. The texts are for the master's log and its observers.
+  // Waits without a limit. The texts are for the master's log and its observers.
   Outcome Take(const std::string& id, const SlotTexts& texts);
-  // How the tool has ended, where the master does not see that itself. Times and sizes are -1 where they are not known.
+  // Tells the master how the tool has ended, where the master does not see that itself. Times and sizes are -1 where
+  // they are not known.
   void NoteEnd(i32 exitCode, std::int64_t cpuUs, std::int64_t peakMemoryBytes) {
     tableSlot_.NoteEnd(exitCode, cpuUs, peakMemoryBytes);
   }

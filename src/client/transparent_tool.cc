@@ -13,7 +13,7 @@ namespace kestrun {
 namespace {
 
 constexpr int kFailure = 1;
-// As other tools with a time limit report it.
+// The exit code of other tools that limit a program's time.
 constexpr int kOverdueCode = 124;
 constexpr u64 kTicksInMicrosecond = 10;
 
@@ -43,7 +43,7 @@ TransparentTool::Outcome TransparentTool::RunInSlot(const std::string& id, int& 
       return Outcome::kDone;
     case ToolSlot::Outcome::kGranted:
     case ToolSlot::Outcome::kLost:
-      // Without its master a build goes on as it would without Kestrun.
+      // If the master has died, the build goes on as it would without Kestrun.
       break;
   }
   exitCode = RunAlone();
@@ -52,6 +52,7 @@ TransparentTool::Outcome TransparentTool::RunInSlot(const std::string& id, int& 
 }
 
 int TransparentTool::RunAlone() {
+  // A process that has become the tool could not end it after a timeout.
   const bool becomesTool = platform::kCanBecomeProgram && timeoutSeconds_ == 0 && !words_.empty();
   return becomesTool ? Report(options_.tool, platform::BecomeProgram(words_)) : RunAsChild();
 }

@@ -1,4 +1,4 @@
-// A tool that runs as its caller would have run it: what Extensions/TransparentTools does with one tool.
+// Runs a tool as its caller would have run it: a client of a master with Extensions/TransparentTools.
 #ifndef KESTRUN_CLIENT_TRANSPARENT_TOOL_H_
 #define KESTRUN_CLIENT_TRANSPARENT_TOOL_H_
 

@@ -1,4 +1,6 @@
 // Which thread owns a named mutex. A connector tells by it whether turns pass on or one process keeps its turn.
+//
+// The answer may be old at once, so it is compared before and after a wait (introduction_turn.h) and never relied on.
 #ifndef KESTRUN_TRANSPORT_SHARED_MUTEX_OWNER_H_
 #define KESTRUN_TRANSPORT_SHARED_MUTEX_OWNER_H_
 

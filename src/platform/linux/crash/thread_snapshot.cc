@@ -162,6 +162,7 @@ DWORD SuspendThread(HANDLE thread) {
     return kFailed;
   }
   const auto id = static_cast<int>(object->id());
+  // Relaxed: the release below publishes it to the handler.
   stoppedThreads[index].id.store(id, std::memory_order_relaxed);
   stoppedCount.store(index + 1, std::memory_order_release);
   if (syscall(SYS_tgkill, getpid(), id, StopSignal()) != 0) {

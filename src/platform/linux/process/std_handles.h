@@ -1,4 +1,6 @@
-// The three standard handles of this process.
+// The three standard handles of this process, as GetStdHandle and SetStdHandle have them.
+//
+// Any thread may call it. The object stays valid even if the handle is closed or replaced meanwhile.
 #ifndef KESTRUN_PLATFORM_LINUX_PROCESS_STD_HANDLES_H_
 #define KESTRUN_PLATFORM_LINUX_PROCESS_STD_HANDLES_H_
 
