@@ -103,7 +103,7 @@ class MasterConnection {
   bool isStopped_ = false;
 };
 
-// The project that the client's jobs belong to: KESTRUN_PROJECT where it is set, else the one of the options.
+// The project of the client's jobs: KESTRUN_PROJECT if it is set, else the project of the options.
 std::string ChooseProject(const Options& options);
 
 // False, after an error line, if the path of the working directory is too long to be sent (260 bytes or more), or the

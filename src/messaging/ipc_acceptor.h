@@ -1,9 +1,9 @@
 // Waits for IPC connections under a Reactor and hands each to a factory. Runs on the reactor's wait loop.
 //
-// If the name can't be listened on the acceptor stands without a socket: it can be registered and nothing ever comes.
-// While there is no room for a connection none is accepted: connectors wait, within their own limit.
-// A connection that fails, or that the factory refuses (false), leaves a line on the standard error stream and the
-// acceptor listening.
+// If the name can't be listened on, the acceptor has no socket: it can be registered, and no connection ever comes.
+// While there is no room for a connection none is accepted, and connectors wait, within their own limits. A connection
+// that fails, or that the factory refuses (false), leaves a line on the standard error stream and the acceptor
+// listening.
 #ifndef KESTRUN_MESSAGING_IPC_ACCEPTOR_H_
 #define KESTRUN_MESSAGING_IPC_ACCEPTOR_H_
 
@@ -37,7 +37,7 @@ class IpcAcceptor : public Reactor::EventHandler {
   void Close() override;
   bool IsClosed() override { return !IsListening(); }
 
-  // What the next connection needs is made now. From the reactor's wait loop.
+  // Makes now what the next connection needs. To be called on the reactor's wait loop.
   void Prepare();
 
  private:

@@ -2,9 +2,9 @@
 // received message to its registered clients, each on a thread pool of its own.
 //
 // A message goes to every client whose id is 0 or equals the message's destination number; one without a client is
-// dropped. What a message may do depends on where it comes from: a peer's message comes in by OnChannelMessage, which
-// delivers only the types that the client lets peers send, and never one of the dispatcher's own below; messages of
-// this process to itself come in by Post. A refused message is dropped, with one log record for each channel.
+// dropped. What a message may do depends on its origin: a peer's message comes in by OnChannelMessage, which delivers
+// only the types that the client lets peers send, and never one of the dispatcher's own below; messages of this process
+// to itself come in by Post. A refused message is dropped, with one log record for each channel.
 //
 // Replies are not matched to requests: a client answers on the channel that FindChannel gives for the message's
 // address. Messages that the dispatcher makes itself have the types below, services 0 and 0 and no segments.
@@ -85,7 +85,7 @@ class MessageDispatcher {
   MessageDispatcher& operator=(const MessageDispatcher&) = delete;
 
   // Before Run. A handler that throws a SystemException is reported by its pool, which goes on. False if its threads
-  // can't be had.
+  // can't be started.
   virtual bool AddClient(u32 id, MessageHandler handler, u32 threads, PeerTypes mayPeerSend = IsNoTypeOfDispatcher);
   // By UDP, where there is a socket for it; otherwise nothing.
   virtual void Broadcast(rc_ptr<Message> message, u16 port);
@@ -104,7 +104,7 @@ class MessageDispatcher {
   // 0 after a Stop, -1 after an error, which the error listeners were told.
   int Run();
   void Stop();
-  // False if the IPC name could not be had: Run goes on without it. Valid once the clients are told of the start.
+  // False if the IPC name can't be listened on: Run goes on without it. Valid once kStarted was sent.
   bool IsListening() const { return isListening_; }
   // Waits until no channel holds back messages for a client that is slow to read, at most limitMs. From any thread.
   void WaitUntilSent(u32 limitMs);

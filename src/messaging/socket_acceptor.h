@@ -1,6 +1,6 @@
 // Waits for TCP connections under a Reactor and hands each to a factory. Runs on the reactor's select loop.
 //
-// The constructors throw SocketException when the port can't be had. A connection that the factory refuses (false)
+// The constructors throw SocketException if the port can't be bound. A connection that the factory refuses (false)
 // leaves a line on the standard error stream and the acceptor listening.
 #ifndef KESTRUN_MESSAGING_SOCKET_ACCEPTOR_H_
 #define KESTRUN_MESSAGING_SOCKET_ACCEPTOR_H_

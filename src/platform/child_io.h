@@ -49,7 +49,7 @@ void InterruptRead(HANDLE thread);
 class OutputSink {
  public:
   virtual ~OutputSink() = default;
-  // Memory for up to `count` bytes, from which Take takes them without a copy; null if there is none to be had.
+  // Memory for up to `count` bytes, from which Take takes them without a copy; null if there is no memory.
   virtual char* MakeRoom(DWORD count) = 0;
   virtual void Take(const char* bytes, DWORD count) = 0;
 };

@@ -83,7 +83,7 @@ using PMINIDUMP_EXCEPTION_INFORMATION = MINIDUMP_EXCEPTION_INFORMATION*;
 struct MINIDUMP_USER_STREAM_INFORMATION;
 struct MINIDUMP_CALLBACK_INFORMATION;
 
-// To be had from LoadLibraryA("dbghelp.dll") and GetProcAddress alone, as on Windows. Writes a core file of this
+// Only reached through LoadLibraryA("dbghelp.dll") and GetProcAddress, as on Windows. Writes a core file of this
 // process in ELF form, which debuggers open together with the program. It holds the thread that failed (without
 // `exception`: the calling one) and those that SuspendThread has stopped. MiniDumpNormal leaves out all memory but the
 // stacks and the data of the program and its libraries. One call at a time.

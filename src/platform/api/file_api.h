@@ -6,7 +6,7 @@
 //
 // Sharing: an open without any sharing excludes every other open by this layer of the same file, in any process, and
 // the other way round (ERROR_SHARING_VIOLATION); a file that the layer has open can't be deleted. Opens that share
-// anything get along with one another, whatever they share. Programs that don't use this layer are not held off.
+// anything do not exclude one another, whatever they share. Programs that don't use this layer are not excluded.
 //
 // What the calls make is closed to other users: files 0600, folders 0700.
 //
@@ -136,10 +136,11 @@ BOOL FindClose(HANDLE find);
 // These answer with the length without its NUL or, if the buffer is too small, the size with it; 0 on failure.
 DWORD GetCurrentDirectoryA(DWORD size, LPSTR buffer);
 DWORD GetCurrentDirectoryW(DWORD size, WCHAR* buffer);
-// Lexical: "." and ".." go as text, a relative name is put behind the current directory, no link is resolved.
+// Lexical: "." and ".." are removed as text, the current directory is put before a relative name, and no link is
+// resolved.
 DWORD GetFullPathNameA(LPCSTR name, DWORD size, LPSTR buffer, LPSTR* filePart);
 DWORD GetFullPathNameW(const WCHAR* name, DWORD size, WCHAR* buffer, WCHAR** filePart);
-// Both need the file to exist, and give its name as it stands on disk.
+// Both need the file to exist, and give its name as it is on disk.
 DWORD GetLongPathNameA(LPCSTR name, LPSTR buffer, DWORD size);
 DWORD GetLongPathNameW(const WCHAR* name, WCHAR* buffer, DWORD size);
 DWORD GetShortPathNameA(LPCSTR name, LPSTR buffer, DWORD size);

@@ -99,10 +99,10 @@ struct PROCESS_INFORMATION {
 };
 using LPPROCESS_INFORMATION = PROCESS_INFORMATION*;
 
-// A child that is still suspended when this process ends is ended with it; one that was let run and is in no job lives
-// on. A child whose standard input is this process's own stays in its session and, without CREATE_NEW_PROCESS_GROUP, in
-// its process group, so that the terminal's Ctrl-C reaches it. Any other child gets a process group of its own and no
-// terminal.
+// A child that is still suspended when this process ends is ended with it; a child that was resumed and is in no job
+// goes on. A child whose standard input is this process's own stays in its session and, without
+// CREATE_NEW_PROCESS_GROUP, in its process group, so that the terminal's Ctrl-C reaches it. Any other child gets a
+// process group of its own and no terminal.
 //
 // Fails with 2 or 3 (no such file, no such directory on the way), 5 (not executable), 8 (no memory or no process to be
 // had), 193 (not a program), 206 (arguments too long), 267 (working directory).
@@ -210,7 +210,8 @@ using PHANDLER_ROUTINE = BOOL (*)(DWORD ctrlType);
 // signal that was ignored when the program started stays ignored.
 BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE handler, BOOL add);
 // Reaches the group of a child that was started with CREATE_NEW_PROCESS_GROUP, as SIGINT for CTRL_C_EVENT and SIGTERM
-// for CTRL_BREAK_EVENT; with group 0 the caller's own. FALSE for everything else: a tool in a job has no gentle end.
+// for CTRL_BREAK_EVENT; with group 0 the caller's own. FALSE for everything else: a tool in a job can't be asked to
+// end.
 BOOL GenerateConsoleCtrlEvent(DWORD ctrlEvent, DWORD processGroupId);
 
 // ---- Environment ----

@@ -15,7 +15,7 @@
 #ifndef KESTRUN_PLATFORM_API_SOCKET_API_H_
 #define KESTRUN_PLATFORM_API_SOCKET_API_H_
 
-// The macros of the C library's select sets give way to Winsock's below; once included, these headers stay away.
+// These headers are included first, because their macros for select are replaced by Winsock's below.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>

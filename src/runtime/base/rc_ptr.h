@@ -1,8 +1,8 @@
 // Shared ownership through a count inside the object.
 //
-// The count starts at 0: an object has no owner until the first rc_ptr takes it. An object on the stack or a member
-// of another is never given to an rc_ptr. The count is atomic, so the last two owners may let go on two threads; one
-// rc_ptr variable, though, belongs to one thread at a time.
+// The count starts at 0: an object has no owner until the first rc_ptr takes it. An object on the stack or a member of
+// another is never given to an rc_ptr. The count is atomic, so owners may release the object on different threads; but
+// one rc_ptr variable belongs to one thread at a time.
 #ifndef KESTRUN_RUNTIME_BASE_RC_PTR_H_
 #define KESTRUN_RUNTIME_BASE_RC_PTR_H_
 

@@ -100,7 +100,7 @@ void IniFile::StoreText(const std::string& key, const std::string& text) {
   }
 }
 
-// A fresh text and not the old file's lines: comments do not survive, and keys are in order.
+// The text is made anew and not from the lines of the old file, whose comments do not survive.
 bool IniFile::Save() {
   const Lock lock(lock_);
   IniLines lines(path_.ToString());

@@ -7,11 +7,11 @@
 //     MaxConcurrentJobs=int:8
 //     Greeting=string:any text, colons included
 //
-// Nothing is trimmed. An empty line ends the settings of its section. A bare value without ":" is a string; a value
-// with another word before its first ":" is dropped. Of a name that stands twice in a section the first line counts.
+// Nothing is trimmed. An empty line ends the settings of its section. A value without ":" is a string; a value with
+// another word before its first ":" is dropped. If a name is in a section twice, the first line counts.
 //
-// Any thread may call any operation: each takes the lock of the settings for its whole duration, Load for each
-// setting. Processes are not guarded against each other.
+// Any thread may call any operation: each takes the lock of the settings for its whole duration, Load for each setting.
+// Processes are not guarded against each other.
 #ifndef KESTRUN_RUNTIME_FILES_INI_FILE_H_
 #define KESTRUN_RUNTIME_FILES_INI_FILE_H_
 
@@ -52,8 +52,8 @@ class IniFile {
   // without a section, or one with a malformed line, whose settings up to that line stay.
   bool Load(const Path& path);
 
-  // Writes all settings to the path of the last Load, in place of whatever is there. True, and no file, without
-  // settings.
+  // Writes all settings to the path of the last Load, and replaces the file. Without settings nothing is written, and
+  // the result is true.
   bool Save();
 
   // IniValue::kBool and so on; kNone for a key that is absent.

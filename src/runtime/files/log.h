@@ -47,8 +47,8 @@ class Log {
 
   static void Shutdown();
 
-  // Stores the flag, then opens the file whatever the flag says. A file that cannot be opened is not tried again by
-  // Write.
+  // Stores the flag, then opens the file even if the flag is false. Write does not try again to open a file that could
+  // not be opened.
   void SetEnabled(bool enabled);
 
   // Why the file may not be used, with its name: because writing to it could wait without end, or because another user

@@ -1,9 +1,9 @@
 // A stream in memory: a buffer that grows, foreign memory that it wraps, or a file that it maps.
 //
 // It grows by doubling up to 8 MiB and by steps of 2 MiB from there. A stream that wraps foreign memory is read-only
-// and never copies; the memory must outlive it. A mapped file is read-only content that is handed on without a copy.
-// Streams that TakeContent has made share memory with the one that they were taken from, and each may be used as if it
-// were alone: one that is to change what another may see copies it first.
+// and never copies; the memory must outlive it. A mapped file is read-only content that is handed on without a copy. A
+// stream that TakeContent has made shares memory with the stream that it was taken from. Each may be used as if it were
+// alone, because a stream copies shared memory before it changes it.
 #ifndef KESTRUN_RUNTIME_FILES_MEMORY_STREAM_H_
 #define KESTRUN_RUNTIME_FILES_MEMORY_STREAM_H_
 
@@ -44,19 +44,19 @@ class MemoryStream : public Stream {
   // Room for `capacity` bytes in all. False if the stream can not grow.
   bool Reserve(u32 capacity);
 
-  // Room for `count` bytes behind the end, for the caller to write to; null if there is none to be had. Extend then
-  // makes content of as many of them as were written.
+  // Room for `count` bytes behind the end, for the caller to write to; null if there is no memory. Extend then makes
+  // the bytes that were written part of the content.
   u8* MakeRoom(u32 count);
   void Extend(u32 count) { size_ += count; }
 
-  // Reads as Read does, into a stream of its own, without a copy if that does not keep far more memory alive than it
+  // Reads as Read does, into a stream of its own. Without a copy, unless that would keep much more memory alive than it
   // needs. StreamException "Out of memory" if there are fewer bytes.
   rc_ptr<MemoryStream> TakeContent(u32 count);
 
-  // Adds bytes at the end and leaves the position alone. 0 if there is no room to be had.
+  // Adds bytes at the end and leaves the position alone. 0 if there is no memory.
   u32 Append(const void* data, u32 count);
 
-  // Adds what `source` has ready, in one read. The number of bytes, kReadFailed if there is no room to be had.
+  // Adds the bytes that `source` has ready, in one read. The number of bytes, or kReadFailed if there is no memory.
   u32 ReadFrom(Stream& source);
 
   // Makes a file's bytes the content. False, with the stream as it was, if that fails or the stream wraps memory.

@@ -1,12 +1,12 @@
 // File names, with the rules by which the program takes them apart, joins and compares them.
 //
-// A path is text, kept as it was given but for quotes around it; "\" and "/" are both separators, everywhere. Seen by
-// Split it has four parts: for "C:\a\b\file.tar.gz" the root "C:\", the directories "a" and "b", the name "file.tar"
-// and the extension ".gz". A root is "", "\", "C:", "C:\" or "\\server\".
+// A path is text, kept as it was given without quotes around it; "\" and "/" are both separators, everywhere. Split
+// takes it apart into four parts: for "C:\a\b\file.tar.gz" the root "C:\", the directories "a" and "b", the name
+// "file.tar" and the extension ".gz". A root is "", "\", "C:", "C:\" or "\\server\".
 //
-// BasicPath has two forms, Path and WidePath, which call the A and W functions of the system. Nothing here throws or
-// changes the text behind the caller's back: a lookup that fails gives its input, a question or a creation gives
-// false. Names of 260 characters and more count as failures of the system.
+// BasicPath has two forms, Path and WidePath, which call the A and W functions of the system. Nothing here throws: a
+// lookup that fails gives its input, a question or a creation gives false. Names of 260 characters and more count as
+// failures of the system.
 #ifndef KESTRUN_RUNTIME_FILES_PATH_H_
 #define KESTRUN_RUNTIME_FILES_PATH_H_
 
@@ -39,8 +39,8 @@ class BasicPath {
     return result;
   }
 
-  // Equal if they name the same place: with "." and ".." resolved, separators and case ignored, and after that by the
-  // short names of what exists.
+  // Equal if they name the same file: as text with "." and ".." resolved, and separators and case ignored, or by the
+  // short names of existing files.
   friend bool operator==(const BasicPath& left, const BasicPath& right) { return left.IsSameAs(right); }
 
   const Text& ToString() const { return text_; }
@@ -60,7 +60,7 @@ class BasicPath {
   Text GetLeaf() const;
   // The leaf up to its last dot.
   Text GetBaseName() const;
-  // As it stands on the disk.
+  // As it is on the disk.
   BasicPath GetLongName() const;
   // With "\" in place of the root.
   BasicPath WithoutRoot() const;

@@ -1,5 +1,5 @@
-// The last act of a process that dies of an unhandled exception: a dump file, a line on the standard error stream,
-// and the exit code 0xFFFFFFFF.
+// What a process does before it ends because of an unhandled exception: it writes a dump file and a line on the
+// standard error stream, and ends with the exit code 0xFFFFFFFF.
 //
 // The dump is written to directory + prefix + version + ".dmp", the next ones of that version to the same name with
 // "-2" to "-5" before the ending; no dump is written over another, and a crash loop fills no disk. The directory is not

@@ -1,9 +1,9 @@
 // One child process: how it is started, watched, ended, and how its output is collected.
 //
-// A Process runs one child and is handled through rc_ptr. Order: construct, set the paths, Run (or Start); from then
-// on Wait, Terminate, Kill and SendCtrlEvent may come from any thread, also while Run waits on another. The object owns
+// A Process runs one child and is handled through rc_ptr. Order: construct, set the paths, Run (or Start); from then on
+// Wait, Terminate, Kill and SendCtrlEvent may come from any thread, also while Run waits on another. The object owns
 // the child's process handle, the job object that the child was put in, and the parent's ends of its pipes. Destroying
-// it waits for nothing; with a job of its own, whatever is left in the job ends then.
+// it does not wait; if the child has a job of its own, all that is left in the job is ended.
 //
 // Failures are results: false or -1, with a line on the standard error stream where a child could not be started.
 #ifndef KESTRUN_RUNTIME_PROCESS_PROCESS_H_
@@ -43,10 +43,10 @@ class Process : public rc_base {
     INHERIT_DESCRIPTORS = 0x1000  // platform::kInheritDescriptors
   };
 
-  // Holds nothing yet. The name is that of the job object; an empty one makes an unnamed job.
+  // Starts no child yet. The name is that of the job object; an empty one makes an unnamed job.
   explicit Process(const std::string& name);
 
-  // Around a process that exists already. Takes the handle.
+  // For a process that exists already. Takes over the handle.
   Process(HANDLE process, u32 processId);
 
   ~Process() override;
@@ -66,8 +66,8 @@ class Process : public rc_base {
   // from then on.
   virtual bool Terminate();
 
-  // The first part of Terminate: ends the child and everything in its job, and waits for nothing. A thread that waits
-  // for the child gets the exit code 0xFFFFFFFF. False if there is no child any more.
+  // The first part of Terminate: ends the child and everything in its job, and does not wait. A thread that waits for
+  // the child gets the exit code 0xFFFFFFFF. False if there is no child any more.
   bool Kill();
 
   // Creates the child and lets it run. With `environment` null it inherits the parent's; `affinityMask` is cut down

@@ -46,7 +46,7 @@ class EventLoop {
   // Forgets all handlers, those too that are being called.
   virtual void Clear();
 
-  // True if the caller is the one that calls the handler, and ends that with EndCall.
+  // True if the caller may call the handler now; it must call EndCall afterwards.
   bool BeginCall(const rc_ptr<EventHandler>& handler);
   // True if the handler waits again.
   bool EndCall(const rc_ptr<EventHandler>& handler, bool isKept);
@@ -54,13 +54,13 @@ class EventLoop {
   // Ends the wait that is under way, or else the next one.
   virtual void Wake() = 0;
 
-  // The number of those that are waited for.
+  // The number of handlers that are waited for.
   virtual std::size_t GetCount();
 
  protected:
   // Comes before the first handler, and any number of times after that.
   virtual void Prepare() {}
-  // Those that are to be waited for, in an order that stays the same.
+  // The handlers to be waited for, always in the same order.
   std::vector<rc_ptr<EventHandler>> GetWaiting();
   void TellError(const std::string& text) { (*errorListener_)(text); }
 

@@ -76,7 +76,7 @@ class Reactor {
   void Stop();
   // False if the pool did not end within 60 s.
   bool StopThreadPool();
-  // Stops the pool and lets go of all handlers, without closing them.
+  // Stops the pool and releases all handlers, without closing them.
   void Shutdown();
 
   // Calls the handler once on the select loop's thread, `delayMs` from now. A handler that waits already is given the

@@ -34,8 +34,8 @@ SECURITY_ATTRIBUTES* SharedSecurityAttributes();
 // WaitForSingleObject as a bool: true if the object was signalled, or is a mutex whose holder has died.
 bool WaitForHandle(HANDLE handle, u32 timeoutMs);
 
-// A lock between processes. The thread that holds it may take it again; each Lock needs its Unlock. When a holder
-// dies, the next one gets the lock as if it had been given back.
+// A recursive lock between processes; each Lock needs its Unlock. When a holder dies, the next thread that waits gets
+// the lock as if it had been released.
 class Mutex {
  public:
   explicit Mutex(const char* name = nullptr, SECURITY_ATTRIBUTES* attributes = nullptr);
@@ -122,7 +122,7 @@ class Condition {
 
 // The same event, for a thread that holds a lock, which the wait releases. There is no broadcast and a signal is kept
 // until a waiter passes, so a waiter tests its predicate in a loop, and one that leaves work behind for another waiter
-// signals again. Both waits hold the lock again when they return, whatever they return.
+// signals again. Both waits hold the lock again when they return, also after a timeout.
 class ConditionVariable {
  public:
   explicit ConditionVariable(const char* name = nullptr);

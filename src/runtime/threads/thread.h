@@ -1,8 +1,8 @@
 // One thread of the system, and the object that stands for the current one.
 //
-// A Thread is always held by rc_ptr: a running thread holds a reference to its own object, so the creator may let go
-// at once, and the object outlives the system's thread as long as there are references to it. Nothing cancels a thread;
-// bodies look at stop flags of their own. An exception that leaves a body ends the process.
+// A Thread is always held by rc_ptr: a running thread holds a reference to its own object, so the creator may drop its
+// own at once, and the object outlives the system's thread as long as there are references to it. No thread is ever
+// cancelled; bodies check stop flags of their own. An exception that leaves a body ends the process.
 #ifndef KESTRUN_RUNTIME_THREADS_THREAD_H_
 #define KESTRUN_RUNTIME_THREADS_THREAD_H_
 

@@ -8,13 +8,13 @@
 // The accepting end creates the region, the connecting end opens it. Either end may open or create another region with
 // the same object afterwards; the first one is left then.
 //
-// Owns the mapping, the rings and their kernel objects, which live for as long as some process has them open.
+// Owns the mapping, the rings and their kernel objects, which exist as long as some process has them open.
 //
 // Threads: one reader and one writer at a time, which may be different threads. Close may be called from any thread at
 // any time and ends blocked calls. IsPeerGone, GetAttachCount and GetAttachTotal wait for neither reader nor writer.
 //
-// Failure: Create and Open give false for a region that can't be had, and throw SyncException if a kernel object can't
-// be opened or made. Everything else moves nothing, and gives 0 or false, where there is no region.
+// Failure: Create and Open give false if the region can't be made or opened, and throw SyncException if a kernel object
+// can't be. Without a region everything else moves no bytes and gives 0 or false.
 #ifndef KESTRUN_TRANSPORT_SHARED_IPC_REGION_H_
 #define KESTRUN_TRANSPORT_SHARED_IPC_REGION_H_
 

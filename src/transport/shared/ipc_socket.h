@@ -129,7 +129,8 @@ class IpcSocket : public rc_base {
   std::atomic<State> state_{State::kClosed};
   std::string obstacle_;
 
-  // Guards the one below, which a listening socket has. Accept shares it, so that Close may come meanwhile.
+  // Guards introduction_, which a listening socket has. Accept takes a reference, so that Close may be called
+  // meanwhile.
   CriticalSection introductionLock_;
   std::shared_ptr<IpcIntroduction> introduction_;
 };

@@ -21,7 +21,8 @@ struct CoreThread {
 
 std::uint64_t StackPointer(const ucontext_t& context);
 
-// The notes as they stand in the file. The first thread is the one that failed. Empty when there is no room.
+// The notes as the file contains them. The first thread is the one that failed. Empty if the scratch memory is too
+// small.
 Bytes MakeCoreNotes(const CoreThread* threads, std::size_t threadCount, const MemoryMap& map, Scratch& scratch);
 
 }  // namespace kestrun::platform

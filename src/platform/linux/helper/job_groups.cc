@@ -90,8 +90,8 @@ JobGroups JobGroups::OfThisProcess() {
   if (path.empty()) return JobGroups("", "");
   for (const char* const mount : kMounts) {
     const std::string folder = mount + path;
-    // Moving a process needs write access to both groups; cgroup.kill exists since Linux 5.14, and without it a group
-    // can't be ended as a whole.
+    // Making a group needs write access to the folder, and moving a process into it needs that to cgroup.procs of this
+    // group, from which it is moved. cgroup.kill exists since Linux 5.14; without it a group can't be ended as a whole.
     const bool isOurs = access((folder + "/cgroup.procs").c_str(), W_OK) == 0 && access(folder.c_str(), W_OK) == 0;
     if (isOurs && access((folder + "/cgroup.kill").c_str(), W_OK) == 0) return JobGroups(folder, NameSpaceOfIds());
   }

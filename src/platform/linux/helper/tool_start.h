@@ -22,11 +22,11 @@ class ToolStart {
   const ToolHeader& header() const { return header_; }
 
   bool EnterWorkingDirectory() const;
-  // Makes the streams that came along descriptors 0 to 2; those that did not stay what they are, /dev/null. Further
-  // descriptors get the numbers that came with them. After this only Execute may follow: what else was open may have
-  // made room.
+  // Puts the streams that came along at descriptors 0 to 2; the others remain /dev/null. Further descriptors get the
+  // numbers that came with them. Only Execute may follow, since any other descriptor of this process may have been
+  // replaced.
   void PlaceDescriptors();
-  // Returns only if the program can't be run, after a line on the standard error.
+  // Returns only if the program can't be run, after a line on the standard error stream.
   void Execute() const;
 
  private:

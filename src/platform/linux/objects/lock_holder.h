@@ -1,4 +1,4 @@
-// Which process keeps a lock of the object table, for the message to the user once it was waited for in vain.
+// Which process keeps a lock of the object table, for the message to the user after a wait that timed out.
 //
 // The locks of the table are held for microseconds. A process that is stopped at that moment, by a signal or in a
 // debugger, keeps its lock until it goes on or ends; so each wait for such a lock has a limit. All functions may be
@@ -12,9 +12,9 @@
 
 namespace kestrun::platform {
 
-// How long a process waits for a lock of the table.
+// The lock timeout of the table's locks.
 inline constexpr DWORD kTableLockLimitMs = 5000;
-// The same where it need not be had now, or was waited for in vain before.
+// The same where the lock is not needed now, or has timed out before.
 inline constexpr DWORD kShortLockLimitMs = 50;
 
 // The process of a thread; 0 if there is none of that id.

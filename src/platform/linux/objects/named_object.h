@@ -18,8 +18,8 @@ class NamedObject {
  public:
   using Initialise = ObjectTable::Initialise;
 
-  // A new object, or the one that bears the name: `existed` tells. Null with the last error set: ERROR_INVALID_HANDLE
-  // if the name belongs to another kind.
+  // A new object, or the existing one of that name; `existed` tells which. Null with the last error set:
+  // ERROR_INVALID_HANDLE if the name belongs to an object of another kind.
   static std::unique_ptr<NamedObject> CreateOrOpen(ObjectKind kind, const char* name, std::uint64_t dataSize,
                                                    const Initialise& initialise, bool* existed);
   // Null with ERROR_FILE_NOT_FOUND if there is no such object.
@@ -32,7 +32,7 @@ class NamedObject {
   // The header as this process sees it, at one address for all its handles on the object. It may outlive the hold.
   const std::shared_ptr<ObjectHeader>& memory() const { return memory_; }
 
-  // Gives the hold up; the object vanishes if it was the last one. Later calls do nothing.
+  // Gives the hold up. The object is gone if that was its last hold. Later calls do nothing.
   void Release();
 
   // True if some other handle holds the object, here or in another process.

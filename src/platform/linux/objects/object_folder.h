@@ -1,8 +1,8 @@
 // The folder in which the user's processes find one another's named objects.
 //
-// KESTRUN_OBJECT_DIR if that is set; else kestrun-<user id> in /dev/shm, and only where that can't be had, in the
-// temporary folder. The folder is made with mode 0700. One that is a link, belongs to another user or is open to others
-// is refused: no object is made in it, and one line on the standard error names the folder and the cause.
+// It is KESTRUN_OBJECT_DIR if that is set, else kestrun-<user id> in /dev/shm, or in the temporary folder if that can't
+// be made. The folder is made with mode 0700. A folder that is a link, belongs to another user or is open to others is
+// refused: no object is made in it, and one line on the standard error stream names the folder and the cause.
 //
 // Chosen once a process. All functions may be called from any thread; failures are -1 with the last error set.
 #ifndef KESTRUN_PLATFORM_LINUX_OBJECTS_OBJECT_FOLDER_H_

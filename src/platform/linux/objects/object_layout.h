@@ -3,8 +3,8 @@
 // Constants, structures and the names of files; what is done with them stands in object_slots.h, process_slots.h and
 // object_table.h. Everything here is read and written by all processes that use the folder.
 //
-// The file's bytes serve as locks as well, which say nothing of what lies at that offset. The kernel drops such a lock
-// when its holder dies in whatever way:
+// Byte ranges of the file also serve as locks, independently of the data at those offsets. The kernel drops such a lock
+// when its holder ends, in whatever way:
 //
 //   kGateByte           held for a moment by the process that enters the table or sweeps it
 //   kHubBytes + n       hub n belongs to the process that has it locked (wait_hub.h)
@@ -42,7 +42,7 @@ inline constexpr off_t kGateByte = 0;
 inline constexpr off_t kHubBytes = 4096;
 inline constexpr off_t kProcessBytes = 8192;
 
-// The state of an object. That of one without a name lies in the memory of the process and not in the table.
+// The state of an object. An object without a name has it in the memory of its process and not in the table.
 struct ObjectHeader {
   std::uint32_t kind;       // ObjectKind
   std::uint32_t parameter;  // event: 1 for manual reset; semaphore: the maximum

@@ -38,8 +38,8 @@ bool RenewStamp(int folder) {
 
 enum class Swept { kNothing, kFreed, kLocked };
 
-// Removes the marks of the dead from one slot, and reclaims it if no others are left. kFreed if there were any, or if
-// the slot was claimed by a dead process; kLocked, with nothing done, if its bucket can't be had within the limit.
+// Removes the marks of dead processes from one slot, and reclaims it if no others are left. kFreed if it had such
+// marks, or was claimed by a dead process; kLocked, with nothing done, if the lock of its bucket timed out.
 Swept SweepSlot(ObjectLayout& layout, ObjectSlots& slots, unsigned slot, const ProcessSet& dead, DWORD limitMs) {
   ObjectSlot& object = slots[slot];
   const SlotState state = slots.State(slot);

@@ -3,8 +3,8 @@
 // A process has one process slot in each table that it enters, and keeps the slot's byte locked as long as it lives.
 // The number of its slot stands wherever it has marked an object. While it may have marks, its flag `hasMarks` is set.
 // A slot whose flag is set and whose byte is not locked is stale: its process was killed, and no other process gets the
-// slot until a sweep has removed the marks. So the lock of a slot always speaks for the process that has made its
-// marks.
+// slot until a sweep has removed the marks. So the lock of a slot always tells about the process that has made the
+// slot's marks.
 //
 // Locks belong to the open file description, which a forked child shares: between fork and exec nothing of this layer
 // may be called. All functions may be called from any thread.

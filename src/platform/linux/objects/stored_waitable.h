@@ -1,5 +1,5 @@
-// Events, mutexes and semaphores: objects to wait for whose state is an ObjectHeader. That of an object with a name
-// lies in the object table; that of one without a name in the memory of the process.
+// Events, mutexes and semaphores: waitable objects whose state is an ObjectHeader. The header of an object with a name
+// is in the object table, that of an object without a name in the memory of the process.
 //
 // A StoredWaitable is owned by its handles and by the calls that use it, and keeps its header alive. All functions may
 // be called from any thread.
@@ -36,9 +36,9 @@ class StoredWaitable : public Waitable {
 // The thread that owns the mutex, 0 if none does. False if the handle is not that of a mutex.
 bool FindMutexOwner(HANDLE mutex, pid_t* thread);
 
-// A handle on a new object, or on the one that bears the name; then the last error is ERROR_ALREADY_EXISTS. Null with
-// the last error. T has kKind and a constructor that takes a header and a hold, which is null for an object without a
-// name.
+// A handle on a new object, or on the existing one of that name, in which case the last error is ERROR_ALREADY_EXISTS.
+// Null with the last error. T has kKind and a constructor that takes a header and a hold, which is null for an object
+// without a name.
 template <class T>
 HANDLE CreateStored(const char* name, const NamedObject::Initialise& initialise) {
   std::shared_ptr<T> object;

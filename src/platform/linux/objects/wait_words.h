@@ -1,4 +1,4 @@
-// The words in memory that waiting is built on: those of one object, and those of a hub on which a thread sleeps that
+// The words in memory on which waits are built: those of one object, and those of a hub, on which a thread sleeps that
 // waits for several objects. What they mean and which threads change them is told in waitable.h and wait_hub.h.
 //
 // They may lie in memory that processes share, so they hold nothing but lock-free atomic numbers, and zeroed memory is

@@ -28,8 +28,8 @@ class ProcessObject : public Completion {
   virtual DWORD ExitCode() const = 0;
   // False with the last error set.
   virtual bool Terminate(DWORD exitCode) = 0;
-  // The time that it used itself, without its children where the kernel tells them apart. False if it is gone and its
-  // times were not kept.
+  // The processor time that the process used itself, without its children where the kernel tells them apart. False if
+  // the process is gone and its times were not kept.
   virtual bool Times(ProcessTimes& times) const;
 
  private:
@@ -38,7 +38,7 @@ class ProcessObject : public Completion {
 
 // From /proc; false if there is no such process.
 bool ReadProcessTimes(pid_t pid, ProcessTimes& times);
-// 0 for one that is gone.
+// 0 for a process that is gone.
 FILETIME ProcessStartTime(pid_t pid);
 // A span of time.
 FILETIME FileTimeFromMicroseconds(std::uint64_t microseconds);

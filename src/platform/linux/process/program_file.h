@@ -1,5 +1,5 @@
-// Finding the program that CreateProcessA is to run, and checking that it can be run. CreateProcessA has to report
-// such errors itself, and by the time that the tool's process executes the file it has returned.
+// Finds the program that CreateProcessA is to run, and checks that it can be run. CreateProcessA has to report such
+// errors itself, but it has returned by the time at which the tool's process executes the file.
 #ifndef KESTRUN_PLATFORM_LINUX_PROCESS_PROGRAM_FILE_H_
 #define KESTRUN_PLATFORM_LINUX_PROCESS_PROGRAM_FILE_H_
 
@@ -11,7 +11,8 @@
 namespace kestrun::platform {
 
 // The file for the first word of a command line. A name without a separator is looked for in this program's folder, in
-// the current one and in those of PATH; any other stands for itself. Where nothing is found, the name as it is.
+// the current one and in those of PATH; any other name is taken as it is. If nothing is found, the result is the name
+// itself.
 std::string FindProgram(const std::string& name);
 
 // ERROR_SUCCESS, or why this file can't be run.

@@ -13,19 +13,20 @@ class ReaperClient {
  public:
   virtual ~ReaperClient() = default;
 
-  // The descriptor is readable. False when nothing more is to be waited for; the client is then let go. Called on the
-  // reaper's thread with no lock held, for one client at a time.
+  // The descriptor is readable. The result false ends the watch; OnLetGo follows. Called on the reaper's thread with no
+  // lock held, for one client at a time.
   virtual bool OnReadable() = 0;
-  // The descriptor is watched no more and may be closed. The last call.
+  // The descriptor is no longer watched and may be closed. This is the reaper's last call.
   virtual void OnLetGo() = 0;
 };
 
 // Keeps `client` until its OnReadable gives false; the client keeps the descriptor open until OnLetGo, since a closed
-// number can come back as another client's. False with errno if the thread or the watch can't be had.
+// number can come back as another client's. False with errno if the thread can't be started or the descriptor can't be
+// watched.
 bool WatchDescriptor(int descriptor, std::shared_ptr<ReaperClient> client);
 
-// Takes a client away without a call of OnLetGo, so that the caller serves it from now on. False if the reaper is just
-// serving it, or has let it go.
+// Takes a client away without a call of OnLetGo, so that the caller serves it from now on. False if the reaper is
+// serving it at this moment, or no longer watches it.
 bool UnwatchDescriptor(int descriptor, const ReaperClient* client);
 
 }  // namespace kestrun::platform

@@ -30,10 +30,10 @@ class SupervisorPool {
   // A supervisor whose next tool's process waits, and what it reported about that process. 0, or an errno.
   int Acquire(SessionKind session, SupervisorLink& supervisor, Report& ready);
 
-  // Keeps an idle supervisor for a later tool. Too many are closed.
+  // Keeps an idle supervisor for a later tool. If there are many already, it is closed.
   void Release(SupervisorLink supervisor);
 
-  // Closes the idle ones of this kind, which end.
+  // Closes the idle supervisors of this kind, which then exit.
   void CloseIdle(SessionKind session);
 
  private:

@@ -14,8 +14,8 @@ class Zygote {
  public:
   virtual ~Zygote() = default;
 
-  // If a supervisor is killed, its zygote ends what was below it. So a supervisor without a living zygote gets no
-  // further tool.
+  // If a supervisor is killed, its zygote ends the processes that were below it. So a supervisor without a living
+  // zygote must not get another tool.
   virtual bool IsAlive() const = 0;
 };
 
@@ -23,8 +23,8 @@ class Zygote {
 // fails. If the zygote dies before it has read the request, the other end of the socket ends.
 std::shared_ptr<Zygote> AskForSupervisor(SessionKind session, int control, int& error);
 
-// Lets go of the zygote of that session kind and waits for its end, for so long at most. It ends when nothing that it
-// started is left. A later request starts a new one.
+// Disconnects from the zygote of that session kind and waits for its end, at most `limitMs`. The zygote ends when
+// nothing that it started is left. A later request starts a new one.
 void EndZygote(SessionKind session, int limitMs);
 
 }  // namespace kestrun::platform
