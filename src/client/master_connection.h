@@ -74,7 +74,7 @@ class MasterConnection {
   bool IsStopped();
 
  private:
-  // What is reported once in a long wait, and after how long.
+  // A report that is made once in a long wait, and after how long.
   struct Notice {
     u32 afterMs;
     std::function<void()> tell;

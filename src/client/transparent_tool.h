@@ -41,7 +41,7 @@ class TransparentTool {
   const Options& options_;
   const std::vector<std::string> words_;
   u32 timeoutSeconds_ = 0;
-  // Of a tool that has run as a child; -1 while they are not known.
+  // Usage of a tool that has run as a child; -1 while it is not known.
   std::int64_t cpuUs_ = -1;
   std::int64_t peakMemoryBytes_ = -1;
 };

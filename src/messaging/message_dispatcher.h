@@ -87,7 +87,7 @@ class MessageDispatcher {
   // Before Run. A handler that throws a SystemException is reported by its pool, which goes on. False if its threads
   // can't be started.
   virtual bool AddClient(u32 id, MessageHandler handler, u32 threads, PeerTypes mayPeerSend = IsNoTypeOfDispatcher);
-  // By UDP, where there is a socket for it; otherwise nothing.
+  // Sends by UDP; does nothing without a socket for it.
   virtual void Broadcast(rc_ptr<Message> message, u16 port);
   // Routes a message of this process itself, or of one of its timers.
   virtual void Post(rc_ptr<Message> message, bool fromTimer);

@@ -24,7 +24,7 @@ class ChildStartup {
   ChildStartup& operator=(const ChildStartup&) = delete;
   ~ChildStartup();
 
-  // What to give to CreateProcessA; lives as long as this object.
+  // The start-up data for CreateProcessA; lives as long as this object.
   STARTUPINFOA* GetStartupInfo();
   // To be added to the creation flags.
   DWORD GetCreationFlags() const;

@@ -1,4 +1,4 @@
-// What differs between the systems and is no Win32 call: plain values and a few helpers. Callers branch on these
+// Differences between the systems that are no Win32 calls: plain values and a few helpers. Callers branch on these
 // values and never ask which system they run on.
 #ifndef KESTRUN_PLATFORM_HOST_H_
 #define KESTRUN_PLATFORM_HOST_H_
@@ -11,7 +11,7 @@
 
 namespace kestrun::platform {
 
-// What stands between the elements of PATH: ';' on Windows, ':' elsewhere.
+// The separator between the elements of PATH: ';' on Windows, ':' elsewhere.
 extern const char kPathListSeparator;
 
 // True on systems that ignore the case of file names, so that lookups fold it.

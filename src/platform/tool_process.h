@@ -27,7 +27,7 @@ struct RunFailure {
 // if that fails. No other thread may run.
 RunFailure BecomeProgram(const std::vector<std::string>& arguments);
 
-// What to start as a child where this process can't become the program, or stays beside it.
+// The program to start as a child, if this process can't become it or is to stay.
 struct ProgramCommand {
   std::string application;
   std::string commandLine;

@@ -1,4 +1,4 @@
-// What a master tells observers about its jobs, and its byte form in a MSG_JOURNAL.
+// The records that a master sends to observers about its jobs, and their byte form in a MSG_JOURNAL.
 //
 // Times are microseconds of one clock that all processes of the machine share (SteadyMicroseconds). Plain values; one
 // thread at a time.
@@ -39,7 +39,8 @@ enum class JobOutcome : u32 {
 inline bool HasEnded(JobOutcome outcome) {
   return outcome != JobOutcome::kWaiting && outcome != JobOutcome::kRunning;
 }
-// What a build counts as a failure. A cancelled job's client has gone, so that its end says nothing about the build.
+// True for an outcome that a build counts as a failure. A cancelled job does not count: its client has gone, so its end
+// says nothing about the build.
 inline bool IsFailure(JobOutcome outcome) {
   return outcome == JobOutcome::kFailed || outcome == JobOutcome::kSignalled || outcome == JobOutcome::kOverdue;
 }

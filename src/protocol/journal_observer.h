@@ -16,7 +16,7 @@
 
 namespace kestrun {
 
-// One message of the master.
+// The content of one message of the master.
 struct JournalNews {
   JournalState state;
   std::vector<JobRecord> jobs;  // in the order in which they changed; a job that changes again comes again

@@ -65,7 +65,7 @@ enum SegmentType : u32 {
   SEG_SCRIPT_LINE = 406,      // u32: of a request, and then of its result: a script stub on a terminal asks for it
 };
 
-// What an observer asks for.
+// The kinds of requests of an observer.
 enum ObserveKind : u32 {
   OBSERVE_SNAPSHOT = 1,  // the state and the jobs that run or wait, once
   OBSERVE_FOLLOW = 2,    // the same, and from then on each job that comes or changes

@@ -1,4 +1,4 @@
-// What a client sends to the master's slot server, and the answer. A client asks for a slot in the limit on running
+// The request of a client to the master's slot server, and the answer. A client asks for a slot in the limit on running
 // jobs, is answered once it has one, and then runs its tool itself; the slot is free again when the client's process
 // has ended.
 //

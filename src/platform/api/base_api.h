@@ -41,7 +41,7 @@ using LPBYTE = BYTE*;
 using CHAR = char;
 using WCHAR = wchar_t;
 using NTSTATUS = LONG;
-// What GetProcAddress gives: to be cast to the real signature.
+// The type of GetProcAddress's result, which the caller casts to the real signature.
 using FARPROC = long long (*)();
 
 #define WINAPI
@@ -123,7 +123,7 @@ using LPSECURITY_ATTRIBUTES = SECURITY_ATTRIBUTES*;
 #define ERROR_TIMEOUT 1460u
 #define ERROR_RESOURCE_TYPE_NOT_FOUND 1813u
 
-// One value a thread. Successful calls leave it alone unless their Windows twins set it.
+// The last error: one value for each thread. Successful calls leave it alone unless those of Windows set it.
 DWORD GetLastError();
 void SetLastError(DWORD error);
 

@@ -19,7 +19,7 @@
 #define EXCEPTION_FLT_INVALID_OPERATION 0xC0000090u
 #define EXCEPTION_INT_DIVIDE_BY_ZERO 0xC0000094u
 #define EXCEPTION_BREAKPOINT 0x80000003u
-// What an abort, and with it an uncaught C++ exception, arrives as.
+// The code of an abort, and so of an uncaught C++ exception.
 #define STATUS_FATAL_APP_EXIT 0x40000015u
 
 struct EXCEPTION_RECORD {
@@ -45,8 +45,8 @@ using PEXCEPTION_POINTERS = EXCEPTION_POINTERS*;
 using PTOP_LEVEL_EXCEPTION_FILTER = LONG(WINAPI*)(EXCEPTION_POINTERS*);
 using LPTOP_LEVEL_EXCEPTION_FILTER = PTOP_LEVEL_EXCEPTION_FILTER;
 
-// One filter a process; gives the one before, null for none. After a filter that returns, the process dies of its
-// signal, save that EXCEPTION_CONTINUE_EXECUTION goes on where it stopped.
+// Sets the filter of this process; gives the filter before, null for none. After a filter that returns, the process
+// dies of its signal, save that EXCEPTION_CONTINUE_EXECUTION goes on where it stopped.
 LPTOP_LEVEL_EXCEPTION_FILTER SetUnhandledExceptionFilter(LPTOP_LEVEL_EXCEPTION_FILTER filter);
 
 #define TH32CS_SNAPTHREAD 0x4u

@@ -133,7 +133,7 @@ HANDLE FindFirstFileW(const WCHAR* pattern, WIN32_FIND_DATAW* data);
 BOOL FindNextFileW(HANDLE find, WIN32_FIND_DATAW* data);
 BOOL FindClose(HANDLE find);
 
-// These answer with the length without its NUL or, if the buffer is too small, the size with it; 0 on failure.
+// The calls below give the length without its NUL or, if the buffer is too small, the size with it; 0 on failure.
 DWORD GetCurrentDirectoryA(DWORD size, LPSTR buffer);
 DWORD GetCurrentDirectoryW(DWORD size, WCHAR* buffer);
 // Lexical: "." and ".." are removed as text, the current directory is put before a relative name, and no link is

@@ -20,10 +20,10 @@ void GetLocalTime(SYSTEMTIME* time);
 void GetSystemTime(SYSTEMTIME* time);
 void GetSystemTimeAsFileTime(FILETIME* time);
 
-// These two know no zone. A time that is no date fails with ERROR_INVALID_PARAMETER.
+// Both without a time zone. A time that is no date fails with ERROR_INVALID_PARAMETER.
 BOOL SystemTimeToFileTime(const SYSTEMTIME* from, FILETIME* to);
 BOOL FileTimeToSystemTime(const FILETIME* from, SYSTEMTIME* to);
-// By the zone's offset of that very moment.
+// Converts by the zone's offset at that very moment.
 BOOL FileTimeToLocalFileTime(const FILETIME* from, FILETIME* to);
 LONG CompareFileTime(const FILETIME* left, const FILETIME* right);
 

@@ -27,7 +27,7 @@ class IniLines {
   std::vector<std::string> GetSections() const;
   // The names of the settings up to the end of the section or its first empty line. Throws IniFormatException.
   std::vector<std::string> GetKeys(const std::string& section) const;
-  // What stands behind the "="; false if the section or the key is not there.
+  // Gives the text behind the "="; false if the section or the key does not exist.
   bool GetValue(const std::string& section, const std::string& key, std::string& value) const;
 
   // Replaces the line of the key, or adds one directly behind the header of the section, which is added if need be.

@@ -90,7 +90,7 @@ struct FileInfo {
   u64 size = 0;
 };
 
-// What GetAttributes gives for a path that does not exist.
+// The result of GetAttributes for a path that does not exist.
 inline constexpr u32 kNoAttributes = 0xFFFFFFFF;
 
 template <class C>

@@ -13,7 +13,8 @@ namespace kestrun {
 // The version of this program; 0.0.0.0 for one that has none.
 VersionNumber GetProgramVersion();
 
-// What --version prints: kestrun (release) 1.2.3.4 "C:\x\kestrun.exe". "<error>" if the program has no version.
+// The line that --version prints: kestrun (release) 1.2.3.4 "C:\x\kestrun.exe". "<error>" if the program has no
+// version.
 std::string GetVersionString();
 
 }  // namespace kestrun

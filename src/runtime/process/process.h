@@ -109,7 +109,7 @@ class Process : public rc_base {
   rc_ptr<Stream> GetStdout() const { return stdout_; }
   rc_ptr<Stream> GetStderr() const { return stderr_; }
 
-  // What to run, if the command line alone should not decide; and where. Empty means: not given.
+  // The program, if the command line alone should not decide, and its working directory. Empty means: not given.
   void SetApplicationPath(const Path& path) { applicationPath_ = path; }
   void SetWorkingDirectory(const Path& path) { workingDirectory_ = path; }
 

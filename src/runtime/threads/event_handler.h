@@ -1,4 +1,4 @@
-// One source of events, under a Reactor: a socket or a kernel object, and what is done when it is ready.
+// A source of events under a Reactor: a socket or a kernel object, and the handling when it is ready.
 //
 // Held by rc_ptr; the Reactor holds one as long as the handler is registered. All operations are called without a lock
 // of the Reactor. GetHandle, GetEvents and UsesThreadPool are called on the thread of the loop that waits. HandleEvent
@@ -14,13 +14,13 @@ namespace kestrun {
 
 class EventHandler : public rc_base {
  public:
-  // What GetHandleType gives: a socket, or a kernel object.
+  // The results of GetHandleType: a socket, or a kernel object.
   static constexpr int kSelectable = 0;
   static constexpr int kWaitable = 1;
   // The bits of GetEvents.
   static constexpr u32 kRead = 1;
   static constexpr u32 kWrite = 2;
-  // What GetHandle gives if there is nothing to wait for at present.
+  // The result of GetHandle if there is nothing to wait for at present.
   static constexpr int kNoHandle = -1;
 
   // The socket or kernel object to wait for, or kNoHandle.

@@ -1,4 +1,4 @@
-// What an operation of the Reactor throws: Register, if no port is left for the wake-up pair.
+// Thrown by the Reactor: by Register, if no port is left for the wake-up pair.
 //
 // The code is the system's error number.
 #ifndef KESTRUN_RUNTIME_THREADS_REACTOR_EXCEPTION_H_

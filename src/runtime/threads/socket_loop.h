@@ -30,7 +30,8 @@ class SocketLoop : public EventLoop {
     bool isFailed = false;
     // How often the wait was ended by Wake; it says so once however often that was called.
     int wakeups = 0;
-    // Not begun yet: one that the call of another closes or removes is not called.
+    // The handlers that are ready; their calls have not begun. A handler that another one closes or removes is not
+    // called.
     std::vector<ReadySocket> ready;
   };
 

@@ -17,7 +17,7 @@
 
 namespace kestrun {
 
-// What is called when its time has come.
+// A handler that is called when its time has come.
 class TimeoutHandler : public rc_base {
  public:
   virtual void OnTimeout() = 0;

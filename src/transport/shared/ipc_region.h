@@ -57,7 +57,7 @@ class IpcRegion {
   bool IsOpen() const { return isOpen_; }
   // Constant once created or opened, as is the next one.
   const std::string& GetName() const { return name_; }
-  // Whether this end has created a region.
+  // True if this end has created a region.
   bool IsOwner() const { return isOwner_; }
 
   // As IpcRing::Read and IpcRing::Write, on the ring of that direction.
@@ -82,12 +82,12 @@ class IpcRegion {
   // Wakes the reader once a lock that had timed out can be taken again: the peer does not announce its bytes twice.
   // False if the ring is unusable.
   bool RecoverReader();
-  // Whether the lock of the ring that this end reads has timed out.
+  // True if the lock of the ring that this end reads has timed out.
   bool HasLockTimedOut();
   // As IpcRing::RepairHeader, of both rings.
   void RepairHeaders();
 
-  // Whether no other process has the region open.
+  // True if no other process has the region open.
   bool IsPeerGone();
   // Ends attached to .c2s now, and how often an end has attached to the ring that this end reads.
   u32 GetAttachCount();

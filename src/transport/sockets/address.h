@@ -56,7 +56,7 @@ class Address {
   friend bool operator==(const Address& left, const Address& right) {
     return left.kind_ == right.kind_ && left.text_ == right.text_;
   }
-  // By kind, then by text.
+  // Ordered by kind, then by text.
   friend bool operator<(const Address& left, const Address& right);
 
  private:

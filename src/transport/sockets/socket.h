@@ -40,7 +40,7 @@ class Socket : public rc_base {
   // 0 where a non-blocking socket has nothing. The end of the connection throws, with code 0; the socket stays open.
   virtual u32 Receive(void* data, u32 length);
 
-  // Of datagrams. `from`, if given, receives the sender.
+  // For datagram sockets. `from`, if given, receives the sender.
   u32 ReceiveFrom(void* data, u32 length, SocketAddress* from);
   u32 SendTo(const void* data, u32 length, const SocketAddress& to);
   // To every host of the local net, on a datagram socket; on another one it throws with code 10013.

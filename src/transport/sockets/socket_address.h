@@ -33,8 +33,8 @@ class SocketAddress {
   // Host text, "/", port.
   std::string ToString(bool resolve) const;
 
-  // Whether the address means this machine: 127.0.0.1 on any port, what "localhost" or this machine's name resolves
-  // to, or the name given to SetLocalHostName if one was.
+  // True if the address means this machine: 127.0.0.1 on any port, what "localhost" or this machine's name resolves to,
+  // or the name given to SetLocalHostName if one was.
   bool IsLocal() const;
 
   // Bytewise.

@@ -1,9 +1,9 @@
-// What a handle stands for.
+// The base of all objects for which handles stand.
 //
 // An Object belongs to one process and is held by shared_ptr: one reference for each handle of the process, and one for
 // each call that is using it. So a handle may be closed while another thread waits on it or reads from it; that call
-// goes on with the object that it has. What must happen when the last handle goes, and not when the last call has
-// returned, belongs in LastHandleClosed.
+// goes on with the object that it has. Work that must be done when the last handle is closed, and not when the last
+// call has returned, belongs in LastHandleClosed.
 #ifndef KESTRUN_PLATFORM_LINUX_BASE_OBJECT_H_
 #define KESTRUN_PLATFORM_LINUX_BASE_OBJECT_H_
 

@@ -1,4 +1,5 @@
-// What this process was started with and has changed for itself: a program that it becomes must find it unchanged.
+// The signal state with which this process was started and which the layer has changed: a program that this process
+// becomes must find it unchanged.
 #ifndef KESTRUN_PLATFORM_LINUX_BASE_START_STATE_H_
 #define KESTRUN_PLATFORM_LINUX_BASE_START_STATE_H_
 

@@ -21,9 +21,9 @@ class FileObject : public Object {
 
   int Descriptor() const { return descriptor_.get(); }
 
-  // One read, of what there is; 0 bytes at the end of a file.
+  // Reads once, up to `count` bytes of what is there; 0 bytes at the end of a file.
   virtual bool Read(void* buffer, DWORD count, DWORD* read);
-  // All of it, or an error; `written` tells how much went before the error.
+  // Writes all bytes, or fails; `written` tells how many were written before the error.
   virtual bool Write(const void* buffer, DWORD count, DWORD* written);
   // PeekNamedPipe: copies without taking, and tells how much waits. Any pointer may be null. A disk file has no such
   // thing: ERROR_INVALID_FUNCTION.

@@ -1,4 +1,4 @@
-// What a file's status is in Win32 terms.
+// The status of files in Win32 terms: attributes, times and sizes.
 #ifndef KESTRUN_PLATFORM_LINUX_FILES_FILE_STATUS_H_
 #define KESTRUN_PLATFORM_LINUX_FILES_FILE_STATUS_H_
 

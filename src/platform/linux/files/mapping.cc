@@ -33,8 +33,8 @@ std::size_t RoundUpToPage(std::size_t bytes) {
   return (bytes + PageSize() - 1) & ~(PageSize() - 1);
 }
 
-// What views can be made of: a region of memory, with or without a name, or a disk file. A named one lies in a file of
-// the object folder, an unnamed one in a memfd.
+// An object of which views can be made: a region of memory, with or without a name, or a disk file. A region with a
+// name is a file of the object folder, one without a name a memfd.
 class Mapping : public Object {
  public:
   static constexpr ObjectKind kKind = ObjectKind::kMapping;
@@ -252,7 +252,7 @@ void GetSystemInfo(SYSTEM_INFO* information) {
   *information = {};
   information->dwPageSize = static_cast<DWORD>(PageSize());
   information->dwAllocationGranularity = information->dwPageSize;
-  // Not by the C library, which reads a file of /sys for it.
+  // The C library would read a file of /sys for this number.
   cpu_set_t processors;
   const bool isKnown = sched_getaffinity(0, sizeof processors, &processors) == 0;
   information->dwNumberOfProcessors = isKnown ? static_cast<DWORD>(CPU_COUNT(&processors)) : 1;

@@ -62,9 +62,9 @@ enum ToolFlag : std::uint32_t {
   kToolKillOnClose = 2,  // as the command kKillOnClose
 };
 
-// What a tool is started with. Followed by `textSize` bytes: the program's path, then `argumentCount` arguments and
-// `variableCount` environment entries, each with its NUL, and `furtherCount` numbers (int) that the further descriptors
-// are to have in the tool.
+// The header of a kStart command. It is followed by `textSize` bytes: the program's path, then `argumentCount`
+// arguments and `variableCount` environment entries, each with its NUL, and `furtherCount` numbers (int) that the
+// further descriptors are to have in the tool.
 struct ToolHeader {
   std::uint32_t flags;
   std::uint32_t streams;  // bit n: stream n comes along as a descriptor; the others are /dev/null

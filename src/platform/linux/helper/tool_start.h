@@ -1,7 +1,8 @@
-// What a tool is started with, as it comes over the control socket, and the exec that makes a process the tool.
+// Everything that a tool is started with, as it arrives over the control socket, and the exec that makes a process the
+// tool.
 //
-// Owned by the supervisor and used for one tool after the other, so that its memory is there already. The process that
-// is to become the tool uses it while it shares the supervisor's memory, and the supervisor stands still meanwhile.
+// Owned by the supervisor and used for one tool after the other, so that its buffers are allocated already. The process
+// that is to become the tool uses it in the supervisor's memory, while the supervisor stands still.
 #ifndef KESTRUN_PLATFORM_LINUX_HELPER_TOOL_START_H_
 #define KESTRUN_PLATFORM_LINUX_HELPER_TOOL_START_H_
 

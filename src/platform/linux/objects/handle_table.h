@@ -48,7 +48,8 @@ std::shared_ptr<T> LookUp(HANDLE handle) {
 // Takes the handle out of the table, as CloseHandle does. False with ERROR_INVALID_HANDLE if there was none.
 bool ReleaseHandle(HANDLE handle);
 
-// What the pseudo handle -1 stands for. Set once, before threads use it; until then -1 can't be looked up.
+// Sets the object of the pseudo handle -1. To be called once, before threads use the handle; until then it can't be
+// looked up.
 void SetCurrentProcessObject(std::shared_ptr<Object> object);
 
 // The limit of descriptors as it was when this process started, with which tools are started. The first handle raises

@@ -56,7 +56,7 @@ struct ObjectHeader {
 
 enum class SlotPhase : std::uint8_t { kFree = 0, kClaimed = 1, kLive = 2, kDead = 3 };
 
-// What changes in one step when a slot goes from one phase to the next.
+// The word of a slot that changes in one step when the slot goes from one phase to the next.
 struct SlotState {
   std::uint32_t generation;  // counts the objects that the slot has served
   std::uint16_t owner;       // process slot; of a claimed one

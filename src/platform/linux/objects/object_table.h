@@ -75,7 +75,7 @@ class ObjectTable {
   ~ObjectTable();
 
  private:
-  // What this process has of one object.
+  // The holds and pins of this process on one object.
   struct Counts {
     unsigned holds = 0;
     unsigned pins = 0;

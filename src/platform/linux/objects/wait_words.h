@@ -12,7 +12,7 @@
 
 namespace kestrun::platform {
 
-// Which processes use a word.
+// The processes that use a word.
 enum class Scope {
   kProcess,  // this one alone
   kMachine,  // all that share the object table

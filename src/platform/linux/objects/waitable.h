@@ -36,7 +36,7 @@ class Waitable : public Object {
   // True where a satisfied wait changes the state.
   virtual bool IsConsumable() const { return true; }
 
-  // What SignalObjectAndWait does to its first object. False with the last error.
+  // Signals the object as SignalObjectAndWait does with its first one. False with the last error.
   virtual bool SignalOne();
 
   WaitState& state() { return *state_; }

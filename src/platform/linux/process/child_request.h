@@ -1,5 +1,5 @@
-// What a tool is to be started with, and how it goes to the tool's process: a kStart command with the working directory
-// and the streams as descriptors (helper_protocol.h). The other side is tool_start.h.
+// Everything that a tool is started with, and how it is sent to the tool's process: a kStart command with the working
+// directory and the streams as descriptors (helper_protocol.h). The receiving side is tool_start.h.
 #ifndef KESTRUN_PLATFORM_LINUX_PROCESS_CHILD_REQUEST_H_
 #define KESTRUN_PLATFORM_LINUX_PROCESS_CHILD_REQUEST_H_
 

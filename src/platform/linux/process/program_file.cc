@@ -22,7 +22,7 @@ namespace {
 constexpr std::size_t kMaxArgumentSize = 128 * 1024;
 // Three quarters of the default stack limit of 8 MiB, beyond which the kernel refuses whatever the limit is.
 constexpr std::size_t kMaxTotalSize = 6 * 1024 * 1024;
-// What the kernel keeps on the new stack beside the texts.
+// Room that the kernel needs on the new stack beside the texts.
 constexpr std::size_t kStackReserve = 8 * 1024;
 
 bool IsRegularFile(const std::string& path) {
