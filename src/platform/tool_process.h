@@ -45,8 +45,8 @@ std::uint32_t ParentProcess(std::uint32_t processId);
 // process. The call takes milliseconds.
 std::uint64_t ProcessorTimeOfTree(std::uint32_t processId);
 
-// What a process and those below it that live now have used so far; zeros if there is no such process, and where the
-// system does not tell. Cheaper than ProcessorTimeOfTree, and looks a few levels deep only.
+// The memory and time that a process and those below it that live now have used so far; zeros if there is no such
+// process, or if the system does not tell. Cheaper than ProcessorTimeOfTree, and looks a few levels deep only.
 struct ProcessUsage {
   std::uint64_t peakMemoryBytes = 0;  // the most that one of them has had at once
   std::uint64_t cpuUs = 0;            // of all of them, and of children that they waited for, in the system's ticks

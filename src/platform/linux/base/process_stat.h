@@ -36,10 +36,10 @@ bool ReadProcessStat(pid_t pid, ProcessStat& stat);
 // ROOT and everything below it.
 std::map<pid_t, ProcessStat> DescendantsOf(pid_t root);
 
-// The largest memory in bytes that the process has had; 0 if it is none.
+// The largest memory in bytes that the process has had; 0 if there is no such process.
 std::uint64_t PeakMemoryOf(pid_t pid);
 
-// The children that it has now; empty if it is no process.
+// The children that the process has now; empty if there is no such process.
 std::vector<pid_t> ChildrenOf(pid_t pid);
 
 std::uint64_t TicksToMicroseconds(std::uint64_t ticks);

@@ -20,7 +20,7 @@ class Deadline {
 
   bool IsNever() const { return ns_ == kNever; }
   bool HasPassed() const;
-  // The one that comes first.
+  // This deadline or the other, whichever comes first.
   Deadline Or(const Deadline& other) const { return other.ns_ < ns_ ? other : *this; }
   timespec ToTimespec() const;
   // As a span from now; 0 if it has passed.
@@ -34,15 +34,15 @@ class Deadline {
   std::int64_t ns_;
 };
 
-// The times at which a long sleep looks at its object although nothing has woken it. A wake-up from another process can
-// be lost when that process is killed between its change of the object and the call that wakes. The first look comes
-// after `firstMs`, each later one after twice as long as the one before, up to a minute: so a lost wake-up delays a
+// The times at which a long sleep checks its object although nothing has woken it. A wake-up from another process can
+// be lost when that process is killed between its change of the object and the call that wakes. The first check comes
+// after `firstMs`, each later one after twice as long as the one before, up to a minute. So a lost wake-up delays a
 // wait by about as long as the wait has lasted, and a thread that sleeps for hours costs nothing.
 class SleepSlices {
  public:
   explicit SleepSlices(DWORD firstMs) : lengthMs_(firstMs), end_(Deadline::After(firstMs)) {}
 
-  // When the next sleep is to end: at the next look or at the deadline of the wait.
+  // The end of the next sleep: the next check or the deadline of the wait.
   Deadline Next(const Deadline& deadline);
 
  private:
