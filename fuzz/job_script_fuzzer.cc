@@ -4,8 +4,8 @@
 // Input: the script.
 #include <string>
 
-#include "fuzz_input.h"
 #include "client/slow_script.h"
+#include "fuzz_input.h"
 
 namespace kestrun::fuzz {
 namespace {
