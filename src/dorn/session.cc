@@ -77,7 +77,10 @@ int RunBuild(const Path& program, const std::vector<std::string>& command, const
   build->SetApplicationPath(program);
   const platform::SavedTerminal terminal;
   const u32 flags = Process::OWN_JOB | Process::SHOW_WINDOW | Process::INHERIT_DESCRIPTORS;
-  if (!build->Start(JoinArguments(command), flags, nullptr, 0)) return kExitCannotStart;
+  // A command line has no way to write a quote in a program's name; the path above says which file it is.
+  std::vector<std::string> words = command;
+  std::erase(words[0], '"');
+  if (!build->Start(JoinArguments(words), flags, nullptr, 0)) return kExitCannotStart;
   const UniqueHandle ended = build->GetWaitHandle();
   const bool isInterrupted = AwaitEnd(ended.Get(), interruption.GetHandle(), master);
   u32 code = static_cast<u32>(kExitFailure);

@@ -204,6 +204,8 @@ LocalJobQueue::ToolEnd LocalJobQueue::RunTool(BuildJob& job, const rc_ptr<Proces
   if (!slot.IsGranted()) return {-1, false, SteadyMicroseconds()};
   const std::shared_ptr<const Environment> environment = slots_ != nullptr ? MakeToolEnvironment(job) : nullptr;
   const std::int64_t startedUs = SteadyMicroseconds();
+  // The command line alone does not name such a file.
+  if (job.toolPath.ToString().find('"') != std::string::npos) process->SetApplicationPath(job.toolPath);
   if (!process->Start(job.commandLine, slots_ != nullptr ? kToolFlags : kJobFlags, environment.get(), 0))
     return {-1, false, SteadyMicroseconds()};
   slot.SetProcess(process->GetProcessId());

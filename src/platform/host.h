@@ -17,6 +17,10 @@ extern const char kPathListSeparator;
 // True where a command may be named without its ending and in any case, so that lookups fold the case of a name.
 extern const bool kFileNamesIgnoreCase;
 
+// True where a process is started with a list of words, and the text of its command line is put together from them by
+// the rules of the C run-time; false where the text is what the caller wrote, and the words are read from it.
+extern const bool kCommandLineIsJoined;
+
 // The folder above "DORN" in which settings and logs live when RV_COMMON_PATH is not set. No separator at its end.
 std::string DefaultCommonPath();
 

@@ -13,6 +13,8 @@ namespace kestrun::platform {
 const char kPathListSeparator = ';';
 const bool kFileNamesIgnoreCase = true;
 
+const bool kCommandLineIsJoined = false;
+
 std::string DefaultCommonPath() {
   return "c:\\Program Files\\Ravelin Works\\Common";
 }

@@ -82,6 +82,8 @@ unsigned ProcessorsOfQuota() {
 const char kPathListSeparator = ':';
 const bool kFileNamesIgnoreCase = false;
 
+const bool kCommandLineIsJoined = true;
+
 std::string DefaultCommonPath() {
   std::string data;
   // A relative value is to be ignored.
