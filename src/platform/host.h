@@ -81,6 +81,10 @@ bool SeparateNamedObjects();
 // is made.
 void RemoveAbandonedObjects();
 
+// True for a process that a signal or a debugger has stopped, until it goes on. Always false where the system does not
+// tell.
+bool IsStopped(DWORD processId);
+
 // Asks a child of this process to end, as a user does who ends it from outside (SIGTERM). False where the system has
 // no way to ask one process alone, or if there is no such child.
 bool AskToEnd(DWORD childId);

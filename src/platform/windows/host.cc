@@ -97,6 +97,10 @@ unsigned UsableProcessors() {
 
 void TakeOverChildTimes(DWORD) {}
 
+bool IsStopped(DWORD) {
+  return false;
+}
+
 // A console tells all the processes in it.
 bool AskToEnd(DWORD) {
   return false;
