@@ -81,6 +81,10 @@ bool SeparateNamedObjects();
 // is made.
 void RemoveAbandonedObjects();
 
+// Removes what killed processes have left among the named objects, the sockets of their names included, and nothing
+// that is in use. Any thread; takes a millisecond or so. Processes that make objects do the same about once a minute.
+void RemoveStaleObjects();
+
 // True for a process that a signal or a debugger has stopped, until it goes on. Always false where the system does not
 // tell.
 bool IsStopped(DWORD processId);

@@ -97,6 +97,8 @@ unsigned UsableProcessors() {
 
 void TakeOverChildTimes(DWORD) {}
 
+void RemoveStaleObjects() {}
+
 bool IsStopped(DWORD) {
   return false;
 }

@@ -1,6 +1,8 @@
 // A master that stands still, as under a debugger.
 #include <signal.h>
 
+#include <filesystem>
+
 #include "dorn_fixture.h"
 #include "kill_support.h"
 #include "platform/host.h"
@@ -57,6 +59,9 @@ TEST_F(StoppedMaster, KeepsNoOtherBuildFromRunning) {
   EXPECT_EQ(third.exitCode, 6);
   EXPECT_NE(third.errors.find("ended by force"), std::string::npos) << "no other dorn has it: " << third.errors;
   ExpectNoMaster();
+  for (const auto& entry : std::filesystem::directory_iterator(platform::NamedObjectFolder())) {
+    EXPECT_FALSE(entry.path().filename().string().starts_with("stream.")) << "the next master removes " << entry.path();
+  }
 }
 
 }  // namespace
