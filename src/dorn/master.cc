@@ -1,10 +1,13 @@
 #include "dorn/master.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "dorn/command_line.h"
 #include "dorn/options.h"
 #include "dorn/report.h"
+#include "platform/host.h"
+#include "transport/shared/mutex_owner.h"
 
 namespace kestrun::dorn {
 
@@ -18,6 +21,9 @@ constexpr u32 kEndLimitMs = 35000;
 constexpr u32 kForcedEndLimitMs = 2000;
 constexpr u32 kErrorsLimitMs = 1000;
 constexpr int kRegionTries = 100;
+// A debugger stops a process for a moment when it attaches.
+constexpr u32 kStoppedMs = 1000;
+constexpr u32 kStoppedLookMs = 100;
 
 std::string MakeId() {
   return "dorn_" + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(GetTickCount());
@@ -59,12 +65,32 @@ DWORD WaitForEither(HANDLE first, HANDLE second, u32 limitMs) {
 Master::Master() : join_(kDornJoinName) {}
 
 Master::Start Master::Join(const Path& program, const MasterWishes& wishes, HANDLE interruption) {
-  const DWORD outcome = WaitForEither(join_.GetHandle(), interruption, INFINITE);
+  const DWORD outcome = TakeLock(interruption, INFINITE, Patience::kUntilHeld);
   if (outcome == WAIT_OBJECT_0 + 1) return Start::kInterrupted;
   // WAIT_ABANDONED_0: the dorn that held the lock was killed. Each step leaves a record that Find understands.
   const Start start = JoinWithLock(program, wishes, interruption);
   join_.Unlock();
   return start;
+}
+
+// As WaitForEither; WAIT_TIMEOUT also if the holder is stopped and that ends the patience.
+DWORD Master::TakeLock(HANDLE interruption, u32 limitMs, Patience patience) {
+  bool isTold = false;
+  for (u32 waitedMs = 0;; waitedMs += kStoppedMs) {
+    const u32 sliceMs = std::min(limitMs - waitedMs, kStoppedMs);
+    const DWORD outcome = WaitForEither(join_.GetHandle(), interruption, sliceMs);
+    if (outcome != WAIT_TIMEOUT || (limitMs != INFINITE && waitedMs + sliceMs == limitMs)) return outcome;
+    isTold = isTold || TellOfStoppedHolder();
+    if (isTold && patience == Patience::kUntilHolderIsStopped) return WAIT_TIMEOUT;
+  }
+}
+
+bool Master::TellOfStoppedHolder() const {
+  const u32 holder = GetMutexOwner(join_.GetHandle()).process;
+  if (holder == 0 || !platform::IsStopped(holder)) return false;
+  PrintWarning("process " + std::to_string(holder) +
+               ", which is stopped, keeps every dorn from joining and leaving the master; let it go on, or end it");
+  return true;
 }
 
 Master::Start Master::JoinWithLock(const Path& program, const MasterWishes& wishes, HANDLE interruption) {
@@ -75,8 +101,12 @@ Master::Start Master::JoinWithLock(const Path& program, const MasterWishes& wish
   u64 seen = session_->master;
   do {
     switch (Find(DornSession::GetMasterProcess(seen))) {
-      case Found::kRunning:
-        return JoinRunning(wishes, interruption);
+      case Found::kRunning: {
+        if (!StaysStopped(interruption)) return JoinRunning(wishes, interruption);
+        if (!HasNoOtherUser()) return Start::kStopped;
+        EndByForce();
+        break;
+      }
       case Found::kEnding: {
         const Start start = AwaitEarlierEnd(interruption);
         if (start != Start::kReady) return start;
@@ -90,7 +120,16 @@ Master::Start Master::JoinWithLock(const Path& program, const MasterWishes& wish
   return StartNew(program, wishes, interruption);
 }
 
+// With the lock.
+bool Master::HasNoOtherUser() {
+  users_.Reset();
+  const bool isLast = IsLast();
+  users_ = MakeEvent(kDornUsersName, true);
+  return isLast;
+}
+
 Master::Start Master::AwaitEarlierEnd(HANDLE interruption) {
+  if (StaysStopped(interruption)) EndByForce();
   switch (WaitForEither(process_.Get(), interruption, kEndLimitMs)) {
     case WAIT_OBJECT_0:
       return Start::kReady;
@@ -224,8 +263,8 @@ Master::Start Master::AwaitReady(HANDLE interruption) {
 void Master::Leave(bool isInterrupted, HANDLE interruption) {
   if (!users_) return;
   // A dorn that joins just now may wait for its master; that is no reason to stay.
-  const DWORD outcome = WaitForEither(join_.GetHandle(), isInterrupted ? nullptr : interruption,
-                                      isInterrupted ? kForcedEndLimitMs : INFINITE);
+  const DWORD outcome = TakeLock(isInterrupted ? nullptr : interruption, isInterrupted ? kForcedEndLimitMs : INFINITE,
+                                 Patience::kUntilHolderIsStopped);
   const bool hasLock = outcome == WAIT_OBJECT_0 || outcome == WAIT_ABANDONED_0;
   users_.Reset();
   // Without the lock the master is left to find out by itself that no dorn is there.
@@ -246,9 +285,36 @@ void Master::AwaitEnd(bool isInterrupted, HANDLE interruption) {
   session_->ending = isInterrupted ? DornSession::kEndsByForce : DornSession::kEnds;
   SetEvent(finish_.Get());
   SetEvent(stop_.Get());
-  const DWORD outcome = isInterrupted ? WAIT_TIMEOUT : WaitForEither(process_.Get(), interruption, kEndLimitMs);
-  if (outcome == WAIT_OBJECT_0) return;
+  if (!isInterrupted && AwaitOwnEnd(interruption)) return;
   session_->ending = DornSession::kEndsByForce;
+  if (StaysStopped(nullptr) || WaitForSingleObject(process_.Get(), kForcedEndLimitMs) != WAIT_OBJECT_0) EndByForce();
+}
+
+// False if it has to be ended by force.
+bool Master::AwaitOwnEnd(HANDLE interruption) const {
+  for (u32 waitedMs = 0; waitedMs < kEndLimitMs && !StaysStopped(interruption); waitedMs += kStoppedMs) {
+    const DWORD outcome = WaitForEither(process_.Get(), interruption, kStoppedMs);
+    if (outcome != WAIT_TIMEOUT) return outcome == WAIT_OBJECT_0;
+  }
+  return false;
+}
+
+// True once the master has been stopped for a while. False as soon as it goes on or ends, or after an interruption.
+bool Master::StaysStopped(HANDLE interruption) const {
+  for (u32 waitedMs = 0; platform::IsStopped(GetProcessId()); waitedMs += kStoppedLookMs) {
+    if (waitedMs >= kStoppedMs) return true;
+    if (WaitForEither(process_.Get(), interruption, kStoppedLookMs) != WAIT_TIMEOUT) return false;
+  }
+  return false;
+}
+
+// What the master runs ends with it.
+void Master::EndByForce() const {
+  const std::string process = "the master, process " + std::to_string(GetProcessId());
+  const bool isStopped = platform::IsStopped(GetProcessId());
+  const UniqueHandle master(OpenProcess(PROCESS_TERMINATE, FALSE, GetProcessId()));
+  if (!master || !TerminateProcess(master.Get(), 1)) return PrintError(process + ", does not end");
+  PrintWarning(process + (isStopped ? ", is stopped and was ended by force" : ", did not end and was ended by force"));
   WaitForSingleObject(process_.Get(), kForcedEndLimitMs);
 }
 

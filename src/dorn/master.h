@@ -30,7 +30,12 @@ struct MasterWishes {
 // One thread at a time. Failures are said on the standard error stream.
 class Master {
  public:
-  enum class Start { kReady, kFailed, kInterrupted };
+  enum class Start {
+    kReady,
+    kFailed,
+    kInterrupted,
+    kStopped  // other dorns have a master, which is stopped: it would answer no client
+  };
 
   // Throws SystemException if the system gives no named objects.
   Master();
@@ -38,7 +43,8 @@ class Master {
   Master& operator=(const Master&) = delete;
 
   // Joins the master that runs or, without one, starts `program` as master, and waits until it is ready, it ends, or
-  // `interruption` is signalled. A master that is just ending is waited for first.
+  // `interruption` is signalled. A master that is just ending is waited for first. One that is stopped (SIGSTOP, a
+  // debugger) for a second is ended by force if no other dorn has it.
   Start Join(const Path& program, const MasterWishes& wishes, HANDLE interruption);
 
   // After a Join that gave kReady.
@@ -46,13 +52,20 @@ class Master {
   // Signalled when the master has ended.
   HANDLE GetProcess() const { return process_.Get(); }
 
+  // After a Join that gave kReady or kStopped.
+  DWORD GetProcessId() const { return ::GetProcessId(process_.Get()); }
+
   // The build is over, or Join has failed. The last dorn tells the master to end and waits for that; others return at
-  // once. With `isInterrupted`, or after `interruption` is signalled, the master is given a second or two.
+  // once. With `isInterrupted`, or after `interruption` is signalled, the master is given a second or two; one that is
+  // stopped is given a second in any case. Then it is ended by force, and a line says so.
   void Leave(bool isInterrupted, HANDLE interruption);
 
  private:
   enum class Found { kNone, kRunning, kEnding };
+  enum class Patience { kUntilHeld, kUntilHolderIsStopped };
 
+  DWORD TakeLock(HANDLE interruption, u32 limitMs, Patience patience);
+  bool TellOfStoppedHolder() const;
   Start JoinWithLock(const Path& program, const MasterWishes& wishes, HANDLE interruption);
   static std::unique_ptr<MappedFile> OpenRegion();
   void OpenSession();
@@ -60,12 +73,16 @@ class Master {
   // The master that the record names with that process id.
   Found Find(u32 processId);
   Start AwaitEarlierEnd(HANDLE interruption);
+  bool HasNoOtherUser();
   Start JoinRunning(const MasterWishes& wishes, HANDLE interruption);
   Start StartNew(const Path& program, const MasterWishes& wishes, HANDLE interruption);
   Start AwaitReady(HANDLE interruption);
   bool Launch(const Path& program);
   bool IsLast();
+  bool StaysStopped(HANDLE interruption) const;
   void AwaitEnd(bool isInterrupted, HANDLE interruption);
+  bool AwaitOwnEnd(HANDLE interruption) const;
+  void EndByForce() const;
 
   Mutex join_;
   std::unique_ptr<MappedFile> region_;

@@ -31,6 +31,9 @@ constexpr DWORD kTimesLimitMs = 50;
 constexpr u32 kOwnEndMs = 300;
 constexpr u32 kAskedEndMs = 700;
 
+// How often a build's master is looked at for whether it is stopped.
+constexpr DWORD kMasterLookMs = 2000;
+
 u32 CodeOf(DWORD controlEvent) {
   switch (controlEvent) {
     case CTRL_C_EVENT:
@@ -50,24 +53,43 @@ bool EndsAfterInterruption(Process& build, HANDLE ended, const Interruption& int
   return WaitForSingleObject(ended, kAskedEndMs) == WAIT_OBJECT_0;
 }
 
-// Clients that come from now on find no master.
-void TellOfLostMaster() {
+bool RunsToolsWithoutMaster() {
   IniFile settings;
   settings.Load(GetSettingsPath());
-  if (!settings.GetBool("Extensions/TransparentTools", false)) return;
+  return settings.GetBool("Extensions/TransparentTools", false);
+}
+
+// Clients that come from now on find no master.
+void TellOfLostMaster() {
+  if (!RunsToolsWithoutMaster()) return;
   PrintWarning("the master has ended before the build; from here on tools run without a limit");
+}
+
+// Those that run go on.
+bool TellOfStoppedMaster(DWORD master) {
+  if (!platform::IsStopped(master)) return false;
+  PrintWarning("the master, process " + std::to_string(master) +
+               ", is stopped and does not answer; tools that start wait until it goes on or ends");
+  return true;
 }
 
 // Until the build has ended or is to be ended: true for the latter. `master` is null where an outer dorn looks after
 // it.
 bool AwaitEnd(HANDLE build, HANDLE interruption, HANDLE master) {
-  const HANDLE handles[] = {build, interruption, master};
-  DWORD outcome = WaitForMultipleObjects(master != nullptr ? 3 : 2, handles, FALSE, INFINITE);
-  if (outcome == WAIT_OBJECT_0 + 2) {
-    TellOfLostMaster();
-    outcome = WaitForMultipleObjects(2, handles, FALSE, INFINITE);
+  bool isTold = false;
+  for (;;) {
+    const HANDLE handles[] = {build, interruption, master};
+    const bool hasMaster = master != nullptr;
+    const DWORD outcome =
+        WaitForMultipleObjects(hasMaster ? 3 : 2, handles, FALSE, hasMaster ? kMasterLookMs : INFINITE);
+    if (outcome == WAIT_OBJECT_0 || outcome == WAIT_OBJECT_0 + 1) return outcome != WAIT_OBJECT_0;
+    if (outcome == WAIT_OBJECT_0 + 2) {
+      TellOfLostMaster();
+      master = nullptr;
+    } else {
+      isTold = isTold || TellOfStoppedMaster(GetProcessId(master));
+    }
   }
-  return outcome != WAIT_OBJECT_0;
 }
 
 // Runs the build command on the terminal of this process until it ends; one that does not end after an interruption is
@@ -78,7 +100,10 @@ int RunBuild(const Path& program, const std::vector<std::string>& command, const
   build->SetApplicationPath(program);
   const platform::SavedTerminal terminal;
   const u32 flags = Process::OWN_JOB | Process::SHOW_WINDOW | Process::INHERIT_DESCRIPTORS;
-  if (!build->Start(JoinArguments(command), flags, nullptr, 0)) return kExitCannotStart;
+  // A command line has no way to write a quote in a program's name; the path above says which file it is.
+  std::vector<std::string> words = command;
+  std::erase(words[0], '"');
+  if (!build->Start(JoinArguments(words), flags, nullptr, 0)) return kExitCannotStart;
   const UniqueHandle ended = build->GetWaitHandle();
   const bool isInterrupted = AwaitEnd(ended.Get(), interruption.GetHandle(), master);
   u32 code = static_cast<u32>(kExitFailure);
@@ -119,6 +144,19 @@ int RunUnderOuterMaster(const Options& options, const std::string& id, const Pat
   return code;
 }
 
+// Where other builds have a master that is stopped.
+int RunBesideMaster(const Options& options, const Path& program, const Interruption& interruption, DWORD master) {
+  const std::string cause = "the master of other builds, process " + std::to_string(master) +
+                            ", is stopped and does not answer; let it go on, or end it. ";
+  if (!RunsToolsWithoutMaster()) {
+    PrintError(cause + "The build command was not run");
+    return kExitFailure;
+  }
+  PrintWarning(cause + "The tools of this build run without a limit, and nothing is known of them");
+  SetEnvironmentVariableA("KESTRUN_ID", nullptr);
+  return RunBuild(program, options.command, interruption, nullptr);
+}
+
 int RunUnderMaster(const Options& options, const Path& kestrun, const Path& program, const Interruption& interruption) {
   Master master;
   switch (master.Join(kestrun, {options.id, options.jobs}, interruption.GetHandle())) {
@@ -128,6 +166,9 @@ int RunUnderMaster(const Options& options, const Path& kestrun, const Path& prog
     case Master::Start::kInterrupted:
       master.Leave(true, nullptr);
       return static_cast<int>(CodeOf(interruption.GetType()));
+    case Master::Start::kStopped:
+      master.Leave(false, interruption.GetHandle());
+      return RunBesideMaster(options, program, interruption, master.GetProcessId());
     case Master::Start::kReady:
       break;
   }

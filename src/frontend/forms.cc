@@ -136,7 +136,7 @@ int RunFrontEnd(int argc, const char* const* argv, const std::string& commandLin
                 TransparentRun transparent) {
   Options options;
   std::string cause;
-  switch (ReadOptions(commandLine, options, &cause)) {
+  switch (ReadOptions(commandLine, GetWords(argc, argv), options, &cause)) {
     case OptionsFault::kEnvironment:
       WriteStandardError("KESTRUN: error parsing KESTRUN_OPTS environment variable\nKESTRUN: " + cause + "\n");
       return kFailure;

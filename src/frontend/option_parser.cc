@@ -5,6 +5,7 @@
 
 #include "frontend/command_line_tail.h"
 #include "frontend/option_table.h"
+#include "platform/host.h"
 
 namespace kestrun {
 
@@ -18,7 +19,7 @@ bool IsSpace(char c) {
 
 class Tokenizer {
  public:
-  explicit Tokenizer(const std::string& text) : text_(text) {}
+  Tokenizer(const std::string& text, bool knowsEscapes) : text_(text), knowsEscapes_(knowsEscapes) {}
 
   bool AtEnd() const { return position_ >= text_.size(); }
 
@@ -40,10 +41,17 @@ class Tokenizer {
     while (!AtEnd() && IsSpace(text_[position_])) ++position_;
   }
   bool AtClosingQuote() const {
-    return text_[position_] == '"' && (position_ + 1 == text_.size() || IsSpace(text_[position_ + 1]));
+    const bool isAtEnd = text_[position_] == '"' && (position_ + 1 == text_.size() || IsSpace(text_[position_ + 1]));
+    return isAtEnd && !(knowsEscapes_ && IsEscaped());
+  }
+  bool IsEscaped() const {
+    std::size_t first = position_;
+    while (first > 0 && text_[first - 1] == '\\') --first;
+    return (position_ - first) % 2 == 1;
   }
 
   const std::string& text_;
+  const bool knowsEscapes_;
   std::size_t position_ = 0;
 };
 
@@ -69,9 +77,16 @@ std::string DescribeMissingTool(const std::string& word) {
   return "\"" + word + "\" is no option; a tool stands on the command line";
 }
 
+TokenList Tokenize(const std::string& text, bool knowsEscapes) {
+  TokenList list;
+  list.source = text;
+  Tokenizer tokenizer(text, knowsEscapes);
+  while (!tokenizer.AtEnd()) list.tokens.push_back(tokenizer.Next());
+  return list;
+}
+
 // Empty, or why the text does not parse.
-std::string FindFault(Options& options, const std::string& text, bool fromEnvironment) {
-  const TokenList list = TokenizeCommandLine(text);
+std::string FindFault(Options& options, const TokenList& list, bool fromEnvironment) {
   if (list.tokens.empty()) return fromEnvironment ? "" : kNothingToDo;
   for (std::size_t index = 0; index < list.tokens.size(); ++index) {
     const OptionRule* rule = FindRule(list.tokens[index].text);
@@ -93,15 +108,22 @@ std::string FindFault(Options& options, const std::string& text, bool fromEnviro
 }  // namespace
 
 TokenList TokenizeCommandLine(const std::string& text) {
-  TokenList list;
-  list.source = text;
-  Tokenizer tokenizer(text);
-  while (!tokenizer.AtEnd()) list.tokens.push_back(tokenizer.Next());
+  return Tokenize(text, false);
+}
+
+TokenList TokenizeJoinedLine(const std::string& text, const std::vector<std::string>& words) {
+  TokenList list = Tokenize(text, true);
+  if (list.tokens.size() != words.size()) return TokenizeCommandLine(text);
+  for (std::size_t index = 0; index < words.size(); ++index) list.tokens[index].text = words[index];
   return list;
 }
 
 bool ParseOptions(Options& options, const std::string& text, bool fromEnvironment, std::string* cause) {
-  const std::string fault = FindFault(options, text, fromEnvironment);
+  return ParseOptions(options, TokenizeCommandLine(text), fromEnvironment, cause);
+}
+
+bool ParseOptions(Options& options, const TokenList& list, bool fromEnvironment, std::string* cause) {
+  const std::string fault = FindFault(options, list, fromEnvironment);
   if (cause != nullptr) *cause = fault;
   return fault.empty();
 }
@@ -116,12 +138,15 @@ void MergeOptions(Options& result, const Options& environment, const Options& co
   ReplaceMarker(result.toolArgs, result.marker);
 }
 
-OptionsFault ReadOptions(const std::string& commandLine, Options& options, std::string* cause) {
+OptionsFault ReadOptions(const std::string& commandLine, const std::vector<std::string>& words, Options& options,
+                         std::string* cause) {
   Options fromEnvironment;
   const char* const text = std::getenv("KESTRUN_OPTS");
   if (text != nullptr && !ParseOptions(fromEnvironment, text, true, cause)) return OptionsFault::kEnvironment;
   Options fromCommandLine;
-  if (!ParseOptions(fromCommandLine, GetCommandLineTail(commandLine), false, cause)) return OptionsFault::kCommandLine;
+  const std::string tail = GetCommandLineTail(commandLine);
+  const TokenList list = platform::kCommandLineIsJoined ? TokenizeJoinedLine(tail, words) : TokenizeCommandLine(tail);
+  if (!ParseOptions(fromCommandLine, list, false, cause)) return OptionsFault::kCommandLine;
   MergeOptions(options, fromEnvironment, fromCommandLine);
   return OptionsFault::kNone;
 }

@@ -26,10 +26,15 @@ struct TokenList {
 // any other quote is an ordinary character, and there is no escape. A text of whitespace only gives one empty token.
 TokenList TokenizeCommandLine(const std::string& text);
 
+// The same for a text that was put together from `words` (platform::kCommandLineIsJoined): each token is a word as it
+// is, whatever quotes it holds, and stands where that word is written.
+TokenList TokenizeJoinedLine(const std::string& text, const std::vector<std::string>& words);
+
 // Fills the record from the text. False if the text does not parse: an option without its value, a bad number, an
 // empty marker, a tool where none may stand (fromEnvironment), or nothing to do. `cause`, which may be null, tells
 // which.
 bool ParseOptions(Options& options, const std::string& text, bool fromEnvironment, std::string* cause = nullptr);
+bool ParseOptions(Options& options, const TokenList& list, bool fromEnvironment, std::string* cause = nullptr);
 
 // The record to work with: what the command line gave, put over what the environment gave, by the same table that
 // parses them. Empty texts, a time limit of 0 and the default marker override nothing. The project of the environment
@@ -39,8 +44,10 @@ void MergeOptions(Options& result, const Options& environment, const Options& co
 // Which text of a process does not parse.
 enum class OptionsFault { kNone, kEnvironment, kCommandLine };
 
-// Both texts of a process: KESTRUN_OPTS, and the command line with the program's name. Prints nothing.
-OptionsFault ReadOptions(const std::string& commandLine, Options& options, std::string* cause = nullptr);
+// Both texts of a process: KESTRUN_OPTS, and the command line with the program's name. `words` are those behind the
+// name. Prints nothing.
+OptionsFault ReadOptions(const std::string& commandLine, const std::vector<std::string>& words, Options& options,
+                         std::string* cause = nullptr);
 
 }  // namespace kestrun
 

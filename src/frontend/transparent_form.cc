@@ -1,5 +1,7 @@
 #include "frontend/transparent_form.h"
 
+#include <algorithm>
+
 #include "app/stub_base.h"
 #include "client/transparent_tool.h"
 #include "frontend/option_parser.h"
@@ -17,6 +19,10 @@ bool NamesToolAlone(const Options& options) {
 
 }  // namespace
 
+std::vector<std::string> GetWords(int argc, const char* const* argv) {
+  return {argv + std::min(argc, 1), argv + argc};
+}
+
 std::vector<std::string> GetToolWords(const Options& options, int argc, const char* const* argv) {
   const int index = static_cast<int>(options.wordsBeforeTool) + 1;
   // The words are split by the system's rules and the options by our own; where the two disagree, in odd quoting, the
@@ -27,7 +33,7 @@ std::vector<std::string> GetToolWords(const Options& options, int argc, const ch
 
 TransparentRun RunTransparently(const std::string& commandLine, int argc, const char* const* argv, int& exitCode) {
   Options options;
-  const bool isRead = ReadOptions(commandLine, options) == OptionsFault::kNone;
+  const bool isRead = ReadOptions(commandLine, GetWords(argc, argv), options) == OptionsFault::kNone;
   // A time limit is a setting's business.
   if (!isRead || !NamesToolAlone(options) || options.timeoutSeconds != 0) return TransparentRun::kNotAsked;
   const std::string id = GetBuildId(options);

@@ -9,6 +9,9 @@
 
 namespace kestrun {
 
+// The words that the process was started with, less the program's name.
+std::vector<std::string> GetWords(int argc, const char* const* argv);
+
 // The tool and its arguments among the words that the process was started with; empty if they can't be told there.
 std::vector<std::string> GetToolWords(const Options& options, int argc, const char* const* argv);
 

@@ -38,7 +38,7 @@ class BuildJob : public JobDescription {
   u32 state = JOB_NEW;
   Path toolPath;  // part of the record: what is run is the command line
   Path workingDirectory;
-  std::string commandLine;  // the tool's path in quotes, a blank, the arguments
+  std::string commandLine;  // the tool's path in quotes, less those that it holds itself, a blank, the arguments
   u32 flags = 0;
   u32 timeoutSeconds = 0;  // 0 is none
   std::string echoText;

@@ -15,6 +15,12 @@ namespace {
 
 constexpr u32 kThreadEndMs = 30000;
 
+// A command line has no way to write a quote in a program's name.
+std::string WithoutQuotes(std::string name) {
+  std::erase(name, '"');
+  return name;
+}
+
 }  // namespace
 
 BuildRequestHandler::BuildRequestHandler(IniFile*, const Options& options, MessageDispatcher* dispatcher,
@@ -113,7 +119,7 @@ rc_ptr<BuildJob> BuildRequestHandler::CreateJob(const std::string& tool, const s
   rc_ptr<BuildJob> job = new BuildJob(++nextJobId_);
   job->toolPath = tool;
   job->workingDirectory = workingDirectory;
-  job->commandLine = "\"" + tool + "\" " + arguments;
+  job->commandLine = "\"" + WithoutQuotes(tool) + "\" " + arguments;
   job->environment = environment;
   job->flags |= flags;
   job->echoText = echoText;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "master/master_log.h"
+#include "platform/host.h"
 #include "runtime/base/environment.h"
 
 namespace kestrun {
@@ -75,6 +76,8 @@ void DornWatch::SettleJobs(IniFile& settings, u32 defaultJobs) {
 }
 
 void DornWatch::Watch() {
+  // Here, so that no build waits for it.
+  platform::RemoveStaleObjects();
   while (session_->ending == DornSession::kRuns) {
     if (IsLeft()) EndByForce();
     if (!AwaitChange()) return;

@@ -25,16 +25,26 @@ JobSlots::Ticket JobSlots::NewTicket() {
 }
 
 bool JobSlots::Ask(Ticket ticket, u32 processId, u64 inputPipe, u64 outputPipe) {
+  Job asked;
+  asked.processId = processId;
+  asked.inputPipe = inputPipe;
+  asked.outputPipe = outputPipe;
+  return AskFor(ticket, asked, 0);
+}
+
+// `lowest` is an ancestor as well, and the lowest of all; 0 if there is none but those of the job's process.
+bool JobSlots::AskFor(Ticket ticket, const Job& asked, u32 lowest) {
   {
     const std::lock_guard lock(lock_);
     Job& job = jobs_[ticket];
-    job.processId = processId;
-    job.inputPipe = inputPipe;
-    job.outputPipe = outputPipe;
+    job.processId = asked.processId;
+    job.inputPipe = asked.inputPipe;
+    job.outputPipe = asked.outputPipe;
     if (TryGrant(job, ticket)) return true;
   }
   // Without the lock: the look takes some system calls.
-  std::vector<u32> ancestors = AncestorsOf(processId);
+  std::vector<u32> ancestors = AncestorsOf(lowest != 0 ? lowest : asked.processId);
+  if (lowest != 0) ancestors.insert(ancestors.begin(), lowest);
   const std::lock_guard lock(lock_);
   const auto found = jobs_.find(ticket);
   if (found == jobs_.end()) return false;  // it has left meanwhile
@@ -55,8 +65,8 @@ void JobSlots::Leave(Ticket ticket) {
   Tell(granted);
 }
 
-bool JobSlots::AskAndWait(Ticket ticket) {
-  if (Ask(ticket, 0)) return true;
+bool JobSlots::AskAndWait(Ticket ticket, u32 clientProcess) {
+  if (AskFor(ticket, {}, clientProcess)) return true;
   std::unique_lock lock(lock_);
   changed_.wait(lock, [&] { return isStopped_ || jobs_[ticket].isGranted; });
   if (jobs_[ticket].isGranted) return true;
@@ -116,6 +126,15 @@ std::vector<u32> JobSlots::AncestorsOf(u32 processId) const {
     ancestors.push_back(processId);
   }
   return ancestors;
+}
+
+bool JobSlots::IsBelow(u32 processId, u32 ancestor) const {
+  std::vector<u32> processes = AncestorsOf(processId);
+  processes.push_back(processId);
+  const std::lock_guard lock(lock_);
+  return std::any_of(processes.begin(), processes.end(), [&](u32 process) {
+    return process != 0 && (process == ancestor || jobOfProcess_.contains(process));
+  });
 }
 
 // With the lock.

@@ -65,10 +65,14 @@ class JobSlots {
   // The job has ended, or no longer wants a slot. Nothing for an unknown ticket.
   void Leave(Ticket ticket);
 
-  // The same for the master's own threads. Waits until the slot is granted; false, without a slot, after Stop.
-  bool AskAndWait(Ticket ticket);
+  // The same for the master's own threads, which run a job for this client, 0 if unknown: a job that the client is
+  // below lends to it. Waits until the slot is granted; false, without a slot, after Stop.
+  bool AskAndWait(Ticket ticket, u32 clientProcess = 0);
   // The process in which the job of AskAndWait runs, once there is one: descendants of that process may borrow.
   void SetProcess(Ticket ticket, u32 processId);
+
+  // True for a process of which that process, or one that holds a slot, is an ancestor. Takes some system calls.
+  bool IsBelow(u32 processId, u32 ancestor) const;
 
   // Ends all present and future waits of AskAndWait.
   void Stop();
@@ -103,6 +107,7 @@ class JobSlots {
     std::vector<u32> ancestors{};  // of a waiting job: process ids, the nearest first
   };
 
+  bool AskFor(Ticket ticket, const Job& asked, u32 lowest);
   std::vector<u32> AncestorsOf(u32 processId) const;
   bool TryGrant(Job& job, Ticket ticket);
   void Grant(Job& job, Ticket ticket);
@@ -135,11 +140,11 @@ class JobSlots {
 // A slot for a scope of one of the master's own threads; without a limit (null) none is needed.
 class HeldJobSlot {
  public:
-  // Waits until the slot is granted, or the slots are stopped.
-  explicit HeldJobSlot(JobSlots* slots)
+  // Waits until the slot is granted, or the slots are stopped. See AskAndWait for the client.
+  HeldJobSlot(JobSlots* slots, u32 clientProcess)
       : slots_(slots),
         ticket_(slots != nullptr ? slots->NewTicket() : 0),
-        isGranted_(!slots || slots->AskAndWait(ticket_)) {}
+        isGranted_(!slots || slots->AskAndWait(ticket_, clientProcess)) {}
   ~HeldJobSlot() {
     if (slots_ != nullptr && isGranted_) slots_->Leave(ticket_);
   }

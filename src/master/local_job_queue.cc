@@ -80,6 +80,7 @@ std::shared_ptr<const Environment> MakeToolEnvironment(const BuildJob& job) {
 LocalJobQueue::LocalJobQueue(u32 threadCount, IniFile& settings, MessageDispatcher& dispatcher, JobSlots* slots,
                              u64 outputLimit, JobJournal* journal)
     : dispatcher_(dispatcher),
+      localAddress_(SocketAddress(GetLocalHostName(), 0), Address::kTcp, false),
       slots_(slots),
       budget_(new OutputBudget(outputLimit)),
       keepsOutput_(!settings.GetBool("Extensions/DiscardOutput", false)),
@@ -97,13 +98,83 @@ LocalJobQueue::~LocalJobQueue() {
   if (!isStopped_) Stop();
 }
 
+void LocalJobQueue::Push(const rc_ptr<BuildJob>& job) {
+  const Lock lock(nestedLock_);
+  if (!IsNested(*job) || !PushNested(job)) jobs_.Push(job);
+}
+
+// The jobs of a script come one after the other.
+bool LocalJobQueue::IsNested(const BuildJob& job) {
+  if (slots_ == nullptr || job.clientProcess == 0) return false;
+  if (!(job.clientAddress == lastClient_)) {
+    isLastNested_ = slots_->IsBelow(job.clientProcess, GetCurrentProcessId());
+    lastClient_ = job.clientAddress;
+  }
+  return isLastNested_;
+}
+
+// False if there is no thread to run it.
+bool LocalJobQueue::PushNested(const rc_ptr<BuildJob>& job) {
+  if (isStopped_) return true;
+  NestedJobs& nested = nested_[job->clientProcess];
+  nested.jobs.push_back(job);
+  if (nested.threads == threads_.size()) return true;
+  std::erase_if(nestedThreads_, [](const rc_ptr<Thread>& thread) { return thread->Wait(0); });
+  rc_ptr<Thread> thread = new Thread("Local build thread");
+  newClients_.push_back(job->clientProcess);
+  if (thread->Start(MakeDelegate(&LocalJobQueue::NestedLoop, this))) {
+    nestedThreads_.push_back(thread);
+    ++nested.threads;
+    return true;
+  }
+  newClients_.pop_back();
+  if (nested.threads > 0) return true;
+  nested_.erase(job->clientProcess);
+  return false;
+}
+
+void LocalJobQueue::NestedLoop() {
+  u32 client = 0;
+  {
+    const Lock lock(nestedLock_);
+    client = newClients_.front();
+    newClients_.pop_front();
+  }
+  while (const rc_ptr<BuildJob> job = PopNested(client)) HandleJob(*job, 0);
+}
+
+// Null ends the thread.
+rc_ptr<BuildJob> LocalJobQueue::PopNested(u32 client) {
+  const Lock lock(nestedLock_);
+  NestedJobs& nested = nested_[client];
+  if (isStopped_ || nested.jobs.empty()) {
+    if (--nested.threads == 0) nested_.erase(client);
+    return nullptr;
+  }
+  const rc_ptr<BuildJob> job = nested.jobs.front();
+  nested.jobs.pop_front();
+  return job;
+}
+
+std::vector<rc_ptr<Thread>> LocalJobQueue::ListThreads() {
+  const Lock lock(nestedLock_);
+  std::vector<rc_ptr<Thread>> threads = threads_;
+  threads.insert(threads.end(), nestedThreads_.begin(), nestedThreads_.end());
+  return threads;
+}
+
 void LocalJobQueue::Stop() {
-  isStopped_ = true;
+  {
+    // From here on no further thread is started.
+    const Lock lock(nestedLock_);
+    isStopped_ = true;
+  }
+  const std::vector<rc_ptr<Thread>> threads = ListThreads();
   budget_->Lift();
   for (std::size_t i = 0; i < threads_.size(); ++i) jobs_.PushFront(nullptr);
-  for (const rc_ptr<Thread>& thread : threads_) thread->SetPriority(THREAD_PRIORITY_ABOVE_NORMAL);
+  for (const rc_ptr<Thread>& thread : threads) thread->SetPriority(THREAD_PRIORITY_ABOVE_NORMAL);
   const u32 start = GetTickCount();
-  while (!Thread::WaitAll(threads_, kOrphanCheckMs)) {
+  while (!Thread::WaitAll(threads, kOrphanCheckMs)) {
     if (cancelsOrphans_) CancelOrphans();
     // The jobs' objects close with the process, which ends the tools that are still running.
     if (GetTickCount() - start >= kThreadsEndMs) ExitProcess(1);
@@ -118,24 +189,20 @@ void LocalJobQueue::CancelOrphans() {
 
 void LocalJobQueue::LocalBuildLoop() {
   const i32 thread = threadCount_++;
-  const Address localAddress(SocketAddress(GetLocalHostName(), 0), Address::kTcp, false);
   for (;;) {
     rc_ptr<BuildJob> job;
     if (!jobs_.Pop(job, kNoLimit) || !job) return;
-    LogJob(*job, "processing job");
-    if (job->state == JOB_FINISHED) {
-      LogJob(*job, "job already in finished state");
-      continue;
-    }
-    if (job->isCancelled) {
-      SkipJob(*job, localAddress);
-    } else {
-      RunJob(*job, localAddress, thread);
-    }
+    HandleJob(*job, thread);
   }
 }
 
-void LocalJobQueue::RunJob(BuildJob& job, const Address& localAddress, i32 thread) {
+void LocalJobQueue::HandleJob(BuildJob& job, i32 thread) {
+  LogJob(job, "processing job");
+  if (job.state == JOB_FINISHED) return LogJob(job, "job already in finished state");
+  job.isCancelled ? SkipJob(job) : RunJob(job, thread);
+}
+
+void LocalJobQueue::RunJob(BuildJob& job, i32 thread) {
   if (!job.echoText.empty()) {
     SendBuildOutput(dispatcher_.FindChannel(job.clientAddress), job.echoText, "");
     job.echoText = std::string();
@@ -153,14 +220,14 @@ void LocalJobQueue::RunJob(BuildJob& job, const Address& localAddress, i32 threa
   rc_ptr<Message> result;
   try {
     if (end.isOverdue) AddOverdueLine(output->GetStderr(), job.timeoutSeconds);
-    result = ResultMessage(localAddress, job, timer, end.exitCode, output->TakeStdout(), output->TakeStderr());
+    result = ResultMessage(localAddress_, job, timer, end.exitCode, output->TakeStdout(), output->TakeStderr());
   } catch (const std::exception& e) {
     // The output exceeds a segment's limit or the memory: the job fails, and its stub is told why.
-    result = ResultMessage(localAddress, job, timer, -1, TextStream(""), TextStream(std::string(e.what()) + "\r\n"));
+    result = ResultMessage(localAddress_, job, timer, -1, TextStream(""), TextStream(std::string(e.what()) + "\r\n"));
   }
   TellJournal(job, *process, end, outputBytes, *result);
   Answer(result);
-  LogJob(job, "Posting job result back to main thread", {{"local_addr", localAddress.ToString()}});
+  LogJob(job, "Posting job result back to main thread", {{"local_addr", localAddress_.ToString()}});
 }
 
 void LocalJobQueue::TellJournal(const BuildJob& job, Process& process, const ToolEnd& end, u64 outputBytes,
@@ -184,14 +251,14 @@ void LocalJobQueue::TellJournal(const BuildJob& job, Process& process, const Too
   journal_->Finish(job.number, std::move(told));
 }
 
-void LocalJobQueue::SkipJob(BuildJob& job, const Address& localAddress) {
+void LocalJobQueue::SkipJob(BuildJob& job) {
   job.echoText = std::string();
   LogJob(job, "job was cancelled before its start");
   if (journal_ != nullptr) journal_->Finish(job.number, {JobOutcome::kCancelled});
   EventTimer timer("event timer");
   timer.Start();
   timer.Stop();
-  Answer(ResultMessage(localAddress, job, timer, -1, TextStream(""), TextStream("")));
+  Answer(ResultMessage(localAddress_, job, timer, -1, TextStream(""), TextStream("")));
 }
 
 void LocalJobQueue::Answer(const rc_ptr<Message>& result) {
@@ -200,10 +267,12 @@ void LocalJobQueue::Answer(const rc_ptr<Message>& result) {
 
 LocalJobQueue::ToolEnd LocalJobQueue::RunTool(BuildJob& job, const rc_ptr<Process>& process,
                                               const rc_ptr<JobOutput>& output, i32 thread) {
-  HeldJobSlot slot(slots_);
+  HeldJobSlot slot(slots_, job.clientProcess);
   if (!slot.IsGranted()) return {-1, false, SteadyMicroseconds()};
   const std::shared_ptr<const Environment> environment = slots_ != nullptr ? MakeToolEnvironment(job) : nullptr;
   const std::int64_t startedUs = SteadyMicroseconds();
+  // The command line alone does not name such a file.
+  if (job.toolPath.ToString().find('"') != std::string::npos) process->SetApplicationPath(job.toolPath);
   if (!process->Start(job.commandLine, slots_ != nullptr ? kToolFlags : kJobFlags, environment.get(), 0))
     return {-1, false, SteadyMicroseconds()};
   slot.SetProcess(process->GetProcessId());

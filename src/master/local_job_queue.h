@@ -3,7 +3,9 @@
 #define KESTRUN_MASTER_LOCAL_JOB_QUEUE_H_
 
 #include <atomic>
+#include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -14,6 +16,7 @@
 #include "master/output_budget.h"
 #include "master/running_tools.h"
 #include "messaging/message_dispatcher.h"
+#include "runtime/base/critical_section.h"
 #include "runtime/base/rc_ptr.h"
 #include "runtime/files/ini_file.h"
 #include "runtime/process/process.h"
@@ -38,6 +41,10 @@ namespace kestrun {
 //                       and only what is collected and sent in parts counts.
 //   EnforceJobTimeout   a tool that runs longer than its job's limit is ended, with exit code 124 and a line that says
 //                       so behind its standard error.
+//
+// A tool may itself be a client that waits for jobs, as a script in a script is. With slots, what a client below a
+// running job asks for does not wait for the threads, which such jobs may all hold: it has a queue and threads of its
+// own, as many as there are others at most, and only while it has jobs.
 //
 // Threads: "Local build thread", any number, run the tools. Push, Cancel and Stop may come from any thread; none of
 // them waits for a tool but Stop.
@@ -66,7 +73,7 @@ class LocalJobQueue {
   // False if no thread could be started.
   bool HasThreads() const { return !threads_.empty(); }
 
-  void Push(const rc_ptr<BuildJob>& job) { jobs_.Push(job); }
+  void Push(const rc_ptr<BuildJob>& job);
   // The job ends without a result of its own, with exit code -1: its tool is ended if it runs, and is never started
   // otherwise. It is answered in its turn all the same.
   void Cancel(BuildJob& job) { runningTools_.Cancel(job); }
@@ -82,9 +89,22 @@ class LocalJobQueue {
     std::int64_t endedUs = JobRecord::kNone;
   };
 
+  // The jobs of a client below a running job.
+  struct NestedJobs {
+    std::deque<rc_ptr<BuildJob>> jobs{};
+    std::size_t threads = 0;
+  };
+
+  bool IsNested(const BuildJob& job);
+  bool PushNested(const rc_ptr<BuildJob>& job);
+  void NestedLoop();
+  rc_ptr<BuildJob> PopNested(u32 client);
+  std::vector<rc_ptr<Thread>> ListThreads();
   void LocalBuildLoop();
-  void RunJob(BuildJob& job, const Address& localAddress, i32 thread);
-  void SkipJob(BuildJob& job, const Address& localAddress);
+  // `thread` is the job's slot where there are no slots.
+  void HandleJob(BuildJob& job, i32 thread);
+  void RunJob(BuildJob& job, i32 thread);
+  void SkipJob(BuildJob& job);
   ToolEnd RunTool(BuildJob& job, const rc_ptr<Process>& process, const rc_ptr<JobOutput>& output, i32 thread);
   u32 WaitLimitMs(const BuildJob& job) const;
   void Answer(const rc_ptr<Message>& result);
@@ -92,6 +112,7 @@ class LocalJobQueue {
   void TellJournal(const BuildJob& job, Process& process, const ToolEnd& end, u64 outputBytes, const Message& result);
 
   MessageDispatcher& dispatcher_;
+  const Address localAddress_;
   JobSlots* const slots_;  // may be null
   const rc_ptr<OutputBudget> budget_;
   const bool keepsOutput_;
@@ -103,6 +124,13 @@ class LocalJobQueue {
   BlockingQueue<rc_ptr<BuildJob>> jobs_;  // an empty pointer ends the thread that takes it
   RunningTools runningTools_;
   std::vector<rc_ptr<Thread>> threads_;  // constant after construction
+  CriticalSection nestedLock_;
+  // Guarded by nestedLock_.
+  std::map<u32, NestedJobs> nested_;  // by the client's process
+  std::deque<u32> newClients_;        // one for each thread that has just been started
+  std::vector<rc_ptr<Thread>> nestedThreads_;
+  Address lastClient_;  // the client that was last looked at, and what was found
+  bool isLastNested_ = false;
   std::atomic<bool> isStopped_{false};
 };
 

@@ -17,6 +17,10 @@ extern const char kPathListSeparator;
 // True on systems that ignore the case of file names, so that lookups fold it.
 extern const bool kFileNamesIgnoreCase;
 
+// True where a process is started with a list of words, and the text of its command line is put together from them by
+// the rules of the C run-time; false where the text is what the caller wrote, and the words are read from it.
+extern const bool kCommandLineIsJoined;
+
 // The folder above "DORN" in which settings and logs live when RV_COMMON_PATH is not set. No separator at its end.
 std::string DefaultCommonPath();
 
@@ -77,6 +81,14 @@ bool SeparateNamedObjects();
 // Removes what processes that were killed after a SeparateNamedObjects have left behind. Before the first named object
 // is made.
 void RemoveAbandonedObjects();
+
+// Removes what killed processes have left among the named objects, the sockets of their names included, and nothing
+// that is in use. Any thread; takes a millisecond or so. Processes that make objects do the same about once a minute.
+void RemoveStaleObjects();
+
+// True for a process that a signal or a debugger has stopped, until it goes on. Always false where the system does not
+// tell.
+bool IsStopped(DWORD processId);
 
 // Asks a child of this process to end, by SIGTERM. False where the system has no way to ask one process alone, or if
 // there is no such child.

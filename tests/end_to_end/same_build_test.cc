@@ -60,6 +60,10 @@ TEST_F(SameBuild, AScriptsJobLendsItsSlot) {
   const RunResult result = Script("\"" + ProgramPath("kestrun") + "\" $TOOL print nested\n");
   EXPECT_EQ(result.exitCode, 0) << result.errors;
   EXPECT_EQ(result.output, "nested\n");
+  const std::string kestrun = "\"" + ProgramPath("kestrun") + "\" ";
+  const std::string inner =
+      kestrun + "-s \"" + WriteScript("$TOOL print one\n" + kestrun + "$TOOL print two\n") + "\"\n";
+  EXPECT_EQ(Script(kestrun + "-s \"" + WriteScript(inner + inner) + "\"\n").output, "one\ntwo\none\ntwo\n");
 }
 
 TEST_F(SameBuild, TheLimitHoldsAndAKilledClientGivesItsSlotBack) {

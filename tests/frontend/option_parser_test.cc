@@ -45,6 +45,16 @@ TEST(Tokenizer, SplitsAtWhitespaceAndEndsAQuotedTokenOnlyAtAQuoteBeforeWhitespac
   for (const auto& c : cases) EXPECT_EQ(Show(c.text), c.tokens) << c.text;
 }
 
+TEST(Tokenizer, TakesTheWordsOfAJoinedLineAsTheyAre) {
+  const std::vector<std::string> words{"-n", "c\" d", "a\"b", "e f\\", "x\" y"};
+  const TokenList list = TokenizeJoinedLine(R"(-n "c\" d" "a\"b" "e f\\" "x\" y")", words);
+  Options options;
+  EXPECT_TRUE(ParseOptions(options, list, false));
+  EXPECT_EQ(options.name, "c\" d");
+  EXPECT_EQ(options.tool, "a\"b");
+  EXPECT_EQ(options.toolArgs, R"("e f\\" "x\" y")");
+}
+
 TEST(ParseOptions, HandsTheArgumentsOnAsTheyWereTyped) {
   const struct {
     const char* text;

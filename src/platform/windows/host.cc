@@ -13,6 +13,8 @@ namespace kestrun::platform {
 const char kPathListSeparator = ';';
 const bool kFileNamesIgnoreCase = true;
 
+const bool kCommandLineIsJoined = false;
+
 std::string DefaultCommonPath() {
   return "c:\\Program Files\\Ravelin Works\\Common";
 }
@@ -97,6 +99,12 @@ unsigned UsableProcessors() {
 
 // The system keeps no such count.
 void TakeOverChildTimes(DWORD) {}
+
+void RemoveStaleObjects() {}
+
+bool IsStopped(DWORD) {
+  return false;
+}
 
 // False: a control event goes to all processes of a console, and can't be sent to one.
 bool AskToEnd(DWORD) {

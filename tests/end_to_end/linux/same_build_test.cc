@@ -21,6 +21,7 @@ const char* const kShellRows[] = {
     " | sed \"s,$PWD,,\"",
     "printf '#!/bin/sh\\necho wrong\\n' >gcc-x; chmod +x gcc-x; $K gcc-x 2>/dev/null; echo $?",
     "printf 'echo \"$0\" \"$@\"\\n' >plain; chmod +x plain; $K ./plain a 'b c'",
+    "mkdir 'q\"d'; printf 'echo \"$0\" \"$@\"\n' >'q\"d/p\" q'; chmod +x q*/p*; $K './q\"d/p\" q' 'a\" b'",
     ": >empty; chmod +x empty; $K ./empty; echo $?",
     "printf 'echo x\\n' >notexec; $K ./notexec 2>/dev/null; echo $?",
     "printf '#!/no/such/interpreter\\n' >script; chmod +x script; $K ./script 2>/dev/null; echo $?",

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/api/sync_api.h"
+#include "platform/host.h"
 #include "platform/linux/objects/object_folder.h"
 #include "platform/linux/objects/object_sweep.h"
 #include "platform/linux/objects/stale_sockets.h"
@@ -41,13 +42,15 @@ bool FullObjectName(const char* name, std::string* fullName) {
   return true;
 }
 
+void RemoveStaleObjects() {
+  if (ObjectTable* const table = ObjectTable::Current()) table->Sweep();
+  RemoveStaleSockets(ObjectFolderPath());
+}
+
 std::unique_ptr<NamedObject> NamedObject::CreateOrOpen(ObjectKind kind, const char* name, std::uint64_t dataSize,
                                                        const Initialise& initialise, bool* existed) {
   // Sweeps run on the way, in a process that uses the folder just now, so that none has to run for the sweeps alone.
-  if (SweepIsDue()) {
-    if (ObjectTable* const table = ObjectTable::Current()) table->Sweep();
-    RemoveStaleSockets(ObjectFolderPath());
-  }
+  if (SweepIsDue()) RemoveStaleObjects();
   return Find(name, {kind, {}, dataSize, &initialise}, existed);
 }
 

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/linux/base/command_line.h"
 #include "platform/linux/base/file_descriptor.h"
 #include "platform/linux/base/process_end.h"
 #include "platform/linux/base/process_stat.h"
@@ -134,7 +135,10 @@ bool FindProgram(const std::string& name, const std::string& argumentText, Progr
     }
     const bool needsShell = !HasProgramHeader(candidate) && LooksLikeScript(candidate);
     command.application = needsShell ? kShell : candidate;
-    command.commandLine = "\"" + (needsShell ? std::string("sh\" \"") + candidate : name) + "\" " + argumentText;
+    // The name of a program is written without the quotes in it; a tool without a header is an argument of the shell.
+    const std::vector<std::string> words =
+        needsShell ? std::vector<std::string>{"sh", candidate} : std::vector<std::string>{name};
+    command.commandLine = JoinCommandLine(words) + " " + argumentText;
     return true;
   }
   failure = FailureOf(error);

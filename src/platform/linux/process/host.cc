@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "platform/linux/base/environment.h"
+#include "platform/linux/base/process_stat.h"
 #include "platform/linux/base/start_state.h"
 #include "platform/linux/files/file_names.h"
 
@@ -87,6 +88,8 @@ unsigned ProcessorsOfQuota() {
 const char kPathListSeparator = ':';
 const bool kFileNamesIgnoreCase = false;
 
+const bool kCommandLineIsJoined = true;
+
 std::string DefaultCommonPath() {
   std::string data;
   // The convention for this variable says that a relative path is to be ignored.
@@ -120,6 +123,11 @@ void EndWithoutReader() {
 
 std::FILE* OpenStdio(const std::string& name, const char* mode) {
   return std::fopen(SystemName(name).c_str(), (std::string(mode) + "e").c_str());
+}
+
+bool IsStopped(DWORD processId) {
+  ProcessStat stat = {};
+  return ReadProcessStat(static_cast<pid_t>(processId), stat) && (stat.state == 'T' || stat.state == 't');
 }
 
 std::string HostName() {

@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "platform/api/process_api.h"
@@ -22,14 +23,18 @@ namespace kestrun::platform {
 namespace {
 
 // A process that this one did not start. Its end is seen through a pidfd, which refers to the same process even after
-// its id was used again. On a kernel without pidfds (before 5.3) the end is not seen, and waits for the process never
-// end.
+// its id was used again. On a kernel without pidfds (before 5.3) the end is not seen, waits for the process never end,
+// and it can't be terminated.
 class ForeignProcess : public ProcessObject, public ReaperClient {
  public:
   ForeignProcess(pid_t pid, FileDescriptor descriptor) : ProcessObject(pid), descriptor_(std::move(descriptor)) {}
 
   DWORD ExitCode() const override { return IsSignalled() ? 0 : STILL_ACTIVE; }
   bool Terminate(DWORD) override {
+    const std::lock_guard lock(mutex_);
+#ifdef SYS_pidfd_send_signal
+    if (descriptor_ && syscall(SYS_pidfd_send_signal, descriptor_.get(), SIGKILL, nullptr, 0) == 0) return true;
+#endif
     SetLastError(ERROR_ACCESS_DENIED);
     return false;
   }
@@ -37,10 +42,14 @@ class ForeignProcess : public ProcessObject, public ReaperClient {
     Signal();
     return false;
   }
-  void OnLetGo() override { descriptor_.Reset(); }
+  void OnLetGo() override {
+    const std::lock_guard lock(mutex_);
+    descriptor_.Reset();
+  }
 
  private:
-  FileDescriptor descriptor_;
+  std::mutex mutex_;
+  FileDescriptor descriptor_;  // guarded by mutex_
 };
 
 std::shared_ptr<ProcessObject> OpenForeign(pid_t pid) {
