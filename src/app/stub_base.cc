@@ -9,7 +9,6 @@ namespace kestrun {
 
 namespace {
 
-constexpr u32 kMaxPath = 260;
 constexpr u32 kIdBufferSize = 256;
 
 StubBase* currentStub = nullptr;  // guarded by CurrentLock
@@ -45,12 +44,12 @@ CurrentStub::~CurrentStub() {
 }
 
 std::string GetBuildId(const Options& options) {
-  return options.id.empty() ? ReadBoundedVariable("KESTRUN_ID", kIdBufferSize) : options.id;
+  return options.id.empty() ? ReadBoundedVariable(kIdVariable, kIdBufferSize) : options.id;
 }
 
 std::string GetWorkingDirectory() {
-  char buffer[kMaxPath] = {};
-  GetCurrentDirectoryA(kMaxPath, buffer);
+  char buffer[kLongestFolder + 1] = {};
+  GetCurrentDirectoryA(sizeof buffer, buffer);
   return buffer;
 }
 

@@ -36,10 +36,12 @@ bool ParseOptions(Options& options, const std::string& text, bool fromEnvironmen
 // holds only where the command line says -p "". The marker that results is applied to the tool's arguments.
 void MergeOptions(Options& result, const Options& environment, const Options& commandLine);
 
+inline constexpr char kOptionsVariable[] = "KESTRUN_OPTS";
+
 // Which text of a process does not parse.
 enum class OptionsFault { kNone, kEnvironment, kCommandLine };
 
-// Both texts of a process: KESTRUN_OPTS, and the command line with the program's name. Prints nothing.
+// Both texts of a process: that of kOptionsVariable, and the command line with the program's name. Prints nothing.
 OptionsFault ReadOptions(const std::string& commandLine, Options& options, std::string* cause = nullptr);
 
 }  // namespace kestrun

@@ -1,6 +1,5 @@
 #include "platform/linux/sockets/local_names.h"
 
-#include <cctype>
 #include <cstdint>
 #include <cstdio>
 
@@ -11,9 +10,6 @@ namespace kestrun::platform {
 
 namespace {
 
-// Leaves room for a folder's path in the 107 bytes of an address.
-constexpr std::size_t kLongestName = 64;
-
 // FNV-1a: both sides must come to the same number, whatever they were built with.
 std::uint64_t Hash(const std::string& text) {
   std::uint64_t hash = 14695981039346656037u;
@@ -21,15 +17,8 @@ std::uint64_t Hash(const std::string& text) {
   return hash;
 }
 
-bool IsPlain(const std::string& name) {
-  for (const char c : name) {
-    if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '_' && c != '-' && c != '.') return false;
-  }
-  return name.size() <= kLongestName;
-}
-
 std::string FileName(const std::string& name) {
-  if (IsPlain(name)) return "stream." + name;
+  if (IsPlainStreamName(name)) return std::string(kPlainStreamPrefix) + name;
   char text[24];
   std::snprintf(text, sizeof text, "stream,%016llx", static_cast<unsigned long long>(Hash(name)));
   return text;
