@@ -12,6 +12,9 @@ namespace kestrun {
 // The special character of annotations in tool arguments, unless -m names another text.
 extern const std::string kDefaultMarker;
 
+// The project of jobs that name none.
+inline constexpr char kUsualProject[] = "default";
+
 struct Options {
   u32 timeoutSeconds = 0;               // -t, given in minutes; 0 is none
   std::string name;                     // -n: the job's name for display
@@ -27,7 +30,7 @@ struct Options {
   std::string readyEvent;               // -er: the one that the master signals when it serves clients
   std::string finishEvent;              // -ef: the one that tells the master that the build is over
   std::string id;                       // -id: the master instance
-  std::string project = "default";      // -p
+  std::string project = kUsualProject;  // -p
   u32 flags = 0;                        // JobFlag bits: -v, -k
   bool expandEnvironment = false;       // -e: expand %NAME% in job scripts
 };

@@ -9,8 +9,6 @@ namespace kestrun {
 
 namespace {
 
-// What the protocol can carry for a folder, NUL included.
-constexpr u32 kMaxPath = 260;
 constexpr u32 kIdBufferSize = 256;
 
 // A pointer and not a counted one: stubs are objects on the stack of main.
@@ -47,12 +45,12 @@ CurrentStub::~CurrentStub() {
 }
 
 std::string GetBuildId(const Options& options) {
-  return options.id.empty() ? ReadBoundedVariable("KESTRUN_ID", kIdBufferSize) : options.id;
+  return options.id.empty() ? ReadBoundedVariable(kIdVariable, kIdBufferSize) : options.id;
 }
 
 std::string GetWorkingDirectory() {
-  char buffer[kMaxPath] = {};
-  GetCurrentDirectoryA(kMaxPath, buffer);
+  char buffer[kLongestFolder + 1] = {};
+  GetCurrentDirectoryA(sizeof buffer, buffer);
   return buffer;
 }
 

@@ -47,10 +47,13 @@ class CurrentStub {
   CurrentStub& operator=(const CurrentStub&) = delete;
 };
 
+inline constexpr char kIdVariable[] = "KESTRUN_ID";
+
 // The id of the build that this process belongs to: Options::id, else KESTRUN_ID; empty for none. For the main thread.
 std::string GetBuildId(const Options& options);
 
-// The current directory; empty if the system can't tell it in 260 bytes.
+// The current directory; empty if it is longer than this, or the system can't tell it.
+inline constexpr u32 kLongestFolder = 259;
 std::string GetWorkingDirectory();
 
 // An environment variable whose value has to fit a buffer of this size, its end mark included. Empty if it is not

@@ -5,7 +5,16 @@
 
 namespace kestrun {
 
+namespace {
+
+ToolSlot::Outcome OutcomeOf(SlotAnswer answer) {
+  return answer == SlotAnswer::kStopping ? ToolSlot::Outcome::kStopping : ToolSlot::Outcome::kGranted;
+}
+
+}  // namespace
+
 ToolSlot::Outcome ToolSlot::Take(const std::string& id, const SlotTexts& texts) {
+  if (earlyAnswer != SlotAnswer{}) return OutcomeOf(earlyAnswer);
   return platform::kHasLocalStreams ? TakeFromServer(id, texts) : TakeFromTable(id, texts);
 }
 
@@ -27,7 +36,7 @@ ToolSlot::Outcome ToolSlot::TakeFromServer(const std::string& id, const SlotText
   if (stream_->Receive(&answer, sizeof answer) != sizeof answer) return Outcome::kLost;
   // Without a pidfd the server learns of the tool's end by the end of this connection.
   if (answer == SlotAnswer::kKeepOpen) stream_->KeepOpen();
-  return answer == SlotAnswer::kStopping ? Outcome::kStopping : Outcome::kGranted;
+  return OutcomeOf(answer);
 }
 
 }  // namespace kestrun

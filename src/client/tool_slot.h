@@ -11,6 +11,10 @@
 
 namespace kestrun {
 
+// What the part of the program that runs ahead of the C library has been answered (frontend/early_main.cc), if it has
+// asked: its answer is the process's, and is not asked for again.
+inline SlotAnswer earlyAnswer{};
+
 // Asks a master (Extensions/TransparentTools) for a slot: its slot server where the system has local streams, and
 // otherwise its table of job slots. The slot belongs to this process and what
 // it becomes; it is given back by the end of the process, or of this object if the process lives on. One thread.

@@ -141,7 +141,7 @@ void MergeOptions(Options& result, const Options& environment, const Options& co
 OptionsFault ReadOptions(const std::string& commandLine, const std::vector<std::string>& words, Options& options,
                          std::string* cause) {
   Options fromEnvironment;
-  const char* const text = std::getenv("KESTRUN_OPTS");
+  const char* const text = std::getenv(kOptionsVariable);
   if (text != nullptr && !ParseOptions(fromEnvironment, text, true, cause)) return OptionsFault::kEnvironment;
   Options fromCommandLine;
   const std::string tail = GetCommandLineTail(commandLine);

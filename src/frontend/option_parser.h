@@ -41,10 +41,12 @@ bool ParseOptions(Options& options, const TokenList& list, bool fromEnvironment,
 // holds only where the command line says -p "". The marker that results is applied to the tool's arguments.
 void MergeOptions(Options& result, const Options& environment, const Options& commandLine);
 
+inline constexpr char kOptionsVariable[] = "KESTRUN_OPTS";
+
 // Which text of a process does not parse.
 enum class OptionsFault { kNone, kEnvironment, kCommandLine };
 
-// Both texts of a process: KESTRUN_OPTS, and the command line with the program's name. `words` are those behind the
+// Both texts of a process: that of kOptionsVariable, and the command line with the program's name. `words` are those behind the
 // name. Prints nothing.
 OptionsFault ReadOptions(const std::string& commandLine, const std::vector<std::string>& words, Options& options,
                          std::string* cause = nullptr);

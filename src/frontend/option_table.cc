@@ -112,6 +112,8 @@ constexpr OptionRule kOptionRules[] = {
                                       "this event tells the master that the build is over"),
 };
 
+static_assert(std::ranges::all_of(kOptionRules, [](const OptionRule& rule) { return *rule.name == kOptionMark; }));
+
 }  // namespace
 
 const OptionRule* FindRule(const std::string& text) {

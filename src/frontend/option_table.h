@@ -11,6 +11,9 @@
 
 namespace kestrun {
 
+// What every option begins with.
+inline constexpr char kOptionMark = '-';
+
 struct OptionRule {
   // Whom the option is told: the usage text has kUser and kNone, and --help all has all.
   enum class Reader {

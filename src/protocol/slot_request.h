@@ -49,13 +49,20 @@ struct SlotTexts {
   std::string_view arguments;
 };
 
-inline std::string JoinSlotTexts(const SlotTexts& texts) {
-  std::string text;
+// `text` is a std::string, or what takes characters and texts by += as one does.
+template <class Text>
+void AppendSlotTexts(const SlotTexts& texts, Text& text) {
   for (const std::string_view part : {texts.project, texts.name, texts.folder, texts.tool}) {
     text += part;
     text += '\0';
   }
-  text += texts.arguments.substr(0, kMostSlotText);
+  text += texts.arguments;
+}
+
+inline std::string JoinSlotTexts(SlotTexts texts) {
+  texts.arguments = texts.arguments.substr(0, kMostSlotText);
+  std::string text;
+  AppendSlotTexts(texts, text);
   return text.substr(0, kMostSlotText);
 }
 
@@ -83,9 +90,11 @@ inline bool ReadSlotRequest(const char* data, std::size_t size, SlotRequestHeade
   return true;
 }
 
-// The name of the slot server of a master's id.
+// The name of the slot server of a master's id: the id stands behind this.
+inline constexpr std::string_view kSlotServerPrefix = "slots.";
+
 inline std::string GetSlotServerName(const std::string& id) {
-  return "slots." + id;
+  return std::string(kSlotServerPrefix) + id;
 }
 
 }  // namespace kestrun

@@ -1,5 +1,7 @@
 #include "platform/linux/base/command_line.h"
 
+#include "platform/linux/base/quoted_argument.h"
+
 namespace kestrun::platform {
 namespace {
 
@@ -63,24 +65,6 @@ void AppendProgramName(const std::string& name, std::string& line) {
     if (c != '"') line += c;
   }
   if (quote) line += '"';
-}
-
-void AppendArgument(const std::string& argument, std::string& line) {
-  if (!argument.empty() && argument.find_first_of(" \t\n\v\"") == std::string::npos) {
-    line += argument;
-    return;
-  }
-  line += '"';
-  std::size_t backslashes = 0;
-  for (char c : argument) {
-    // Doubles the backslashes before the quote, and adds one for the quote itself.
-    if (c == '"') line.append(backslashes + 1, '\\');
-    backslashes = c == '\\' ? backslashes + 1 : 0;
-    line += c;
-  }
-  // Backslashes at the end are doubled, so that the closing quote is not taken for an escaped one.
-  line.append(backslashes, '\\');
-  line += '"';
 }
 
 }  // namespace

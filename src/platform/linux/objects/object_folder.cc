@@ -22,7 +22,6 @@ namespace kestrun::platform {
 
 namespace {
 
-constexpr const char* kFolderVariable = "KESTRUN_OBJECT_DIR";
 constexpr int kOpenTries = 1000;
 
 // SIGXFSZ is ignored, so that a file that would grow beyond the user's limit is an error of the call, as on a full
@@ -41,12 +40,11 @@ std::string FaultOf(const std::string& path, int fd) {
   if ((fd >= 0 ? fstat(fd, &status) : lstat(path.c_str(), &status)) != 0) {
     return std::strerror(fd >= 0 ? errno : error);
   }
+  if (fd >= 0 && IsPrivateFolder(status, geteuid())) return "";
   if (S_ISLNK(status.st_mode)) return "it is a symbolic link";
   if (!S_ISDIR(status.st_mode)) return "it is not a directory";
   if (status.st_uid != geteuid()) return "it belongs to another user";
-  if (fd < 0) return std::strerror(error);
-  if ((status.st_mode & 0777) != 0700) return "its mode is not 0700";
-  return "";
+  return fd < 0 ? std::strerror(error) : "its mode is not 0700";
 }
 
 class ObjectFolder {
@@ -84,13 +82,12 @@ class ObjectFolder {
   static std::string Choose() {
     const char* given = std::getenv(kFolderVariable);
     if (given && *given) return given;
-    const std::string leaf = "/kestrun-" + std::to_string(geteuid());
-    const std::string shared = "/dev/shm" + leaf;
+    const std::string shared = std::string(kUsualFolder) + std::to_string(geteuid());
     // An existing folder settles the choice, even one that will be refused: otherwise another user could make it first
     // and so send this user's processes to different folders.
     if (access(shared.c_str(), F_OK) == 0 || mkdir(shared.c_str(), 0700) == 0 || errno == EEXIST) return shared;
     const char* temporary = std::getenv("TMPDIR");
-    return (temporary && *temporary ? std::string(temporary) : "/tmp") + leaf;
+    return (temporary && *temporary ? std::string(temporary) : "/tmp") + shared.substr(shared.rfind('/'));
   }
 
  private:

@@ -8,12 +8,23 @@
 #ifndef KESTRUN_PLATFORM_LINUX_OBJECTS_OBJECT_FOLDER_H_
 #define KESTRUN_PLATFORM_LINUX_OBJECTS_OBJECT_FOLDER_H_
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <string>
 
 #include "platform/linux/base/file_descriptor.h"
 
 namespace kestrun::platform {
+
+inline constexpr char kFolderVariable[] = "KESTRUN_OBJECT_DIR";
+// Where the folder is without the variable: the user's id stands behind this.
+inline constexpr char kUsualFolder[] = "/dev/shm/kestrun-";
+
+// Of a folder's lstat: whether objects may be made in it.
+inline bool IsPrivateFolder(const struct stat& status, uid_t user) {
+  return S_ISDIR(status.st_mode) && status.st_uid == user && (status.st_mode & 0777) == 0700;
+}
 
 // A descriptor of the folder for the *at calls; never closed. -1 with the last error.
 int ObjectFolderDescriptor();

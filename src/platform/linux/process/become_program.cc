@@ -17,6 +17,7 @@
 #include "platform/linux/base/file_descriptor.h"
 #include "platform/linux/base/process_end.h"
 #include "platform/linux/base/process_stat.h"
+#include "platform/linux/base/search_path.h"
 #include "platform/linux/base/start_state.h"
 #include "platform/linux/objects/handle_table.h"
 #include "platform/tool_process.h"
@@ -25,8 +26,6 @@ namespace kestrun::platform {
 
 namespace {
 
-// The path that shells search where PATH is not set.
-constexpr const char* kDefaultPath = "/usr/local/bin:/usr/bin:/bin";
 constexpr const char* kShell = "/bin/sh";
 // How deep UsageOfTree follows a tree of processes; what is deeper is left out of the figure.
 constexpr int kMostLevels = 16;
@@ -44,14 +43,9 @@ std::vector<std::string> ListCandidates(const std::string& name) {
   if (name.empty()) return {};
   if (name.find('/') != std::string::npos) return {name};
   const char* const variable = std::getenv("PATH");
-  const std::string path = variable != nullptr ? variable : kDefaultPath;
+  SearchPath path(variable != nullptr ? variable : kDefaultSearchPath);
   std::vector<std::string> candidates;
-  for (std::size_t begin = 0; begin <= path.size();) {
-    const std::size_t end = std::min(path.find(':', begin), path.size());
-    // An empty element is the current folder.
-    candidates.push_back((begin == end ? "." : path.substr(begin, end - begin)) + "/" + name);
-    begin = end + 1;
-  }
+  for (std::string_view folder; path.Next(folder);) candidates.push_back(std::string(folder) + "/" + name);
   return candidates;
 }
 
@@ -67,8 +61,7 @@ bool LooksLikeScript(const std::string& file) {
 }
 
 RunFailure FailureOf(int error) {
-  const bool isMissing = error == ENOENT || error == ENOTDIR;
-  return {isMissing ? kExitNotFound : kExitNotRunnable, std::strerror(error)};
+  return {IsMissing(error) ? kExitNotFound : kExitNotRunnable, std::strerror(error)};
 }
 
 std::vector<char*> Pointers(const std::vector<std::string>& words) {
@@ -116,11 +109,10 @@ RunFailure BecomeProgram(const std::vector<std::string>& arguments) {
   int error = ENOENT;
   for (const std::string& candidate : ListCandidates(arguments[0])) {
     const int failure = Execute(candidate, arguments);
-    if (failure == ENOENT || failure == ENOTDIR) continue;
-    error = failure;
     // The search goes on behind a file that may not be executed, as in shells; if nothing else is found, that file is
     // the better explanation.
-    if (failure != EACCES) break;
+    if (!IsMissing(failure)) error = failure;
+    if (!IsNextTried(failure)) break;
   }
   return FailureOf(error);
 }

@@ -1,6 +1,5 @@
 #include "platform/linux/sockets/local_names.h"
 
-#include <cctype>
 #include <cstdint>
 #include <cstdio>
 
@@ -11,9 +10,6 @@ namespace kestrun::platform {
 
 namespace {
 
-// Short enough to leave room for a folder's path in the 107 bytes of an address; longer names are hashed.
-constexpr std::size_t kLongestName = 64;
-
 // FNV-1a, written out here because server and client must agree on it: std::hash may differ between libraries.
 std::uint64_t Hash(const std::string& text) {
   std::uint64_t hash = 14695981039346656037u;
@@ -21,16 +17,9 @@ std::uint64_t Hash(const std::string& text) {
   return hash;
 }
 
-bool IsPlain(const std::string& name) {
-  for (const char c : name) {
-    if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '_' && c != '-' && c != '.') return false;
-  }
-  return name.size() <= kLongestName;
-}
-
 std::string FileName(const std::string& name) {
   // "." for a name in clear and "," for a hash, so that the two can't be equal.
-  if (IsPlain(name)) return "stream." + name;
+  if (IsPlainStreamName(name)) return std::string(kPlainStreamPrefix) + name;
   char text[24];
   std::snprintf(text, sizeof text, "stream,%016llx", static_cast<unsigned long long>(Hash(name)));
   return text;

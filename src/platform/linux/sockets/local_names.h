@@ -7,9 +7,24 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace kestrun::platform {
+
+// A plain name stands behind this in its file's name; any other one by its hash.
+inline constexpr std::string_view kPlainStreamPrefix = "stream.";
+
+constexpr bool IsPlainStreamName(std::string_view name) {
+  // Leaves room for a folder's path in the 107 bytes of an address.
+  constexpr std::size_t kLongestName = 64;
+  for (const char c : name) {
+    const bool isLetter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    if (!isLetter && (c < '0' || c > '9') && c != '_' && c != '-' && c != '.') return false;
+  }
+  return name.size() <= kLongestName;
+}
 
 // The address of the socket file of one name (the folder: object_folder.h).
 class LocalName {
