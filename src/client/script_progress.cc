@@ -22,7 +22,7 @@ bool HasStarted(const JobRecord& job) {
 
 }  // namespace
 
-bool ScriptProgress::IsWanted() {
+bool ScriptProgress::HasTerminal() {
   return platform::EnableTerminalCodes(stderr);
 }
 
@@ -139,8 +139,10 @@ void ScriptProgress::TellNeverStarted() {
 std::string ScriptProgress::GetLine() const {
   std::string line = "[" + std::to_string(done_) + "/" + std::to_string(jobs_.size()) + "]";
   const char* separator = " running: ";
-  for (const auto& [number, label] : running_) {
-    line += separator + label;
+  // The news of a job's end may come behind its result.
+  std::size_t left = jobs_.size() - std::min(done_, jobs_.size());
+  for (auto job = running_.begin(); job != running_.end() && left > 0; ++job, --left) {
+    line += separator + job->second;
     separator = ", ";
   }
   return FitLine(line, columns_);
@@ -148,10 +150,13 @@ std::string ScriptProgress::GetLine() const {
 
 // Called with the lock held, as all functions below.
 void ScriptProgress::Draw() {
-  if (isHidden_) return;
-  std::fputs((kEraseLine + GetLine()).c_str(), out_);
+  if (isHidden_ || columns_ == 0) return;
+  const std::string line = GetLine();
+  if (isShown_ && line == shown_) return;
+  std::fputs((kEraseLine + line).c_str(), out_);
   std::fflush(out_);
   isShown_ = true;
+  shown_ = line;
 }
 
 void ScriptProgress::Erase() {

@@ -1,4 +1,4 @@
-// The progress that a script stub shows on a terminal.
+// What a script stub shows of its jobs.
 #ifndef KESTRUN_CLIENT_SCRIPT_PROGRESS_H_
 #define KESTRUN_CLIENT_SCRIPT_PROGRESS_H_
 
@@ -19,8 +19,9 @@
 
 namespace kestrun {
 
-// One status line that is overwritten, "[done/all] running: names", below the output of the jobs; a line for each
-// failure as soon as it is known; and at the end the jobs that failed and those that were never started.
+// On a terminal one status line that is overwritten, "[done/all] running: names", below the output of the jobs;
+// everywhere a line for each failure as soon as it is known, and at the end the jobs that failed and those that were
+// never started.
 //
 // The names of running jobs come from the master, which this observes; without an answer only the numbers are shown.
 //
@@ -35,9 +36,9 @@ class ScriptProgress {
   };
 
   // True if the standard error stream is a terminal that can write over a line.
-  static bool IsWanted();
+  static bool HasTerminal();
 
-  // Writes lines of at most `columns` columns to `out`.
+  // The status line has at most `columns` columns; with 0 there is none. All lines go to `out`.
   ScriptProgress(std::vector<Job> jobs, std::FILE* out, std::size_t columns);
   ~ScriptProgress();
   ScriptProgress(const ScriptProgress&) = delete;
@@ -81,6 +82,7 @@ class ScriptProgress {
   std::set<u64> started_;               // of those
   std::map<u64, std::string> running_;  // label by number
   bool isShown_ = false;
+  std::string shown_;  // the line, if isShown_
   bool isHidden_ = false;
 };
 

@@ -74,25 +74,29 @@ bool ScriptStub::PrepareJobs() {
   if (options_.expandEnvironment) text = ExpandScriptVariables(text);
   std::map<std::string, Path> tools;  // each name is looked up once, since a script names few tools in many lines
   std::vector<ScriptProgress::Job> shown;
-  const bool isShown = ScriptProgress::IsWanted();
+  const bool hasTerminal = ScriptProgress::HasTerminal();
+  const bool isTransparent = settings_.GetBool("Extensions/TransparentTools", false);
   for (ScriptJob& job : ParseJobScript(text)) {
     ReplaceMarker(job.arguments, options_.marker);
     const auto [entry, isNew] = tools.try_emplace(job.tool);
     Path& tool = entry->second;
     if (isNew) tool = FindTool(job.tool);
-    if (tool.IsEmpty()) return false;
+    if (tool.IsEmpty()) {
+      if (isTransparent) PrintError("line " + std::to_string(job.line) + " names that tool; no job was started");
+      return false;
+    }
     rc_ptr<Message> request = connection_.BuildRequest(tool, job.arguments, project_);
     request->AddString(SEG_ECHO_TEXT, job.echoText);
     jobs_.push_back(request);
-    if (!isShown) continue;
+    if (!hasTerminal && !isTransparent) continue;
     request->AddU32(SEG_SCRIPT_LINE, job.line);
     if (!request->FindSegment(SEG_CLIENT_PROCESS)) request->AddU32(SEG_CLIENT_PROCESS, GetCurrentProcessId());
-    const std::string command = job.tool + " " + job.arguments;
+    const std::string command = job.arguments.empty() ? job.tool : job.tool + " " + job.arguments;
     shown.push_back({job.line, GetLabel({"", "", job.tool, command, ""}), command});
   }
-  if (isShown) {
-    const std::size_t columns = platform::GetTerminalSize(stderr).columns;
-    progress_ = std::make_unique<ScriptProgress>(std::move(shown), stderr, columns - 1);
+  if (hasTerminal || isTransparent) {
+    const std::size_t columns = hasTerminal ? platform::GetTerminalSize(stderr).columns - 1 : 0;
+    progress_ = std::make_unique<ScriptProgress>(std::move(shown), stderr, columns);
   }
   return true;
 }
@@ -210,7 +214,7 @@ bool ScriptStub::HandleScriptResult(const rc_ptr<Message>& message) {
   // A job that prints is shown without delay.
   mayGather_ = stdoutText.empty() && stderrText.empty();
   if (isEnd && missingResults_ > 0) --missingResults_;
-  if (progress_) progress_->Hide();
+  if (progress_ && (!mayGather_ || code == StubFailureCode)) progress_->Hide();
   if (code == StubFailureCode) PrintError(stderrText);
   if (!stdoutText.empty()) WriteStandardOutput(stdoutText);
   if (!stderrText.empty()) WriteStandardError(stderrText);

@@ -46,7 +46,7 @@ class ScriptStub : public StubBase {
   void TellProgress(const Message& message, i32 code);
 
   MasterConnection connection_;
-  std::unique_ptr<ScriptProgress> progress_;  // null without a terminal
+  std::unique_ptr<ScriptProgress> progress_;  // null without a terminal and without TransparentTools
   std::string project_;                // set when Run begins, with this process's id behind it; only read afterwards
   int resultCode_ = 0;                 // main thread only
   std::size_t missingResults_ = 0;     // main thread only

@@ -92,6 +92,8 @@ int main(int argc, char** argv) {
     if (options.action == dorn::Options::Action::kBuild) return dorn::RunSession(options);
     return dorn::WithOutput(dorn::RunAction(options));
   } catch (const SystemException& exception) {
+    // What lies behind the exception is then said already, in better words.
+    if (platform::AreNamedObjectsRefused()) return dorn::kExitFailure;
     const i32 code = exception.GetCode();
     dorn::PrintError(exception.what() +
                      (code == SystemException::kNoCode ? "" : " (error " + std::to_string(code) + ")"));

@@ -220,6 +220,7 @@ int RunSession(const Options& options) {
   }
   platform::RemoveAbandonedObjects();
   const OwnObjects objects(options.isAlone);
+  if (platform::NamedObjectFolder().empty() && platform::AreNamedObjectsRefused()) return kExitFailure;
   const Interruption interruption;
   const CountedTimes times;
   std::string outerId;

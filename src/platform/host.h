@@ -74,6 +74,9 @@ unsigned UsableProcessors();
 // The folder in which named objects are; empty where they are in none, and where it can't be used.
 std::string NamedObjectFolder();
 
+// True once a line on the standard error stream has said why this process can't use them.
+bool AreNamedObjectsRefused();
+
 // From here on this process and what it starts share named objects with no other process. Before the first named object
 // is made; the folder is the caller's to remove. False where all processes of a user share one set of names.
 bool SeparateNamedObjects();

@@ -54,6 +54,17 @@ TEST_F(ScriptProgressTest, ShowsWhatIsDoneAndWhatRunsOfItsOwnJobs) {
   EXPECT_EQ(Written(), "\r\x1b[K[1/4] running: j8, j9...");
 }
 
+TEST_F(ScriptProgressTest, WritesALineOnceAndNothingThatRunsBehindTheLastResult) {
+  progress_.Show();
+  progress_.Show();
+  EXPECT_EQ(Written(), "\r\x1b[K[0/4]");
+  Tell({Job(5, JobOutcome::kRunning)});
+  for (const u32 line : {2u, 4u, 9u}) progress_.OnResult(line, 0);
+  Written();
+  progress_.OnResult(10, 0);
+  EXPECT_EQ(Written(), "\r\x1b[K[4/4]");
+}
+
 TEST_F(ScriptProgressTest, IsOutOfTheWayWhileJobsPrint) {
   progress_.Show();
   Written();

@@ -66,6 +66,15 @@ TEST_F(SameBuild, AScriptsJobLendsItsSlot) {
   EXPECT_EQ(Script(kestrun + "-s \"" + WriteScript(inner + inner) + "\"\n").output, "one\ntwo\none\ntwo\n");
 }
 
+TEST_F(SameBuild, AScriptNamesTheLinesThatFail) {
+  StartTransparentMaster();
+  const std::string failed = Script("$TOOL exit 0\n\n$TOOL exit 3\n").errors;
+  EXPECT_EQ(failed.rfind("KESTRUN: line 3 failed with exit code 3: ", 0), 0u) << failed;
+  EXPECT_EQ(Script("$TOOL exit 0\nno_such_tool x\n").errors,
+            "KESTRUN: error: Cannot locate executable for \"no_such_tool\"\n"
+            "KESTRUN: error: line 2 names that tool; no job was started\n");
+}
+
 TEST_F(SameBuild, TheLimitHoldsAndAKilledClientGivesItsSlotBack) {
   StartTransparentMaster("MaxConcurrentJobs=int:1\n");
   NamedEvent running;

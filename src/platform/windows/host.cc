@@ -100,6 +100,10 @@ unsigned UsableProcessors() {
 // The system keeps no such count.
 void TakeOverChildTimes(DWORD) {}
 
+bool AreNamedObjectsRefused() {
+  return false;
+}
+
 void RemoveStaleObjects() {}
 
 bool IsStopped(DWORD) {

@@ -44,7 +44,7 @@ std::string FaultOf(const std::string& path, int fd) {
   if (S_ISLNK(status.st_mode)) return "it is a symbolic link";
   if (!S_ISDIR(status.st_mode)) return "it is not a directory";
   if (status.st_uid != geteuid()) return "it belongs to another user";
-  return fd < 0 ? std::strerror(error) : "its mode is not 0700";
+  return fd < 0 ? std::strerror(error) : "its mode is not 0700: chmod 700 " + path;
 }
 
 class ObjectFolder {
@@ -76,6 +76,11 @@ class ObjectFolder {
   void ReportUnusable(const std::string& cause) {
     const std::lock_guard guard(lock_);
     Refuse(cause);
+  }
+
+  bool IsReported() {
+    const std::lock_guard guard(lock_);
+    return reported_;
   }
 
   // Chooses the folder's path from the environment.
@@ -154,6 +159,10 @@ void RemoveAbandonedObjects() {
 
 std::string NamedObjectFolder() {
   return ObjectFolderPath();
+}
+
+bool AreNamedObjectsRefused() {
+  return ObjectFolder::Get().IsReported();
 }
 
 int ObjectFolderDescriptor() {

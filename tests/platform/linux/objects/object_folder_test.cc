@@ -43,10 +43,11 @@ TEST_F(ObjectFolder, IsMadeForItsUserAloneAndEmptyAfterwards) {
 
 TEST_F(ObjectFolder, OneThatOthersCouldReachIsRefusedWithOneLineThatTellsWhy) {
   const struct {
-    const char* cause;
+    std::string cause;
     std::function<void()> prepare;
   } cases[] = {
-      {"its mode is not 0700", [&] { fs::create_directory(Objects()), chmod(Objects().c_str(), 0750); }},
+      {"its mode is not 0700: chmod 700 " + Objects(),
+       [&] { fs::create_directory(Objects()), chmod(Objects().c_str(), 0750); }},
       {"it is a symbolic link", [&] { fs::create_directory_symlink(folder_.Path(), Objects()); }},
       {"it is not a directory", [&] { folder_.Write("objects", ""); }},
   };
