@@ -1,6 +1,4 @@
 // Several dorns of one user: one master, and builds that know nothing of one another.
-#include <random>
-#include <thread>
 #include <vector>
 
 #include "dorn_fixture.h"
@@ -162,37 +160,6 @@ TEST_F(SharedMaster, IsOneForTwentyDornsAtOnce) {
     EXPECT_EQ(dorns[static_cast<std::size_t>(i)].Output(), std::to_string(i) + "\n");
   }
   ExpectNoMaster();
-}
-
-// However dorns come and are killed, at whatever step of joining or leaving: one that is let be ends with its own
-// build's code, and in the end nothing is left.
-TEST_F(SharedMaster, ServesThoseThatAreLetBeAmongThoseThatAreKilled) {
-  const unsigned seed = ReadNumber("KESTRUN_KILL_SEED", std::random_device()());
-  SCOPED_TRACE("KESTRUN_KILL_SEED=" + std::to_string(seed));
-  std::mt19937 random(seed);
-  const auto below = [&](unsigned limit) { return std::uniform_int_distribution<unsigned>(0, limit - 1)(random); };
-  std::vector<std::pair<int, Child>> dorns;
-  for (int i = 0; i < static_cast<int>(Scaled(100)); ++i) {
-    const int code = i % 100;
-    dorns.emplace_back(code,
-                       Child::Start({ProgramPath("dorn"), ProgramPath("kestrun"), tool_, "exit", std::to_string(code)},
-                                    Environment()));
-    // Up to four at a time, and now and then none.
-    const std::size_t most = below(8) == 0 ? 0 : 4;
-    std::this_thread::sleep_for(std::chrono::milliseconds(below(15)));
-    while (dorns.size() > most) {
-      const auto chosen = dorns.begin() + below(static_cast<unsigned>(dorns.size()));
-      if (below(2) == 0) {
-        chosen->second.Kill();
-        chosen->second.Wait();
-      } else {
-        EXPECT_EQ(chosen->second.Wait(), chosen->first) << chosen->second.Errors();
-      }
-      dorns.erase(chosen);
-    }
-  }
-  dorns.clear();
-  ExpectNothingLeft();
 }
 
 TEST_F(SharedMaster, KeepsTheLimitOfTheDornThatStartedIt) {

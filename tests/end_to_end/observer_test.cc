@@ -152,33 +152,6 @@ TEST_F(Observed, NoMoreThanTheMasterHasRoomForAreServed) {
   EXPECT_EQ(StopMaster(), 0);
 }
 
-TEST_F(Observed, MasterThatIsAskedOftenBuildsOn) {
-  StartMasterWith("MaxConcurrentJobs=int:2\n", "EagerScheduling=bool:true\n");
-  std::atomic<bool> isOver{false};
-  std::atomic<u64> answers{0};
-  std::vector<std::thread> askers;
-  for (int i = 0; i < 2; ++i) {
-    askers.emplace_back([&] {
-      while (!isOver) {
-        const auto observer = Observe();
-        JournalNews news;
-        for (int n = 0; observer && n < 50 && !isOver; ++n) {
-          if (!observer->Ask(OBSERVE_SNAPSHOT) || observer->Receive(20000, news) != Outcome::kNews) return;
-          EXPECT_LE(news.state.running, 2u);
-          ++answers;
-        }
-      }
-    });
-  }
-  std::string script;
-  for (unsigned i = 0; i < Scaled(100); ++i) script += "$TOOL exit 0\n";
-  EXPECT_EQ(Script(script).exitCode, 0);
-  isOver = true;
-  for (std::thread& asker : askers) asker.join();
-  EXPECT_GT(answers, 0u);
-  EXPECT_EQ(StopMaster(), 0);
-}
-
 // The whole way: dorn with its first settings, clients that become their tools, and the files.
 TEST_F(Observed, BuildOfDornWritesWhatItSaw) {
   const std::string kestrun = ProgramPath("kestrun");
