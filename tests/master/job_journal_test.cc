@@ -70,6 +70,16 @@ TEST_F(JobJournalTest, TellsAFollowerOfEachJobAtItsLatestChange) {
   EXPECT_EQ(records[0].slot, 3);
 }
 
+TEST_F(JobJournalTest, TellsALaterFollowerNothingOfWhatHasEnded) {
+  const JobJournal::Observer first = journal_.Join(0);
+  Run("ended");
+  journal_.Add(Text("waiting"), 0);
+  const std::vector<JobRecord> records = Take(journal_.Join(0));
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].text.command, "waiting");
+  EXPECT_EQ(Take(first).size(), 2u);
+}
+
 TEST_F(JobJournalTest, CountsWhatASlowFollowerMissesAndForgetsWhatAllHaveGot) {
   const JobJournal::Observer quick = journal_.Join(0);
   const JobJournal::Observer slow = journal_.Join(0);
