@@ -146,6 +146,8 @@ TEST_F(SharedMaster, IsNotReplacedByALateOneOfADornThatWasKilled) {
   runLateMaster();
   EXPECT_EQ(MasterOfDorns(), 0u);
   EXPECT_EQ(RunDorn({tool_, "exit", "5"}).exitCode, 5);
+  record->version = DornSession::kVersion + 1;
+  EXPECT_NE(RunDorn({tool_, "exit", "5"}).errors.find("a dorn of another version runs"), std::string::npos);
 }
 
 TEST_F(SharedMaster, IsOneForTwentyDornsAtOnce) {
@@ -169,6 +171,9 @@ TEST_F(SharedMaster, KeepsTheLimitOfTheDornThatStartedIt) {
   const RunResult other = RunDorn({"-j", "3", tool_, "exit", "0"});
   EXPECT_EQ(other.exitCode, 0);
   EXPECT_NE(other.errors.find("runs 2 tools at once; -j 3"), std::string::npos) << other.errors;
+  const RunResult named = RunDorn({"--id", "another", tool_, "exit", "0"});
+  EXPECT_EQ(named.exitCode, 125);
+  EXPECT_NE(named.errors.find("error: a master with the id dorn_"), std::string::npos) << named.errors;
   EXPECT_EQ(first.End(), 0);
 }
 
