@@ -46,6 +46,7 @@ TEST(Settings, OfTheWrongTypeOrNameOrSizeAreFaults) {
       {"MaxConcurrentJobs=bool:true", "is no \"int:\"", false},
       {"MaxConcurrentJobs=int:", "no whole number", false},
       {"MaxConcurrentJobs=int:4x", "no whole number", false},
+      {"MaxConcurrentJobs=int:4\nMaxConcurrentJobs=int:-1", "", false},  // the second does not count
       {"LoggingEnabled=bool:true", "", false},
       {"LoggingEnabled=bool:yes", "counts as false", false},
       {"MaxConcurentJobs=int:4", "no setting MaxConcurentJobs in [LocalSettings]", false},
