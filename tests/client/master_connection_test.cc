@@ -8,6 +8,7 @@
 
 #include "app/stub_base.h"
 #include "fake_master.h"
+#include "runtime/files/log.h"
 
 namespace kestrun {
 namespace {
@@ -83,6 +84,10 @@ constexpr char kNestingWarning[] =
 
 TEST_F(MasterConnectionTest, WarnsOnceThatItWaitsInsideAJobOfItsOwnMaster) {
   const MasterConnection::WaitTexts texts{"still waiting", "timed out", "title", "x"};
+  // An open log has a notice of its own, which comes later.
+  const test::TempFolder folder;
+  Log::InitFile(folder.File("log"));
+  Log::Get()->SetEnabled(true);
   master_.TakePlace();
   for (const std::string& job : {std::string("another master"), master_.Id()}) {
     SetEnvironmentVariableA("KESTRUN_JOB", job.c_str());
@@ -94,6 +99,10 @@ TEST_F(MasterConnectionTest, WarnsOnceThatItWaitsInsideAJobOfItsOwnMaster) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), (job == master_.Id() ? kNestingWarning : "") + expected);
   }
   SetEnvironmentVariableA("KESTRUN_JOB", nullptr);
+  Log::Shutdown();
+  EXPECT_EQ(MasterConnection::kNestedNoticeMs, 10000u);
+  EXPECT_EQ(MasterConnection::WaitLimits().sliceMs, 120000u);
+  EXPECT_EQ(MasterConnection::WaitLimits().totalMs, 3600000u);
 }
 
 TEST_F(MasterConnectionTest, WarnsWhileItWaitsForAResultAndGetsItAllTheSame) {
@@ -107,12 +116,29 @@ TEST_F(MasterConnectionTest, WarnsWhileItWaitsForAResultAndGetsItAllTheSame) {
     EXPECT_TRUE(connection.Send(new Message(MSG_STOP, kStubService, kMasterService)));
     EXPECT_EQ(test::NumberOf(connection.Receive(-1), SEG_EXIT_CODE), 5);
   });
+  Sleep(1200);  // a connector has ten seconds by default
   master_.Accept();
   EXPECT_TRUE(master_.Receive());
   Sleep(1600);
   master_.Send(FakeMaster::Result("", "", 5));
   client.join();
   EXPECT_EQ(testing::internal::GetCapturedStderr(), kNestingWarning);
+}
+
+TEST_F(MasterConnectionTest, ConnectsAnewOnceAChannelHasFailed) {
+  master_.Listen();
+  MasterConnection connection(master_.Id(), settings_, options_);
+  const auto send = [&] { return connection.Send(new Message(MSG_STOP, kStubService, kMasterService)); };
+  for (int round = 0; round < 2; ++round) {
+    std::thread client([&] { EXPECT_TRUE(send()) << round; });
+    master_.Accept();
+    client.join();
+    EXPECT_TRUE(master_.Receive());
+    master_.HangUp();
+    testing::internal::CaptureStderr();
+    while (send()) continue;  // the first ones still find room in the ring
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "KESTRUN: error: Error sending build request to master\n");
+  }
 }
 
 TEST_F(MasterConnectionTest, StopEndsAReceiveThatWaits) {

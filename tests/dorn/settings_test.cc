@@ -2,8 +2,32 @@
 
 #include <gtest/gtest.h>
 
+#include "dorn/settings_table.h"
+
 namespace kestrun::dorn {
 namespace {
+
+// What programs do without a key, and what first settings say, as the manual has it.
+TEST(SettingsTable, HasTheseDefaultsAndRecommendations) {
+  std::string table;
+  for (const SettingsKey& key : GetSettingsKeys()) {
+    table += key.GetFullName() + " " + key.GetTypeName() + ":" + key.standard + " ";
+    table += (std::string(key.name) == "MaxConcurrentJobs" ? "processors" : key.recommended) + "\n";
+  }
+  EXPECT_EQ(table,
+            "LocalSettings/MaxConcurrentJobs int:30 processors\n"
+            "LocalSettings/MaxStubs int:30 30\n"
+            "LocalSettings/IpcTimeout int:10000 \n"
+            "LocalSettings/LoggingEnabled bool:false false\n"
+            "LocalSettings/DiagnosticFlags int:0 \n"
+            "Extensions/TransparentTools bool:false true\n"
+            "Extensions/EagerScheduling bool:false true\n"
+            "Extensions/CancelOrphanedJobs bool:false true\n"
+            "Extensions/EnforceJobTimeout bool:false true\n"
+            "Extensions/DiscardOutput bool:false true\n"
+            "Extensions/BuildHistory bool:false true\n"
+            "Extensions/ReclaimPlaces bool:false true\n");
+}
 
 // One setting a case: what its fault says, "" for none.
 TEST(Settings, OfTheWrongTypeOrNameOrSizeAreFaults) {
@@ -22,6 +46,7 @@ TEST(Settings, OfTheWrongTypeOrNameOrSizeAreFaults) {
       {"MaxConcurrentJobs=bool:true", "is no \"int:\"", false},
       {"MaxConcurrentJobs=int:", "no whole number", false},
       {"MaxConcurrentJobs=int:4x", "no whole number", false},
+      {"MaxConcurrentJobs=int:4\nMaxConcurrentJobs=int:-1", "", false},  // the second does not count
       {"LoggingEnabled=bool:true", "", false},
       {"LoggingEnabled=bool:yes", "counts as false", false},
       {"MaxConcurentJobs=int:4", "no setting MaxConcurentJobs in [LocalSettings]", false},

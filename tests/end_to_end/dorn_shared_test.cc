@@ -1,6 +1,4 @@
 // Several dorns of one user: one master, and builds that know nothing of one another.
-#include <random>
-#include <thread>
 #include <vector>
 
 #include "dorn_fixture.h"
@@ -148,6 +146,8 @@ TEST_F(SharedMaster, IsNotReplacedByALateOneOfADornThatWasKilled) {
   runLateMaster();
   EXPECT_EQ(MasterOfDorns(), 0u);
   EXPECT_EQ(RunDorn({tool_, "exit", "5"}).exitCode, 5);
+  record->version = DornSession::kVersion + 1;
+  EXPECT_NE(RunDorn({tool_, "exit", "5"}).errors.find("a dorn of another version runs"), std::string::npos);
 }
 
 TEST_F(SharedMaster, IsOneForTwentyDornsAtOnce) {
@@ -164,37 +164,6 @@ TEST_F(SharedMaster, IsOneForTwentyDornsAtOnce) {
   ExpectNoMaster();
 }
 
-// However dorns come and are killed, at whatever step of joining or leaving: one that is let be ends with its own
-// build's code, and in the end nothing is left.
-TEST_F(SharedMaster, ServesThoseThatAreLetBeAmongThoseThatAreKilled) {
-  const unsigned seed = ReadNumber("KESTRUN_KILL_SEED", std::random_device()());
-  SCOPED_TRACE("KESTRUN_KILL_SEED=" + std::to_string(seed));
-  std::mt19937 random(seed);
-  const auto below = [&](unsigned limit) { return std::uniform_int_distribution<unsigned>(0, limit - 1)(random); };
-  std::vector<std::pair<int, Child>> dorns;
-  for (int i = 0; i < static_cast<int>(Scaled(100)); ++i) {
-    const int code = i % 100;
-    dorns.emplace_back(code,
-                       Child::Start({ProgramPath("dorn"), ProgramPath("kestrun"), tool_, "exit", std::to_string(code)},
-                                    Environment()));
-    // Up to four at a time, and now and then none.
-    const std::size_t most = below(8) == 0 ? 0 : 4;
-    std::this_thread::sleep_for(std::chrono::milliseconds(below(15)));
-    while (dorns.size() > most) {
-      const auto chosen = dorns.begin() + below(static_cast<unsigned>(dorns.size()));
-      if (below(2) == 0) {
-        chosen->second.Kill();
-        chosen->second.Wait();
-      } else {
-        EXPECT_EQ(chosen->second.Wait(), chosen->first) << chosen->second.Errors();
-      }
-      dorns.erase(chosen);
-    }
-  }
-  dorns.clear();
-  ExpectNothingLeft();
-}
-
 TEST_F(SharedMaster, KeepsTheLimitOfTheDornThatStartedIt) {
   const Held first = StartHeld("0", {"-j", "2"});
   first.AwaitStart();
@@ -202,6 +171,9 @@ TEST_F(SharedMaster, KeepsTheLimitOfTheDornThatStartedIt) {
   const RunResult other = RunDorn({"-j", "3", tool_, "exit", "0"});
   EXPECT_EQ(other.exitCode, 0);
   EXPECT_NE(other.errors.find("runs 2 tools at once; -j 3"), std::string::npos) << other.errors;
+  const RunResult named = RunDorn({"--id", "another", tool_, "exit", "0"});
+  EXPECT_EQ(named.exitCode, 125);
+  EXPECT_NE(named.errors.find("error: a master with the id dorn_"), std::string::npos) << named.errors;
   EXPECT_EQ(first.End(), 0);
 }
 

@@ -2,6 +2,8 @@
 #include <filesystem>
 
 #include "dorn_fixture.h"
+#include "platform/host.h"
+#include "protocol/dorn_session.h"
 
 namespace kestrun::test {
 namespace {
@@ -16,9 +18,9 @@ TEST_F(Dorn, RunsABuildWithAMasterAndPassesItsExitCode) {
 }
 
 TEST_F(Dorn, UsesTheIdThatItIsGiven) {
-  const RunResult result = RunDorn({"--id", "its_own_id", tool_, "env", "KESTRUN_ID"});
+  const RunResult result = RunDorn({"--id", "its_own_id", tool_, "env", "KESTRUN_ID", ",", "env", kDornVariable});
   EXPECT_EQ(result.exitCode, 0);
-  EXPECT_EQ(result.output, "its_own_id\n");
+  EXPECT_EQ(result.output, "its_own_id\n(unset)\n");
 }
 
 TEST_F(Dorn, WritesAFirstSettingsFileAndKeepsOneThatIsThere) {
@@ -89,6 +91,17 @@ TEST_F(Dorn, NamesABuildCommandThatIsMissing) {
   const RunResult result = RunDorn({"no-such-command", "x"});
   EXPECT_NE(result.exitCode, 0);
   EXPECT_NE(result.errors.find("no-such-command"), std::string::npos);
+}
+
+TEST_F(Dorn, TakesFilesAloneForProgramsAndTheKestrunBesideIt) {
+  const std::string ending = std::filesystem::path(tool_).extension().string();
+  for (const char* name : {"first/tool", "second"}) std::filesystem::create_directories(folder_.Path() / name);
+  std::filesystem::copy(tool_, folder_.File("first/kestrun" + ending));
+  std::filesystem::copy(tool_, folder_.File("second/tool" + ending));
+  ChildOptions options = Environment();
+  options.environment["PATH"] = folder_.File("first") + platform::kPathListSeparator + folder_.File("second");
+  const RunResult result = test::Run({ProgramPath("dorn"), "tool", "exit", "9"}, options);
+  EXPECT_EQ(result.exitCode, 9) << result.errors;
 }
 
 TEST_F(Dorn, LeavesNothingBehindWhenItIsKilled) {

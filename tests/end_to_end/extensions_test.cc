@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "build_fixture.h"
+#include "kill_support.h"
 
 namespace kestrun::test {
 namespace {
@@ -46,6 +46,7 @@ TEST_F(Extensions, EndTheToolsOfAClientThatIsKilled) {
 }
 
 TEST_F(Extensions, LetToolsOfALostClientRunToTheirEndByDefault) {
+  WriteSettings("MaxStubs=int:2\n");
   StartMaster();
   NamedEvent started;
   NamedEvent release;
@@ -59,6 +60,7 @@ TEST_F(Extensions, LetToolsOfALostClientRunToTheirEndByDefault) {
   EXPECT_EQ(Tool({"exit", "4"}).exitCode, 4);
   release.Signal();
   EXPECT_TRUE(ended.Wait(20000));
+  PlaceCount(id_).Expect(1);  // nor does its place come back
 }
 
 TEST_F(Extensions, KeepNoOutputAndCountJobsAllTheSame) {

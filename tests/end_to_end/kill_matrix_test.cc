@@ -278,23 +278,6 @@ TEST_F(KillMatrix, DornWhileTheMasterStops) {
   ExpectNothingLeft();
 }
 
-// Its tools end with it, and the client runs its own once more by itself.
-TEST_F(KillMatrix, TheMasterBelowADorn) {
-  WriteSettings("");
-  NamedEvent started;
-  NamedEvent release;
-  const std::string note = folder_.File("tool");
-  Child dorn = StartDorn("note " + note + " , signal " + started.Name() + " , await " + release.Name() + " , exit 3");
-  ASSERT_TRUE(started.Wait(kKillLimitMs)) << dorn.Errors();
-  const unsigned long tool = std::stoul(folder_.Read("tool"));
-  KillProcess(MasterOfDorns());
-  EXPECT_TRUE(ProcessEndsWithin(tool, kKillLimitMs));
-  ASSERT_TRUE(started.Wait(kKillLimitMs)) << dorn.Errors();
-  release.Signal();
-  EXPECT_EQ(dorn.Wait(), 3) << dorn.Errors();
-  ExpectNothingLeft();
-}
-
 // The build command holds the one place; a client beside it, which does not end with dorn, waits for it.
 TEST_F(KillMatrix, DornWithAClientThatWaitsForAPlace) {
   WriteSettings("MaxStubs=int:1\n\n[Extensions]\nReclaimPlaces=bool:true\n");

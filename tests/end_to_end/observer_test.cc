@@ -92,7 +92,8 @@ TEST_F(Observed, ScriptIsToldAsItRan) {
     EXPECT_TRUE(job.slot >= 0 && job.slot < 3);
     EXPECT_EQ(job.text.name, "the name");
     EXPECT_EQ(job.text.project.substr(0, 5), "proj(");
-    EXPECT_EQ(job.outputHead.empty(), i % 5 != 0);
+    // Of a failure alone, and of its errors if there are any.
+    EXPECT_EQ(job.outputHead.size(), i % 5 != 0 ? 0 : i == 0 ? 100 : i);
     EXPECT_NE(job.cpuUs, 0);
     ++i;
   }
@@ -149,33 +150,6 @@ TEST_F(Observed, NoMoreThanTheMasterHasRoomForAreServed) {
   EXPECT_EQ(news.refusal, "the master has no room for another observer");
   EXPECT_EQ(second->Receive(20000, news), Outcome::kGone);
   EXPECT_TRUE(Flush(*first));
-  EXPECT_EQ(StopMaster(), 0);
-}
-
-TEST_F(Observed, MasterThatIsAskedOftenBuildsOn) {
-  StartMasterWith("MaxConcurrentJobs=int:2\n", "EagerScheduling=bool:true\n");
-  std::atomic<bool> isOver{false};
-  std::atomic<u64> answers{0};
-  std::vector<std::thread> askers;
-  for (int i = 0; i < 2; ++i) {
-    askers.emplace_back([&] {
-      while (!isOver) {
-        const auto observer = Observe();
-        JournalNews news;
-        for (int n = 0; observer && n < 50 && !isOver; ++n) {
-          if (!observer->Ask(OBSERVE_SNAPSHOT) || observer->Receive(20000, news) != Outcome::kNews) return;
-          EXPECT_LE(news.state.running, 2u);
-          ++answers;
-        }
-      }
-    });
-  }
-  std::string script;
-  for (unsigned i = 0; i < Scaled(100); ++i) script += "$TOOL exit 0\n";
-  EXPECT_EQ(Script(script).exitCode, 0);
-  isOver = true;
-  for (std::thread& asker : askers) asker.join();
-  EXPECT_GT(answers, 0u);
   EXPECT_EQ(StopMaster(), 0);
 }
 

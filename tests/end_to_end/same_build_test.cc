@@ -1,7 +1,4 @@
 // With Extensions/TransparentTools a tool does what it does without Kestrun.
-#include <map>
-#include <random>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -89,77 +86,6 @@ TEST_F(SameBuild, TheLimitHoldsAndAKilledClientGivesItsSlotBack) {
   release.Signal();
   EXPECT_EQ(second.Wait(), 5);
   EXPECT_EQ(Tool({"print", "free"}).output, "free\n");
-}
-
-class RandomlyKilledClients : public SameBuild {
- protected:
-  void StartClient(unsigned number) {
-    try {
-      clients_.emplace(number, StartTool({"print", std::to_string(number), ",", "exit", std::to_string(number % 7)}));
-    } catch (const std::runtime_error& e) {
-      EXPECT_TRUE(RefusesProcesses()) << e.what();
-      ++refusals_;
-    }
-  }
-  // Killed while it comes, waits, starts its tool or runs it. Whatever it started ends too, or its outputs would not.
-  void KillOne(std::size_t index) {
-    const auto victim = std::next(clients_.begin(), static_cast<std::ptrdiff_t>(index));
-    victim->second.Kill();
-    clients_.erase(victim);
-  }
-  void ExpectRightEnd() {
-    auto& [number, client] = *clients_.begin();
-    const int code = client.Wait();
-    if (RefusesProcesses() && client.Errors().find("failed with error 1359") != std::string::npos) {
-      ++refusals_;
-    } else {
-      EXPECT_EQ(code, static_cast<int>(number % 7)) << client.Errors();
-      EXPECT_EQ(client.Output(), std::to_string(number) + "\n");
-    }
-    clients_.erase(clients_.begin());
-  }
-
-  std::map<unsigned, Child> clients_;
-  unsigned refusals_ = 0;
-};
-
-// Clients that are not killed get what their tools give, and in the end every slot is free.
-TEST_F(RandomlyKilledClients, LoseNoSlot) {
-  StartTransparentMaster("MaxConcurrentJobs=int:2\n");
-  std::mt19937 random(ReadNumber("KESTRUN_KILL_SEED", 11));
-  const unsigned count = Scaled(300);
-  for (unsigned n = 0; n < count; ++n) {
-    StartClient(n);
-    if (!clients_.empty() && random() % 3 == 0) KillOne(random() % clients_.size());
-    while (clients_.size() > 8) ExpectRightEnd();
-  }
-  while (!clients_.empty()) ExpectRightEnd();
-  EXPECT_LE(refusals_, 3u);
-  // Two tools that wait for each other need both slots. Where one is missing the second is let run beside the limit.
-  const int beside = LogCount("beside the limit");
-  NamedEvent here;
-  NamedEvent there;
-  Child one = StartTool({"signal", here.Name(), ",", "await", there.Name()});
-  Child two = StartTool({"await", here.Name(), ",", "signal", there.Name()});
-  EXPECT_EQ(one.Wait(), 0);
-  EXPECT_EQ(two.Wait(), 0);
-  EXPECT_EQ(LogCount("beside the limit"), beside);
-}
-
-TEST_F(SameBuild, AKilledMasterHarmsNoTool) {
-  StartTransparentMaster("MaxConcurrentJobs=int:1\n");
-  NamedEvent running;
-  NamedEvent release;
-  Child tool =
-      StartTool({"signal", running.Name(), ",", "await", release.Name(), ",", "print", "done", ",", "exit", "9"});
-  ASSERT_TRUE(running.Wait(20000));
-  Child waiting = StartTool({"print", "alone"});
-  Master().Kill();
-  EXPECT_EQ(waiting.Wait(), 0) << waiting.Errors();
-  EXPECT_EQ(waiting.Output(), "alone\n");
-  release.Signal();
-  EXPECT_EQ(tool.Wait(), 9);
-  EXPECT_EQ(tool.Output(), "done\n");
 }
 
 TEST_F(SameBuild, WithoutAMasterAToolRunsInSilence) {

@@ -2,7 +2,6 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <thread>
 #include <vector>
 
 #include "build_fixture.h"
@@ -29,13 +28,6 @@ TEST_F(ToolRun, PassesExitCodeAndBothStreams) {
   EXPECT_EQ(LogCount("Build Job completed (OK)"), 1);
   EXPECT_EQ(LogCount("Build Job completed (FAIL)"), 3);
   EXPECT_EQ(LogCount(" failed_file:"), 3);
-}
-
-TEST_F(ToolRun, PassesArgumentsAsTheyWereTyped) {
-  const RunResult result =
-      Tool({"args", "", "a b", "quote\"inside", "back\\slash", "end\\", "\\\"", "  two  blanks  ", "$HOME", "*"});
-  EXPECT_EQ(result.output,
-            "[]\n[a b]\n[quote\"inside]\n[back\\slash]\n[end\\]\n[\\\"]\n[  two  blanks  ]\n[$HOME]\n[*]\n");
 }
 
 TEST_F(ToolRun, PassesEveryByteOfLargeOutput) {
@@ -101,17 +93,6 @@ TEST_F(ToolRun, BuildsLocallyWhenTheMasterIsKilled) {
             "KESTRUN: error: Error waiting for response from master\nKESTRUN: warning: building locally...\n");
 }
 
-TEST_F(ToolRun, AMasterWithNoWorkCostsNothing) {
-  Tool({"exit", "0"});
-  const unsigned long long before = CpuTimeMs(Master().Pid());
-  const auto start = Clock::now();
-  // What is measured is a span of real time.
-  std::this_thread::sleep_for(3s);
-  const unsigned long long used = CpuTimeMs(Master().Pid()) - before;
-  const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-  EXPECT_LT(used * 100, static_cast<unsigned long long>(passed)) << used << " ms of " << passed;
-}
-
 using Masters = Build;
 
 TEST_F(Masters, OnlyOneRunsAtATime) {
@@ -160,53 +141,6 @@ TEST_F(Masters, GoOnAfterTheFinishEventAndEndOnTheStopEvent) {
   EXPECT_EQ(StopMaster(), 0);
   EXPECT_GE(LogCount("Finished Jobs"), 2);
   EXPECT_EQ(LogCount("reason:STOP event from parent process"), 1);
-}
-
-TEST_F(Masters, LogWhereARequestIsAndWhatAClientWaitsFor) {
-  const char* const steps[] = {"Client slot granted",    "Connected to the master", "Build request sent",
-                               "Build request received", "Job made of a request",   "Result passed on",
-                               "Result received"};
-  for (const int flags : {0, 16}) {
-    WriteSettings("MaxStubs=int:1\nDiagnosticFlags=int:" + std::to_string(flags) + "\n");
-    const int before = LogCount("Waiting for the result");
-    StartMaster();
-    NamedEvent go;
-    Child first = StartTool({"await", go.Name()});
-    while (LogCount("Waiting for the result") == before && !Master().EndsWithin(10)) continue;
-    Child second = StartTool({"exit", "0"});
-    while (LogCount("Waiting for a client slot") == before && !Master().EndsWithin(10)) continue;
-    go.Signal();
-    EXPECT_EQ(first.Wait(), 0);
-    EXPECT_EQ(second.Wait(), 0);
-    EXPECT_EQ(StopMaster(), 0);
-    for (const char* step : steps) EXPECT_EQ(LogCount(step), flags == 0 ? 0 : 2) << step;
-  }
-}
-
-// A manual-reset event: nothing resets it.
-TEST_F(Masters, TellOfAFinishEventThatStaysSetOnce) {
-  NamedEvent finish(true);
-  StartMaster({"-ef", finish.Name()});
-  finish.Signal();
-  while (LogCount("Finished Jobs") == 0 && !Master().EndsWithin(10)) continue;
-  EXPECT_EQ(Tool({"exit", "2"}).exitCode, 2);
-  EXPECT_EQ(LogCount("Finished Jobs"), 1);
-  EXPECT_EQ(StopMaster(), 0);
-}
-
-TEST_F(Masters, RunNoMoreToolsAtOnceThanTheSettingSays) {
-  WriteSettings("MaxConcurrentJobs=int:1\n");
-  StartMaster();
-  NamedEvent started;
-  NamedEvent release;
-  Child first = StartTool({"signal", started.Name(), ",", "await", release.Name(), ",", "print", "first"});
-  ASSERT_TRUE(started.Wait(20000));
-  Child second = StartTool({"signal", started.Name(), ",", "print", "second"});
-  // Two ticks of the master: time enough to start the second tool, were it allowed to.
-  EXPECT_FALSE(started.Wait(1200));
-  release.Signal();
-  EXPECT_EQ(first.Wait(), 0);
-  EXPECT_EQ(second.Wait(), 0);
 }
 
 // The times of all records of that title, in milliseconds of the day.

@@ -70,6 +70,16 @@ TEST_F(JobJournalTest, TellsAFollowerOfEachJobAtItsLatestChange) {
   EXPECT_EQ(records[0].slot, 3);
 }
 
+TEST_F(JobJournalTest, TellsALaterFollowerNothingOfWhatHasEnded) {
+  const JobJournal::Observer first = journal_.Join(0);
+  Run("ended");
+  journal_.Add(Text("waiting"), 0);
+  const std::vector<JobRecord> records = Take(journal_.Join(0));
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].text.command, "waiting");
+  EXPECT_EQ(Take(first).size(), 2u);
+}
+
 TEST_F(JobJournalTest, CountsWhatASlowFollowerMissesAndForgetsWhatAllHaveGot) {
   const JobJournal::Observer quick = journal_.Join(0);
   const JobJournal::Observer slow = journal_.Join(0);
@@ -205,35 +215,6 @@ TEST_F(JobJournalTest, RestsOnceAllIsToldAndCallsOnceAtTheNextJob) {
   EXPECT_EQ(calls, 1);
   Take(observer);
   EXPECT_TRUE(journal_.Rest());
-}
-
-TEST_F(JobJournalTest, LosesNoJobBetweenManyThreads) {
-  JobJournal journal(4, Below, 64);
-  constexpr u64 kJobs = 2000;
-  const JobJournal::Observer observer = journal.Join(0);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (u64 n = 0; n < kJobs; ++n) {
-        const u64 number = journal.Add(Text("x"), 0);
-        journal.Start(number, 0, 0);
-        journal.Finish(number, {JobOutcome::kOk});
-      }
-    });
-  }
-  u64 told = 0;
-  const auto take = [&] {
-    u64 position = 0;
-    std::vector<JobRecord> records;
-    EXPECT_TRUE(DecodeRecords(journal.Take(observer, 4096, position), records));
-    for (const JobRecord& record : records) told += HasEnded(record.outcome) ? 1 : 0;
-    return !records.empty();
-  };
-  while (journal.GetState(0).done < 4 * kJobs) take();
-  for (std::thread& thread : threads) thread.join();
-  while (take()) {
-  }
-  EXPECT_EQ(told + journal.GetState(observer).missed, 4 * kJobs);
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "job_test.h"
 
 namespace kestrun {
@@ -53,6 +55,18 @@ TEST_F(JobOutputTest, IsDroppedOverTheBudgetWithoutAClient) {
   const rc_ptr<JobOutput> output = new JobOutput(budget_, *job_, dispatcher_, false);
   for (int i = 0; i < 10; ++i) Write(*output, output->GetStdout());
   EXPECT_LE(budget_->GetSum(), 2 * kBlock);
+}
+
+TEST(OutputBudget, WakesAToolThatWaitsOnceItsClientHasTakenEnough) {
+  const rc_ptr<OutputBudget> budget = new OutputBudget(1);
+  OutputBudget::Account account(budget);
+  account.AddSent(2 * OutputBudget::kFreeBytes);
+  const u32 start = GetTickCount();
+  std::thread tool([&] { account.AwaitRoom(60000); });
+  Sleep(50);  // until it waits
+  account.RemoveSent(OutputBudget::kFreeBytes);
+  tool.join();
+  EXPECT_LT(GetTickCount() - start, 30000u);
 }
 
 }  // namespace

@@ -127,6 +127,18 @@ TEST_F(JobSlotsTest, AStopEndsTheWaitOfAThreadWithoutASlot) {
 
 // Whatever comes and goes in whatever order: the number of jobs that own a slot never exceeds the slots, a job without
 // waiting descendants of its own waits only while none is free, and in the end all are free.
+TEST(JobSlots, ATicketThatLeavesWhileItsAncestorsAreLookedForIsForgotten) {
+  static JobSlots* slots = nullptr;
+  JobSlots made(1, [](u32) {
+    slots->Leave(2);
+    return u32{0};
+  });
+  slots = &made;
+  EXPECT_TRUE(made.Ask(1, 7));
+  EXPECT_FALSE(made.Ask(2, 8));
+  EXPECT_EQ(made.CountWaiting(), 0u);
+}
+
 class JobSlotsOfThree : public JobSlotsTest {
  protected:
   JobSlotsOfThree() : JobSlotsTest(3) {}

@@ -8,6 +8,7 @@
 
 #include "job_test.h"
 #include "protocol/message_reader.h"
+#include "support/becomes_true.h"
 
 namespace kestrun {
 namespace {
@@ -126,6 +127,38 @@ TEST_F(LocalJobQueueTest, InSlotsRunsToolsInTheClientsEnvironmentWithoutTheJobse
   job->environment = std::make_shared<const Environment>(environment);
   queue.Push(job);
   EXPECT_EQ(TextOf(NextMessage(), SEG_STDOUT), "k \nyes\n");
+}
+
+// The first one's limit of a second is none by default.
+TEST_F(LocalJobQueueTest, AStopEndsTheToolsOfLostClientsAlone) {
+  settings_.SetBool("Extensions/CancelOrphanedJobs", true);
+  LocalJobQueue queue(2, settings_, dispatcher_);
+  const rc_ptr<BuildJob> living = Job(1, "p", "create " + folder_.File("living") + " , sleep 1500 , exit 5");
+  const rc_ptr<BuildJob> lost = Job(2, "p", "create " + folder_.File("lost") + " , hold");
+  living->timeoutSeconds = 1;
+  lost->clientAddress = Address(Address::kIpc, test::UniqueName());
+  queue.Push(living);
+  queue.Push(lost);
+  ASSERT_TRUE(test::BecomesTrue(
+      [this] { return Path(folder_.File("living")).Exists() && Path(folder_.File("lost")).Exists(); }));
+  queue.Stop();
+  for (int i = 0; i < 2; ++i) {
+    const rc_ptr<Message> result = NextMessage();
+    EXPECT_EQ(NumberOf(result, SEG_EXIT_CODE), NumberOf(result, SEG_JOB_ID) == 1 ? 5 : -1);
+  }
+}
+
+TEST_F(LocalJobQueueTest, AToolThatStartsForAJobThatWasCancelledEndsAtOnce) {
+  JobSlots slots(1, [](u32) { return u32{0}; });
+  const JobSlots::Ticket other = slots.NewTicket();
+  ASSERT_TRUE(slots.Ask(other, 0));
+  LocalJobQueue queue(1, settings_, dispatcher_, &slots);
+  const rc_ptr<BuildJob> job = Job(1, "p", "hold");
+  queue.Push(job);
+  ASSERT_TRUE(test::BecomesTrue([&] { return slots.CountWaiting() == 1; }));
+  queue.Cancel(*job);
+  slots.Leave(other);
+  EXPECT_EQ(NumberOf(NextMessage(), SEG_EXIT_CODE), -1);
 }
 
 TEST_F(LocalJobQueueTest, PostsOnlyTheResultsThatTheTakerRefuses) {

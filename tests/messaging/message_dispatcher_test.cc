@@ -288,20 +288,6 @@ TEST_F(DispatcherSocketsTest, ServesTcp) {
   ExpectTold(MessageDispatcher::kClosed, got->GetAddress());
 }
 
-TEST_F(DispatcherSocketsTest, PortInUseEndsTheRun) {
-  const rc_ptr<ListenSocket> holder(new ListenSocket(SocketAddress("127.0.0.1", port_), false));
-  Start();
-  const std::string error = NextError();
-  EXPECT_EQ(error.rfind("Failed to open listening TCP port " + std::to_string(port_) + " error=", 0), 0u) << error;
-  Stop();
-  EXPECT_EQ(result_, -1);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(MessageChannel::Create(Address(Address::kTcp, "127.0.0.1/1"), 1000), nullptr);
-  const std::string line = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(line.rfind("SocketException:", 0), 0u) << line;
-  EXPECT_NE(line.find(" error="), std::string::npos) << line;
-}
-
 // The address is that of each datagram's sender. What does not fit into one datagram is not broadcast.
 TEST_F(DispatcherSocketsTest, TakesDatagrams) {
   Start();

@@ -86,25 +86,5 @@ TEST(Mutex, IsNotTakenByAWaiterWhoseLimitHasPassed) {
   EXPECT_EQ(result, WAIT_OBJECT_0);
 }
 
-TEST(CriticalSection, IsRecursiveAndExcludesOtherThreads) {
-  CRITICAL_SECTION section;
-  InitializeCriticalSection(&section);
-  long sum = 0;
-  const auto add = [&] {
-    for (int i = 0; i < 10000; ++i) {
-      EnterCriticalSection(&section);
-      EnterCriticalSection(&section);
-      ++sum;
-      LeaveCriticalSection(&section);
-      LeaveCriticalSection(&section);
-    }
-  };
-  std::thread other(add);
-  add();
-  other.join();
-  EXPECT_EQ(sum, 20000);
-  DeleteCriticalSection(&section);
-}
-
 }  // namespace
 }  // namespace kestrun::test

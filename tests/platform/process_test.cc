@@ -22,14 +22,6 @@ TEST(Process, DoesNothingBeforeItIsResumed) {
   EXPECT_EQ(tool.Wait(), 4u);
 }
 
-TEST(Process, TerminatedBeforeItIsResumedNeverRuns) {
-  Tool tool = StartTool("print ran", {CREATE_SUSPENDED});
-  ASSERT_TRUE(TerminateProcess(tool.process, 5));
-  ResumeThread(tool.thread);
-  EXPECT_EQ(tool.Wait(), 5u);
-  EXPECT_EQ(ReadToEnd(tool.output), "");
-}
-
 KESTRUN_CHILD(StartsToolAndLeaves) {
   std::string line = "\"" + ProgramPath("test_tool") + "\" await " + words[0];
   STARTUPINFOA startup = {};

@@ -6,8 +6,6 @@
 
 #include "platform/win32.h"
 #include "scoped_handle.h"
-#include "support/child.h"
-#include "support/names.h"
 
 namespace kestrun::test {
 namespace {
@@ -35,37 +33,6 @@ TEST(Semaphore, EachUnitSatisfiesExactlyOneWait) {
   for (std::thread& consumer : consumers) consumer.join();
   EXPECT_EQ(taken, kUnits + kConsumers);
   EXPECT_EQ(WaitForSingleObject(semaphore, 0), WAIT_TIMEOUT);
-}
-
-KESTRUN_CHILD(TakesUnits) {
-  ScopedHandle semaphore = OpenSemaphoreA(SEMAPHORE_ALL_ACCESS, FALSE, words[0].c_str());
-  ScopedHandle done = OpenEventA(EVENT_ALL_ACCESS, FALSE, words[1].c_str());
-  const HANDLE both[] = {done, semaphore};
-  int taken = 0;
-  while (WaitForMultipleObjects(2, both, FALSE, INFINITE) == WAIT_OBJECT_0 + 1) ++taken;
-  Say(std::to_string(taken));
-  return 0;
-}
-
-TEST(Semaphore, ProcessesShareTheUnitsExactly) {
-  constexpr int kUnits = 5000;
-  const std::string name = UniqueName();
-  const std::string doneName = UniqueName();
-  ScopedHandle semaphore = CreateSemaphoreA(nullptr, 0, kUnits, name.c_str());
-  ScopedHandle done = CreateEventA(nullptr, TRUE, FALSE, doneName.c_str());
-  std::vector<Child> children;
-  for (int i = 0; i < 3; ++i) children.push_back(Child::Self("TakesUnits", {name, doneName}));
-  int own = 0;
-  for (int i = 0; i < kUnits; ++i) {
-    ASSERT_TRUE(ReleaseSemaphore(semaphore, 1, nullptr));
-    if (i % 3 == 0 && WaitForSingleObject(semaphore, 0) == WAIT_OBJECT_0) ++own;
-  }
-  while (WaitForSingleObject(semaphore, 0) == WAIT_OBJECT_0) ++own;
-  SetEvent(done);
-  int taken = own;
-  for (Child& child : children) taken += std::stoi(child.ReadLine());
-  // A unit that a child took after the count above reached zero is in its sum; none is left or doubled.
-  EXPECT_EQ(taken, kUnits);
 }
 
 }  // namespace

@@ -87,17 +87,5 @@ TEST_F(SocketTest, AReceiveEndsWhenAnotherThreadClosesTheSocket) {
   }
 }
 
-TEST_F(SocketTest, AnAcceptEndsWhenAnotherThreadClosesTheSocket) {
-  for (int round = 0; round < 20; ++round) {
-    const SOCKET listening = Listening();
-    SOCKET accepted = 0;
-    std::thread acceptor([&] { accepted = accept(listening, nullptr, nullptr); });
-    if (round % 2 == 0) std::this_thread::yield();
-    closesocket(listening);
-    acceptor.join();
-    EXPECT_EQ(accepted, INVALID_SOCKET);
-  }
-}
-
 }  // namespace
 }  // namespace kestrun::test

@@ -35,18 +35,6 @@ TEST(RcPtr, CountsItsOwners) {
   EXPECT_EQ(ends, 1);
 }
 
-TEST(RcPtr, LastTwoOwnersOnTwoThreadsDestroyOnce) {
-  std::atomic<int> ends{0};
-  constexpr int kRounds = 300;
-  for (int i = 0; i < kRounds; ++i) {
-    rc_ptr<Counted> mine(new Counted(&ends));
-    std::thread other([theirs = mine]() mutable { theirs.Reset(); });
-    mine.Reset();
-    other.join();
-  }
-  EXPECT_EQ(ends, kRounds);
-}
-
 int Twice(int value) {
   return 2 * value;
 }

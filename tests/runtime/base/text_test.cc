@@ -16,12 +16,6 @@ TEST(Text, ToLowerLeavesWhatIsNoFileName) {
   EXPECT_EQ(ToLower(std::string(261, 'A')), std::string(261, 'A'));
 }
 
-TEST(Text, Trim) {
-  EXPECT_EQ(Trim(" \t a b\r\n"), "a b");
-  EXPECT_EQ(Trim(" \t\v\f\r\n"), "");
-  EXPECT_EQ(Trim("\xE4 "), "\xE4");
-}
-
 TEST(Text, SplitLines) {
   EXPECT_EQ(SplitLines("a\\\r\nb\r\nc", true), (Pieces{"a b", "c"}));
   EXPECT_EQ(SplitLines("a\\\r\nb\r\nc", false), (Pieces{"a\\", "b", "c"}));
@@ -41,23 +35,6 @@ TEST(Text, SplitAndJoin) {
   EXPECT_EQ(SplitToSet("b;a;b", ';'), (std::set<std::string>{"a", "b"}));
   EXPECT_EQ(Join({"a", "", "b"}, ';'), "a;;b");
   EXPECT_EQ(Join({}, ';'), "");
-}
-
-TEST(Text, SubstituteReplacesWhatIsKnown) {
-  const std::map<std::string, std::string> values = {{"A", "1"}, {"REF", "%A%"}, {"", "empty"}};
-  struct Case {
-    const char* text;
-    const char* result;
-    bool allFound;
-  };
-  for (const Case& c : {Case{"%A%-%B%", "1-%B%", false}, Case{"x%A%%A%y", "x11y", true}, Case{"%REF%A%", "%A%A%", true},
-                        Case{"%B%A%", "%B%A%", false}, Case{"100% sure", "100% sure", true}, Case{"%%", "empty", true},
-                        Case{"", "", true}}) {
-    bool allFound = !c.allFound;
-    EXPECT_EQ(Substitute(c.text, values, &allFound), c.result) << c.text;
-    EXPECT_EQ(allFound, c.allFound) << c.text;
-  }
-  EXPECT_EQ(Substitute("%A%", values, nullptr), "1");
 }
 
 TEST(Text, IsNumber) {

@@ -175,40 +175,6 @@ TEST_F(LogTest, WhileAnotherProcessHoldsTheMutexRecordsAreLost) {
   EXPECT_EQ(text.find("Info: [CLIENT] kept"), 0u) << text;
 }
 
-constexpr int kRecords = 40;
-
-KESTRUN_CHILD(WritesToTheLog) {
-  Log::InitFile(words.at(0));
-  Log::Get()->SetEnabled(true);
-  test::Say("ready");
-  test::AwaitLine();
-  for (int i = 0; i < kRecords; ++i) WriteLog(Log::Info, Log::STUB, std::string(300, 'm'), {{"key", words.at(1)}});
-  Log::Shutdown();
-  return 0;
-}
-
-// Every record stands whole and unmixed, also while other processes write.
-TEST_F(LogTest, RecordsOfSeveralProcessesNeverMix) {
-  const std::string name = test::UniqueName("kestrun_log") + ".log";
-  std::vector<test::Child> writers;
-  for (int i = 0; i < 4; ++i) {
-    writers.push_back(test::Child::Self("WritesToTheLog", {folder_.File(name), std::to_string(i)}));
-  }
-  for (test::Child& writer : writers) EXPECT_EQ(writer.ReadLine(), "ready");
-  for (test::Child& writer : writers) writer.Tell("go");
-  for (test::Child& writer : writers) EXPECT_EQ(writer.Wait(), 0);
-  const std::vector<std::string> lines = SplitLines(folder_.Read(name), false);
-  ASSERT_EQ(lines.size(), 3u * 4 * kRecords);
-  int keys[4] = {};
-  for (std::size_t i = 0; i < lines.size(); i += 3) {
-    EXPECT_EQ(lines[i], "Info: [STUB] " + std::string(300, 'm'));
-    EXPECT_EQ(lines[i + 1].find(" time:"), 0u);
-    ASSERT_EQ(lines[i + 2].size(), 6u);
-    ++keys[(lines[i + 2][5] - '0') & 3];
-  }
-  for (const int count : keys) EXPECT_EQ(count, kRecords);
-}
-
 TEST(LogTime, IsPaddedAndCountsFromTheYear1601) {
   SYSTEMTIME time{};
   time.wYear = 2026;

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <regex>
 
 #include "support/names.h"
 
@@ -42,35 +41,6 @@ TEST(Path, SplitTakesFourParts) {
   EXPECT_EQ(SplitParts(".profile"), (Parts{"", {}, "", ".profile"}));
 }
 
-// The same by regular expressions.
-Parts SlowSplit(const std::string& text) {
-  static const std::regex server(R"((([\\/])\2[^\\/]*)[\\/]?(.*))"), rooted(R"([\\/](.*))"),
-      drive(R"((.:)([\\/]?)(.*))"), component(R"([^\\/]+(?=[\\/]))"), leaf(R"(([^\\/]*?)(\.[^.\\/]*)?$)");
-  Parts parts;
-  std::smatch match;
-  std::string rest = text;
-  if (std::regex_match(text, match, server)) {
-    parts.root = match[1].str() + "\\";
-    rest = match[3];
-  } else if (std::regex_match(text, match, rooted)) {
-    parts.root = "\\";
-    rest = match[1];
-  } else if (std::regex_match(text, match, drive)) {
-    parts.root = match[1].str() + (match[2].length() > 0 ? "\\" : "");
-    rest = match[3];
-  }
-  for (std::sregex_iterator i(rest.begin(), rest.end(), component), end; i != end; ++i) {
-    parts.directories.push_back(i->str());
-  }
-  size_t leafBegin = rest.find_last_of("\\/") + 1;
-  std::string last = rest.substr(leafBegin);
-  if (std::regex_match(last, match, leaf)) {
-    parts.name = match[1];
-    parts.extension = match[2];
-  }
-  return parts;
-}
-
 // Every text of up to six of these characters holds every combination of roots, separators and dots that matters.
 template <class Check>
 void ForEachShortPath(Check check) {
@@ -86,10 +56,6 @@ void ForEachShortPath(Check check) {
     check(text);
     if (::testing::Test::HasFailure()) FAIL() << "with \"" << text << "\"";
   }
-}
-
-TEST(Path, SplitAgreesWithASlowReference) {
-  ForEachShortPath([](const std::string& text) { EXPECT_EQ(SplitParts(text), SlowSplit(text)); });
 }
 
 TEST(Path, JoinAndCanonicaliseComeToRest) {

@@ -51,17 +51,6 @@ TEST(MemoryStream, WritesOverWhatIsThereAndAppendsBehindIt) {
   EXPECT_EQ(stream.GetPosition(), 0u);
 }
 
-TEST(MemoryStream, KeepsItsContentWhileItGrows) {
-  MemoryStream stream;
-  std::string expected;
-  for (u32 i = 0; i < 5000; ++i) {
-    std::string piece = std::to_string(i) + ",";
-    stream.Write(piece.data(), static_cast<u32>(piece.size()));
-    expected += piece;
-  }
-  EXPECT_EQ(Content(stream), expected);
-}
-
 TEST(MemoryStream, CopiesOrWrapsForeignMemory) {
   char memory[] = "abc";
   MemoryStream copy(memory, 3, false);
@@ -74,19 +63,6 @@ TEST(MemoryStream, CopiesOrWrapsForeignMemory) {
   EXPECT_EQ(wrapped.Append("z", 1), 0u);
   EXPECT_EQ(wrapped.ReadFrom(copy), MemoryStream::kReadFailed);
   EXPECT_FALSE(wrapped.MapFile("whatever"));
-}
-
-TEST(MemoryStream, ReadsFromAnotherStream) {
-  MemoryStream source;
-  source.Write("0123456789", 10);
-  source.Seek(2);
-  MemoryStream exact(5, source);
-  EXPECT_EQ(Content(exact), "23456");
-  ExpectThrow<StreamException>([&] { MemoryStream tooLong(4, source); }, "Out of memory", -1);
-  source.Seek(4);
-  EXPECT_EQ(exact.ReadFrom(source), 6u);
-  EXPECT_EQ(Content(exact), "23456456789");
-  EXPECT_EQ(exact.ReadFrom(source), 0u);
 }
 
 TEST(MemoryStream, TakenContentStaysWhateverHappensToItsSource) {
@@ -115,16 +91,6 @@ TEST(MemoryStream, TakenContentStaysWhateverHappensToItsSource) {
   const rc_ptr<MemoryStream> taken = source.TakeContent(13);
   taken->Seek(0), taken->Write("S", 1);
   EXPECT_EQ(Content(source), text);
-}
-
-TEST(MemoryStream, CloseForgetsAndTheStreamGoesOn) {
-  MemoryStream stream;
-  stream.Write("abc", 3);
-  stream.Close();
-  EXPECT_EQ(stream.GetAvailable(), 0u);
-  EXPECT_EQ(stream.GetCapacity(), 0u);
-  stream.Write("d", 1);
-  EXPECT_EQ(Content(stream), "d");
 }
 
 TEST(FileStream, ReadsWritesAndSeeks) {

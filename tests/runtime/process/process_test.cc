@@ -108,11 +108,6 @@ TEST_F(ProcessTest, ADescendantThatKeepsThePipesDoesNotHoldUpRun) {
   EXPECT_TRUE(test::ProcessEndsWithin(descendant, 10000)) << "the end of its job ends it";
 }
 
-TEST_F(ProcessTest, ADescendantThatKeepsWritingDoesNotHoldUpRun) {
-  EXPECT_EQ(Run({"background", "plain", "fill", "2000000000", "0", "then", "error", "done", ",", "exit", "4"}), 4);
-  EXPECT_EQ(TextOf(err_), "done\n");
-}
-
 // Without a limit it would write for many seconds.
 TEST_F(ProcessTest, AChildThatNeverStopsWritingCanRunOutOfTime) {
   const rc_ptr<Process> process = new Process("");
@@ -132,22 +127,6 @@ TEST_F(ProcessTest, AFailingDestinationDoesNotStallTheChild) {
   EXPECT_EQ(
       process_->Run(Tool({"fill", "300000", "0", ",", "exit", "5"}), readOnly.Get(), err_.Get(), 0, nullptr, 0, false),
       5);
-}
-
-TEST_F(ProcessTest, AffinityIsCutDownToWhatTheChildMayUse) {
-  DWORD_PTR own = 0;
-  DWORD_PTR all = 0;
-  ASSERT_TRUE(GetProcessAffinityMask(GetCurrentProcess(), &own, &all));
-  const u32 allowed = static_cast<u32>(own);
-  const u32 lowest = allowed & (~allowed + 1);
-  for (const auto& [asked, given] : {std::pair{lowest, lowest}, {lowest | ~allowed, lowest}, {~allowed, allowed}}) {
-    const rc_ptr<Process> child = new Process("");
-    ASSERT_TRUE(child->Start(Tool({"hold"}), Process::OWN_JOB, nullptr, asked));
-    const UniqueHandle handle(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, child->GetProcessId()));
-    DWORD_PTR mask = 0;
-    EXPECT_TRUE(GetProcessAffinityMask(handle.Get(), &mask, &all));
-    EXPECT_EQ(static_cast<u32>(mask), given) << asked;
-  }
 }
 
 TEST_F(ProcessTest, ACommandThatCannotStartIsReported) {
@@ -171,16 +150,6 @@ TEST_F(ProcessTest, TerminateEndsTheWholeJob) {
   EXPECT_TRUE(test::ProcessEndsWithin(descendant, 10000));
   EXPECT_FALSE(process_->Wait(0, nullptr));
   EXPECT_FALSE(process_->Terminate());
-}
-
-TEST_F(ProcessTest, TerminateFromAnotherThreadEndsRun) {
-  NamedEvent started;
-  std::thread ender([&] {
-    started.Await();
-    process_->Terminate();
-  });
-  EXPECT_EQ(Run({"signal", started.Name(), ",", "hold"}), -1);
-  ender.join();
 }
 
 TEST_F(ProcessTest, WaitGivesTheCodeAsOftenAsItIsAsked) {
@@ -246,13 +215,6 @@ TEST(ProcessList, FindsThisProcessByItsName) {
   EXPECT_TRUE(FindProcess(base));
   EXPECT_EQ(CountProcesses(test::UniqueName("nobody")), 0);
   EXPECT_FALSE(FindProcess(test::UniqueName("nobody")));
-}
-
-TEST(ProcessCurrent, CountsItsOwnTime) {
-  const rc_ptr<Process> current = Process::GetCurrent();
-  EXPECT_EQ(current->GetProcessId(), test::CurrentProcessId());
-  // The system counts in ticks: it takes a while until the first shows.
-  while (current->GetCpuTime() == 0) continue;
 }
 
 }  // namespace

@@ -71,32 +71,5 @@ TEST_F(SocketLoopTest, Selects255SocketsAndReportsThe256th) {
   EXPECT_EQ(errors_, Strings{"Too many socket-descriptors!"});
 }
 
-TEST_F(SocketLoopTest, SaysThatNoPortIsLeft) {
-  std::vector<SOCKET> taken;
-  const auto freeLast = [&] {
-    closesocket(taken.back());
-    taken.pop_back();
-  };
-  // Ten ports in a row; another process may have one of them.
-  u16 first = test::OwnPorts();
-  for (u16 next = first; taken.size() < 10; ++next) {
-    sockaddr_in address = test::Loopback(next);
-    taken.push_back(socket(AF_INET, test::kStream, 0));
-    if (bind(taken.back(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
-        listen(taken.back(), 1) == 0) {
-      continue;
-    }
-    while (!taken.empty()) freeLast();
-    first = static_cast<u16>(next + 1);
-  }
-  SocketLoop loop(first, nullptr);
-  const rc_ptr<SocketHandler> handler(new SocketHandler);
-  test::ExpectThrow<ReactorException>([&] { loop.Add(handler); }, "WakeupHandler could not bind to any port!", 10048);
-  EXPECT_EQ(loop.GetCount(), 0u);
-  freeLast();
-  EXPECT_TRUE(loop.Add(handler));
-  while (!taken.empty()) freeLast();
-}
-
 }  // namespace
 }  // namespace kestrun

@@ -55,20 +55,5 @@ TEST(ConditionVariable, LosesNoSignalBetweenMutexAndWait) {
   EXPECT_FALSE(IsFree(mutex)) << "a wait that ends has the mutex again";
 }
 
-TEST(Sync, NameOfAnotherKindThrows) {
-  std::string mutexName = UniqueName();
-  Mutex mutex(mutexName.c_str());
-  std::string eventName = UniqueName();
-  Condition event(eventName.c_str());
-  ExpectThrow<SyncException>([&] { Mutex other(eventName.c_str()); }, "CreateMutex() failed in Mutex::Init()", -1,
-                             "SyncException");
-  ExpectThrow<SyncException>([&] { Condition other(mutexName.c_str()); }, "CreateEvent() failed in Condition::Init()",
-                             -1);
-  ExpectThrow<SyncException>([&] { ConditionVariable other(mutexName.c_str()); },
-                             "CreateEvent() failed in ConditionVariable::Init()", -1);
-  ExpectThrow<SyncException>([&] { Semaphore other(1, mutexName.c_str()); },
-                             "CreateSemaphore() failed in Semaphore ctor", ERROR_INVALID_HANDLE);
-}
-
 }  // namespace
 }  // namespace kestrun

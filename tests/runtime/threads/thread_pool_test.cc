@@ -53,25 +53,6 @@ TEST(BlockingQueue, TwoItemsReachTwoWaiters) {
   EXPECT_EQ(rounds, kRounds);
 }
 
-TEST(BlockingQueue, EveryItemIsTakenOnce) {
-  constexpr int kThreads = 4, kItems = 2000;
-  BlockingQueue<int> queue;
-  std::atomic<long> sum{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 1; i <= kItems; ++i) queue.Push(i);
-    });
-    threads.emplace_back([&] {
-      int item = 0;
-      for (int i = 0; i < kItems && queue.Pop(item, kLongTime); ++i) sum += item;
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(sum, long{kThreads} * kItems * (kItems + 1) / 2);
-  EXPECT_EQ(queue.GetSize(), 0u);
-}
-
 using Pool = ThreadPool<Functor0<void>::Type>;
 
 // A pool whose worker can be waited for by others.

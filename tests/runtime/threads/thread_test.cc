@@ -47,22 +47,6 @@ TEST(Thread, RunsItsBodyOnceAndTellsItsEnd) {
   EXPECT_EQ(body.priority, THREAD_PRIORITY_BELOW_NORMAL);
 }
 
-TEST(Thread, LivesAsLongAsItRuns) {
-  Body body;
-  rc_ptr<Thread> thread(new Thread("worker"));
-  Thread* raw = thread.Get();
-  ASSERT_TRUE(thread->Start(MakeDelegate(&Body::Run, &body)));
-  UniqueHandle ended;
-  HANDLE copy = nullptr;
-  ASSERT_TRUE(DuplicateHandle(GetCurrentProcess(), thread->GetHandle(), GetCurrentProcess(), &copy, 0, FALSE,
-                              DUPLICATE_SAME_ACCESS));
-  ended.Reset(copy);
-  thread.Reset();
-  body.go.Signal();
-  ASSERT_TRUE(WaitForHandle(ended.Get(), kLongTime));
-  EXPECT_EQ(body.current.Get(), raw);
-}
-
 TEST(Thread, WaitAllTakesAnyNumberAndNone) {
   EXPECT_TRUE(Thread::WaitAll({}, 0));
   constexpr int kThreads = 70;
@@ -82,11 +66,6 @@ TEST(Thread, WaitAllTakesAnyNumberAndNone) {
   EXPECT_FALSE(Thread::WaitAll(threads, 10));
   gate.Release();
   EXPECT_TRUE(Thread::WaitAll(threads, kLongTime));
-}
-
-TEST(Thread, NameIsCut) {
-  rc_ptr<Thread> thread(new Thread(std::string(100, 'n')));
-  EXPECT_EQ(std::strlen(thread->GetName()), 63u);
 }
 
 TEST(EventTimer, MeasuresFromStartToStop) {

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "connector.h"
 #include "ipc_ends.h"
 #include "support/child.h"
 #include "transport/shared/ipc_socket.h"
@@ -15,7 +14,6 @@ namespace kestrun {
 namespace {
 
 using test::Child;
-using test::Connector;
 using test::IpcEnds;
 using test::kLongMs;
 
@@ -36,20 +34,6 @@ TEST(IntroductionTurn, IsWaitedForAsLongAsItPassesOn) {
   EXPECT_EQ(holder, 0u);
 }
 
-// Does as many steps as it is told, says so and stands still.
-KESTRUN_CHILD(ConnectorThatStandsStill) {
-  Connector connector(words[0]);
-  const int steps = std::stoi(words[1]);
-  connector.TakeTurn();
-  if (steps > 1) connector.Attach();
-  if (steps > 2) connector.Ask();
-  if (steps > 3) connector.AwaitReply();
-  if (steps > 4) connector.TakeReply();
-  test::Say("there");
-  test::AwaitLine();
-  return 0;
-}
-
 class ConnectorsThatStandStill : public testing::TestWithParam<int> {};
 
 TEST_P(ConnectorsThatStandStill, AreNamedAndTheNextOneGoesOn) {
@@ -58,8 +42,8 @@ TEST_P(ConnectorsThatStandStill, AreNamedAndTheNextOneGoesOn) {
   auto served = std::async(std::launch::async, [&ends] {
     while (ends.listener->GetState() == IpcSocket::State::kListening) ends.listener->Accept();
   });
-  Child child = Child::Self("ConnectorThatStandsStill", {ends.name, std::to_string(GetParam())});
-  ASSERT_EQ(child.ReadLine(), "there");
+  Child child = Child::Self("DyingConnector", {ends.name, std::to_string(GetParam())});
+  ASSERT_EQ(child.ReadLine(), "done");
   const Mutex lock(IpcIntroduction::GetLockName(ends.name).c_str());
   const MutexOwner owner = GetMutexOwner(lock.GetHandle());
   const std::string name = owner.isKnown ? "process " + std::to_string(child.Pid()) : "another process";

@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <future>
-#include <iostream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -150,66 +147,6 @@ TEST_P(DeadConnectors, LeaveNothingToTheNextOne) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EachStep, DeadConnectors, testing::Values(1, 2, 3));
-
-class ConnectorThatHasAsked : public DyingConnectors {};
-
-TEST_P(ConnectorThatHasAsked, IsNotWaitedForOnceItIsDead) {
-  ends_.Listen();
-  RunAndKill();
-  const u32 start = GetTickCount();
-  EXPECT_FALSE(ends_.listener->Accept());
-  EXPECT_LT(GetTickCount() - start, 5000u);
-}
-
-INSTANTIATE_TEST_SUITE_P(Dead, ConnectorThatHasAsked, testing::Values(3));
-
-KESTRUN_CHILD(RestlessConnector) {
-  for (;;) {
-    IpcSocket socket;
-    if (!socket.Connect(words[0], kLongMs)) return 1;
-    test::Say("connected");
-  }
-}
-
-// A connector gets through, to a connection of its own, while others are killed at any moment.
-TEST(IpcIntroduction, ConnectorsThatAreKilledAtRandomDoNotDisturbOthers) {
-  IpcEnds ends;
-  ends.Listen();
-  auto serving = std::async(std::launch::async, [&] {
-    while (ends.listener->GetState() == IpcSocket::State::kListening) {
-      const rc_ptr<IpcSocket> server = ends.listener->Accept();
-      if (server) WriteText(*server, server->GetName());
-    }
-  });
-  std::atomic<bool> isOver{false};
-  auto connecting = std::async(std::launch::async, [&] {
-    u32 count = 0;
-    for (; !isOver; ++count) {
-      IpcSocket client;
-      EXPECT_TRUE(client.Connect(ends.name, kLongMs));
-      EXPECT_EQ(ReadText(client, 200), client.GetName());
-    }
-    return count;
-  });
-  u32 refused = 0;
-  for (u32 round = 0; round < 12; ++round) {
-    try {
-      Child child = Child::Self("RestlessConnector", {ends.name});
-      for (u32 i = 0; i <= round * 7 % 12; ++i) EXPECT_EQ(child.ReadLine(), "connected");
-      child.Kill();
-      child.Wait();
-    } catch (const std::runtime_error& e) {
-      ++refused;
-      std::cout << e.what() << std::endl;
-      EXPECT_TRUE(test::RefusesProcesses()) << e.what();
-    }
-  }
-  EXPECT_LE(refused, 1u);
-  isOver = true;
-  EXPECT_GT(connecting.get(), 0u);
-  ends.listener->Close();
-  serving.get();
-}
 
 }  // namespace
 }  // namespace kestrun

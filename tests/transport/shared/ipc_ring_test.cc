@@ -75,18 +75,6 @@ TEST_F(IpcRingTest, BlockThatWrapsComesInOneRead) {
   EXPECT_EQ(Read(10000), Pattern(5100, kMost - 200));
 }
 
-TEST_F(IpcRingTest, EveryPositionOfTheWrapKeepsTheBytes) {
-  MakeEnds();
-  ASSERT_EQ(Write(Pattern(kMost - 8)), kMost - 8);
-  ASSERT_EQ(Read(kMost - 8).size(), kMost - 8);
-  u32 written = 0;
-  for (u32 length = 1; length < 24; ++length) {
-    ASSERT_EQ(Write(Pattern(length, written)), length);
-    ASSERT_EQ(Read(length), Pattern(length, written));
-    written += length;
-  }
-}
-
 TEST_F(IpcRingTest, WaitsForBytesAndForRoom) {
   MakeEnds();
   auto late = std::async(std::launch::async, [&] { return Read(10, 60000); });

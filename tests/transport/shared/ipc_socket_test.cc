@@ -166,33 +166,6 @@ TEST(IpcSocket, ReadDoesNotWaitWithoutALimitOfTime) {
   EXPECT_TRUE(result.isConnected);
 }
 
-TEST(IpcSocket, MegabytesPassInBothDirectionsAtOnce) {
-  IpcEnds ends;
-  ends.Meet();
-  const std::string text = Pattern(5 << 20);
-  const auto send = [&](const rc_ptr<IpcSocket>& socket) {
-    rc_ptr<Stream> stream;
-    socket->GetStream(stream);
-    stream->Write(text.data(), static_cast<u32>(text.size()));
-  };
-  const auto receive = [&](IpcSocket& socket) {
-    std::string all;
-    while (all.size() < text.size()) {
-      const std::string block = ReadText(socket, 8192);
-      if (block.empty()) break;
-      all += block;
-    }
-    return all == text;
-  };
-  auto toServer = std::async(std::launch::async, send, ends.client);
-  auto toClient = std::async(std::launch::async, send, ends.server);
-  auto atServer = std::async(std::launch::async, [&] { return receive(*ends.server); });
-  EXPECT_TRUE(receive(*ends.client));
-  EXPECT_TRUE(atServer.get());
-  toServer.get();
-  toClient.get();
-}
-
 TEST(IpcSocket, WriterThatLosesItsPeerWakesTheWaiter) {
   IpcEnds ends;
   ends.Meet();

@@ -79,34 +79,6 @@ TEST_F(SocketsTest, BytesTravelAndTheEndThrows) {
   EXPECT_NE(accepted->GetDescriptor(), Socket::kInvalidDescriptor);
 }
 
-TEST_F(SocketsTest, ATimedSendWaitsForRoom) {
-  const auto [caller, accepted] = Connect();
-  Fill(*caller);
-  std::thread reader([socket = accepted] {
-    std::vector<u8> buffer(1 << 20);
-    u64 received = 0;
-    try {
-      for (;;) received += socket->Receive(buffer.data(), static_cast<u32>(buffer.size()));
-    } catch (const SocketException&) {
-      EXPECT_GT(received, 0u);
-    }
-  });
-  EXPECT_EQ(caller->Send("x", 1, kLongMs), 1u);
-  EXPECT_FALSE(caller->IsBlocking());
-  caller->Close();
-  reader.join();
-}
-
-TEST_F(SocketsTest, CloseByAnotherThreadEndsAReceive) {
-  const auto [caller, accepted] = Connect();
-  std::thread receiver([socket = caller] {
-    char byte;
-    EXPECT_THROW(socket->Receive(&byte, 1), SocketException);
-  });
-  caller->Close();
-  receiver.join();
-}
-
 TEST_F(SocketsTest, AConnectionToNobodyFailsInTheWordsOfItsWay) {
   Socket deaf(AF_INET, SOCK_STREAM);
   deaf.Bind(Loopback(0), false);
@@ -144,24 +116,6 @@ TEST_F(SocketsTest, DatagramsTellTheirSender) {
   EXPECT_EQ(right->SendTo("", 0, left->GetLocalAddress()), 0u);
   char byte;
   ExpectThrow([&] { left->Receive(&byte, 1); }, 0, "Socket closed in recvfrom()");
-}
-
-TEST_F(SocketsTest, AStreamWritesEverythingAndReadsWhatThereIs) {
-  const auto [caller, accepted] = Connect();
-  SocketStream writer(caller.Get(), kLongMs);
-  std::string sent(8 << 20, '\0');
-  for (std::size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<char>(i * 31 >> 7);
-  std::string received;
-  std::thread reader([&received, &sent, socket = accepted] {
-    SocketStream stream(socket.Get(), kLongMs);
-    std::vector<char> buffer(100000);
-    while (received.size() < sent.size()) {
-      received.append(buffer.data(), stream.Read(buffer.data(), static_cast<u32>(buffer.size())));
-    }
-  });
-  EXPECT_EQ(writer.Write(sent.data(), static_cast<u32>(sent.size())), sent.size());
-  reader.join();
-  EXPECT_TRUE(received == sent);
 }
 
 TEST_F(SocketsTest, WritersOfOneStreamDoNotMix) {

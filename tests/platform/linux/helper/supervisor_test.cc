@@ -48,19 +48,6 @@ KESTRUN_CHILD(OwnsOneFamily) {
   return 0;
 }
 
-KESTRUN_CHILD(KeepsStartingFamilies) {
-  Say("go");
-  for (;;) {
-    std::vector<ScopedHandle> jobs;
-    std::vector<Tool> tools;
-    for (int i = 0; i < 3; ++i) {
-      jobs.push_back(MakeJob());
-      tools.push_back(StartHeldFamily(jobs.back()));
-    }
-    ReadLineFrom(tools[0].output);
-  }
-}
-
 class Supervisor : public testing::Test {
  protected:
   ~Supervisor() override {
@@ -89,17 +76,6 @@ TEST_F(Supervisor, NothingIsLeftInWhateverOrderTheHelpersAndTheOwnerDie) {
     if (round % 3 == 1) kill(supervisor, SIGKILL);
     if (round % 3 == 2) kill(zygote, SIGKILL);
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
-    owner.Kill();
-    ASSERT_TRUE(AllMarkedEnd()) << "round " << round;
-  }
-}
-
-TEST_F(Supervisor, NothingIsLeftOfToolsThatWereJustStarting) {
-  std::mt19937 random(8);
-  for (int round = 0; round < 26; ++round) {
-    Child owner = StartOwner("KeepsStartingFamilies");
-    ASSERT_EQ(owner.ReadLine(), "go");
-    std::this_thread::sleep_for(std::chrono::microseconds(random() % 40000));
     owner.Kill();
     ASSERT_TRUE(AllMarkedEnd()) << "round " << round;
   }
