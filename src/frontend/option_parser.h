@@ -46,8 +46,8 @@ inline constexpr char kOptionsVariable[] = "KESTRUN_OPTS";
 // Which text of a process does not parse.
 enum class OptionsFault { kNone, kEnvironment, kCommandLine };
 
-// Both texts of a process: that of kOptionsVariable, and the command line with the program's name. `words` are those behind the
-// name. Prints nothing.
+// Both texts of a process: that of kOptionsVariable, and the command line with the program's name. `words` are those
+// behind the name. Prints nothing.
 OptionsFault ReadOptions(const std::string& commandLine, const std::vector<std::string>& words, Options& options,
                          std::string* cause = nullptr);
 
