@@ -2,12 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <set>
 
 #include "dorn/history.h"
 #include "dorn/status.h"
 #include "dorn/summary.h"
+#include "platform/win32.h"
 #include "support/json.h"
+#include "support/names.h"
 
 namespace kestrun::dorn {
 namespace {
@@ -93,11 +96,11 @@ TEST(BuildRecordTest, CountsASlotAsBusyOnceAndNestedTimeOnce) {
 // What readers of the format rely on: every event has a phase, a row and a time, spans of a row nest, asynchronous
 // spans come in pairs, and counters never go below 0.
 TEST(BuildRecordTest, WritesATraceThatReadersTake) {
-  // 2 lies within 1; 3 begins within 1 and ends behind it; 4 comes behind all; 5 never started.
+  // 2 lies within 1; 3 begins within 1 and ends behind it; 4 begins as 1 ends; 5 never started.
   JobRecord never = Job(5, -1, 0, 50);
   never.startedUs = JobRecord::kNone;
   const Json json = Json::Parse(
-      GetTraceText(Build({Job(1, 0, 0, 500), Job(2, 0, 100, 300), Job(3, 0, 400, 600), Job(4, 0, 700, 800), never})));
+      GetTraceText(Build({Job(1, 0, 0, 500), Job(2, 0, 100, 300), Job(3, 0, 400, 600), Job(4, 0, 500, 800), never})));
   std::map<long long, std::vector<std::pair<long long, long long>>> rows;
   std::map<long long, int> open;
   std::set<std::string> names;
@@ -161,16 +164,17 @@ TEST(StatusTest, ShowsAsManyJobsAsFitAndCountsTheOthers) {
   JournalNews news;
   news.state.nowUs = kStart + 100;
   news.state.slots = 2;
-  news.state.running = 2;
+  news.state.running = 3;  // one of them in the slot of another
   news.state.waiting = 50;
-  for (u64 n = 1; n <= 52; ++n) {
+  for (u64 n = 1; n <= 53; ++n) {
     news.jobs.push_back(Job(n, 0, 0, 0));
-    news.jobs.back().outcome = n <= 2 ? JobOutcome::kRunning : JobOutcome::kWaiting;
+    news.jobs.back().outcome = n <= 3 ? JobOutcome::kRunning : JobOutcome::kWaiting;
   }
   const std::string text = GetStatusText(news, 10, 40);
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 10);
+  EXPECT_NE(GetStatusText(news, 10, 200).find("; 2 of 2 slots busy\n"), std::string::npos);
   EXPECT_NE(text.find("  gcc f1.c\n"), std::string::npos);
-  EXPECT_NE(text.find("  and 44 more\n"), std::string::npos);
+  EXPECT_NE(text.find("  and 45 more\n"), std::string::npos);
   const Json json = Json::Parse(GetStatusJson(&news, "i"));
   EXPECT_TRUE(json["build_runs"].boolean);
   EXPECT_EQ(json["jobs_waiting"].Int(), 50);
@@ -182,6 +186,20 @@ TEST(HistoryTest, HasOneLineOfJsonForABuild) {
   const std::string line = GetHistoryLine(Build({Job(1, 0, 0, 1)}));
   EXPECT_EQ(line.find('\n'), line.size() - 1);
   EXPECT_EQ(Json::Parse(line)["jobs_done"].Int(), 1);
+}
+
+TEST(HistoryTest, LosesItsOlderHalfBeyondFourMebibytes) {
+  const test::TempFolder folder;
+  SetEnvironmentVariableA("RV_COMMON_PATH", folder.Path().string().c_str());
+  std::filesystem::create_directory(folder.Path() / "DORN");
+  std::string builds;
+  for (const char build : {'1', '2', '3', '4', '5'}) builds += std::string((1 << 20) - 1, build) + '\n';
+  folder.Write("DORN/Builds.jsonl", builds);
+  AddToHistory(Build({}));
+  SetEnvironmentVariableA("RV_COMMON_PATH", nullptr);
+  const std::string left = folder.Read("DORN/Builds.jsonl");
+  EXPECT_EQ(left[0], '5');
+  EXPECT_EQ(left.substr(1 << 20), GetHistoryLine(Build({})));
 }
 
 }  // namespace

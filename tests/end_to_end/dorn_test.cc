@@ -95,7 +95,7 @@ TEST_F(Dorn, NamesABuildCommandThatIsMissing) {
 
 TEST_F(Dorn, TakesFilesAloneForProgramsAndTheKestrunBesideIt) {
   const std::string ending = std::filesystem::path(tool_).extension().string();
-  for (const char* name : {"first/tool", "second"}) std::filesystem::create_directories(folder_.Path() / name);
+  for (const char* name : {"first/tool.exe", "second"}) std::filesystem::create_directories(folder_.Path() / name);
   std::filesystem::copy(tool_, folder_.File("first/kestrun" + ending));
   std::filesystem::copy(tool_, folder_.File("second/tool" + ending));
   ChildOptions options = Environment();

@@ -18,6 +18,7 @@ TEST(Event, ManualResetWakesEverySleeperAndStaysSetUntilReset) {
         static_cast<HANDLE>(event), 0, nullptr);
     raw[i] = threads[i];
   }
+  Sleep(50);  // until they sleep
   SetEvent(event);
   EXPECT_EQ(WaitForMultipleObjects(8, raw, TRUE, INFINITE), WAIT_OBJECT_0);
   EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);

@@ -123,7 +123,12 @@ TEST(Handle, IsOfOneKindAndGoneOnceClosed) {
   EXPECT_EQ(platform::IntToHandle(platform::HandleToInt(handle)), handle);
   EXPECT_FALSE(ReleaseMutex(handle));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
-  EXPECT_TRUE(CloseHandle(handle));
+  HANDLE moved = nullptr;
+  EXPECT_TRUE(DuplicateHandle(GetCurrentProcess(), handle, GetCurrentProcess(), &moved, 0, FALSE,
+                              DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE));
+  SetLastError(77);
+  EXPECT_TRUE(CloseHandle(moved));
+  EXPECT_EQ(GetLastError(), 77u);
   EXPECT_FALSE(CloseHandle(handle));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
   EXPECT_FALSE(CloseHandle(nullptr));

@@ -19,6 +19,9 @@ const char* const kShellRows[] = {
     "PATH=$PWD/bin:$PATH; mkdir bin; printf '#!/bin/sh\\necho found $0 $1\\n' >bin/only; chmod +x bin/only; $K only "
     "here"
     " | sed \"s,$PWD,,\"",
+    "printf '#!/bin/sh\\necho here\\n' >only; chmod +x only; PATH=:$PATH; $K only",
+    "mkdir a b; : >a/only; printf '#!/bin/sh\\necho of b\\n' >b/only; chmod +x b/only; PATH=$PWD/a:$PWD/b:$PATH; $K "
+    "only",
     "printf '#!/bin/sh\\necho wrong\\n' >gcc-x; chmod +x gcc-x; $K gcc-x 2>/dev/null; echo $?",
     "printf 'echo \"$0\" \"$@\"\\n' >plain; chmod +x plain; $K ./plain a 'b c'",
     "mkdir 'q\"d'; printf 'echo \"$0\" \"$@\"\n' >'q\"d/p\" q'; chmod +x q*/p*; $K './q\"d/p\" q' 'a\" b'",
