@@ -2,6 +2,7 @@
 
 namespace kestrun {
 
+// Called by the journal on other threads. It reads only fields that do not change after the job was parsed.
 JobText BuildJob::GetText() const {
   JobText text;
   text.project = projectName;

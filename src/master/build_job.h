@@ -25,7 +25,13 @@ enum JobState : u32 {
 
 // One tool invocation: what to run, for which stub, and how it ended.
 //
-// Made from its request, then owned by the message thread. While a job is scheduled a local build thread reads what is
+//   state          the job is                                      it goes on when
+//   JOB_NEW        in the request handler's queue, then pending    the scheduler hands it to the local job queue
+//                  in the scheduler
+//   JOB_SCHEDULED  in the local job queue, or its tool runs        its result has been sent to the client
+//   JOB_FINISHED   kept as a record, or released (DiscardOutput)   never
+//
+// Made from its request, then owned by the message thread. While a job is scheduled, a local build thread reads what is
 // to be run and empties the echo text; the message thread does not touch those fields for that time. isCancelled may be
 // read by any thread at any time, and so may what GetText gives once the job is in the journal.
 class BuildJob : public JobDescription {
@@ -45,7 +51,7 @@ class BuildJob : public JobDescription {
   std::string projectName;
   std::string name;                      // -n
   u32 clientProcess = 0;                 // 0: the client did not say
-  u32 scriptLine = 0;                    // of a client that wants it back with the result; 0: it does not
+  u32 scriptLine = 0;                    // returned with the result to a client that sent it; 0: it sent none
   u64 number = 0;                        // in the journal
   Address clientAddress;                 // the channel of the stub
   Project* project = nullptr;            // lives as long as the scheduler

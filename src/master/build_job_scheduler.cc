@@ -47,6 +47,8 @@ rc_ptr<Project> BuildJobScheduler::FindProject(const BuildJob& job) {
 void BuildJobScheduler::JoinProject(const rc_ptr<BuildJob>& job) {
   const rc_ptr<Project> project = FindProject(*job);
   project->AddJob(job);
+  // Only the first job of a project changes what follows: the record is kept for good, and is no longer one of those
+  // that NewProject may forget.
   if (project->receivedJobs > 1) return;
   usedProjects_.push_back(project);
   if (const auto client = announcements_.find(job->clientAddress); client != announcements_.end()) {
@@ -70,6 +72,7 @@ void BuildJobScheduler::AddJob(const rc_ptr<BuildJob>& job) {
 void BuildJobScheduler::ForgetUnused(Announcements& from, const std::string& name) {
   const auto announced = from.byName.find(name);
   if (announced == from.byName.end() || announced->second->receivedJobs > 0) return;
+  // Another client may have announced the same name since; the record under that name is then the other client's.
   const auto latest = projects_.find(name);
   if (latest != projects_.end() && latest->second == announced->second) projects_.erase(latest);
   from.byName.erase(announced);
@@ -86,6 +89,7 @@ void BuildJobScheduler::ClientGone(const Address& client) {
   ForgetAnnouncements(client);
   const auto found = jobsOfClients_.find(client);
   if (found == jobsOfClients_.end()) return;
+  // The jobs stay in their maps, pending ones too: the queue answers each of them with a result, and that removes it.
   for (const auto& [id, job] : found->second) localQueue_.Cancel(*job);
   WriteMasterLog(Log::Info, "Jobs of a lost stub cancelled", {LogField("jobs", found->second.size())});
   jobsOfClients_.erase(found);
@@ -99,6 +103,8 @@ void BuildJobScheduler::Schedule() {
   for (const auto& [id, job] : pendingJobs_) {
     job->state = JOB_SCHEDULED;
     localServer_->assignedJobs[id] = job;
+    // The job's result can't come before the job is in activeJobs_: messages are handled one at a time, and this call
+    // belongs to one of them.
     localQueue_.Push(job);
     WriteMasterLog(Log::Info, "Scheduled build-job");
     ++job->project->dispatchedJobs;
@@ -109,6 +115,7 @@ void BuildJobScheduler::Schedule() {
 
 void BuildJobScheduler::NewProject(const std::string& name, u32 totalJobs, u32 flags, const Address& from) {
   Announcements& own = announcements_[from];
+  // A client that announces a name again replaces its own announcement.
   ForgetUnused(own, name);
   std::erase(own.unused, name);
   const rc_ptr<Project> project = new Project(name, flags, totalJobs);
@@ -133,6 +140,7 @@ rc_ptr<BuildJob> BuildJobScheduler::JobResult(const rc_ptr<Server>& server, u32 
   server->assignedJobs.erase(id);
   const auto found = activeJobs_.find(id);
   if (found == activeJobs_.end()) {
+    // A second result for a job that is kept is dropped without a record in the log.
     if (!finishedJobs_.contains(id)) {
       WriteMasterLog(Log::Error, "Could not find record for remote build-result", {LogField("client_key", id)});
     }
@@ -205,6 +213,8 @@ void BuildJobScheduler::JobCompleted(const rc_ptr<BuildJob>& job) {
   if (project.IsFinished()) ProjectFinished(project);
 }
 
+// AddJob gives each job its project, so a job without one means that the records are wrong. The master stops rather
+// than leave a script stub waiting for the end of a project that never comes.
 void BuildJobScheduler::StopForUnknownProject(const BuildJob& job) {
   PrintError("unknown project [" + job.projectName + "] in build-job " + std::to_string(job.id));
   WriteMasterLog(Log::Error, "Unknown Project in build result",
@@ -217,6 +227,7 @@ void BuildJobScheduler::StopForUnknownProject(const BuildJob& job) {
 void BuildJobScheduler::ProjectFinished(Project& project) {
   WriteMasterLog(Log::Info, "Project Finished - releasing stub", {{"project", project.name}});
   SendProjectComplete(project.stubChannel);
+  // A later job of this name finishes the project again; the stub is told of the first end only.
   project.stubChannel.Reset();
 }
 

@@ -21,13 +21,14 @@
 namespace kestrun {
 
 // Groups jobs into projects, hands them to the local job queue, takes their results and tells a script stub when its
-// project is over. A job stands in exactly one of three maps from AddJob on: pending, active, finished. Jobs reach the
-// queue in ascending job number. Finished jobs and projects stay until the master ends.
+// project is over. From AddJob on a job is in one of three maps: pending, active, finished; it is in none between
+// JobResult and JobCompleted, which one message handler calls one after the other. Jobs reach the queue in ascending
+// job number. Finished jobs, and projects that had a job, stay until the master ends.
 //
 // Settings of the section Extensions, off by default, read once by the constructor (the queue has its own):
 //
 //   CancelOrphanedJobs  a job whose client is gone is cancelled. It passes through the queue and JobResult like any
-//                       other, so that every count ends as it should.
+//                       other, so that the counts of its project come out right.
 //   DiscardOutput       a finished job is counted and not kept: its output and its environment are released even if the
 //                       job is still referred to. A second result for it counts as one for an unknown job.
 //
@@ -48,11 +49,12 @@ class BuildJobScheduler {
   void AddJob(const rc_ptr<BuildJob>& job);
   std::size_t CountUnfinishedJobs() const { return pendingJobs_.size() + activeJobs_.size(); }
   void ScheduleIfPending();
-  // The client's channel has ended: what it announced and sent no job for is forgotten, and with CancelOrphanedJobs its
-  // jobs are cancelled. Waits for no tool.
+  // The client's channel has ended: projects that it announced and sent no job for are forgotten, and with
+  // CancelOrphanedJobs its jobs are cancelled. Waits for no tool.
   void ClientGone(const Address& client);
-  // A script stub at this address announces its project. It takes the place of a record of the same name, which lives
-  // on if it has jobs. The jobs of the client that was there first still join that record, as many as it announced.
+  // A script stub at this address announces its project. The new record replaces an earlier one of the same name, which
+  // lives on if it has jobs. A client that announced the earlier record still adds its own jobs to that one, up to the
+  // number that it announced.
   void NewProject(const std::string& name, u32 totalJobs, u32 flags, const Address& from);
 
   // Records how a job ended; without output its two segments are null or empty. Gives the job, or an empty pointer if
@@ -62,8 +64,8 @@ class BuildJobScheduler {
   rc_ptr<BuildJob> JobResult(const rc_ptr<Server>& server, u32 id, i32 exitCode,
                              const rc_ptr<Message::Segment>& stdoutText, const rc_ptr<Message::Segment>& stderrText,
                              u64 startTime, i32 elapsedMs, bool* finished = nullptr);
-  // The job's result has gone out: it moves to the finished ones, or is let go with DiscardOutput, and its project ends
-  // if it was the last.
+  // The job's result has been sent: the job moves to the finished ones, or is released with DiscardOutput, and its
+  // project ends if this was its last job.
   void JobCompleted(const rc_ptr<BuildJob>& job);
 
   const rc_ptr<Server>& GetServer() const { return localServer_; }
@@ -80,7 +82,8 @@ class BuildJobScheduler {
   // Stops the local job queue, which waits for running tools.
   void Stop() { localQueue_.Stop(); }
 
-  // Of one client, so that announcements alone take no memory to speak of; the oldest is forgotten.
+  // The number of projects without a job that one client may have announced. Beyond it the oldest one is forgotten, so
+  // that a client can't fill the master's memory with announcements.
   static constexpr std::size_t kMostUnusedProjects = 16;
 
  private:
@@ -103,18 +106,18 @@ class BuildJobScheduler {
   std::map<u32, rc_ptr<BuildJob>> pendingJobs_;   // accepted and not yet handed to the queue
   std::map<u32, rc_ptr<BuildJob>> activeJobs_;    // handed to the queue and without a result
   std::map<u32, rc_ptr<BuildJob>> finishedJobs_;  // never shrinks
-  // Those pending or active; with CancelOrphanedJobs only.
+  // The pending and active jobs of each client; filled with CancelOrphanedJobs only.
   std::map<Address, std::map<u32, rc_ptr<BuildJob>>> jobsOfClients_;
   std::map<std::string, rc_ptr<Project>> projects_;  // the latest of each name
   std::map<Address, Announcements> announcements_;   // of the clients whose channels live
-  std::vector<rc_ptr<Project>> usedProjects_;        // every one with a job: jobs hold a plain pointer to their project
+  std::vector<rc_ptr<Project>> usedProjects_;        // projects with a job, which holds a plain pointer to its project
   const rc_ptr<Server> localServer_;
   MessageDispatcher* const dispatcher_;
   JobJournal* const journal_;
   const bool namesJobsInLog_;
   const bool cancelsOrphans_;
   const bool discardsOutput_;
-  LocalJobQueue localQueue_;  // last: its threads have ended before the records go
+  LocalJobQueue localQueue_;  // last: its threads end before the records are destroyed
 };
 
 }  // namespace kestrun

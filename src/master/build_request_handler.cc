@@ -39,6 +39,8 @@ void BuildRequestHandler::SubmitRequest(const rc_ptr<Message>& request) {
   requests_.Push(request);
 }
 
+// Only the message thread raises unhandled_, and the thread lowers it when a job is in jobs_. So at 0 the thread does
+// not parse, does not begin to during this call, and all earlier jobs have their numbers.
 bool BuildRequestHandler::TryRequestHere(const rc_ptr<Message>& request) {
   if (unhandled_ != 0) return false;
   HandleRequest(request);
@@ -53,6 +55,7 @@ rc_ptr<BuildJob> BuildRequestHandler::NextJob() {
 
 void BuildRequestHandler::Stop() {
   stopped_ = true;
+  // In front: the requests that are still queued are not worth parsing.
   requests_.PushFront(nullptr);
   for (const rc_ptr<Thread>& thread : threads_) thread->SetPriority(THREAD_PRIORITY_ABOVE_NORMAL);
   if (!Thread::WaitAll(threads_, kThreadEndMs)) ExitProcess(1);
@@ -69,7 +72,7 @@ void BuildRequestHandler::HandleRequests() {
   }
 }
 
-// False if it was refused.
+// Makes a job of the request. False if the request was refused.
 bool BuildRequestHandler::HandleRequest(const rc_ptr<Message>& request) {
   try {
     const rc_ptr<BuildJob> job = ParseRequest(request);
@@ -127,8 +130,8 @@ rc_ptr<BuildJob> BuildRequestHandler::CreateJob(const std::string& tool, const s
   return job;
 }
 
-// The jobs of a script all come with the same environment, so it is compared first and parsed only if it differs.
-// Parsing takes longer than receiving a request does, and requests would pile up in memory.
+// All jobs of a script have the same environment, so each request's environment is compared with the last one's and
+// parsed only if it differs. Parsing each takes longer than receiving a request, and requests would pile up in memory.
 std::shared_ptr<const Environment> BuildRequestHandler::FindEnvironment(const rc_ptr<Message>& request) {
   const bool isKnown =
       lastEnvironment_ && (ShareEnvironment(*request, *lastRequest_) || HasEnvironment(*request, *lastEnvironment_));

@@ -20,9 +20,9 @@
 namespace kestrun {
 
 // One thread, "BuildRequestThread", turns each request into a BuildJob and leaves it in a queue, from which the message
-// thread fetches it. A request that is alone may be parsed on the message thread instead (TryRequestHere). Job numbers
-// follow the order of the requests. A request that can't become a job is refused: its stub gets exit code 1 and the
-// reason, and the scheduler hears nothing of it.
+// thread fetches it. While the thread has no request, the message thread may parse one itself (TryRequestHere). Job
+// numbers follow the order of the requests. A request that can't become a job is refused: its stub gets exit code 1 and
+// the reason, and the scheduler never sees it.
 class BuildRequestHandler {
  public:
   // Starts the thread. The dispatcher outlives the handler. No setting concerns the handler; the parameter belongs to
@@ -39,7 +39,7 @@ class BuildRequestHandler {
 
   // Never blocks. From the message thread.
   void SubmitRequest(const rc_ptr<Message>& request);
-  // The same within the call, which is sooner than the thread would be awake. False, with nothing done, while the
+  // Parses the request within the call, which is faster than waking the thread. False, with nothing done, while the
   // thread has requests that came before. From the message thread.
   bool TryRequestHere(const rc_ptr<Message>& request);
   // The next job that is ready, or an empty pointer; never waits. From the message thread.
@@ -65,10 +65,10 @@ class BuildRequestHandler {
   std::atomic<u32> unhandled_{0};            // requests that the thread is to handle or handles
   std::vector<rc_ptr<Thread>> threads_;      // constant after construction
   BlockingQueue<rc_ptr<BuildJob>> jobs_;
-  // Used by the thread that parses, of which there is one at a time.
+  // Used by the thread that parses: unhandled_ ensures that the two threads never parse at the same time.
   u32 nextJobId_ = 0;  // number of the last job
   std::shared_ptr<const Environment> lastEnvironment_;
-  rc_ptr<Message> lastRequest_;  // which has that environment
+  rc_ptr<Message> lastRequest_;  // the latest request that had lastEnvironment_
   std::atomic<bool> stopped_{false};
 };
 

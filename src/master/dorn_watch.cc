@@ -10,12 +10,14 @@ namespace kestrun {
 
 namespace {
 
-// How often a master that ends, or knows no dorn whose end would wake it, looks whether one is left.
-constexpr u32 kLookMs = 100;
-// The same beside a dorn that it knows: a system without a notice of a process's end does not wake it.
-constexpr u32 kSafetyLookMs = 1000;
-// A dorn holds the lock while it waits for the end of this process, so the thread must not wait for the lock alone.
+// The interval of the checks for a dorn while the master stops, or while there is no process to wait for.
+constexpr u32 kCheckMs = 100;
+// The interval of the checks beside a wait for a dorn's process, whose end not every system signals.
+constexpr u32 kSafetyCheckMs = 1000;
+// A dorn holds the lock while it waits for the end of this process, so waiting for the lock without a limit would be a
+// deadlock.
 constexpr u32 kLockTimeoutMs = 50;
+// Less than the two seconds that a dorn waits for a forced end.
 constexpr u32 kForceAfterMs = 1200;
 
 UniqueHandle OpenEventOfDorn(const std::string& name) {
@@ -31,6 +33,7 @@ bool HasUsers() {
 std::unique_ptr<DornWatch> DornWatch::Open(const Options& options) {
   std::string dorn;
   if (!GetEnvironmentValue(kDornVariable, dorn)) return nullptr;
+  // A tool of this master may itself start a master, which is not the dorn's.
   SetEnvironmentVariableA(kDornVariable, nullptr);
   char* end = nullptr;
   const u32 dornProcess = static_cast<u32>(std::strtoul(dorn.c_str(), &end, 10));
@@ -47,11 +50,12 @@ DornWatch::DornWatch(const Options& options, u32 dornProcess)
   view_ = region_.CreateView(0, MappedFile::kWholeSize, true);
   if (view_->GetSize() < sizeof(DornSession)) throw SyncException("the record of the dorn session is too small");
   session_ = static_cast<DornSession*>(view_->GetData());
-  // All events before the record names this process, since a dorn that finds it there looks for them.
+  // The events come before the record names this process, because a dorn that finds it there opens them.
   alive_.Reset(CreateEventA(nullptr, TRUE, FALSE, GetDornMasterName(options.id).c_str()));
   if (!alive_) throw SyncException(static_cast<i32>(GetLastError()), "CreateEvent() failed in DornWatch");
   u64 expected = DornSession::MakeMaster(dornProcess, 0);
-  // They were made by the dorn that started this master, and are gone if it was killed before they were opened here.
+  // The events were made by the dorn that started this master. They are gone if that dorn was killed before they were
+  // opened here.
   const bool hasEvents = stopEvent_ && readyEvent_ && finishEvent_;
   if (!hasEvents || !session_->master.compare_exchange_strong(
                         expected, DornSession::MakeMaster(dornProcess, GetCurrentProcessId()))) {
@@ -82,28 +86,29 @@ void DornWatch::Watch() {
     if (IsLeft()) EndByForce();
     if (!AwaitChange()) return;
   }
-  // The dorn that leaves has signalled the stop event, unless it was killed before that.
+  // The dorn that leaves signals the stop event itself, unless it is killed before it does.
   SetEvent(stopEvent_.Get());
   while (session_->ending != DornSession::kEndsByForce) {
     if (!HasUsers()) EndByForce();
-    if (end_.Wait(kLookMs)) return;
+    if (end_.Wait(kCheckMs)) return;
   }
   if (!end_.Wait(kForceAfterMs)) EndByForce();
 }
 
-// Waits until a dorn ends, the master is told to stop, or it is time to look again. False if the thread is to end.
+// Waits until a dorn ends, the master is told to stop, or the next check is due. False if the thread is to end.
 bool DornWatch::AwaitChange() {
   if (!user_) FindUser();
-  // A stop that did not come from a dorn stays signalled.
+  // The stop event stays signalled. If it was not a dorn that signalled it, `ending` stays kRuns, and a wait that
+  // included the event would return at once again and again.
   const bool isStopped = stopEvent_ && WaitForHandle(stopEvent_.Get(), 0);
-  if (!user_ || !stopEvent_ || isStopped) return !end_.Wait(kLookMs);
+  if (!user_ || !stopEvent_ || isStopped) return !end_.Wait(kCheckMs);
   const HANDLE handles[] = {end_.GetHandle(), user_.Get(), stopEvent_.Get()};
-  const DWORD index = WaitForMultipleObjects(3, handles, FALSE, kSafetyLookMs);
+  const DWORD index = WaitForMultipleObjects(3, handles, FALSE, kSafetyCheckMs);
   if (index == WAIT_OBJECT_0 + 1) ForgetUser();
   return index != WAIT_OBJECT_0;
 }
 
-// Leaves user_ empty if there is none that lives in the record.
+// Opens the first dorn of the record that lives. Leaves user_ empty if there is none.
 void DornWatch::FindUser() {
   for (const std::atomic<u32>& user : session_->users) {
     userId_ = user;
@@ -113,7 +118,8 @@ void DornWatch::FindUser() {
   }
 }
 
-// A process that has ended can be opened until its parent has waited for it, so it must not be found again.
+// Removes the dorn that has ended from the record. Its process can still be opened until the parent has waited for it,
+// so that FindUser might choose it again.
 void DornWatch::ForgetUser() {
   user_.Reset();
   for (std::atomic<u32>& user : session_->users) {
@@ -122,8 +128,8 @@ void DornWatch::ForgetUser() {
   }
 }
 
-// The last dorn was killed. One that joins does so under the lock: it either is seen here, or sees that this master
-// ends.
+// True if the last dorn was killed. A dorn joins under the lock, so a joining dorn is either seen by the second check
+// here, or finds kEndsByForce and waits for the end of this master.
 bool DornWatch::IsLeft() {
   if (HasUsers() || !join_.Lock(kLockTimeoutMs)) return false;
   const bool isLeft = !HasUsers() && session_->ending == DornSession::kRuns;

@@ -1,4 +1,4 @@
-// A master's tie to the dorns that share it.
+// The link between a master and the dorns that share it.
 #ifndef KESTRUN_MASTER_DORN_WATCH_H_
 #define KESTRUN_MASTER_DORN_WATCH_H_
 
@@ -17,11 +17,17 @@
 
 namespace kestrun {
 
-// Ends the master when the last dorn has gone (protocol/dorn_session.h). One that leaves says so and stops the master;
-// if it can't wait for the tools that still run, the process is ended by force after a second, and they with it. Where
-// the last dorn was killed the process ends at once: nothing waits for it any more.
+// Ends the master when the last dorn has gone (protocol/dorn_session.h).
 //
-// It sleeps until one of the dorns ends, and wakes once a second for the case that the system does not tell of that.
+//   ending         written by                              what this object does
+//   kRuns          the dorn that starts the master         waits until a dorn ends. If none is left, the last one was
+//                                                          killed: writes kEndsByForce and ends the process
+//   kEnds          the last dorn, when its build is over   signals the stop event; ends the process if that dorn is
+//                                                          killed before the master has stopped
+//   kEndsByForce   the last dorn, when it waits no longer  as for kEnds, and ends the process 1.2 s later
+//
+// Ending the process ends the tools that still run. Where the system does not signal the end of a process, a check once
+// a second finds it; where no dorn's process can be opened, there is a check every 100 ms.
 //
 // Threads: one, "Dorn watch". Construction and destruction on one thread.
 class DornWatch {
@@ -36,7 +42,7 @@ class DornWatch {
   DornWatch(const DornWatch&) = delete;
   DornWatch& operator=(const DornWatch&) = delete;
 
-  // Puts the limit that dorn was told in the place of the settings' own, and tells the dorns what it is.
+  // Replaces the job limit of the settings by the one that dorn was given, if any, and publishes it to the dorns.
   void SettleJobs(IniFile& settings, u32 defaultJobs);
 
  private:
@@ -48,16 +54,17 @@ class DornWatch {
   void EndByForce();
 
   const UniqueHandle stopEvent_;
-  // Held so that a dorn that joins finds them, also when the one that made them has gone.
+  // Kept open for dorns that join later: the dorn that made the events may have gone by then.
   const UniqueHandle readyEvent_;
   const UniqueHandle finishEvent_;
   Mutex join_;
   MappedFile region_;
   rc_ptr<MappedFile::ViewImpl> view_;
   DornSession* session_;  // in view_
-  UniqueHandle alive_;    // held, and nothing else
+  UniqueHandle alive_;    // never signalled: that it exists tells dorns that this master lives
   Condition end_;         // ends the thread
-  UniqueHandle user_;     // a dorn that lives; of the thread, as its id
+  // Owned by the thread: the process of a dorn that lives, and its id.
+  UniqueHandle user_;
   u32 userId_ = 0;
   rc_ptr<Thread> thread_;
 };

@@ -12,13 +12,15 @@
 
 namespace kestrun {
 
-// The command lines of the jobs that failed, for the last record of the log. Each is cut at kMostBytes, because a
-// command line may have many megabytes; those beyond the bound are only counted. One thread at a time.
+// Collects the command lines of failed jobs for the last record of the log.
+//
+// Each command line is cut at kMostBytes, because it may have many megabytes; those beyond the bound are only counted.
+// Owned by the master, which adds under its handling lock and reads when all threads have ended; nothing fails.
 class FailureList {
  public:
   static constexpr std::size_t kNoBound = std::numeric_limits<std::size_t>::max();
 
-  // Of a command line; a longer one ends in "..." behind these.
+  // The longest command line that is kept whole; of a longer one this many bytes are kept, and "..." is appended.
   static constexpr std::size_t kMostBytes = 1024;
 
   explicit FailureList(std::size_t bound) : bound_(bound) {}

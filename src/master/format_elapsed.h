@@ -7,7 +7,8 @@
 
 namespace kestrun {
 
-// A length of time for people: "999ms", "2.5s", and from ten seconds on "01:05", minutes and seconds.
+// Formats a length of time for the log: "999ms", "2.5s", and from ten seconds on "01:05", minutes and seconds. An hour
+// and more is told in minutes, too. Any thread.
 std::string FormatElapsed(u32 ms);
 
 }  // namespace kestrun

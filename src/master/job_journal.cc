@@ -9,7 +9,7 @@ namespace kestrun {
 
 namespace {
 
-// Deeper chains of processes are cut.
+// The number of ancestors that are looked at. It ends the search where process ids that were used again form a circle.
 constexpr int kMostLevels = 64;
 
 std::size_t SizeOf(const JobRecord& record) {
@@ -51,6 +51,7 @@ u64 JobJournal::Add(const rc_ptr<JobDescription>& description, u32 clientProcess
   ++waiting_;
   Touch(entry);
   const bool endsRest = std::exchange(isResting_, false);
+  // The listener takes a lock of its own, and this lock is innermost.
   lock.unlock();
   if (endsRest) listener_();
   return number;
@@ -93,6 +94,8 @@ void JobJournal::Finish(u64 number, End end) {
   Entry& entry = found->second;
   JobRecord& record = entry.record;
   --(record.outcome == JobOutcome::kRunning ? running_ : waiting_);
+  // The process may belong to a later job by now: a tool that is run by another one in its own process, or an id that
+  // was used again.
   const auto process = jobOfProcess_.find(entry.toolProcess);
   if (process != jobOfProcess_.end() && process->second == number) jobOfProcess_.erase(process);
   record.outcome = end.outcome;
@@ -120,7 +123,7 @@ void JobJournal::Count(const JobRecord& record) {
   if (record.outcome == JobOutcome::kUnknown) ++unknown_;
 }
 
-// With the lock. Without followers the changes are not numbered: one that joins gets all that is there.
+// With the lock. Without followers the changes are not numbered: Join numbers all jobs that there are.
 void JobJournal::Touch(Entry& entry) {
   if (followers_.empty()) return;
   if (entry.change != 0) changes_.erase(entry.change);
@@ -136,6 +139,7 @@ void JobJournal::Forget(u64 number) {
 
 // With the lock.
 void JobJournal::DropOldest() {
+  // Of DropRead's records no follower has missed any, since all positions are behind them.
   const auto [change, number] = *ended_.begin();
   for (auto& [id, follower] : followers_) {
     if (follower.position < change) ++follower.missed;
@@ -145,7 +149,7 @@ void JobJournal::DropOldest() {
   Forget(number);
 }
 
-// With the lock: ended jobs that all followers have got.
+// With the lock. Drops the ended jobs that all followers have received.
 void JobJournal::DropRead() {
   u64 read = lastChange_;
   for (const auto& [id, follower] : followers_) read = std::min(read, follower.position);
@@ -162,6 +166,7 @@ void JobJournal::FindParent(u64 number) {
     client = found->second.record.clientProcess;
     if (client != 0 && client == lastClient_) return SetParent(found->second, lastAbove_);
   }
+  // Without the lock, because it makes system calls; the job may have ended and been dropped when it is back.
   const Above above = LookAbove(client);
   const std::lock_guard lock(lock_);
   lastClient_ = client;
@@ -175,7 +180,7 @@ void JobJournal::SetParent(Entry& entry, const Above& above) {
   if (above.parent == 0 && !above.roots) return;
   entry.record.parent = above.parent;
   entry.roots = above.roots;
-  // One that has ended stands at its end, by which it is dropped.
+  // A job that has ended must keep the number of its last change: it is the key in ended_.
   if (!HasEnded(entry.record.outcome)) Touch(entry);
 }
 
@@ -205,12 +210,14 @@ bool JobJournal::FindAbove(u32 process, Above& above) const {
   return false;
 }
 
-// A build's own observer joins before its first job, so it is in time for all of them.
+// Jobs that are here already do not get the new root: ancestors are looked for once for each job. The observer that
+// belongs to a build joins before the build's first job, so it loses none.
 JobJournal::Observer JobJournal::Join(u32 rootProcess) {
   std::vector<u32> roots{rootProcess};
   if (const Roots above = LookAbove(rootProcess).roots) roots.insert(roots.end(), above->begin(), above->end());
   const std::lock_guard lock(lock_);
   followers_[++lastObserver_] = {0, rootProcess, std::make_shared<const std::vector<u32>>(std::move(roots)), 0};
+  // What was found before does not have the new root.
   lastClient_ = 0;
   isObserved_ = true;
   const u64 before = lastChange_;
@@ -251,7 +258,8 @@ u64 JobJournal::GetLatest() const {
   return lastChange_;
 }
 
-// For a follower with this root, which stands in the record if it is one of the job's.
+// The record as it is sent to a follower with this root. Its rootProcess is the follower's if the job is below that,
+// and otherwise the nearest of the job's roots.
 JobRecord JobJournal::RecordOf(const Entry& entry, u32 rootProcess) {
   JobRecord record = entry.record;
   if (entry.roots) {
@@ -307,6 +315,7 @@ void JobJournal::AddSample(u64 number, const platform::ProcessUsage& usage) {
   const std::lock_guard lock(lock_);
   const auto found = jobs_.find(number);
   if (found == jobs_.end() || HasEnded(found->second.record.outcome)) return;
+  // Samples only count upward: a sample misses the children that ended since the one before. 0 means not known.
   const auto take = [](std::int64_t& known, std::uint64_t sampled) {
     if (sampled != 0) known = std::max(known, static_cast<std::int64_t>(sampled));
   };

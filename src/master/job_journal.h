@@ -1,4 +1,4 @@
-// What the master knows of its jobs while they wait and run, and what observers have not been told yet of their end.
+// The records of the jobs that wait or run, and of ended jobs that observers have not received yet.
 #ifndef KESTRUN_MASTER_JOB_JOURNAL_H_
 #define KESTRUN_MASTER_JOB_JOURNAL_H_
 
@@ -19,13 +19,13 @@
 
 namespace kestrun {
 
-// Where the texts of a job are while it waits or runs. They do not change; read by any thread.
+// Gives the texts of a job while it waits or runs. They do not change; any thread may read them.
 class JobDescription : public rc_base {
  public:
   virtual JobText GetText() const = 0;
 };
 
-// One that keeps them itself.
+// A description that holds the texts itself.
 class OwnedJobText : public JobDescription {
  public:
   explicit OwnedJobText(JobText text) : text_(std::move(text)) {}
@@ -39,15 +39,20 @@ class OwnedJobText : public JobDescription {
 // The texts that a client sends with its request for a slot.
 JobText ToJobText(const SlotTexts& texts);
 
-// Jobs come in by Add, pass through Start, and leave by End; each of these costs about a microsecond. Jobs of both
-// roads do: those that the master runs, and those of clients that became their tool.
+// Holds the jobs that the master runs, and those of clients that became their tool. Add, Start and Finish cost about a
+// microsecond each.
 //
-// Of a job that has ended only a count stays, unless observers follow: then its record stays until all of them have got
-// it, and no longer than the bound allows. What is dropped before that is counted for each observer that had not got
-// it.
+//   outcome                left by
+//   kWaiting               Start: kRunning; Finish: one of the outcomes below
+//   kRunning               Finish: one of the outcomes below
+//   kOk, kFailed and more  nothing: a second Start or Finish changes nothing
 //
-// An observer reads by a position: each change of a job has a number, and a job stands at its latest change. So one
-// that reads seldom gets each job once, as it is by then.
+// Without observers a job that has ended leaves only a count. With observers its record is kept until all of them have
+// received it or the bound is reached; a record that is dropped before counts as missed for each observer that has not
+// received it.
+//
+// Each change of a job has a number, a job is listed under its latest change, and an observer reads on from the last
+// number that it got. So an observer that reads seldom receives each job once, in its latest state.
 //
 // Threads: any; the lock is innermost and no system call is made under it.
 class JobJournal {
@@ -65,8 +70,8 @@ class JobJournal {
     i32 exitCode = 0;
     i32 signal = 0;
     std::int64_t endedUs = JobRecord::kNone;
-    std::int64_t cpuUs = JobRecord::kNone;            // where none is given the last sample counts
-    std::int64_t peakMemoryBytes = JobRecord::kNone;  // a sample that is larger counts instead
+    std::int64_t cpuUs = JobRecord::kNone;            // kNone: the largest sample is kept
+    std::int64_t peakMemoryBytes = JobRecord::kNone;  // replaced by a larger sample
     std::int64_t outputBytes = JobRecord::kNone;
     std::string outputHead{};
   };
@@ -82,18 +87,19 @@ class JobJournal {
   void Start(u64 number, i32 slot, u32 process, std::int64_t startedUs = SteadyMicroseconds());
   // Nothing for an unknown number, so that the first end of a job counts.
   void Finish(u64 number, End end);
-  // While it is observed, looks for the jobs and the observer above the job's client. To be called while that lives; it
-  // takes some system calls.
+  // Looks for the nearest job and observer among the ancestors of the job's client; without observers it does nothing.
+  // To be called while the client lives; it makes some system calls.
   void FindParent(u64 number);
 
-  // True while an observer follows: what only observers want is then worth its price.
+  // True while an observer follows, so that costly figures need only be collected then. Relaxed: no other data is read
+  // by its means, and an answer that is out of date for a moment costs one figure.
   bool IsObserved() const { return isObserved_.load(std::memory_order_relaxed); }
 
-  // An observer that follows. It begins with what runs and waits now.
+  // Adds an observer. The first records that it receives are the jobs that run and wait now.
   Observer Join(u32 rootProcess);
   void Leave(Observer observer);
-  // Records behind the observer's position, as many as fit into about `mostBytes`, encoded; the position goes on behind
-  // them. `latest` is its new position. Empty if there is nothing new.
+  // The encoded records after the observer's position, up to about `mostBytes`; the position moves behind them, and is
+  // returned in `latest`. Empty if there is nothing new.
   std::string Take(Observer observer, std::size_t mostBytes, u64& latest);
   // The number of the last change.
   u64 GetLatest() const;
@@ -103,10 +109,10 @@ class JobJournal {
   // With the missed records of this observer; 0 is none.
   JournalState GetState(Observer observer) const;
 
-  // True if no job runs or waits and all that follow have got all: there is nothing to tell them until the next Add,
+  // True if no job runs or waits and all observers have received everything. Nothing will change until the next Add,
   // which then calls the listener once, without the lock. False without a listener.
   bool Rest();
-  // Not beside an Add.
+  // Not while another thread is in Add, which calls the listener without the lock.
   void SetListener(std::function<void()> listener);
 
   // For samples: processes of the jobs that run, by the job's number.
@@ -114,10 +120,10 @@ class JobJournal {
   void AddSample(u64 number, const platform::ProcessUsage& usage);
 
  private:
-  // The processes whose followers asked for the jobs below them, from the nearest one up. Those of a job do not change;
-  // null if there are none.
+  // The ancestors of a process for which an observer asked for the jobs below, the nearest first. They do not change
+  // once they stand in a job; null if there are none.
   using Roots = std::shared_ptr<const std::vector<u32>>;
-  // What stands above a process: the nearest job, if any, and the roots.
+  // What was found among the ancestors of a process: the nearest job, if any, and the roots.
   struct Above {
     u64 parent = 0;
     Roots roots{};
@@ -166,7 +172,7 @@ class JobJournal {
   std::size_t endedBytes_ = 0;       // of their texts
   std::map<u32, u64> jobOfProcess_;  // of jobs that run
   std::map<Observer, Follower> followers_;
-  // What was found above the client that was looked for last: the jobs of a script all have one client.
+  // The result of the last search among ancestors, and its client: all jobs of a script have the same client.
   u32 lastClient_ = 0;
   Above lastAbove_;
   u64 done_ = 0;

@@ -11,10 +11,13 @@ namespace kestrun {
 
 namespace {
 
+// The interval at which changes are sent: a display needs no more, and a job that starts and ends within it is one
+// record.
 constexpr u32 kPushMs = 100;
+// The interval while an observer waits for the answer to a flush.
 constexpr u32 kFlushMs = 5;
 constexpr std::int64_t kSampleUs = 250000;
-// In one turn, so that one observer does not keep the others waiting.
+// The number of messages that one observer is sent before the others are served.
 constexpr int kMostMessages = 16;
 
 bool HasUnsent(const rc_ptr<MessageChannel>& channel) {
@@ -50,6 +53,7 @@ void JobObservers::OnRequest(const rc_ptr<Message>& request) {
   reader.ReadUnsigned(SEG_OBSERVE_PROCESS, process);
   const Address& client = request->GetAddress();
   if (!Admit(client)) return Refuse(client);
+  // Requests are added up, so that a client that repeats them takes no memory.
   {
     const Lock lock(lock_);
     Wishes& wishes = wishes_[client];
@@ -102,6 +106,7 @@ void JobObservers::Stop() {
   }
   if (!thread) return;
   call_.Signal();
+  // Without the lock, which the thread takes.
   thread->Wait(kNoLimit);
   CloseAll();
 }
@@ -131,7 +136,7 @@ void JobObservers::Work() {
   followers_.clear();
 }
 
-// Without a limit where a wish, a loss or the next job ends the wait.
+// How long the thread sleeps. With no limit, it is woken by a request, the loss of an observer, or the next job.
 u32 JobObservers::GetIntervalMs() {
   const bool isFlushing = std::any_of(followers_.begin(), followers_.end(),
                                       [](const auto& follower) { return follower.second.isFlushing; });
@@ -171,6 +176,7 @@ void JobObservers::Serve(const Address& client, const Wishes& wishes) {
   }
   if (!wishes.snapshot) return;
   const rc_ptr<MessageChannel> channel = dispatcher_.FindChannel(client);
+  // An observer that has not read the last snapshot gets no other one meanwhile.
   if (!channel || HasUnsent(channel)) return;
   channel->Send(MakeMessage(journal_.GetState(0), true, journal_.Snapshot(kMostBytes)));
 }
@@ -192,6 +198,7 @@ bool JobObservers::Push(const Address& client, Follower& follower) {
   for (int count = 0; count < kMostMessages && !HasUnsent(channel); ++count) {
     u64 position = 0;
     const std::string jobs = journal_.Take(follower.observer, kMostBytes, position);
+    // A flush is answered even if there is no new record, because the observer waits for the answer.
     const bool isFlushed = follower.isFlushing && position >= follower.flushAt;
     if (jobs.empty() && !isFlushed) return true;
     if (isFlushed) follower.isFlushing = false;

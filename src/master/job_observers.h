@@ -1,4 +1,4 @@
-// The clients that look at a master's jobs.
+// Serves the clients that observe a master's jobs.
 #ifndef KESTRUN_MASTER_JOB_OBSERVERS_H_
 #define KESTRUN_MASTER_JOB_OBSERVERS_H_
 
@@ -18,20 +18,21 @@
 
 namespace kestrun {
 
-// An observer is a client without a client slot. It sends MSG_OBSERVE and gets MSG_JOURNAL (docs/protocol.md). Nothing
-// is sent to one that has not taken what it was sent before, so that it holds up nothing and takes the memory of one
-// message beside the journal's own bound. There are no more of them than channels are left beside the client slots.
+// An observer is a client without a client slot. It sends MSG_OBSERVE and gets MSG_JOURNAL (docs/protocol.md). Records
+// are only sent to an observer that has taken what it was sent before: a slow observer delays nothing, and takes the
+// memory of one message beside the journal's own bound. The number of observers is limited to the channels that are
+// left beside the client slots.
 //
-// Threads: "Observers", from the first request on, sends everything and takes samples of the memory of the processes
-// that run. It sleeps while no observer follows, and while those that do have got all and no job runs or waits.
-// Requests and losses come on the message thread.
+// Threads: "Observers", from the first request on, sends all records and samples memory and processor time of the
+// running processes. It sleeps while no observer follows, and while all of them have received everything and no job
+// runs or waits. OnRequest and OnGone come on the message thread.
 class JobObservers {
  public:
   static constexpr u32 kMostObservers = 16;
   // Bytes of records in one message.
   static constexpr std::size_t kMostBytes = 32 * 1024;
 
-  // The largest memory that a process, or one below it, has had so far, in bytes; 0 if it is not known.
+  // Memory and processor time of a process and those below it; see platform::UsageOfTree.
   using UsageOf = platform::ProcessUsage (*)(u32 processId);
 
   // Journal and dispatcher outlive this object.
@@ -43,22 +44,22 @@ class JobObservers {
 
   void OnRequest(const rc_ptr<Message>& request);
   void OnGone(const Address& client);
-  // Ends the thread and closes the observers' channels, so that the master's end does not wait for one that does not
-  // read. From any thread, also more than once.
+  // Ends the thread and closes the observers' channels, so that the end of the master does not wait for an observer
+  // that does not read. From any thread, also more than once.
   void Stop();
 
  private:
-  // What a client has asked for and not been sent.
+  // What a client has asked for since the thread last served it.
   struct Wishes {
     bool snapshot = false;
     bool follow = false;
     bool flush = false;
     u32 process = 0;
   };
-  // Of the thread.
+  // Used by the thread only.
   struct Follower {
     JobJournal::Observer observer = 0;
-    u64 flushAt = 0;  // the change behind which the flush is answered; 0: none is wanted
+    u64 flushAt = 0;  // the number of the change up to which the flush sends records
     bool isFlushing = false;
   };
 
@@ -89,7 +90,7 @@ class JobObservers {
   bool isStopped_ = false;
   rc_ptr<Thread> thread_;  // null before the first request
 
-  // The thread's own.
+  // Owned by the thread.
   std::map<Address, Follower> followers_;
   std::int64_t sampledUs_ = 0;
 };

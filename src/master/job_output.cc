@@ -6,11 +6,12 @@ namespace kestrun {
 
 namespace {
 
-// A stream is counted each time that it has grown by so much, so that small outputs cost nothing.
+// A stream is counted each time that it has grown by this much, so that most reads do not take the budget's lock.
 constexpr u32 kStep = 256 * 1024;
+// The interval at which a waiting reader checks for a cancelled job and a lost client, which do not signal the budget.
 constexpr u32 kCheckMs = 100;
 
-// Content of which others have a share, counted as sent for as long as this object lives.
+// Shares the content with its owner, and counts it as sent until the last message that refers to this object is gone.
 class SentOutput : public MemoryStream {
  public:
   SentOutput(const rc_ptr<MemoryStream>& content, const rc_ptr<OutputBudget::Account>& account)
@@ -47,6 +48,7 @@ void JobOutput::OnOutput(MemoryStream& collected) {
   if (collected.GetSize() < counted_[stream] + kStep) return;
   counted_[stream] = collected.GetSize();
   account_->SetCollected(stream, counted_[stream]);
+  // The wait is here, on the reader: while it does not read, the pipe fills up, and the system makes the tool wait.
   if (!account_->GetBudget().IsExceeded()) return;
   PassOn(stream);
   while (account_->MustWait() && !IsOver()) account_->AwaitRoom(kCheckMs);
@@ -59,6 +61,8 @@ rc_ptr<MemoryStream> JobOutput::Take(u32 stream, bool isCounted) {
   const rc_ptr<MemoryStream> content = collected.TakeContent(collected.GetSize());
   collected.Clear();
   counted_[stream] = 0;
+  // Counted as sent before it ceases to count as collected: in between it counts twice, which is safe, and never not at
+  // all.
   const rc_ptr<MemoryStream> sent = isCounted ? new SentOutput(content, account_) : content.Get();
   account_->SetCollected(stream, 0);
   return sent;
@@ -72,7 +76,8 @@ void JobOutput::PassOn(u32 stream) {
                   stream == 0 ? nothing : sent);
 }
 
-// The client's messages go with its channel, but what is left of them may take a moment.
+// True if waiting for the client is pointless. Without a channel the unsent messages are destroyed, which frees the
+// budget, but that may take a moment.
 bool JobOutput::IsOver() {
   if (job_->isCancelled || !dispatcher_.FindChannel(job_->clientAddress)) return true;
   return limitMs_ != kNoLimit && GetTickCount() - start_ >= limitMs_;

@@ -10,11 +10,11 @@
 
 namespace kestrun {
 
-// What the tool of one job writes, from its pipes to the result message.
+// Collects the output of one job's tool, from its pipes to the result message.
 //
-// It is held back until the tool has ended. Only while the budget is exceeded it goes to the client in parts, and the
-// tool waits until the client has taken them; without a client it is dropped. The wait also ends when the job is
-// cancelled or its time is over.
+// Output is held until the tool has ended. Only while the budget is exceeded, it is sent to the client in parts, and
+// the tool waits until the client has taken them; without a client it is dropped. The wait also ends when the job is
+// cancelled or its time limit is over.
 //
 // Threads: OnOutput comes from the threads that read; all else belongs to the local build thread, before and after they
 // read. The dispatcher outlives the readers.
@@ -32,7 +32,7 @@ class JobOutput : public OutputGate {
 
   void OnOutput(MemoryStream& collected) override;
 
-  // What the tool has written to both so far, passed on or not. While nothing reads.
+  // The bytes that the tool has written to both streams so far, sent ones included. Not while the readers run.
   u64 CountBytes() const { return passedOn_[0] + passedOn_[1] + streams_[0]->GetSize() + streams_[1]->GetSize(); }
 
   // The content of a stream for the result. It counts in the budget until the last message that has it is gone.

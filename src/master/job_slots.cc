@@ -7,7 +7,7 @@ namespace kestrun {
 
 namespace {
 
-// Deeper chains of processes are cut: a build has some ten levels.
+// The number of ancestors that are looked at; a build has some ten levels of processes.
 constexpr std::size_t kMostAncestors = 256;
 
 void RemoveOne(std::map<u64, u32>& counts, u64 key) {
@@ -42,13 +42,14 @@ bool JobSlots::AskFor(Ticket ticket, const Job& asked, u32 lowest) {
     job.outputPipe = asked.outputPipe;
     if (TryGrant(job, ticket)) return true;
   }
-  // Without the lock: the look takes some system calls.
+  // Without the lock, because it makes some system calls.
   std::vector<u32> ancestors = AncestorsOf(lowest != 0 ? lowest : asked.processId);
   if (lowest != 0) ancestors.insert(ancestors.begin(), lowest);
   const std::lock_guard lock(lock_);
   const auto found = jobs_.find(ticket);
   if (found == jobs_.end()) return false;  // it has left meanwhile
   found->second.ancestors = std::move(ancestors);
+  // A second attempt: a slot may have become free meanwhile, and now the ancestors are known.
   if (TryGrant(found->second, ticket)) return true;
   waiting_.push_back(ticket);
   changed_.notify_all();
@@ -171,7 +172,8 @@ i32 JobSlots::TakeLowestSlot() {
   return lowest;
 }
 
-// Only from an output to an input: the jobs of one build often share the terminal, or a pipe to a log.
+// Compares outputs with inputs only: two jobs with the same output are not a pipeline, but a build whose output goes to
+// one pipe.
 bool JobSlots::SharesPipe(const Job& job) const {
   return outputs_.contains(job.inputPipe) || inputs_.contains(job.outputPipe);
 }
@@ -207,8 +209,9 @@ bool JobSlots::GrantBeyond(u64 generation) {
   return true;
 }
 
-// Only the nearest: if that one lends its slot already, what is above it lends to it. A process that has a slot and has
-// become a client again, as in `kestrun kestrun cc`, never needs a second one.
+// The lender is the job's own process, if it has a slot and has become a client again, as in `kestrun kestrun cc`; or
+// else the nearest ancestor with a slot. Only the nearest one is asked: if it lends its slot already, the jobs above it
+// that wait for it lend to it.
 JobSlots::Ticket JobSlots::FindLender(const Job& job) const {
   const auto own = jobOfProcess_.find(job.processId);
   if (own != jobOfProcess_.end()) return own->second;
@@ -221,7 +224,7 @@ JobSlots::Ticket JobSlots::FindLender(const Job& job) const {
   return 0;
 }
 
-// With the lock. True if another job may lend its slot again.
+// With the lock. Takes the job out of the chain of lender and borrower. True if its lender may lend again.
 bool JobSlots::Remove(Ticket ticket) {
   const auto found = jobs_.find(ticket);
   if (found == jobs_.end()) return false;
@@ -234,6 +237,7 @@ bool JobSlots::Remove(Ticket ticket) {
   // The id may be that of a later job's process by now.
   const auto process = jobOfProcess_.find(job.processId);
   if (process != jobOfProcess_.end() && process->second == ticket) {
+    // In `kestrun kestrun cc` both jobs have this process.
     const bool isLendersToo = job.lender != 0 && jobs_[job.lender].processId == job.processId;
     if (isLendersToo) {
       process->second = job.lender;
@@ -256,15 +260,15 @@ bool JobSlots::Remove(Ticket ticket) {
   return job.lender != 0;
 }
 
-// With the lock. A job that no lender can serve does not hold up those behind it that one can. The lenders are asked
-// only if one of them may have changed its answer, so that thousands of waiting jobs cost nothing at each end of
-// another.
+// With the lock. Passes over jobs that can't be granted, so that a job behind them whose ancestor lends is not delayed.
+// Lenders are only asked if one of them may answer differently now: otherwise each end of a job would cost a search
+// through thousands of waiting ones.
 std::vector<JobSlots::Ticket> JobSlots::GrantWaiting(bool areLendersNew) {
   std::vector<Ticket> granted;
   for (auto next = waiting_.begin(); next != waiting_.end() && (free_ > 0 || areLendersNew);) {
     if (TryGrant(jobs_[*next], *next)) {
       granted.push_back(*next);
-      // What waits for the other end of its pipe may be further ahead in the queue.
+      // The job at the other end of its pipe may be nearer the front, so the search starts again.
       const Job& job = jobs_[*next];
       waiting_.erase(next);
       if (job.inputPipe != 0 || job.outputPipe != 0) areLendersNew = true;

@@ -33,13 +33,14 @@ namespace kestrun {
 //   borrows       |                                            | its borrower, if any, borrows in its stead;
 //                 |                                            | the lender may lend again
 //
-// Jobs that a pipe joins run together in the slot of the first one: each of them waits for the others. And where every
-// job that runs waits for something else (JobWatch tells), one more is let run beside the limit: what it does may be
-// what they wait for.
+// Jobs that are connected by a pipe run together, and only the first one takes a slot: each of them waits for the
+// others. And where JobWatch finds that all running jobs are idle, one more runs beside the limit: they may be waiting
+// for what that job does.
 //
-// Ancestors are found by process id, and only where no slot is free: the look costs some system calls.
+// Ancestors are found by process id, and only where no slot is free, because the search makes some system calls.
 //
-// Threads: any. The listener is called without the lock, on the thread whose call freed the slot.
+// Threads: any. The listener is called without the lock, on the thread whose call freed the slot, so that it may call
+// back; the job may have left again by then.
 class JobSlots {
  public:
   // Names a job among those that have not left. Chosen by the caller, never 0.
@@ -60,7 +61,7 @@ class JobSlots {
   // Asks for a slot for the job that runs, or will run, in this process. True if it is granted at once; otherwise the
   // listener is told later, unless the job leaves first.
   bool Ask(Ticket ticket, u32 processId) { return Ask(ticket, processId, 0, 0); }
-  // The same for one whose standard input and output are these pipes; 0 is none.
+  // The same for a job whose standard input and output are these pipes; 0 means no pipe.
   bool Ask(Ticket ticket, u32 processId, u64 inputPipe, u64 outputPipe);
   // The job has ended, or no longer wants a slot. Nothing for an unknown ticket.
   void Leave(Ticket ticket);
@@ -84,12 +85,12 @@ class JobSlots {
   // Grants the job that has waited longest a slot beside the limit. False if the generation is another one by now.
   bool GrantBeyond(u64 generation);
 
-  // A ticket that nothing else bears.
+  // A ticket that was not given before; callers that choose tickets themselves set a high bit.
   Ticket NewTicket();
 
   bool IsGranted(Ticket ticket) const;
-  // The number of the job's slot, from 0 upward: the lowest that was free, and with those that borrow it the same. One
-  // that runs beside the limit has a number of its own. -1 for a job without a slot.
+  // The number of the job's slot, from 0 upward: the lowest that was free; a borrower has its lender's. A job that runs
+  // beside the limit has a number of its own, too. -1 for a job without a slot.
   i32 SlotOf(Ticket ticket) const;
   u32 CountRunning() const;
   u32 CountWaiting() const;
@@ -137,7 +138,8 @@ class JobSlots {
   std::deque<Ticket> waiting_;
 };
 
-// A slot for a scope of one of the master's own threads; without a limit (null) none is needed.
+// Holds a slot while one of the master's own threads runs a tool. With null for the slots there is no limit, and each
+// job counts as granted.
 class HeldJobSlot {
  public:
   // Waits until the slot is granted, or the slots are stopped. See AskAndWait for the client.

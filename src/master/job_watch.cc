@@ -9,7 +9,7 @@ namespace kestrun {
 
 namespace {
 
-// How much longer the interval may become while jobs are found at work.
+// The factor by which the interval may grow while jobs are found to be busy.
 constexpr u32 kMostSlowdown = 8;
 
 }  // namespace
@@ -34,8 +34,10 @@ void JobWatch::Watch() {
     if (end_.Wait(intervalMs)) return;
     slots_.GetRunning(after);
     if (before != after) {
+      // A job was granted or has ended: no deadlock, and no reason to read processor times.
       intervalMs = intervalMs_;
     } else if (AreIdle(intervalMs_, after)) {
+      // Refused if a job was granted or has ended since the times were read.
       if (slots_.GrantBeyond(after)) WriteMasterLog(Log::Info, "A job runs beside the limit: all others are idle");
     } else {
       intervalMs = std::min(intervalMs * 2, intervalMs_ * kMostSlowdown);

@@ -1,4 +1,4 @@
-// Keeps jobs that wait for one another from waiting for ever.
+// Breaks deadlocks between jobs that wait for one another and the limit on running jobs.
 #ifndef KESTRUN_MASTER_JOB_WATCH_H_
 #define KESTRUN_MASTER_JOB_WATCH_H_
 
@@ -10,12 +10,12 @@
 
 namespace kestrun {
 
-// A job may wait for one that has no slot yet: through programs between them in a pipeline, through a file or a lock.
-// So while jobs wait for a slot, this looks whether those that run do anything. If for an interval no job was granted
-// or has ended, and no process below a running job has used processor time, one more job is let run beside the limit.
+// A running job may wait for one that has no slot yet: through programs between them in a pipeline, through a file or a
+// lock. The master can't see such a dependency, but it can see that nothing happens: if for an interval no job was
+// granted or has ended, and no running job's processes have used processor time, one more job runs beside the limit.
 //
-// Threads: one, "Job watch". It sleeps while no job waits, and looks at processes only after an interval without a
-// change: twice then, and less and less often while they are found at work.
+// Threads: one, "Job watch". It sleeps while no job waits for a slot. Processor times are read only after an interval
+// without a change, twice, and less and less often while the jobs are found to be busy.
 class JobWatch {
  public:
   // The processor time of a process and all below it; see platform::ProcessorTimeOfTree.
@@ -30,14 +30,14 @@ class JobWatch {
 
  private:
   void Watch();
-  // True if nothing happened for so long; the generation is that of the idle jobs.
+  // True if nothing happened in this interval; the generation is then that of the idle jobs.
   bool AreIdle(u32 intervalMs, u64& generation);
 
   JobSlots& slots_;
   const TimeOf timeOf_;
   const u32 intervalMs_;
   Condition end_;
-  bool isEnding_ = false;  // the thread's own
+  bool isEnding_ = false;  // owned by the thread
   rc_ptr<Thread> thread_;
 };
 

@@ -17,6 +17,7 @@ namespace kestrun {
 
 namespace {
 
+// The exit code of timeout(1), which users of time limits know.
 constexpr int kOverdueCode = 124;
 constexpr u64 kTicksInMicrosecond = 10;
 constexpr std::size_t kMostHeadBytes = 2048;
@@ -55,7 +56,7 @@ void AddOverdueLine(MemoryStream& output, u32 seconds) {
   if (output.Append(text.data(), static_cast<u32>(text.size())) == 0) throw StreamException("Out of memory");
 }
 
-// What people want to see of a failure: the beginning of what it wrote, errors rather than output.
+// The beginning of a failed tool's output, for observers to show: of its standard error, or else of standard output.
 std::string HeadOf(const Message& result) {
   for (const u32 stream : {SEG_STDERR, SEG_STDOUT}) {
     const rc_ptr<Message::Segment> output = result.FindSegment(stream);
@@ -64,7 +65,8 @@ std::string HeadOf(const Message& result) {
   return "";
 }
 
-// The client's, which the jobs of a script share. A job without one runs in the master's environment.
+// The client's environment, or the master's for a job without one, less the pipe of a jobserver. Shared between the
+// jobs of a script, and only copied if MAKEFLAGS is set.
 std::shared_ptr<const Environment> MakeToolEnvironment(const BuildJob& job) {
   std::shared_ptr<const Environment> given = job.environment;
   if (!given || given->empty()) given = std::make_shared<const Environment>(GetEnvironment());
@@ -170,6 +172,7 @@ void LocalJobQueue::Stop() {
     isStopped_ = true;
   }
   const std::vector<rc_ptr<Thread>> threads = ListThreads();
+  // Otherwise a tool could wait for a client that does not read, and its thread for the tool.
   budget_->Lift();
   for (std::size_t i = 0; i < threads_.size(); ++i) jobs_.PushFront(nullptr);
   for (const rc_ptr<Thread>& thread : threads) thread->SetPriority(THREAD_PRIORITY_ABOVE_NORMAL);
@@ -181,8 +184,8 @@ void LocalJobQueue::Stop() {
   }
 }
 
-// The message thread, which is told of lost clients, may be the one that stops the queue; so their channels are
-// checked.
+// The message thread learns of lost clients, but it may be the thread that is in Stop. So Stop checks the clients'
+// channels itself.
 void LocalJobQueue::CancelOrphans() {
   runningTools_.CancelWhere([this](const BuildJob& job) { return !dispatcher_.FindChannel(job.clientAddress); });
 }
@@ -198,11 +201,13 @@ void LocalJobQueue::LocalBuildLoop() {
 
 void LocalJobQueue::HandleJob(BuildJob& job, i32 thread) {
   LogJob(job, "processing job");
+  // Only a scheduled job is pushed; this one was pushed twice, and has its answer.
   if (job.state == JOB_FINISHED) return LogJob(job, "job already in finished state");
   job.isCancelled ? SkipJob(job) : RunJob(job, thread);
 }
 
 void LocalJobQueue::RunJob(BuildJob& job, i32 thread) {
+  // Sent before the tool starts, and so before its output. The text is released at once: records are kept for good.
   if (!job.echoText.empty()) {
     SendBuildOutput(dispatcher_.FindChannel(job.clientAddress), job.echoText, "");
     job.echoText = std::string();
@@ -242,7 +247,7 @@ void LocalJobQueue::TellJournal(const BuildJob& job, Process& process, const Too
   told.hasExitCode = !job.isCancelled;
   told.exitCode = end.exitCode;
   if (journal_->IsObserved()) {
-    // A tool that was ended for its time has no handles any more, and so no times.
+    // Terminate has closed the handles of a tool that ran too long, so that its times can't be read: they are 0.
     if (const u64 ticks = process.GetCpuTime()) told.cpuUs = static_cast<std::int64_t>(ticks / kTicksInMicrosecond);
     if (const u64 peak = process.GetPeakMemory()) told.peakMemoryBytes = static_cast<std::int64_t>(peak);
     told.outputBytes = static_cast<std::int64_t>(outputBytes);
@@ -275,10 +280,12 @@ LocalJobQueue::ToolEnd LocalJobQueue::RunTool(BuildJob& job, const rc_ptr<Proces
   if (job.toolPath.ToString().find('"') != std::string::npos) process->SetApplicationPath(job.toolPath);
   if (!process->Start(job.commandLine, slots_ != nullptr ? kToolFlags : kJobFlags, environment.get(), 0))
     return {-1, false, SteadyMicroseconds()};
+  // From here on clients that the tool starts find it as their ancestor.
   slot.SetProcess(process->GetProcessId());
   if (journal_ != nullptr) {
     journal_->Start(job.number, slots_ != nullptr ? slot.GetNumber() : thread, process->GetProcessId(), startedUs);
   }
+  // Cancelled between its turn and its start. The tool is ended here, and its result collected as usual.
   if (!runningTools_.Add(job, process)) process->Kill();
   const u32 limitMs = WaitLimitMs(job);
   u32 code = static_cast<u32>(-1);
@@ -291,7 +298,7 @@ LocalJobQueue::ToolEnd LocalJobQueue::RunTool(BuildJob& job, const rc_ptr<Proces
   return {isOverdue ? kOverdueCode : static_cast<int>(code), isOverdue, endedUs};
 }
 
-// A limit that milliseconds can't hold, from 49 days on, is none.
+// A limit of 49 days or more does not fit into milliseconds and counts as no limit.
 u32 LocalJobQueue::WaitLimitMs(const BuildJob& job) const {
   const u64 limitMs = u64{job.timeoutSeconds} * 1000;
   return enforcesTimeout_ && limitMs != 0 && limitMs < kNoLimit ? static_cast<u32>(limitMs) : kNoLimit;

@@ -1,4 +1,4 @@
-// Where jobs run: a queue, and the threads that take one job at a time from it and run its tool.
+// The queue of jobs that the master runs itself, and the threads that take one job at a time from it and run its tool.
 #ifndef KESTRUN_MASTER_LOCAL_JOB_QUEUE_H_
 #define KESTRUN_MASTER_LOCAL_JOB_QUEUE_H_
 
@@ -25,20 +25,19 @@
 
 namespace kestrun {
 
-// Owned by the scheduler. Each job that was pushed is answered by one MSG_LOCAL_JOB_RESULT, which is offered to the
-// taker of results on the thread that ran the job, and otherwise posted to the master's own service; nothing else in a
-// job changes but its echo text. Without slots the number of threads is the
-// only limit on how many jobs run at once.
+// Owned by the scheduler. Each job that is taken from the queue is answered by one MSG_LOCAL_JOB_RESULT. It is offered
+// to the taker of results on the thread that ran the job, and posted to the master's own service if the taker refuses
+// it. Of the job itself only the echo text changes, and isCancelled. Without slots the number of threads is the only
+// limit on how many jobs run at once.
 //
-// Output that is collected, or that clients have not taken, is bounded in all: over the bound a tool's output goes to
-// its client in parts (MSG_BUILD_RESULT without an exit code), and a tool that is ahead of its client waits.
+// There is one bound on the output that is collected or that clients have not taken. Over it, output is sent to the
+// client in parts (MSG_BUILD_RESULT without an exit code), and a tool whose client does not read waits.
 //
 // Settings of the section Extensions, off by default, read once by the constructor:
 //
 //   CancelOrphanedJobs  while the queue stops, tools whose client has no channel any more are ended.
-//   DiscardOutput       results that clients have not taken count against the bound. Off, the records keep them for
-//   good,
-//                       and only what is collected and sent in parts counts.
+//   DiscardOutput       results that clients have not taken count against the bound. When it is off, the job records
+//                       keep them for good, so that only what is collected and sent in parts counts.
 //   EnforceJobTimeout   a tool that runs longer than its job's limit is ended, with exit code 124 and a line that says
 //                       so behind its standard error.
 //
@@ -52,12 +51,11 @@ class LocalJobQueue {
  public:
   static constexpr u64 kOutputLimit = 256 << 20;
 
-  // Starts the threads; 0 counts as 1, and those that the system refuses are done without. The dispatcher outlives the
-  // queue. With `slots` (Extensions/TransparentTools) each tool runs in one of them, which clients take as well, and
-  // with the client's environment (less the pipe of a make's jobserver) and priority; they outlive the queue, and are
-  // stopped before it.
-  // `outputLimit` is the bound on output in memory, see OutputBudget. The journal, which may be null, outlives the
-  // queue.
+  // Starts the threads; 0 counts as 1, and the queue works with as many as the system allows. The dispatcher outlives
+  // the queue. With `slots` (Extensions/TransparentTools) each tool runs in one of them, which clients take as well,
+  // and with the client's environment (less the pipe of a make's jobserver) and priority; they outlive the queue, and
+  // are stopped before it. `outputLimit` is the bound on output in memory, see OutputBudget. The journal, which may be
+  // null, outlives the queue.
   LocalJobQueue(u32 threadCount, IniFile& settings, MessageDispatcher& dispatcher, JobSlots* slots = nullptr,
                 u64 outputLimit = kOutputLimit, JobJournal* journal = nullptr);
   // Stops the threads if Stop has not.
@@ -65,7 +63,8 @@ class LocalJobQueue {
   LocalJobQueue(const LocalJobQueue&) = delete;
   LocalJobQueue& operator=(const LocalJobQueue&) = delete;
 
-  // True if the result was handled; else it is posted. It must not wait for the queue's threads, or for a client.
+  // True if the result was handled; otherwise it is posted. The taker must not wait for the queue's threads or for a
+  // client.
   using ResultTaker = std::function<bool(const rc_ptr<Message>&)>;
   // Before the first Push. Handling a result where it arises saves waking a thread for it.
   void SetResultTaker(ResultTaker taker) { takeResult_ = std::move(taker); }
@@ -74,8 +73,8 @@ class LocalJobQueue {
   bool HasThreads() const { return !threads_.empty(); }
 
   void Push(const rc_ptr<BuildJob>& job);
-  // The job ends without a result of its own, with exit code -1: its tool is ended if it runs, and is never started
-  // otherwise. It is answered in its turn all the same.
+  // The job's tool is ended if it runs, and is not started otherwise. The job keeps its turn in the queue and is then
+  // answered with exit code -1.
   void Cancel(BuildJob& job) { runningTools_.Cancel(job); }
 
   // Ends the threads; queued jobs are never run. Waits for running tools for 30 s at most, then ends the process with

@@ -5,7 +5,8 @@
 
 namespace kestrun {
 
-// The local time in milliseconds since the start of 1601.
+// The local time in milliseconds since the start of 1601, as Log::FormatTime takes it. It goes back when the clock is
+// set or summer time ends, so it is no measure of a duration. Any thread.
 u64 LocalTimeMs();
 
 }  // namespace kestrun

@@ -9,7 +9,7 @@ namespace kestrun {
 
 namespace {
 
-// "3,4"; a make that does not pass its pipe on writes negative numbers.
+// True for "3,4", and for the negative numbers that a make writes if it does not pass its pipe on.
 bool NamesDescriptors(std::string_view value) {
   return value.find(',') != std::string_view::npos && value.find_first_not_of("-,0123456789") == std::string_view::npos;
 }
@@ -21,12 +21,12 @@ bool IsJobserverPipe(std::string_view word) {
   return false;
 }
 
-// "-j" and "-j4".
+// True for "-j" and "-j4".
 bool IsJobCount(std::string_view word) {
   return word.substr(0, 2) == "-j" && word.find_first_not_of("0123456789", 2) == std::string_view::npos;
 }
 
-// The words up to "--" with the blank behind each, and as the last one what begins with that.
+// Splits the text into words, each with the blank that follows it. "--" and everything after it is the last word.
 std::vector<std::string_view> SplitFlags(std::string_view flags) {
   std::vector<std::string_view> words;
   for (std::size_t begin = 0; begin < flags.size();) {

@@ -1,4 +1,6 @@
-// The master's records: all under the component CLIENT, with numbers as unsigned decimal text.
+// Writes the master's records to the log: all under the component CLIENT, with numbers as unsigned decimal text.
+//
+// Any thread. Building the fields takes time even if no log is open, so frequent records ask IsLogOpen first.
 #ifndef KESTRUN_MASTER_MASTER_LOG_H_
 #define KESTRUN_MASTER_MASTER_LOG_H_
 

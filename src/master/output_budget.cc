@@ -24,6 +24,7 @@ u64 OutputBudget::GetSum() {
 void OutputBudget::Account::SetCollected(u32 stream, u64 bytes) {
   const std::lock_guard lock(budget_->lock_);
   budget_->sum_ = budget_->sum_ - collected_[stream] + bytes;
+  // All are woken: the sum is common, and each tool waits for its own client besides.
   if (bytes < collected_[stream]) budget_->changed_.notify_all();
   collected_[stream] = bytes;
 }

@@ -11,11 +11,12 @@
 
 namespace kestrun {
 
-// Adds up the output of all jobs. While the sum is over the limit, a tool passes what it writes on to its client at
-// once and waits until the client has taken it, but for kFreeBytes: so a client that does not read holds up its own
+// Adds up the output of all jobs. While the sum is over the limit, each tool's output is sent to its client at once,
+// and the tool waits while more than kFreeBytes of it are on their way. So a client that does not read delays its own
 // tool only, and the sum exceeds the limit by at most some megabytes a tool.
 //
-// Counted, and kept by the accounts of its jobs, which live as long as any of their output. Threads: any.
+// Reference-counted: the account of each job holds the budget, and the job's output holds its account. Any thread; the
+// one lock is held for a few additions.
 class OutputBudget : public rc_base {
  public:
   static constexpr u64 kFreeBytes = 1 << 20;
@@ -35,7 +36,7 @@ class OutputBudget : public rc_base {
 
     // What is collected of stream 0 or 1 at present.
     void SetCollected(u32 stream, u64 bytes);
-    // Output that is on its way to the client, and has been taken or dropped.
+    // AddSent counts output on its way to the client; RemoveSent, output that was taken or dropped.
     void AddSent(u64 bytes);
     void RemoveSent(u64 bytes);
     // True while the tool has to wait for its client.

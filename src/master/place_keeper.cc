@@ -13,7 +13,7 @@ namespace {
 
 // How often dead clients are looked for.
 constexpr u32 kCheckMs = 1000;
-// A client that checks the mutex holds it for a moment.
+// How long to wait for the mutex: a client that checks whether the master lives holds it for a moment.
 constexpr u32 kKeeperMs = 1000;
 
 constexpr int kTableAttempts = 10;
@@ -25,7 +25,8 @@ JobSlots::Ticket TicketOf(u32 slot) {
   return kTableBit | slot;
 }
 
-// The last client of an earlier master may let go of the table between the two attempts, so that neither succeeds.
+// The last client of an earlier master may close the table between an attempt to make it, which fails because it
+// exists, and one to open it, which fails because it has gone. So both are tried in turn.
 std::unique_ptr<MappedFile> MakeOrOpenTable(const std::string& name) {
   for (int attempt = 1;; ++attempt) {
     const bool isNew = attempt % 2 == 1;
@@ -64,6 +65,7 @@ PlaceKeeper::PlaceKeeper(const std::string& id, u32 places, JobSlots* slots, Job
   }
 }
 
+// Unlocked last: while the mutex is owned, clients wait for a thread that still answers.
 PlaceKeeper::~PlaceKeeper() {
   end_.Signal();
   thread_->Wait(kNoLimit);
@@ -85,7 +87,7 @@ void PlaceKeeper::AdoptGranted(u32 places) {
     const u64 word = table_->slots[i];
     const PlaceState state = GetPlaceState(word);
     if (state != PlaceState::kGranted && state != PlaceState::kReturned) continue;
-    // The tools of those clients run on beside the limit.
+    // The tools of an earlier master's clients run on beside the limit.
     if (slots_ != nullptr) table_->slots[i] = 0;
     if (slots_ == nullptr && Enter(i, word)) records_[i].isGranted = true;
   }
@@ -100,6 +102,7 @@ void PlaceKeeper::Serve() {
   u32 lastCheck = GetTickCount();
   ReadTable();
   for (;;) {
+    // The semaphore is only waited for while a client wants its count: the wait itself takes one.
     const DWORD count = waiting_.empty() ? 2 : 3;
     const DWORD result = WaitForMultipleObjects(count, handles, FALSE, clients_ == 0 ? INFINITE : kCheckMs);
     if (result == WAIT_OBJECT_0) return;
@@ -140,6 +143,7 @@ void PlaceKeeper::ReclaimDead() {
   u64 places = 0;
   for (u32 i = 0; i < PlaceTable::kSlots && clients_ > 0; ++i) {
     const Record& record = records_[i];
+    // The client's event is open in the client and here. A count of 1 means that only this handle is left.
     if (!record.client || GetHandleCount(record.client.Get()) != 1) continue;
     if (record.isGranted) ++places;
     Leave(i);
@@ -237,7 +241,7 @@ void PlaceKeeper::AddToJournal(Record& record) {
       record.noteView.Reset();
     }
   } catch (const MappedFileException&) {
-    // A client that could not make one.
+    // The client could not make a note; its job has no texts.
   }
   record.number = journal_->Add(new OwnedJobText(ToJobText(texts)), static_cast<u32>(record.word >> 32));
 }
@@ -249,7 +253,7 @@ void PlaceKeeper::FinishInJournal(Record& record) {
     end.outcome = JobOutcome::kCancelled;
   } else if (record.noteView) {
     const ToolNote& note = *static_cast<const ToolNote*>(record.noteView->GetData());
-    // Acquire: pairs with the client's release.
+    // Acquire: pairs with the client's release, so that the figures that it wrote before are read.
     end.hasExitCode = note.hasEnded.load(std::memory_order_acquire) != 0;
     if (end.hasExitCode) {
       end.exitCode = note.exitCode;

@@ -25,6 +25,15 @@ namespace kestrun {
 // gone. The thread's own record tells whether a count was taken for a client, so that each is given back exactly once,
 // at whatever moment the client dies.
 //
+//   entry in the table    written by          the thread's record, and what the thread does
+//   0                     either              none; a record of a client that stood here ends
+//   asking                client, from 0      makes a record and takes a count, then writes "granted"
+//   granted               master, from asking kept until the client returns the slot or is gone
+//   returned              client, from granted ends; the count is given back and the entry becomes 0
+//
+// Both sides change an entry by compare-and-exchange of the whole word, which names the client: a step that comes too
+// late, for a client that has given up or been replaced, changes nothing.
+//
 // Clients that use no table take their slots from the same semaphore; they are not recorded here, and theirs are not
 // reclaimed. Requests are granted in the order in which they are found.
 //
@@ -35,8 +44,8 @@ class PlaceKeeper {
   // Makes the semaphore, too, with `places` counts. A table that clients of an earlier master of this id keep open is
   // taken over, with the slots granted in it. Throws SystemException if one of the objects can't be made.
   PlaceKeeper(const std::string& id, u32 places);
-  // The same table for another purpose, under an id of its own: what its clients ask for and are granted are job slots.
-  // Slots and journal outlive this object, which becomes the listener of the slots. The journal may be null.
+  // Grants job slots instead of client slots, by the same kind of table under an id of its own. Slots and journal
+  // outlive this object, which becomes the listener of the slots. The journal may be null.
   PlaceKeeper(const std::string& id, JobSlots& slots, JobJournal* journal = nullptr);
   ~PlaceKeeper();
   PlaceKeeper(const PlaceKeeper&) = delete;
@@ -66,7 +75,7 @@ class PlaceKeeper {
   void Ask(u32 slot);
   void GiveBack(u32 slot);
   bool Grant(u32 slot);
-  // Any thread.
+  // From any thread: queues the ticket and wakes the thread, which owns the records.
   void OnGranted(JobSlots::Ticket ticket);
   void GrantTickets();
   bool Enter(u32 slot, u64 word);
@@ -75,7 +84,7 @@ class PlaceKeeper {
   void FinishInJournal(Record& record);
 
   const std::string id_;
-  JobSlots* const slots_;      // null: places of the semaphore are granted
+  JobSlots* const slots_;      // null: client slots are granted, from the semaphore
   JobJournal* const journal_;  // may be null
   Mutex keeper_;
   // Made after the mutex: a client that finds the semaphore and an unowned mutex takes the master for dead.

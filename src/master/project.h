@@ -11,10 +11,10 @@
 
 namespace kestrun {
 
-// The jobs that share a project name. Touched by the message thread only.
+// The jobs that share a project name, and how many of them have ended. Used in the master's message handler only.
 //
-// A project announced by a script stub holds a number of jobs from the start; one made from a job grows with each job
-// that arrives. A project that has ended stays, and a later job of its name goes on from where the counters stood.
+// A project that a script stub announced has its number of jobs from the start; one that was made for a job grows with
+// each job that arrives. A project that has ended is kept, and a later job of its name is added to it.
 class Project : public rc_base {
  public:
   Project(const std::string& projectName, u32 projectFlags, u32 jobCount)

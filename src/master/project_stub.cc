@@ -31,9 +31,9 @@ constexpr const char* kEventsCondition = "PLOVR2_WAIT_FOR_EVENTS_CONDITION";
 constexpr const char* kJobsKey = "LocalSettings/MaxConcurrentJobs";
 constexpr u32 kDefaultMaxStubs = 30;
 constexpr u32 kMostStubs = MessageDispatcher::kMaxIpcChannels;
-// A job for each stub that there can be.
+// Up to one unfinished job for each stub that there can be, the queue counts as short.
 constexpr std::size_t kFewJobs = kMostStubs;
-// What the last record of the log lists where memory is to stay flat.
+// The number of failed jobs that the last record of the log lists with DiscardOutput, which bounds the memory.
 constexpr std::size_t kMostFailures = 1000;
 constexpr u32 kSocketWriteLimitMs = 30000;
 constexpr u32 kTickMs = 500;
@@ -127,7 +127,7 @@ ProjectStub::~ProjectStub() {
   isEnding_ = true;
 }
 
-// Without a keeper a master admits clients all the same.
+// If the keeper can't be made, the plain semaphore admits clients, and slots of killed clients are lost.
 void ProjectStub::OpenPlaces(IniFile& settings) {
   const u32 places = ReadMaxStubs(settings);
   // An observer must not have the channel of a client that has been granted a slot.
@@ -171,6 +171,7 @@ int ProjectStub::Run() {
   // The log has the dispatcher's error; this line is for the user or program that started the master.
   if (dispatcher_.Run() != 0) PrintError("The dispatcher has ended with an error.");
   dispatcher_.Close();
+  // These are destroyed before the slots, which call the first two as their listener.
   slotServer_.reset();
   slotTable_.reset();
   jobWatch_.reset();
@@ -179,7 +180,7 @@ int ProjectStub::Run() {
   return exitCode_;
 }
 
-// Only after the one instance of the user is known to be this one: the server takes over its name.
+// Called once Run knows that no other master runs: the server takes its name over from any server that has it.
 bool ProjectStub::OpenSlotServer() {
   if (!slots_) return true;
   try {
@@ -237,9 +238,9 @@ void ProjectStub::HandleMessage(rc_ptr<Message> message) {
   }
 }
 
-// Results wait for nothing: their order among other messages does not matter, and the handler neither stops the queue
-// nor waits for a client that does not read. With thousands of jobs a second, waking the message thread for each of
-// them takes more time than handling it.
+// With thousands of jobs a second, waking the message thread for each result takes more time than handling it. Results
+// may be handled here because their order among other messages does not matter, and because their handler neither stops
+// the queue, which would wait for this thread, nor waits for a client that does not read.
 bool ProjectStub::TryResultHere(const rc_ptr<Message>& message) {
   const TryLock lock(handlingLock_);
   if (!lock) return false;
@@ -375,6 +376,8 @@ void ProjectStub::StopBuild(int code, const std::string& reason) {
   Shutdown();
 }
 
+// In this order: no client and no build thread waits for a slot any more, so that the tools' threads end; their results
+// are posted or sent; then the channels empty, and the dispatcher ends Run.
 void ProjectStub::Shutdown() {
   if (slotServer_) slotServer_->Refuse();
   if (slots_) slots_->Stop();
@@ -382,8 +385,8 @@ void ProjectStub::Shutdown() {
   requestHandler_.Stop();
   observers_->Stop();
   if (isEager_ && handlingThread_ == GetCurrentThreadId()) {
-    // Results that are not sent yet are messages behind the one that this thread handles: a pause brings them no
-    // nearer.
+    // Results that are not sent yet are queued behind the message that this thread handles, so that a pause would not
+    // get them sent.
     dispatcher_.WaitUntilSent(kShutdownPauseMs);
   } else {
     Sleep(kShutdownPauseMs);
@@ -391,6 +394,7 @@ void ProjectStub::Shutdown() {
   dispatcher_.Stop();
 }
 
+// The loop of the wait thread. A stop is posted and not handled here, so that it comes after the messages before it.
 void ProjectStub::WaitForEvents() {
   RepeatedEvent finish(finishEvent_.Get());
   for (;;) {

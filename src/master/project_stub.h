@@ -28,9 +28,12 @@ namespace kestrun {
 // them, and the kernel objects by which stubs and the integration find and steer it. It runs until it is told to stop:
 // by the stop event, a MSG_STOP, a console event, or an error of the dispatcher or its reactor.
 //
-// All messages are handled one after the other, under one lock, on the thread of the dispatcher's client; only the
-// result of a job may be handled on the local build thread that has it, if no other message is just handled. Run blocks
-// on the main thread; Stop may come from any thread.
+// All messages are handled one after the other, under the handling lock, on the thread of the dispatcher's client. Only
+// the result of a job may be handled on the local build thread that has it, if the lock is free. Run blocks on the main
+// thread; Stop may come from any thread.
+//
+// Order of locks: the handling lock is outermost. Under it come those of the queue of running tools, the slots, the
+// slot server, and the observers; the journal's is innermost.
 class ProjectStub : public StubBase {
  public:
   // MaxConcurrentJobs without a setting.

@@ -1,4 +1,4 @@
-// Tells each setting of an event once, whether the event resets itself or stays set until a process resets it.
+// Reports each signalling of an event once, for auto-reset and manual-reset events.
 #ifndef KESTRUN_MASTER_REPEATED_EVENT_H_
 #define KESTRUN_MASTER_REPEATED_EVENT_H_
 
@@ -7,9 +7,9 @@
 
 namespace kestrun {
 
-// A wait for an event that stays set returns at once, again and again. After each setting that was told, the event is
-// left out of the caller's waits, and looked at every kPauseMs until it is seen reset. The kind of an event can't be
-// asked for: one that is set at two looks in a row counts as one that stays set.
+// A wait for a manual-reset event that stays signalled returns at once, again and again. So after each report the event
+// is left out of the caller's waits, and is polled every kPauseMs until it is found reset. The kind of an event can't
+// be queried: an event that is found signalled twice in a row counts as a manual-reset one.
 //
 // Borrows the handle. One thread.
 class RepeatedEvent {
@@ -18,14 +18,13 @@ class RepeatedEvent {
 
   explicit RepeatedEvent(HANDLE event) : event_(event) {}
 
-  // Whether the caller's next wait includes the event, and how long it may take: for ever, or to the next look.
+  // Whether the caller's next wait includes the event, and how long it may take: for ever, or until the next poll.
   bool IsAwaited() const { return isAwaited_; }
   u32 GetLimitMs() const { return isAwaited_ ? INFINITE : kPauseMs; }
 
   // A wait has ended with this event.
   void OnSet() { isAwaited_ = false; }
-  // A wait without the event has ended. True if the event was set anew, which takes the setting from an event that
-  // resets itself.
+  // A wait without the event has timed out. True if an auto-reset event was signalled again; the call has reset it.
   bool Look() {
     if (!IsSet()) {
       isAwaited_ = true;

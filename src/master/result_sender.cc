@@ -12,7 +12,7 @@ rc_ptr<Message> ToStub(u32 type) {
   return new Message(type, kMasterService, kStubService);
 }
 
-// The last message of a job, behind the output that it holds already.
+// Adds the exit code to a message that holds the output already, and sends it as the last one of its job.
 bool SendEnd(MessageChannel& channel, const rc_ptr<Message>& message, i32 exitCode, bool keepGoing) {
   message->AddI32(SEG_EXIT_CODE, exitCode);
   if (keepGoing) message->AddU32(SEG_KEEP_GOING, 1);
@@ -36,6 +36,7 @@ bool PassResultOn(const rc_ptr<MessageChannel>& channel, const Message& localRes
                   u32 scriptLine) {
   if (!channel) return false;
   const rc_ptr<Message> message = ToStub(MSG_BUILD_RESULT);
+  // Both segments are always sent, also when the tool wrote nothing.
   for (const u32 type : {SEG_STDOUT, SEG_STDERR}) {
     const rc_ptr<Message::Segment> output = localResult.FindSegment(type);
     message->AddSegment(output ? output.Get() : Message::Segment::FromString(type, "").Get());

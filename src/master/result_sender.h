@@ -1,7 +1,7 @@
-// What a stub hears of its jobs: every message that a master sends to its clients is made here.
+// Makes and sends the messages that tell a stub about its jobs and its project.
 //
 // Each operation may come from any thread. It gives false, with nothing done, if the channel is empty because the
-// client has gone, and false if sending failed.
+// client has gone, and false if sending failed. The messages for observers are made in job_observers.cc.
 #ifndef KESTRUN_MASTER_RESULT_SENDER_H_
 #define KESTRUN_MASTER_RESULT_SENDER_H_
 
@@ -24,7 +24,7 @@ bool SendBuildResult(const rc_ptr<MessageChannel>& channel, const std::string& s
 bool PassResultOn(const rc_ptr<MessageChannel>& channel, const Message& localResult, i32 exitCode, bool keepGoing,
                   u32 scriptLine = 0);
 
-// A MSG_BUILD_RESULT with output alone: more will follow for the job.
+// A MSG_BUILD_RESULT with output and without an exit code: more messages will follow for the job.
 bool SendBuildOutput(const rc_ptr<MessageChannel>& channel, const std::string& stdoutText,
                      const std::string& stderrText);
 bool SendBuildOutput(const rc_ptr<MessageChannel>& channel, const rc_ptr<MemoryStream>& stdoutContent,

@@ -2,6 +2,8 @@
 
 namespace kestrun {
 
+// Entering the tool and reading the mark are one step under the lock, as are setting the mark and looking for the tool
+// in Cancel. So whichever comes second ends the tool.
 bool RunningTools::Add(BuildJob& job, const rc_ptr<Process>& process) {
   const Lock lock(lock_);
   tools_[job.id] = {&job, process};

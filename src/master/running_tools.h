@@ -12,7 +12,7 @@
 
 namespace kestrun {
 
-// The running tools by the number of their job, so that one thread can end a tool that another thread waits for.
+// Maps job numbers to running tools, so that one thread can end a tool that another thread waits for.
 //
 // Owned by the local job queue. A local build thread adds its tool when it has started and removes it when it has
 // ended, and keeps the job alive for that time. The message thread, or the thread that stops the master, cancels jobs.

@@ -9,7 +9,9 @@
 
 namespace kestrun {
 
-// A place where jobs run. A master has one, which stands for this machine. Touched by the message thread only.
+// The record of a machine on which jobs run. A master has one, for its own machine.
+//
+// Owned by the scheduler, and used in the master's message handler only, so that it needs no lock.
 class Server : public rc_base {
  public:
   explicit Server(const std::string& serverName) : name(serverName) {}

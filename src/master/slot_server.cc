@@ -79,13 +79,17 @@ bool SlotServer::OnClient(Client client, u32 processId, bool seesEnd, const char
     number = journal_.Add(text, processId);
     jobs_[client] = {number, text, 0, true, !seesEnd};
   }
+  // Without the lock: Ask makes system calls. A slot that becomes free from now on is granted on another thread, which
+  // finds the client in jobs_.
   const JobSlots::Ticket ticket = kClientBit | client;
   if (slots_.Ask(ticket, processId, header.inputPipe, header.outputPipe)) OnGranted(ticket);
+  // After the answer, which the client waits for.
   journal_.FindParent(number);
   return true;
 }
 
-// May come between the two steps of Refuse; a client that was told to stop is not granted any more.
+// May come between the two steps of Refuse. A client that is told to stop must not be granted a slot as well, so
+// nothing is granted once isRefusing_ is set.
 void SlotServer::OnGranted(JobSlots::Ticket ticket) {
   if ((ticket & kClientBit) == 0) return;
   const Client client = ticket & ~kClientBit;
@@ -116,6 +120,7 @@ void SlotServer::OnGone(Client client, const std::function<platform::ProcessEnd(
     jobs_.erase(found);
   }
   const u32 elapsedMs = GetTickCount() - job.startedAt;
+  // The slot goes to the next client first; reading how the process ended makes system calls.
   slots_.Leave(kClientBit | client);
   if (job.isWaiting) {
     end.outcome = JobOutcome::kCancelled;

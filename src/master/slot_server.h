@@ -1,4 +1,4 @@
-// Gives slots to clients that run their tools themselves.
+// Grants job slots to clients that run their tools themselves.
 #ifndef KESTRUN_MASTER_SLOT_SERVER_H_
 #define KESTRUN_MASTER_SLOT_SERVER_H_
 
@@ -16,8 +16,8 @@
 namespace kestrun {
 
 // With Extensions/TransparentTools a client asks here for a slot (protocol/slot_request.h), is answered once JobSlots
-// grants it one, and becomes its tool. The slot is free again when that process has ended, in whatever way. A client
-// that waits holds up nobody else, and costs the master two descriptors.
+// grants it one, and becomes its tool. The slot is free again when that process has ended, in whatever way. A waiting
+// client delays no other one, and costs the master two descriptors.
 //
 // Threads: one, "Slot server". Grants come from any thread that frees a slot.
 class SlotServer : private platform::LocalServer::Handler {
@@ -30,7 +30,8 @@ class SlotServer : private platform::LocalServer::Handler {
   SlotServer(const SlotServer&) = delete;
   SlotServer& operator=(const SlotServer&) = delete;
 
-  // Clients that wait, or that come later, are told to run nothing. From any thread.
+  // Tells waiting clients, and those that come later, that the master stops and that they are to run nothing. From any
+  // thread.
   void Refuse();
 
  private:
@@ -46,7 +47,7 @@ class SlotServer : private platform::LocalServer::Handler {
     rc_ptr<OwnedJobText> text;
     u32 startedAt = 0;  // by the tick count, once it is granted
     bool isWaiting = true;
-    bool keepsOpen = false;  // its connection is all that tells of its end
+    bool keepsOpen = false;  // the end of the connection is the only sign of the process's end
   };
 
   void LogEnd(const Job& job, u32 elapsedMs) const;
