@@ -6,7 +6,7 @@ std::string GetCommandLineTail(const std::string& commandLine) {
   const bool quoted = !commandLine.empty() && commandLine.front() == '"';
   const std::size_t end = commandLine.find(quoted ? '"' : ' ', 1);
   if (end == std::string::npos) return {};
-  // Behind a closing quote one more character goes, the separator, whatever it is.
+  // The character behind a closing quote is taken for the separator, whatever it is.
   const std::size_t start = end + (quoted ? 2 : 1);
   return start <= commandLine.size() ? commandLine.substr(start) : std::string();
 }

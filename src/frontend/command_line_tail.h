@@ -5,7 +5,8 @@
 
 namespace kestrun {
 
-// The raw command line less the program's name and the one character behind it, byte for byte.
+// The raw command line without the program's name and the one character behind it, byte for byte. A tool gets its
+// arguments from this text, so that they arrive quoted as the user typed them. Empty if nothing follows the name.
 std::string GetCommandLineTail(const std::string& commandLine);
 
 }  // namespace kestrun

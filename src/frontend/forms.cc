@@ -56,6 +56,7 @@ int RunScript(IniFile& settings, const Options& options) {
   }
 }
 
+// The watch of the dorns outlives the stub: it ends the process if the stub does not end in time.
 int RunMaster(IniFile& settings, const Options& options) {
   WriteLog(Log::Info, Log::STUB, "Creating master Kestrun instance");
   try {
@@ -93,14 +94,16 @@ int RunTool(IniFile& settings, const Options& options) {
   }
 }
 
-// With Extensions/TransparentTools: a tool with a time limit, and one without any master. False where a master is there
-// that hands out no slots: it is served as described.
+// Runs the tool in this client's place, with Extensions/TransparentTools. RunTransparently has done so already for a
+// tool without a time limit, if a master grants slots; what is left are a time limit, and a build without a master.
+// False if a master is there that grants no slots: then that master runs the tool.
 bool RunTransparentTool(int argc, const char* const* argv, IniFile& settings, const Options& options,
                         TransparentRun transparent, int& exitCode) {
   if (!settings.GetBool("Extensions/TransparentTools", false)) return false;
   TransparentTool tool(options, GetToolWords(options, argc, argv));
   if (settings.GetBool("Extensions/EnforceJobTimeout", false)) tool.SetTimeout(options.timeoutSeconds);
   const std::string id = GetBuildId(options);
+  // RunTransparently did not reach a server a moment ago, so it is not asked again.
   const bool isAsked = transparent == TransparentRun::kNoServer;
   if (!isAsked && tool.RunInSlot(id, exitCode) == TransparentTool::Outcome::kDone) return true;
   if (UniqueHandle(OpenSemaphoreA(SYNCHRONIZE, FALSE, GetAccessName(id).c_str()))) return false;
@@ -121,6 +124,7 @@ int RunForm(int argc, const char* const* argv, IniFile& settings, const Options&
   }
   if (!options.scriptPath.empty()) return RunScript(settings, options);
   if (options.master) return RunMaster(settings, options);
+  // A command line of blanks only parses as a tool with an empty name.
   if (argc < 2) {
     PrintUsage();
     return 0;

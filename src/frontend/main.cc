@@ -19,8 +19,8 @@ namespace {
 constexpr u32 kLogPathSize = 260;
 constexpr u32 kDebugRecords = 0x10;  // of LocalSettings/DiagnosticFlags
 
-// Runs on a thread of the system, at any time. It keeps the lock to the end of the process, so that main cannot destroy
-// the stub meanwhile.
+// Runs on a thread of the system, at any time. It holds the lock until the process ends, so that main can't destroy the
+// stub while Stop uses it.
 BOOL WINAPI CtrlHandler(DWORD ctrlType) {
   const Lock lock(StubBase::CurrentLock());
   if (StubBase* stub = StubBase::GetCurrent()) stub->Stop(ctrlType == CTRL_BREAK_EVENT ? "Ctrl-Break" : "Ctrl-C");
@@ -64,7 +64,7 @@ void LoadSettings(IniFile& settings) {
 int RunProcess(int argc, char** argv) {
   const std::string commandLine = GetCommandLineA();
   int exitCode = 0;
-  // Before any service: the tool is to find this process as it was started.
+  // Before any service starts: a process that becomes a tool must have no further threads, files or handlers.
   const TransparentRun transparent = RunTransparently(commandLine, argc, argv, exitCode);
   if (transparent == TransparentRun::kDone) return exitCode;
   const ProcessServices services;
@@ -78,6 +78,7 @@ int RunProcess(int argc, char** argv) {
 }  // namespace kestrun
 
 int main(int argc, char** argv) {
+  // First: otherwise a file that is opened later could become standard output.
   kestrun::platform::OpenClosedStandardStreams();
   kestrun::platform::SetStandardStreamsBinary();
   try {

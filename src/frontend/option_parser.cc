@@ -40,6 +40,7 @@ class Tokenizer {
   void SkipSpace() {
     while (!AtEnd() && IsSpace(text_[position_])) ++position_;
   }
+  // A quote that more of the word follows does not end the token.
   bool AtClosingQuote() const {
     const bool isAtEnd = text_[position_] == '"' && (position_ + 1 == text_.size() || IsSpace(text_[position_ + 1]));
     return isAtEnd && !(knowsEscapes_ && IsEscaped());
@@ -55,7 +56,8 @@ class Tokenizer {
   std::size_t position_ = 0;
 };
 
-// The arguments begin at the quote of a quoted first argument, so that all the user's quoting stays.
+// Takes the token as the tool, and the rest of the text as its arguments. They begin at the quote of a quoted first
+// argument, whose position is behind the quote, so that all of the user's quoting is kept.
 void TakeTool(Options& options, const TokenList& list, std::size_t index) {
   options.tool = list.tokens[index].text;
   options.wordsBeforeTool = static_cast<u32>(index);
@@ -85,7 +87,7 @@ TokenList Tokenize(const std::string& text, bool knowsEscapes) {
   return list;
 }
 
-// Empty, or why the text does not parse.
+// Puts the tokens into the record. Empty, or the reason why they do not parse; options before the fault are set.
 std::string FindFault(Options& options, const TokenList& list, bool fromEnvironment) {
   if (list.tokens.empty()) return fromEnvironment ? "" : kNothingToDo;
   for (std::size_t index = 0; index < list.tokens.size(); ++index) {

@@ -47,6 +47,7 @@ struct Timeout {
   static bool Set(Options& options, const std::string& minutes) {
     if (!IsNumber(minutes)) return false;
     constexpr u64 kMax = std::numeric_limits<u32>::max();
+    // A number that is too large becomes the largest limit, which the master takes for none.
     const u64 value = std::strtoull(minutes.c_str(), nullptr, 10);
     options.timeoutSeconds = static_cast<u32>(value > kMax / 60 ? kMax : value * 60);
     return true;
@@ -80,7 +81,7 @@ constexpr auto kUser = OptionRule::Reader::kUser;
 constexpr auto kScripts = OptionRule::Reader::kScripts;
 constexpr auto kIntegration = OptionRule::Reader::kIntegration;
 
-// What the usage text tells comes first, in its order.
+// In the order of the usage text, which shows the options up to "-e".
 constexpr OptionRule kOptionRules[] = {
     Rule<Switch<&Options::showHelp>>("--help", "", kUser, "print this message and exit"),
     Rule<Switch<&Options::showVersion>>("--version", "", kUser, "print version information and exit"),

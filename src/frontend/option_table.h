@@ -15,7 +15,7 @@ namespace kestrun {
 inline constexpr char kOptionMark = '-';
 
 struct OptionRule {
-  // Whom the option is told: the usage text has kUser and kNone, and --help all has all.
+  // The readers that the option is meant for. The usage text shows kUser and kNone, --help all shows all.
   enum class Reader {
     kUser,
     kScripts,
@@ -26,7 +26,7 @@ struct OptionRule {
   const char* name;
   const char* value;    // the name of the value that is the next word; "" without one
   const char* meaning;  // a line for the help texts
-  const char* wanted;   // what the value has to be, where not every one will do
+  const char* wanted;   // what the value has to be; "" if any value will do
   Reader reader;
   // Null for kNone. False for a bad value.
   bool (*set)(Options& options, const std::string& value);
@@ -42,7 +42,7 @@ const OptionRule* FindRule(const std::string& text);
 // Merges field by field. Empty texts, a time limit of 0 and the default marker override nothing.
 void MergeByRules(Options& result, const Options& commandLine);
 
-// The options of these readers, in the order in which they are told.
+// The options of these readers, in the order of the help texts.
 std::vector<const OptionRule*> ListRules(std::initializer_list<OptionRule::Reader> readers);
 
 }  // namespace kestrun

@@ -25,8 +25,8 @@ std::vector<std::string> GetWords(int argc, const char* const* argv) {
 
 std::vector<std::string> GetToolWords(const Options& options, int argc, const char* const* argv) {
   const int index = static_cast<int>(options.wordsBeforeTool) + 1;
-  // The words are split by the system's rules and the options by our own; where the two disagree, in odd quoting, the
-  // words of the tool can't be told.
+  // argv was split by the system's rules, and the options by the parser's own. With unusual quoting the two disagree,
+  // and the index of the tool means nothing in argv.
   if (index >= argc || options.tool != argv[index]) return {};
   return {argv + index, argv + argc};
 }
@@ -34,7 +34,7 @@ std::vector<std::string> GetToolWords(const Options& options, int argc, const ch
 TransparentRun RunTransparently(const std::string& commandLine, int argc, const char* const* argv, int& exitCode) {
   Options options;
   const bool isRead = ReadOptions(commandLine, GetWords(argc, argv), options) == OptionsFault::kNone;
-  // A time limit is a setting's business.
+  // A time limit only counts with Extensions/EnforceJobTimeout, and the settings have not been read yet.
   if (!isRead || !NamesToolAlone(options) || options.timeoutSeconds != 0) return TransparentRun::kNotAsked;
   const std::string id = GetBuildId(options);
   if (id.empty()) return TransparentRun::kNoServer;

@@ -1,4 +1,4 @@
-// The shortest way from the start of a client to its tool.
+// The path by which a client becomes its tool in one of the master's slots, without settings, log or threads.
 #ifndef KESTRUN_FRONTEND_TRANSPARENT_FORM_H_
 #define KESTRUN_FRONTEND_TRANSPARENT_FORM_H_
 

@@ -9,11 +9,11 @@ namespace kestrun {
 // The version line and the options that are for users, on the standard output stream.
 void PrintUsage();
 
-// The text of --help all: what the program is for, what holds of it, all options, the environment, examples.
+// The text of --help all: what the program is for, what it guarantees, all options, the environment, and examples.
 void PrintHelp();
 
-// Behind the error that there is no such tool: a line on the standard error stream, if the tool's name looks like an
-// option.
+// Called after the error that there is no such tool. If the tool's name looks like an option, writes a line about that
+// to the standard error stream.
 void ExplainWrongOption(const std::string& tool);
 
 }  // namespace kestrun
