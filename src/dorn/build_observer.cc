@@ -26,7 +26,8 @@ bool BuildObserver::Start(const std::string& id, std::string& error) {
     error = "the master does not answer";
     return false;
   }
-  // The first news comes at once; from then on no job is missed.
+  // The answer to the flush shows that the master follows for this observer: no job of the build, which starts after
+  // this call, is missed.
   connection_->Ask(OBSERVE_FLUSH);
   JournalNews news;
   do {
@@ -62,6 +63,7 @@ void BuildObserver::Take(const JournalNews& news) {
   state_ = news.state;
   for (const JobRecord& job : news.jobs) {
     const auto known = jobs_.find(job.number);
+    // A job comes without a root at first, while its ancestors are looked for, and may prove to be another build's.
     if (job.rootProcess != 0 && job.rootProcess != self) {
       if (known != jobs_.end()) jobs_.erase(known);
     } else if (known != jobs_.end()) {

@@ -1,4 +1,4 @@
-// dorn's view of its own build while it runs.
+// Collects the job records of dorn's own build while it runs.
 #ifndef KESTRUN_DORN_BUILD_OBSERVER_H_
 #define KESTRUN_DORN_BUILD_OBSERVER_H_
 
@@ -16,8 +16,8 @@
 
 namespace kestrun::dorn {
 
-// Follows a master's jobs and keeps those of this process's build: all below this process, and those of which the
-// master does not know where they belong. Another dorn that shares the master has its own.
+// Follows a master's jobs and keeps those of this process's build: the jobs of its descendants, and those for which the
+// master does not know any observer. Jobs that belong to another dorn of the same master are left out.
 //
 // Threads: one that receives, from Start to Finish. All else on the thread of the owner.
 class BuildObserver {

@@ -1,4 +1,6 @@
-// Words as one command line, so that the C run-time of the program that is started splits it into the same words.
+// Joins words to one command line.
+//
+// The C run-time of the program that is started splits the line into the same words. Any thread; nothing fails.
 #ifndef KESTRUN_DORN_COMMAND_LINE_H_
 #define KESTRUN_DORN_COMMAND_LINE_H_
 

@@ -26,7 +26,8 @@ Path GetHistoryPath() {
   return GetCommonPath() / "Builds.jsonl";
 }
 
-// Behind what is there; half a line, which a full disk may have left, gets its end first. Empty, or the reason.
+// Appends the line to the file. If a full disk has left half a line there, that one is ended first. Empty, or the
+// reason.
 std::string Append(const Path& path, const std::string& line) {
   const std::string name = path.ToString();
   const std::string refusal = platform::WhyNoFile(name);
@@ -40,7 +41,7 @@ std::string Append(const Path& path, const std::string& line) {
   return isWritten && std::fflush(file.get()) == 0 ? "" : std::strerror(errno);
 }
 
-// The newer half stays.
+// Once the file has more than kMostBytes, keeps about the newer half of that.
 void Shorten(const Path& path) {
   std::string text;
   std::string error;

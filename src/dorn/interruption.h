@@ -1,4 +1,4 @@
-// Ctrl-C and its kin as an event that the main thread waits on beside everything else.
+// Turns Ctrl-C and the other console events into an event that the main thread can wait on.
 #ifndef KESTRUN_DORN_INTERRUPTION_H_
 #define KESTRUN_DORN_INTERRUPTION_H_
 

@@ -9,8 +9,9 @@
 
 namespace kestrun::dorn {
 
-// A master outlives the dorn that started it. Holding that dorn's own stream it would keep a pipe open that the caller
-// of dorn reads to its end, so it gets a pipe to here, which ends with this process.
+// A master may outlive the dorn that started it. If it held dorn's own stream, a caller that reads dorn's standard
+// error to its end would wait for the master as well. So the master gets a pipe to this object, which ends with this
+// process.
 //
 // Threads: one that copies, from Start to the end of the pipe or of the process.
 class LineRelay {

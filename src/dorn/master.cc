@@ -95,7 +95,7 @@ bool Master::TellOfStoppedHolder() const {
 
 Master::Start Master::JoinWithLock(const Path& program, const MasterWishes& wishes, HANDLE interruption) {
   OpenSession();
-  // Before the look at the master: from here on it does not end by itself.
+  // Before the record is read: from here on a master that runs does not end because its last dorn was killed.
   users_ = MakeEvent(kDornUsersName, true);
   EnterAsUser();
   u64 seen = session_->master;
@@ -115,7 +115,7 @@ Master::Start Master::JoinWithLock(const Path& program, const MasterWishes& wish
       case Found::kNone:
         break;
     }
-    // The master of a killed dorn may have come in between; then it is the one.
+    // Fails if a master whose dorn was killed has just entered itself. That one is then found, and joined.
   } while (!session_->master.compare_exchange_strong(seen, DornSession::MakeMaster(GetCurrentProcessId(), 0)));
   return StartNew(program, wishes, interruption);
 }
@@ -141,7 +141,7 @@ Master::Start Master::AwaitEarlierEnd(HANDLE interruption) {
   }
 }
 
-// What others hold may vanish with them between the two looks.
+// Makes the region, or opens that of other dorns. Those may end between the two attempts, so that both fail.
 std::unique_ptr<MappedFile> Master::OpenRegion() {
   for (int tries = 1;; ++tries) {
     try {
@@ -166,7 +166,8 @@ void Master::OpenSession() {
   if (version != 0 && version != DornSession::kVersion) throw SyncException("a dorn of another version runs");
 }
 
-// With the lock. In the place of one that has ended; where all live the master has others to watch.
+// With the lock. Takes the entry of a dorn that has ended, or a free one. If there is none the master does not need
+// this dorn's: it waits for the end of the others.
 void Master::EnterAsUser() {
   for (std::atomic<u32>& user : session_->users) {
     if (user != 0 && IsRunning(UniqueHandle(OpenProcess(SYNCHRONIZE, FALSE, user)))) continue;
@@ -220,6 +221,7 @@ Master::Start Master::StartNew(const Path& program, const MasterWishes& wishes, 
     return Start::kFailed;
   }
   const Start start = AwaitReady(interruption);
+  // Still with the lock, so that no other dorn has joined this master.
   if (start != Start::kReady) started_->Terminate();
   return start;
 }
@@ -262,25 +264,26 @@ Master::Start Master::AwaitReady(HANDLE interruption) {
 
 void Master::Leave(bool isInterrupted, HANDLE interruption) {
   if (!users_) return;
-  // A dorn that joins just now may wait for its master; that is no reason to stay.
+  // The lock may be held by a dorn that waits for its master to start; an interrupted dorn does not wait that long.
   const DWORD outcome = TakeLock(isInterrupted ? nullptr : interruption, isInterrupted ? kForcedEndLimitMs : INFINITE,
                                  Patience::kUntilHolderIsStopped);
   const bool hasLock = outcome == WAIT_OBJECT_0 || outcome == WAIT_ABANDONED_0;
   users_.Reset();
-  // Without the lock the master is left to find out by itself that no dorn is there.
+  // Without the lock it is unknown whether others are left; the master finds out by itself (master/dorn_watch.h).
   if (!hasLock) return;
   if (process_ && IsLast()) AwaitEnd(isInterrupted, interruption);
   join_.Unlock();
 }
 
-// The master itself may look for users at the same moment, and be taken for one. Then it sees that there is none.
+// The master's own check opens the event for a moment, so that it may be found here though no dorn is left. The master
+// finds it gone at its next check, and ends by itself.
 bool Master::IsLast() {
   return !OpenExisting(kDornUsersName);
 }
 
-// With the lock, so that a dorn that comes now starts a master only when this one has gone.
+// With the lock, so that a dorn that joins now starts a master only when this one has ended.
 void Master::AwaitEnd(bool isInterrupted, HANDLE interruption) {
-  // If this process is killed now, the master sees that too.
+  // Exists while this process lives, so that the master ends at once if this process is killed.
   users_ = MakeEvent(kDornUsersName, true);
   session_->ending = isInterrupted ? DornSession::kEndsByForce : DornSession::kEnds;
   SetEvent(finish_.Get());

@@ -1,4 +1,4 @@
-// The master that the dorns of a user share, from outside: joined or started, and left.
+// Joins or starts the master that the dorns of a user share, and leaves it.
 #ifndef KESTRUN_DORN_MASTER_H_
 #define KESTRUN_DORN_MASTER_H_
 
@@ -25,9 +25,17 @@ struct MasterWishes {
 };
 
 // The master runs in no job of a dorn and on no terminal: Ctrl-C does not reach it, and it lives until its last dorn
-// has gone. Joining and leaving are done by one dorn at a time (protocol/dorn_session.h).
+// has gone. Joining and leaving are done under the mutex of the session, by one dorn at a time
+// (protocol/dorn_session.h):
 //
-// One thread at a time. Failures are said on the standard error stream.
+//   join    takes the mutex; announces this dorn as a user; then joins the master of the record, waits for the end of
+//           one that is ending and starts another, or starts the first one; waits until it is ready
+//   leave   takes the mutex; withdraws as a user; if no user is left, tells the master to end and waits for that
+//
+// A dorn holds the mutex while it waits, so that at any time at most one master starts or ends. A dorn that is killed
+// leaves the mutex abandoned and the record in a state that the next one understands.
+//
+// One thread at a time. Failures are reported on the standard error stream.
 class Master {
  public:
   enum class Start {

@@ -15,7 +15,7 @@ namespace kestrun::dorn {
 // a warning and no reason not to build. One thread.
 class ObservedBuild {
  public:
-  // `isOwnMaster` false: an outer build has the master and says what is said without being asked for.
+  // With `isOwnMaster` false the master belongs to an outer build, whose dorn writes history and unasked summaries.
   ObservedBuild(const Options& options, const std::string& masterId, bool isOwnMaster);
 
   // The build has ended: writes the files that were asked for, and prints the summary.

@@ -68,7 +68,7 @@ class Parser {
     return file.empty() ? option + " wants the name of a file" : "";
   }
 
-  // The first one counts.
+  // Of several actions the first one is taken.
   std::string Choose(Options::Action action) {
     if (options_.action == Options::Action::kBuild) options_.action = action;
     return "";

@@ -14,6 +14,7 @@ namespace {
 bool Write(std::FILE* file, const std::string& text) {
   if (file == nullptr) return false;
   const bool isWritten = std::fwrite(text.data(), 1, text.size(), file) == text.size();
+  // Closing may change errno, and may itself be the step that finds the disk full.
   const int error = errno;
   const bool isClosed = std::fclose(file) == 0;
   if (!isWritten) errno = error;

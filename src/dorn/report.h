@@ -1,4 +1,6 @@
-// What dorn says to the user: single lines on the standard error stream, so that the build's output stays its own.
+// Writes dorn's messages for the user.
+//
+// Each is one line on the standard error stream, so that standard output has the build's output alone. Any thread.
 #ifndef KESTRUN_DORN_REPORT_H_
 #define KESTRUN_DORN_REPORT_H_
 

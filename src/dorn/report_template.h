@@ -1,4 +1,6 @@
-// The HTML page of a build report without its record. cmake/embed_page.cmake makes it from the files of dorn/report.
+// The HTML page of a build report, without the record that belongs in it.
+//
+// The texts are constants of the program, which cmake/embed_page.cmake makes from the files of dorn/report. Any thread.
 #ifndef KESTRUN_DORN_REPORT_TEMPLATE_H_
 #define KESTRUN_DORN_REPORT_TEMPLATE_H_
 

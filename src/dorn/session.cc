@@ -23,7 +23,7 @@ namespace kestrun::dorn {
 
 namespace {
 
-// Helper processes end within a millisecond of their last task; one that does not is left to itself.
+// How long to wait for the helper processes, which end within a millisecond of their last task.
 constexpr DWORD kTimesLimitMs = 50;
 
 // After an interruption the build gets the first time to end by itself, and the second after it was asked to. Together
@@ -73,8 +73,8 @@ bool TellOfStoppedMaster(DWORD master) {
   return true;
 }
 
-// Until the build has ended or is to be ended: true for the latter. `master` is null where an outer dorn looks after
-// it.
+// Waits until the build has ended, or dorn is interrupted: true for the latter. `master` is null if an outer dorn
+// watches the master.
 bool AwaitEnd(HANDLE build, HANDLE interruption, HANDLE master) {
   bool isTold = false;
   for (;;) {
@@ -119,7 +119,7 @@ int RunBuild(const Path& program, const std::vector<std::string>& command, const
   return static_cast<int>(code);
 }
 
-// Before the build, which may take hours.
+// Checked before the build, which may take hours.
 bool CanWriteOutputFiles(const Options& options) {
   for (const std::string& file : {options.recordFile, options.traceFile, options.reportFile}) {
     std::string error;
@@ -130,7 +130,8 @@ bool CanWriteOutputFiles(const Options& options) {
   return true;
 }
 
-// A dorn below another one's build, or below a master that was started by hand, runs its command with that.
+// True if dorn runs within a build that has a master already, another dorn's or one that was started by hand. The
+// command then runs under that master.
 bool HasOuterMaster(const Options& options, std::string& id) {
   if (options.isAlone || !options.id.empty() || !GetEnvironmentValue("KESTRUN_ID", id) || id.empty()) return false;
   return static_cast<bool>(UniqueHandle(OpenSemaphoreA(SYNCHRONIZE, FALSE, GetAccessName(id).c_str())));
@@ -180,7 +181,7 @@ int RunUnderMaster(const Options& options, const Path& kestrun, const Path& prog
   return code;
 }
 
-// Named objects of this build's own, and so a master of its own.
+// With --alone: separates the named objects of this build from those of others, so that it gets its own master.
 class OwnObjects {
  public:
   explicit OwnObjects(bool isWanted) : isSeparate_(isWanted && platform::SeparateNamedObjects()) {
@@ -196,7 +197,7 @@ class OwnObjects {
   const bool isSeparate_;
 };
 
-// At its end the build's processor time counts as that of this process, for `time dorn make`.
+// When it is destroyed, adds the build's processor time to this process's own, which `time dorn make` shows.
 struct CountedTimes {
   CountedTimes() = default;
   CountedTimes(const CountedTimes&) = delete;
