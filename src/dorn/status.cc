@@ -119,6 +119,11 @@ bool AskForStatus(JournalObserver& master, JournalNews& news) {
   return master.Ask(OBSERVE_SNAPSHOT) && master.Receive(kAnswerMs, news) == JournalObserver::Outcome::kNews;
 }
 
+int TellNoAnswer() {
+  PrintError("a build runs, but its master does not answer");
+  return kExitFailure;
+}
+
 int TellNoBuild(const Options& options) {
   if (options.isJson) {
     std::fputs(GetStatusJson(nullptr, "").c_str(), stdout);
@@ -194,12 +199,11 @@ std::string GetStatusJson(const JournalNews* news, const std::string& id) {
 int RunStatus(const Options& options) {
   const std::string id = FindMaster(options);
   const std::unique_ptr<JournalObserver> master = id.empty() ? nullptr : JournalObserver::Connect(id, kAnswerMs);
+  // One that is still named after a connection that failed is stopped, or in a debugger.
+  if (!master && !id.empty() && FindSharedMaster() == id) return TellNoAnswer();
   if (!master) return TellNoBuild(options);
   JournalNews news;
-  if (!AskForStatus(*master, news)) {
-    PrintError("a build runs, but its master does not answer");
-    return kExitFailure;
-  }
+  if (!AskForStatus(*master, news)) return TellNoAnswer();
   if (!news.refusal.empty()) {
     PrintError(news.refusal);
     return kExitFailure;

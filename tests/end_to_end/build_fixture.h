@@ -85,9 +85,6 @@ inline int Seen(int code) {
   return Run({ProgramPath("test_tool"), "exit", std::to_string(code)}).exitCode;
 }
 
-// User and kernel time that a process has used so far, in milliseconds.
-unsigned long long CpuTimeMs(unsigned long pid);
-
 // A number that can be set from outside: that in the environment variable, or the other one.
 unsigned ReadNumber(const char* variable, unsigned otherwise);
 // How many of something a test is to have that usually has so many. KESTRUN_TEST_SCALE is the percentage for systems on
