@@ -1,5 +1,5 @@
-// What all forms of the program share: the id that ties a master and its clients together, the settings, a copy of the
-// options, and the registration by which the console-control handler finds the running stub.
+// The base of the forms of the program that read settings: the id that ties a master and its clients together, the
+// settings, a copy of the options, and the registration by which the console-control handler finds the running stub.
 #ifndef KESTRUN_APP_STUB_BASE_H_
 #define KESTRUN_APP_STUB_BASE_H_
 
@@ -38,7 +38,7 @@ class StubBase : public rc_base {
 };
 
 // Registers a stub as the current one for a scope, after its construction and until before its destruction, so that
-// Stop never runs on a partly constructed or destroyed stub: the destructor waits for a handler that holds CurrentLock.
+// Stop never runs on a partly constructed or destroyed stub: ~CurrentStub waits for a handler that holds CurrentLock.
 class CurrentStub {
  public:
   explicit CurrentStub(StubBase& stub);

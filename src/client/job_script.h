@@ -21,7 +21,8 @@ struct ScriptJob {
 // '%' opens no new one.
 std::string ExpandScriptVariables(const std::string& text);
 
-// The jobs of a script in file order. Every line is a comment, an echo or a job, so that no text is refused. Echo
+// The jobs of a script in file order. Every line, with those that it is continued by, is blank, a
+// comment, an echo or a job, so that no text is refused. Echo
 // lines behind the last job are dropped.
 std::vector<ScriptJob> ParseJobScript(const std::string& text);
 

@@ -81,7 +81,7 @@ constexpr auto kUser = OptionRule::Reader::kUser;
 constexpr auto kScripts = OptionRule::Reader::kScripts;
 constexpr auto kIntegration = OptionRule::Reader::kIntegration;
 
-// In the order of the usage text, which shows the options up to "-e".
+// In the order of the help texts. The reader decides which of the texts shows an option.
 constexpr OptionRule kOptionRules[] = {
     Rule<Switch<&Options::showHelp>>("--help", "", kUser, "print this message and exit"),
     Rule<Switch<&Options::showVersion>>("--version", "", kUser, "print version information and exit"),

@@ -19,8 +19,8 @@ namespace kestrun {
 //
 // A job may itself start clients and wait for them, as `kestrun make` does. If each of them needed a slot of its own, a
 // few such jobs would hold all slots while they wait for children that never get one. So a job that holds a slot lends
-// it: one client at a time among its descendants runs in its slot, and further ones compete for free slots. A borrower
-// lends on in the same way, so that any depth of nesting runs in one slot.
+// it: where no slot is free, one client at a time among its descendants runs in its slot, and further ones wait. A
+// borrower lends on in the same way, so that any depth of nesting runs in one slot.
 //
 //   state         | granted when                               | when it ends
 //   waiting       | it has a slot of its own process; or one   | it leaves the queue
@@ -39,7 +39,7 @@ namespace kestrun {
 //
 // Ancestors are found by process id, and only where no slot is free, because the search makes some system calls.
 //
-// Threads: any. The listener is called without the lock, on the thread whose call freed the slot, so that it may call
+// Threads: any. The listener is called without the lock, on the thread whose call led to the grant, so that it may call
 // back; the job may have left again by then.
 class JobSlots {
  public:
@@ -55,7 +55,7 @@ class JobSlots {
   JobSlots(const JobSlots&) = delete;
   JobSlots& operator=(const JobSlots&) = delete;
 
-  // Before the first Ask. Its tickets are those given to Ask.
+  // Before the first Ask. It also gets the tickets of AskAndWait.
   void SetListener(Listener listener) { listener_ = std::move(listener); }
 
   // Asks for a slot for the job that runs, or will run, in this process. True if it is granted at once; otherwise the
@@ -72,7 +72,7 @@ class JobSlots {
   // The process in which the job of AskAndWait runs, once there is one: descendants of that process may borrow.
   void SetProcess(Ticket ticket, u32 processId);
 
-  // True for a process of which that process, or one that holds a slot, is an ancestor. Takes some system calls.
+  // True if the process or one of its ancestors is `ancestor` or holds a slot. Takes some system calls.
   bool IsBelow(u32 processId, u32 ancestor) const;
 
   // Ends all present and future waits of AskAndWait.

@@ -100,7 +100,7 @@ class LocalJobQueue {
   rc_ptr<BuildJob> PopNested(u32 client);
   std::vector<rc_ptr<Thread>> ListThreads();
   void LocalBuildLoop();
-  // `thread` is the job's slot where there are no slots.
+  // `thread` is the number that is shown as the job's slot if the queue has no JobSlots.
   void HandleJob(BuildJob& job, i32 thread);
   void RunJob(BuildJob& job, i32 thread);
   void SkipJob(BuildJob& job);

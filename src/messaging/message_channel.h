@@ -49,11 +49,12 @@ class MessageChannel : public Reactor::EventHandler {
   // To all hosts of the local network; datagram channels only, false on others. Throws SocketException. Belongs to the
   // described interface; the program itself sends no broadcast.
   virtual bool Broadcast(rc_ptr<Message> message, u16 port);
-  // -1 waits without limit. A time-out in the middle of a frame loses nothing: the next call goes on from there.
+  // -1 waits without limit; 0 polls a channel in shared memory until a message comes. A time-out in the middle of a
+  // frame loses nothing: the next call goes on from there.
   virtual rc_ptr<Message> Receive(int timeoutMs);
   // A message that an earlier Receive has read from the transport along with its own; null if there is none.
   rc_ptr<Message> ReceiveBuffered();
-  // Begins event mode. The delegate is called on the reactor's thread for channels of this kind.
+  // Begins event mode. The delegate is called on the reactor's pool, or on its loop's thread if it has none.
   virtual bool Register(Reactor* reactor, MessageDelegate delegate);
   // The peer.
   virtual Address GetAddress() = 0;

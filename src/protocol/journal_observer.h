@@ -1,6 +1,6 @@
 // An observer's end of a connection: a client that is told of a master's jobs and asks for nothing else.
 //
-// Owns its channel. docs/see-the-build.md has the order of the messages.
+// Owns its channel. docs/protocol.md has the order of the messages.
 #ifndef KESTRUN_PROTOCOL_JOURNAL_OBSERVER_H_
 #define KESTRUN_PROTOCOL_JOURNAL_OBSERVER_H_
 

@@ -16,7 +16,7 @@ inline constexpr u32 kStubService = 3;
 enum MessageType : u32 {
   MSG_LOCAL_JOB_RESULT = 100,  // a local build thread to the message thread: a tool has ended
   MSG_BUILD_REQUEST = 101,     // stub to master: run this tool
-  MSG_QUEUE_TICK = 102,        // the master to itself, every 500 ms
+  MSG_QUEUE_TICK = 102,        // the master to itself, every 500 ms; never with EagerScheduling
   MSG_JOBS_FINISHED = 104,     // the finish event was signalled
   MSG_STOP = 105,              // the master is to stop
   MSG_DRAIN_REQUESTS = 106,    // the master to itself: take over the jobs that have been parsed
@@ -61,8 +61,8 @@ enum SegmentType : u32 {
   SEG_JOURNAL_STATE = 402,    // EncodeState
   SEG_JOURNAL_JOBS = 403,     // any number of EncodeRecord
   SEG_REFUSAL = 404,          // why this client is told nothing
-  SEG_CLIENT_PROCESS = 405,   // u32: of a request: its client; with TransparentTools
-  SEG_SCRIPT_LINE = 406,      // u32: of a request, and then of its result: a script stub on a terminal asks for it
+  SEG_CLIENT_PROCESS = 405,   // u32: of a request: its client; with TransparentTools, or with SEG_SCRIPT_LINE
+  SEG_SCRIPT_LINE = 406,      // u32: of a request, and then of its result: a script stub that names failures
 };
 
 // The kinds of requests of an observer.

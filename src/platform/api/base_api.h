@@ -1,6 +1,6 @@
 // Types, constants and the last error of the Win32 names that this layer provides.
 //
-// HANDLE holds a small table index (see handle_table.h), so that it survives a cast to int and back. Text is bytes;
+// HANDLE holds a small index into a table of the process, so that it survives a cast to int and back. Text is bytes;
 // no call of this layer looks at an encoding.
 #ifndef KESTRUN_PLATFORM_API_BASE_API_H_
 #define KESTRUN_PLATFORM_API_BASE_API_H_

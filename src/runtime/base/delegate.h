@@ -1,6 +1,7 @@
 // Typed callbacks that can be held by rc_ptr, queued, handed to another thread and called later.
 //
-// Functor0<R>, Functor1<R, A> and Functor2<R, A, B> are the scopes of the delegate types for 0, 1 and 2 arguments;
+// Functor0<R>, Functor1<R, A> and Functor2<R, A, B> each hold the delegate classes of one signature, with 0, 1 and 2
+// arguments;
 // FunctorN<...>::Type is a thin holder of one delegate, empty by default. Arguments go by value, so that an rc_ptr
 // argument keeps its object for the time of the call. A delegate on a method does not own the method's object:
 // the owner of the delegate sees to it that the object lives longer. Calling an empty holder is a programming error.

@@ -66,8 +66,8 @@ class Reactor {
   bool RunSelectLoop(int timeoutMs);
   bool RunWaitLoop(int timeoutMs);
 
-  // One pass: the number of handlers that were called or queued, -1 on failure. Fires the timeouts that are due.
-  // It returns early when a timeout comes due, and sleeps on an event while there are no sockets.
+  // One pass: the number of handlers that were called or queued, and of wake-ups; -1 on failure. Fires the timeouts
+  // that are due. It returns early when a timeout comes due, and sleeps on an event while there are no sockets.
   int SelectOnce(int timeoutMs);
   // One pass: 1 for an event, at most one handler called; 0 when time ran out; -1 on failure.
   int WaitForOneEvent(int timeoutMs);

@@ -35,8 +35,8 @@ class Thread : public rc_base {
   // itself: the answer is true at once, and `*exitCode` stays. False for a thread that was not started.
   bool Wait(u32 timeoutMs, u32* exitCode = nullptr);
 
-  // Waits until all have ended: false if the time was too short. Any number of threads; those that were never started
-  // do not count.
+  // Waits until all have ended: false if the time was too short, true also if the system refuses the wait. Any number
+  // of threads; those that were never started do not count.
   static bool WaitAll(const std::vector<rc_ptr<Thread>>& threads, u32 timeoutMs);
 
   // A priority value of the system, THREAD_PRIORITY_ABOVE_NORMAL for one.

@@ -15,8 +15,8 @@ struct ObjectHeader;
 
 // Signalled when the thread has run all its clean-up: the destructors of its thread_local objects come before.
 //
-// Made by CreateThread, or for the calling thread when it first asks for itself. All members may be called from any
-// thread.
+// Made by CreateThread, or for the calling thread when it first asks for itself. All members but Run and Finish may be
+// called from any thread.
 class ThreadObject : public Completion {
  public:
   static constexpr ObjectKind kKind = ObjectKind::kThread;
@@ -44,7 +44,7 @@ class ThreadObject : public Completion {
  private:
   const LPTHREAD_START_ROUTINE start_ = nullptr;
   const LPVOID argument_ = nullptr;
-  // The thread that makes this one runs at another priority, which the kernel would hand down.
+  // The thread that makes this one runs at another priority than normal, which the kernel would hand down.
   const bool inheritsPriority_ = false;
   std::atomic<std::uint32_t> threadId_{0};   // a futex until it is set
   std::atomic<std::uint32_t> suspended_{0};  // a futex while it is 1

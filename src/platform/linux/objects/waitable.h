@@ -7,7 +7,7 @@
 // wakes, so that exactly as many waits are satisfied as there were signals, whichever thread was woken.
 //
 // A signal makes no system call unless a thread sleeps. A waiter that is killed may take a wake-up with it and leave
-// its counts behind: so a sleep on an object that other processes share is cut into slices
+// the object's count of sleepers too high: so a sleep on an object that other processes share is cut into slices
 // (SleepSlices), and a count that is too high costs a needless wake-up and nothing else.
 //
 // All functions may be called from any thread.
