@@ -42,15 +42,6 @@ TEST(Wait, ImpossibleArgumentsFail) {
   EXPECT_EQ(WaitForSingleObject(nullptr, 0), WAIT_FAILED);
 }
 
-// Each object of such a wait has to stay signalled.
-TEST(Wait, ForAllIsForWhatIsNotUsedUp) {
-  ScopedHandle event = NewEvent(true);
-  const HANDLE handles[] = {event};
-  EXPECT_EQ(WaitForMultipleObjects(1, handles, TRUE, 0), WAIT_FAILED);
-  EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_SUPPORTED});
-  EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
-}
-
 TEST(Wait, ForSeveralEndsWithTheReleaseOfAMutex) {
   ScopedHandle mutex = CreateMutexA(nullptr, TRUE, nullptr);
   ScopedHandle event = NewEvent();

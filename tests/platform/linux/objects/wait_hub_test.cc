@@ -23,6 +23,15 @@ KESTRUN_CHILD(WaitsForTwoEvents) {
   return 0;
 }
 
+// The layer offers a wait for all only where each object stays signalled; the system itself offers more.
+TEST(WaitHubs, AreNotUsedForAllOfObjectsThatAreUsedUp) {
+  ScopedHandle event = CreateEventA(nullptr, FALSE, TRUE, nullptr);
+  const HANDLE handles[] = {event};
+  EXPECT_EQ(WaitForMultipleObjects(1, handles, TRUE, 0), WAIT_FAILED);
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_SUPPORTED});
+  EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
+}
+
 TEST(WaitHubs, AreSharedWhenThereAreMoreWaitersThanHubs) {
   constexpr int kWaiters = 70;  // 63 get a hub of their own
   const std::string commonName = UniqueName();
