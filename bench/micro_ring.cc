@@ -26,7 +26,7 @@ struct RingEnds {
   IpcRing reader;
 };
 
-// A write and the read of it on one thread: no wait, no wake-up that anybody needs.
+// A write and the read of it on one thread, so that neither has to wait or to be woken.
 void BM_RingWriteRead(benchmark::State& state) {
   RingEnds ends("same");
   std::vector<u8> block(static_cast<size_t>(state.range(0)), 'r');

@@ -1,4 +1,4 @@
-// Kernel objects, queues and processes: what the road of one job is made of.
+// Kernel objects, queues and processes: the parts that every job passes through.
 #include <benchmark/benchmark.h>
 
 #include <memory>
@@ -74,7 +74,7 @@ void BM_EventPingPong(benchmark::State& state) {
 }
 BENCHMARK(BM_EventPingPong)->UseRealTime();
 
-// The last of the handles is ready, as far from the front as it can be.
+// Only the last of the handles is signalled, which a search from the front finds last.
 void BM_WaitForMany(benchmark::State& state) {
   std::vector<std::unique_ptr<Condition>> events;
   std::vector<HANDLE> handles;

@@ -27,7 +27,7 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t kTripSize = 64;
 constexpr u32 kConnectMs = 10000;
 
-// One end of a road for bytes. Both operations block and throw when the other end has gone.
+// One end of a transport. Both operations block and throw when the other end has gone.
 class Road {
  public:
   virtual ~Road() = default;
@@ -86,7 +86,7 @@ class RingRoad : public Road {
   kestrun::rc_ptr<kestrun::IpcSocket> socket_;
 };
 
-// The ends of a road, each opened in the process that uses it.
+// The two ends of a transport, each opened in the process that uses it.
 class RoadPair {
  public:
   virtual ~RoadPair() = default;
@@ -207,7 +207,7 @@ double Measure(RoadPair& pair, const Test& test) {
   if (child == 0) {
     try {
       std::unique_ptr<Road> road = pair.OpenChild();
-      // The first trip is not timed: it is where each end waits for the other.
+      // The first round trip is not timed: it includes the time until the other end has started.
       Latency{1}.Follow(*road);
       test.Follow(*road);
     } catch (const std::exception& error) {

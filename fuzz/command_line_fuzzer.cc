@@ -1,5 +1,5 @@
-// Command lines as programs split them: like the slow reading of the rules, and what was joined is split into what it
-// was.
+// Splits command lines: the result equals that of a slow, literal reading of the rules, and a line that was joined from
+// words is split into the same words.
 //
 // Input: a line; and the same bytes as arguments, each up to the byte 0xFF.
 #include "fuzz_input.h"

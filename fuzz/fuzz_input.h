@@ -1,4 +1,4 @@
-// What the fuzzers share: taking an input apart, saying that something must hold, and a folder of their own.
+// Helpers of all fuzzers: they take an input apart, check what must hold, and own a folder for files.
 #ifndef KESTRUN_FUZZ_FUZZ_INPUT_H_
 #define KESTRUN_FUZZ_FUZZ_INPUT_H_
 
@@ -60,8 +60,8 @@ class Input {
   std::size_t left_;
 };
 
-// A folder for the process, with the named objects in it, so that two fuzzers never meet. Removed at the process's end.
-// Made once, before anything else of the process makes an object.
+// The folder of this process, removed at its end. Its named objects are there as well, so that two fuzzers never share
+// one. Must be made before the process makes its first named object.
 inline const std::filesystem::path& Folder() {
   static const struct Owned {
     Owned() {
@@ -79,7 +79,7 @@ inline const std::filesystem::path& Folder() {
   return owned.path;
 }
 
-// Writes a file of that folder and gives its name. What stood in it before goes.
+// Writes a file of that folder, over any earlier one of the name, and gives its full name.
 inline std::string WriteFile(const char* leaf, const std::string& text) {
   std::string name = (Folder() / leaf).string();
   std::FILE* const file = std::fopen(name.c_str(), "wb");

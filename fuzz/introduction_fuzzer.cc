@@ -1,7 +1,7 @@
-// A listener that answers a connector with anything at all: bytes for a reply, and headers of the rings that don't fit.
-// The connector comes back with a result; a connection that stands may be used and closed.
+// Connects to a listener that answers with anything at all: any bytes as its reply, and any words in the headers of the
+// rings. Connect must return; a connection that it reports is used and closed.
 //
-// Input: a byte that says what is written where, six words for the header of a ring, and the reply. The names that a
+// Input: a byte that says what is written where, 16 bytes for the header of a ring, and the reply. The names that a
 // reply may give are "f.1", a region of the right size, and "f.2", one that is too small.
 #include <atomic>
 #include <optional>
@@ -31,6 +31,7 @@ struct Region {
   }
   void Scribble(u32 ring, const std::string& header) {
     for (std::size_t i = 0; i < header.size(); ++i) {
+      // Relaxed: a hostile peer keeps no order. Atomic only so that the race is no undefined behaviour in this process.
       std::atomic_ref<u8>(base[ring * kRingSize + i]).store(static_cast<u8>(header[i]), std::memory_order_relaxed);
     }
   }

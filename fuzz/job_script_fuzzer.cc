@@ -10,7 +10,8 @@
 namespace kestrun::fuzz {
 namespace {
 
-// Character by character: a pair of signs around a known name goes, and one around another name is passed over whole.
+// Expands character by character: a pair of signs with the name of a variable between them gives its value; a pair with
+// any other name is kept.
 std::string SlowExpand(const std::string& text) {
   std::string result;
   for (std::size_t at = 0; at < text.size(); ++at) {
@@ -21,7 +22,7 @@ std::string SlowExpand(const std::string& text) {
       result += text[at];
       continue;
     }
-    // Names end at a zero byte, for the system.
+    // For getenv a name ends at a zero byte.
     const char* const value = std::getenv(name.c_str());
     result += value != nullptr ? value : "%" + name + "%";
     at = end;

@@ -1,5 +1,5 @@
-// Jobs that come, lend, share pipes, are let run beside the limit and leave, in any order. No job is granted twice or
-// after it has left, a job that waits while a slot is free is granted, and in the end every slot is free.
+// Lets jobs come, lend, share pipes, run beside the limit and leave, in any order. No job is granted twice or after it
+// has left, a job that waits while a slot is free is granted, and in the end every slot is free.
 //
 // Input: a byte for the number of slots, then steps of a byte each with the numbers that they need.
 #include <map>

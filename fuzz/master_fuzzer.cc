@@ -27,7 +27,8 @@ constexpr const char* kStop = "fuzz_stop";
 constexpr u32 kConnectMs = 60000;
 constexpr int kReceiveMs = 60000;
 constexpr u32 kSettleMs = 8000;
-// Helpers that are kept for the next tool, and what a busy machine has not closed yet. A leak grows beyond any number.
+// Allows for helper processes that are kept for the next tool, and for descriptors that a busy machine has not closed
+// yet. A leak would grow beyond any fixed number.
 constexpr std::size_t kSlack = 24;
 
 std::size_t CountEntries(const char* folder) {
@@ -36,8 +37,8 @@ std::size_t CountEntries(const char* folder) {
   return error ? 0 : static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
-// Runs from the first input to the end of the process; a peer's MSG_STOP ends it before that, and the next input finds
-// a new one.
+// Runs from the first input to the end of the process. A peer may stop it by MSG_STOP; the next input then starts a new
+// one.
 class Master {
  public:
   Master() {
@@ -57,7 +58,7 @@ class Master {
     thread_.join();
     Start();
   }
-  // A peer may send MSG_STOP: that a master ends is what it is for.
+  // True if a peer has stopped the master by MSG_STOP, which is no fault.
   bool HasEnded() {
     if (!ended_.Wait(0)) return false;
     ended_.Signal();

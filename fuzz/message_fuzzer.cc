@@ -1,5 +1,5 @@
-// Bytes from a peer into a channel. However they are cut into reads, the same messages come out and the channel ends
-// for the same reason; and a message that was read is written as one that reads the same.
+// Passes the bytes of a peer to a channel. However they are cut into reads, the same messages come out and the channel
+// ends for the same reason; and a message that was read is written as one that reads the same.
 //
 // Input: a byte for the size of the reads, and the stream.
 #include <string>

@@ -1,5 +1,5 @@
-// Command lines of kestrun, with KESTRUN_OPTS beside them: what stands behind the tool stays byte for byte, and no
-// marker is left in it.
+// Parses command lines of kestrun with KESTRUN_OPTS set: the text behind the tool stays as it is, byte for byte, except
+// that no marker is left in it.
 //
 // Input: the text of KESTRUN_OPTS, the byte 0xFF, and the raw command line.
 #include <string>

@@ -1,5 +1,5 @@
-// Response files that hold anything, each other's names too. The text stays within its bounds, and without an "@" it
-// stays as it was.
+// Expands response files with any content, also with the names of each other. The text stays within its bounds, and a
+// text without "@" is not changed.
 //
 // Input: the contents of the files "a" and "b", each up to the byte 0xFF, and the text.
 #include <string>

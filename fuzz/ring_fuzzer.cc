@@ -14,15 +14,16 @@
 namespace kestrun::fuzz {
 namespace {
 
-// Small, so that the wrap comes soon.
+// Small, so that the ring wraps soon.
 constexpr u32 kRegionSize = 256;
 constexpr u32 kHeaderWords = IpcRing::kHeaderSize / sizeof(u32);
 
+// Relaxed: a hostile peer keeps no order. Atomic only so that the race is no undefined behaviour in this process.
 void Poke(u32* header, u32 field, u32 value) {
   std::atomic_ref<u32>(header[field % kHeaderWords]).store(value, std::memory_order_relaxed);
 }
 
-// Writes the words into the header, one after the other, until it goes.
+// Writes the words into the header, one after the other and again from the first, until the object is destroyed.
 class Scribbler {
  public:
   Scribbler(u32* header, std::vector<u32> words)
@@ -39,7 +40,8 @@ class Scribbler {
   std::thread thread_;
 };
 
-// One byte more than the region has, each of a known value: the sanitizer sees what leaves the block.
+// Both ends of a ring, in a heap block of exactly the size of the region: the address sanitizer reports any access
+// beyond it.
 struct Ends {
   Ends()
       : memory(static_cast<u32*>(std::calloc(kRegionSize, 1)), &std::free),

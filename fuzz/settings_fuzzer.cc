@@ -1,4 +1,4 @@
-// A settings file of any content. It can be read; what is saved again reads the same.
+// Reads a settings file of any content, saves it and reads it again: each setting has the same type and value.
 //
 // Input: the file.
 #include <string>
@@ -10,8 +10,9 @@
 namespace kestrun::fuzz {
 namespace {
 
-// The keys that the file can hold: every section with every name. A name of a section that would begin with "[" in the
-// file that Save writes is none, nor is what stands on lines that are cut when they are read.
+// Lists the keys that the file may hold: every section with every name. Empty for a file with lines that the reader
+// would cut. A section with a "/" is left out, and so is a name with one in the section "default": their keys do not
+// tell where the name begins.
 std::vector<std::string> KeysOf(const std::string& text) {
   std::vector<std::string> sections;
   std::vector<std::string> names;

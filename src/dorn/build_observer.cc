@@ -50,6 +50,7 @@ void BuildObserver::Receive() {
   for (;;) {
     const JournalObserver::Outcome outcome = connection_->Receive(kReceiveMs, news);
     if (outcome == JournalObserver::Outcome::kNews) Take(news);
+    // Whatever arrives after isEnding_ is still taken; only then the loop ends.
     if (outcome == JournalObserver::Outcome::kGone || isEnding_) break;
     if (news.state.isLast != 0) flushed_.Signal();
   }
@@ -76,6 +77,7 @@ void BuildObserver::Take(const JournalNews& news) {
   }
 }
 
+// Jobs without a root are left out: they may belong to another build, whose end this one must not wait for.
 bool BuildObserver::HasRunningJobs() {
   const Lock lock(lock_);
   return std::any_of(jobs_.begin(), jobs_.end(), [](const auto& entry) {
@@ -83,6 +85,8 @@ bool BuildObserver::HasRunningJobs() {
   });
 }
 
+// One flush is not enough: its answer may come before the master has noticed the end of the last tools. So it is
+// repeated until no job of this build runs.
 void BuildObserver::Flush() {
   const u32 start = GetTickCount();
   do {
@@ -101,6 +105,7 @@ void BuildObserver::Finish(BuildRecord& record) {
   connection_.reset();
   const Lock lock(lock_);
   record.slots = state_.slots;
+  // The master counts the jobs that it could not tell this observer, and dropped_ those beyond kMostJobs.
   record.jobsDropped = state_.missed + dropped_;
   for (auto& [number, job] : jobs_) record.jobs.push_back(std::move(job));
   jobs_.clear();

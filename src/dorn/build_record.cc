@@ -64,7 +64,7 @@ void WriteBuild(const BuildRecord& record, JsonWriter& json) {
 
 using Spans = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
-// How long at least one of them lasted.
+// How long at least one of the spans lasted: jobs that share a slot overlap, and the slot is busy only once.
 std::int64_t LengthOfUnion(Spans& spans) {
   std::sort(spans.begin(), spans.end());
   std::int64_t length = 0;

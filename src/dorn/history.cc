@@ -31,10 +31,13 @@ Path GetHistoryPath() {
 std::string Append(const Path& path, const std::string& line) {
   const std::string name = path.ToString();
   const std::string refusal = platform::WhyNoFile(name);
+  // Refuses what is no regular file: a FIFO under that name could make dorn wait without end.
   if (!refusal.empty()) return refusal;
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(platform::OpenStdio(name, "a+b"), &std::fclose);
   if (!file) return std::strerror(errno);
+  // The seek fails for an empty file, which needs no line end.
   const bool endsInLine = std::fseek(file.get(), -1, SEEK_END) != 0 || std::fgetc(file.get()) == '\n';
+  // A stream that was read from must be positioned before it is written to, also in append mode.
   std::fseek(file.get(), 0, SEEK_END);
   const std::string text = endsInLine ? line : "\n" + line;
   const bool isWritten = std::fwrite(text.data(), 1, text.size(), file.get()) == text.size();
@@ -73,6 +76,7 @@ std::string GetHistoryLine(const BuildRecord& record) {
 
 void AddToHistory(const BuildRecord& record) {
   const Path path = GetHistoryPath();
+  // Without it a line that another dorn appends while this one shortens the file would be lost with the old file.
   const NamedMutexLock lock(kLockName);
   const std::string error = Append(path, GetHistoryLine(record));
   if (!error.empty()) {

@@ -10,6 +10,7 @@ namespace {
 
 constexpr DWORD kLongestEndMs = 5000;
 
+// Global, because the system gives a handler nothing but the type of the event.
 std::atomic<HANDLE> interrupted{nullptr};
 std::atomic<DWORD> firstType{CTRL_C_EVENT};
 
@@ -30,6 +31,7 @@ bool Interruption::HasReachedAll() const {
 }
 
 BOOL WINAPI Interruption::OnControlEvent(DWORD type) {
+  // The type is stored before the event is signalled, so that a thread that sees the event finds the type.
   if (WaitForSingleObject(interrupted, 0) != WAIT_OBJECT_0) firstType = type;
   SetEvent(interrupted);
   if (type >= CTRL_CLOSE_EVENT) Sleep(kLongestEndMs);

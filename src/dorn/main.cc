@@ -44,6 +44,7 @@ int WriteReport(const Options& options) {
 int WithOutput(int exitCode) {
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return exitCode;
   const platform::WriteFailure failure = platform::LastWriteFailure();
+  // In `dorn --history | head -1` that is no error: the process ends as other programs do then.
   if (failure.isReaderGone) platform::EndWithoutReader();
   PrintError("cannot write to standard output: " + failure.cause);
   return kExitFailure;

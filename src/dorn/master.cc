@@ -73,7 +73,9 @@ Master::Start Master::Join(const Path& program, const MasterWishes& wishes, HAND
   return start;
 }
 
-// As WaitForEither; WAIT_TIMEOUT also if the holder is stopped and that ends the patience.
+// Waits for the mutex of the session, with results as of WaitForEither. The wait is cut into slices, because no event
+// tells that the holder has been stopped: a stopped dorn would keep all others waiting without a word. The user is told
+// of that once, and a caller that can do without the mutex then gets WAIT_TIMEOUT.
 DWORD Master::TakeLock(HANDLE interruption, u32 limitMs, Patience patience) {
   bool isTold = false;
   for (u32 waitedMs = 0;; waitedMs += kStoppedMs) {
@@ -121,6 +123,8 @@ Master::Start Master::JoinWithLock(const Path& program, const MasterWishes& wish
 }
 
 // With the lock.
+// The event tells of every dorn that has it open, so this one lets go of it for the question. The master can't take
+// that gap for the end of the last dorn: it decides to end under the same mutex.
 bool Master::HasNoOtherUser() {
   users_.Reset();
   const bool isLast = IsLast();
@@ -136,6 +140,7 @@ Master::Start Master::AwaitEarlierEnd(HANDLE interruption) {
     case WAIT_OBJECT_0 + 1:
       return Start::kInterrupted;
     default:
+      // Two masters must not run at once: together they would run twice the tools of the limit.
       PrintError("the master of an earlier build does not end; the build command was not run");
       return Start::kFailed;
   }
@@ -178,11 +183,14 @@ void Master::EnterAsUser() {
 
 Master::Found Master::Find(u32 processId) {
   if (processId == 0) return Found::kNone;
+  // Any process of the user may have written the record, and the process id may by now be that of another process. Only
+  // a live master has the event of its id open.
   const std::string id(session_->id, strnlen(session_->id, DornSession::kIdSize));
   if (!IsUsableId(id) || !OpenExisting(GetDornMasterName(id))) return Found::kNone;
   process_.Reset(OpenProcess(SYNCHRONIZE, FALSE, processId));
   if (!process_) return Found::kNone;
   if (session_->ending != DornSession::kRuns) return Found::kEnding;
+  // The master has these open while it lives, so that a dorn may join after the one that made them has ended.
   ready_ = OpenExisting(ReadyName(id));
   stop_ = OpenExisting(StopName(id));
   finish_ = OpenExisting(FinishName(id));
@@ -197,6 +205,7 @@ Master::Start Master::JoinRunning(const MasterWishes& wishes, HANDLE interruptio
     return Start::kFailed;
   }
   const Start start = AwaitReady(interruption);
+  // The master enters its limit before it says that it is ready.
   const u32 jobs = session_->jobs;
   if (start == Start::kReady && wishes.jobs != 0 && wishes.jobs != jobs) {
     Print("joined a master that runs " + std::to_string(jobs) + " tools at once; -j " + std::to_string(wishes.jobs) +
@@ -231,7 +240,10 @@ bool Master::Launch(const Path& program) {
   started_->SetApplicationPath(program);
   const std::string commandLine = JoinArguments(
       {program.ToString(), "-master", "-id", id_, "-er", ReadyName(id_), "-es", StopName(id_), "-ef", FinishName(id_)});
+  // The variable is set for this one child. It is removed again, so that the build command does not inherit it.
   SetEnvironmentVariableA(kDornVariable, (std::to_string(GetCurrentProcessId()) + ":" + id_).c_str());
+  // The master outlives this dorn if others use it: it leaves dorn's job, which may end with dorn, and gets pipes for
+  // its streams, so that it does not hold dorn's own open.
   const bool isStarted = started_->Start(
       commandLine, Process::BREAKAWAY | Process::PIPE_STDIN | Process::PIPE_STDOUT | Process::PIPE_STDERR, nullptr, 0);
   SetEnvironmentVariableA(kDornVariable, nullptr);
@@ -247,6 +259,7 @@ Master::Start Master::AwaitReady(HANDLE interruption) {
     case WAIT_OBJECT_0:
       return Start::kReady;
     case WAIT_OBJECT_0 + 1: {
+      // The master's own message comes first, and dorn's line explains it.
       errors_.WaitForEnd(kErrorsLimitMs);
       DWORD code = 0;
       GetExitCodeProcess(process_.Get(), &code);
@@ -311,10 +324,11 @@ bool Master::StaysStopped(HANDLE interruption) const {
   return false;
 }
 
-// What the master runs ends with it.
+// The tools that the master runs end with it.
 void Master::EndByForce() const {
   const std::string process = "the master, process " + std::to_string(GetProcessId());
   const bool isStopped = platform::IsStopped(GetProcessId());
+  // The handle in process_ may only be waited for.
   const UniqueHandle master(OpenProcess(PROCESS_TERMINATE, FALSE, GetProcessId()));
   if (!master || !TerminateProcess(master.Get(), 1)) return PrintError(process + ", does not end");
   PrintWarning(process + (isStopped ? ", is stopped and was ended by force" : ", did not end and was ended by force"));

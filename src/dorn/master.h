@@ -70,6 +70,8 @@ class Master {
 
  private:
   enum class Found { kNone, kRunning, kEnding };
+  // How long TakeLock waits for the mutex of the session: until this dorn holds it, for joining; or only until its
+  // holder proves to be stopped, for leaving, which a dorn can do without the mutex.
   enum class Patience { kUntilHeld, kUntilHolderIsStopped };
 
   DWORD TakeLock(HANDLE interruption, u32 limitMs, Patience patience);

@@ -57,6 +57,7 @@ ObservedBuild::ObservedBuild(const Options& options, const std::string& masterId
 
 void ObservedBuild::Report(int exitCode) {
   if (!observer_) return;
+  // Taken first: Finish may wait a second for the master.
   record_.durationUs = SteadyMicroseconds() - record_.startedUs;
   record_.exitCode = exitCode;
   observer_->Finish(record_);
@@ -73,6 +74,8 @@ void ObservedBuild::WriteFiles() const {
 }
 
 void ObservedBuild::PrintSummary() const {
+  // A build without jobs has no summary. If one was asked for, most likely the build does not run its tools through
+  // kestrun.
   if (record_.jobs.empty() && options_.summary == Options::Summary::kAlways) {
     Print("no tool went through kestrun: the build has to run its tools as kestrun <tool>");
   }

@@ -11,6 +11,7 @@ namespace kestrun::dorn {
 namespace {
 
 constexpr std::size_t kLongestId = 99;
+// So many digits always fit, so that std::stoul does not throw.
 constexpr std::size_t kMostDigits = 9;
 
 class Parser {
@@ -19,6 +20,8 @@ class Parser {
 
   // Empty, or the reason.
   std::string Run() {
+    // The first word that is no option is the build command; all behind it, options or not, belongs to the command. A
+    // single "-" is such a word.
     while (at_ < words_.size() && words_[at_].size() > 1 && words_[at_][0] == '-') {
       const std::string& word = words_[at_++];
       if (word == "--") break;

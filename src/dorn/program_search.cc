@@ -12,6 +12,7 @@ namespace kestrun::dorn {
 namespace {
 
 std::vector<Path> ListCandidates(const std::string& name) {
+  // A name that has a folder in it is used as it is; only others are looked up in PATH.
   if (name.find_first_of("/\\") != std::string::npos) return {Path(name)};
   std::vector<Path> candidates;
   std::string searchPath;

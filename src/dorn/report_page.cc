@@ -14,6 +14,7 @@ namespace kestrun::dorn {
 
 namespace {
 
+// U+FFFD. What dorn records is valid UTF-8, but a record that another program wrote anew need not be.
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
 
 unsigned ByteAt(std::string_view text, std::size_t at) {

@@ -31,7 +31,7 @@ constexpr DWORD kTimesLimitMs = 50;
 constexpr u32 kOwnEndMs = 300;
 constexpr u32 kAskedEndMs = 700;
 
-// How often a build's master is looked at for whether it is stopped.
+// How often dorn checks whether the master is stopped; no event tells of that.
 constexpr DWORD kMasterLookMs = 2000;
 
 u32 CodeOf(DWORD controlEvent) {
@@ -59,13 +59,13 @@ bool RunsToolsWithoutMaster() {
   return settings.GetBool("Extensions/TransparentTools", false);
 }
 
-// Clients that come from now on find no master.
+// Tools that start from now on find no master, and run without a limit if the settings allow that.
 void TellOfLostMaster() {
   if (!RunsToolsWithoutMaster()) return;
   PrintWarning("the master has ended before the build; from here on tools run without a limit");
 }
 
-// Those that run go on.
+// Tools that run already are not affected.
 bool TellOfStoppedMaster(DWORD master) {
   if (!platform::IsStopped(master)) return false;
   PrintWarning("the master, process " + std::to_string(master) +
@@ -112,9 +112,11 @@ int RunBuild(const Path& program, const std::vector<std::string>& command, const
     build->Terminate();
     code = CodeOf(interruption.GetType());
   } else {
+    // This only reads the exit code: the build has ended.
     build->Wait(kNoLimit, &code);
     if (isInterrupted && code == kExitTerminated) code = CodeOf(interruption.GetType());
   }
+  // A build that was interrupted may have left the terminal without echo.
   if (isInterrupted) terminal.Restore();
   return static_cast<int>(code);
 }
@@ -145,7 +147,8 @@ int RunUnderOuterMaster(const Options& options, const std::string& id, const Pat
   return code;
 }
 
-// Where other builds have a master that is stopped.
+// Runs the build while the shared master is stopped and other dorns use it. This dorn must not end that master, and a
+// second one beside it would double the limit on tools.
 int RunBesideMaster(const Options& options, const Path& program, const Interruption& interruption, DWORD master) {
   const std::string cause = "the master of other builds, process " + std::to_string(master) +
                             ", is stopped and does not answer; let it go on, or end it. ";
@@ -154,12 +157,14 @@ int RunBesideMaster(const Options& options, const Path& program, const Interrupt
     return kExitFailure;
   }
   PrintWarning(cause + "The tools of this build run without a limit, and nothing is known of them");
+  // An id in the environment could name a master, and these tools are to run without one.
   SetEnvironmentVariableA("KESTRUN_ID", nullptr);
   return RunBuild(program, options.command, interruption, nullptr);
 }
 
 int RunUnderMaster(const Options& options, const Path& kestrun, const Path& program, const Interruption& interruption) {
   Master master;
+  // A Join that fails may have announced this dorn as a user already, so Leave follows in every case.
   switch (master.Join(kestrun, {options.id, options.jobs}, interruption.GetHandle())) {
     case Master::Start::kFailed:
       master.Leave(false, interruption.GetHandle());
@@ -177,6 +182,7 @@ int RunUnderMaster(const Options& options, const Path& kestrun, const Path& prog
   ObservedBuild observed(options, master.GetId(), true);
   const int code = RunBuild(program, options.command, interruption, master.GetProcess());
   observed.Report(code);
+  // Only now, because the report asks the master for the end of the last jobs.
   master.Leave(interruption.HasHappened(), interruption.GetHandle());
   return code;
 }
@@ -219,12 +225,16 @@ int RunSession(const Options& options) {
     PrintError("cannot find kestrun, neither beside dorn nor in PATH");
     return kExitFailure;
   }
+  // The folder of named objects is fixed once this process has made an object, so this and --alone come before the
+  // first.
   platform::RemoveAbandonedObjects();
   const OwnObjects objects(options.isAlone);
+  // The folder is also empty where the system has none; a refusal was reported by the check itself.
   if (platform::NamedObjectFolder().empty() && platform::AreNamedObjectsRefused()) return kExitFailure;
   const Interruption interruption;
   const CountedTimes times;
   std::string outerId;
+  // Below an outer master no settings are checked: that master has read its own already.
   if (HasOuterMaster(options, outerId)) return RunUnderOuterMaster(options, outerId, program, interruption);
   WriteFirstSettings();
   SettingsFile settings;

@@ -57,17 +57,20 @@ void AddMissing(SettingsFile& file) {
   for (const SettingsKey* key : ListMissing(file)) file.Add(key->section, key->name, ValueOf(*key, key->recommended));
 }
 
+// Stricter than the reader, which takes a number up to its first other character, and text without one as 0.
 bool IsWholeNumber(const std::string& text) {
   const std::size_t sign = !text.empty() && text[0] == '-' ? 1 : 0;
   return text.size() > sign && std::all_of(text.begin() + static_cast<std::ptrdiff_t>(sign), text.end(),
                                            [](char c) { return c >= '0' && c <= '9'; });
 }
 
+// For a whole number. Nine digits always fit, so that std::stoul does not throw.
 bool IsJobCount(const std::string& number) {
   return number[0] != '-' && number.size() <= 9 && std::stoul(number) <= kMostConcurrentJobs;
 }
 
-// Empty if the value is what its key wants.
+// Empty if the value is what its key wants. Otherwise it tells what programs make of the value: with a wrong type they
+// use the default, and with the right type the reader always finds some value.
 std::string FindCause(const SettingsKey& key, const std::string& value) {
   const std::string type = key.GetTypeName();
   const std::string otherwise = ", so the default " + key.standard + " is used";
@@ -157,7 +160,7 @@ bool CheckSettings(const SettingsFile& file) {
 }
 
 void TellOfMissingSettings(const SettingsFile& file) {
-  // Where lines are not read it is not known what is missing.
+  // Keys in lines that are not read would be named as missing.
   if (!file.GetFaults().empty()) return;
   std::string known;
   std::string error;
@@ -166,6 +169,7 @@ void TellOfMissingSettings(const SettingsFile& file) {
   if (!hasKnown && !file.HasSection("Extensions")) return;
   std::string names;
   for (const SettingsKey* key : ListMissing(file)) {
+    // To add such a key would change nothing.
     if (key->recommended == key->standard) continue;
     if (known.find(key->GetFullName() + "\r\n") == std::string::npos)
       names += (names.empty() ? "" : ", ") + key->GetFullName();
@@ -200,6 +204,7 @@ int UpdateSettings() {
     return kExitFailure;
   }
   const std::vector<const SettingsKey*> missing = ListMissing(file);
+  // Keys in lines that are not read would be added a second time.
   if (!file.GetFaults().empty()) {
     CheckSettings(file);
     PrintError("the file's lines are to be mended first");

@@ -44,7 +44,13 @@ bool WriteAll(const std::string& name, const std::string& text) {
 
 }  // namespace
 
-// One pass over the lines, with the section that each stands in.
+// Reads the lines as runtime/files/ini_lines.cc does, and reports each that a user may expect to be read differently.
+// The reader's quirks:
+//
+//   an empty line ends a section; lines behind it stand in none until the next header
+//   of two sections of a name, and of two settings of a name, only the first is found
+//   there are no comments: in a section, "#" is the first character of a name, and a line without "=" is malformed
+//   a malformed line drops its whole section, and no section behind it is read
 class SettingsFile::Parser {
  public:
   explicit Parser(SettingsFile& file) : file_(file) {}
@@ -63,6 +69,7 @@ class SettingsFile::Parser {
       isInSection_ = false;
       Report(number, "a section's line has nothing in front of \"[\" or behind \"]\"; it starts no section");
     } else if (!isInSection_) {
+      // Other lines outside of sections are taken for comments, which are only safe there.
       if (!IsComment(line) && line.find('=') != std::string::npos) {
         Report(number, "stands in no section and is not read: an empty line ends a section");
       }
@@ -89,6 +96,7 @@ class SettingsFile::Parser {
       return;
     }
     const std::string name = line.substr(0, equals);
+    // The reader takes this for a setting with an odd name, which does no harm.
     if (IsComment(line)) return;
     if (file_.Find(section_, name) != nullptr) {
       Report(number, name + " stands twice; the first one counts");
@@ -134,12 +142,14 @@ bool SettingsFile::HasSection(const std::string& name) const {
 }
 
 void SettingsFile::Add(const std::string& section, const std::string& name, const std::string& value) {
+  // The first section of that name, which is the one that is read.
   auto at = std::find(lines_.begin(), lines_.end(), "[" + section + "]");
   if (at == lines_.end()) {
     if (!lines_.empty() && !lines_.back().empty()) lines_.emplace_back();
     at = lines_.insert(lines_.end(), "[" + section + "]");
   }
   do {
+    // Up to the first empty line at most: behind that one the new line would not be read.
     ++at;
   } while (at != lines_.end() && !at->empty() && at->front() != '[');
   lines_.insert(at, name + "=" + value);
@@ -153,9 +163,13 @@ std::string SettingsFile::GetText() const {
 }
 
 bool WriteWholeFile(const Path& file, const std::string& text, bool isNew) {
+  // The process id keeps two dorns that write at once apart.
   const std::string temporary = file.ToString() + "." + std::to_string(GetCurrentProcessId()) + ".new";
   const DWORD flags = isNew ? 0 : MOVEFILE_REPLACE_EXISTING;
+  // The data is on the disk (FlushFileBuffers) before the file gets its name, so that no crash leaves half a file
+  // there.
   if (WriteAll(temporary, text) && MoveFileExA(temporary.c_str(), file.c_str(), flags)) return true;
+  // DeleteFileA changes the last error, which the caller reports.
   const DWORD error = GetLastError();
   DeleteFileA(temporary.c_str());
   SetLastError(error);

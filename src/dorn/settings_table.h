@@ -1,4 +1,10 @@
-// All keys of the settings file: what dorn checks a file against, writes at first, and shows.
+// Lists the keys of the settings file.
+//
+// The programs that read a key name it and its default where they use it; this table repeats them for dorn, which
+// checks a file against it, writes the first file from it and shows it to the user. docs/settings.md describes the
+// keys.
+//
+// The table is made at its first use and never changes. Any thread; nothing fails.
 #ifndef KESTRUN_DORN_SETTINGS_TABLE_H_
 #define KESTRUN_DORN_SETTINGS_TABLE_H_
 
@@ -24,7 +30,7 @@ struct SettingsKey {
 
 // In the order in which they are shown.
 const std::vector<SettingsKey>& GetSettingsKeys();
-// Null for an unknown key.
+// Null for an unknown key. Names are compared with their case, as the reader does it.
 const SettingsKey* FindSettingsKey(const std::string& section, const std::string& name);
 
 }  // namespace kestrun::dorn

@@ -33,7 +33,8 @@ bool HasSession() {
   return region.IsValid();
 }
 
-// The master that dorns share, if it lives.
+// The id of the master that dorns share, or nothing if it does not live. The record outlives a master for as long as
+// some dorn has it open, so the event of that id tells whether the master lives.
 std::string FindSharedMaster() {
   if (!HasSession()) return "";
   try {
@@ -42,6 +43,7 @@ std::string FindSharedMaster() {
     if (view->GetSize() < sizeof(DornSession)) return "";
     const auto* const session = static_cast<const DornSession*>(view->GetData());
     const std::string id(session->id, strnlen(session->id, DornSession::kIdSize));
+    // Any process of the user may have written the record.
     if (!IsUsableId(id)) return "";
     const UniqueHandle alive(OpenEventA(SYNCHRONIZE, FALSE, GetDornMasterName(id).c_str()));
     return alive ? id : "";
@@ -50,7 +52,7 @@ std::string FindSharedMaster() {
   }
 }
 
-// A master that was started by hand is found by its id.
+// A master that was started by hand is in no record; the option or the environment names it.
 std::string FindMaster(const Options& options) {
   if (!options.id.empty()) return options.id;
   std::string id = FindSharedMaster();
@@ -62,6 +64,7 @@ std::string AgeOf(const JournalState& state, std::int64_t since) {
   return FormatSpan(std::max(state.nowUs - since, std::int64_t{0}));
 }
 
+// More jobs may run than there are slots, because jobs share a slot with those below them (master/job_slots.h).
 std::string Headline(const JournalState& state) {
   std::string line = "build runs for " + AgeOf(state, state.startedUs) + ": " + std::to_string(state.done) + " done, " +
                      std::to_string(state.running) + " running, " + std::to_string(state.waiting) + " waiting, " +
@@ -141,6 +144,7 @@ void Show(const Options& options, const std::string& id, const JournalNews& news
   } else if (size.columns == 0) {
     text = GetStatusText(news, kLinesWithoutTerminal, kColumnsWithoutTerminal);
   } else {
+    // The last line is for the cursor: a line end in it would scroll the first line away.
     text = GetStatusText(news, size.lines - 1, size.columns);
     // Each line is overwritten, and what is left of the screen is cleared, so that nothing flickers.
     if (options.isWatch) {
@@ -158,7 +162,7 @@ bool HasReader() {
   return std::ferror(stdout) == 0;
 }
 
-// Until the build ends.
+// Shows the state again and again, until the build ends or the output has lost its reader.
 int Watch(const Options& options, const std::string& id, JournalObserver& master, JournalNews& news) {
   if (!options.isJson && platform::EnableTerminalCodes(stdout)) std::fputs("\x1b[2J", stdout);
   do {
@@ -175,7 +179,7 @@ std::string GetStatusText(const JournalNews& news, std::size_t lines, std::size_
   std::string text = FitLine(Headline(news.state), columns) + "\n";
   std::size_t used = 1;
   for (const JobRecord& job : news.jobs) {
-    // The last line tells how many more there are.
+    // The last line tells how many more there are; if it is only one, that one is shown instead.
     if (used + 1 >= lines && used - 1 < news.state.running + news.state.waiting - 1) break;
     text += FitLine(LineOf(news.state, job), columns) + "\n";
     ++used;
@@ -199,7 +203,7 @@ std::string GetStatusJson(const JournalNews* news, const std::string& id) {
 int RunStatus(const Options& options) {
   const std::string id = FindMaster(options);
   const std::unique_ptr<JournalObserver> master = id.empty() ? nullptr : JournalObserver::Connect(id, kAnswerMs);
-  // One that is still named after a connection that failed is stopped, or in a debugger.
+  // The shared master is there, but it did not accept the connection in time: it is stopped, or in a debugger.
   if (!master && !id.empty() && FindSharedMaster() == id) return TellNoAnswer();
   if (!master) return TellNoBuild(options);
   JournalNews news;

@@ -35,6 +35,7 @@ std::string CountOf(u64 count, const char* thing) {
 
 std::string Headline(const BuildRecord& record, const BuildFigures& figures) {
   std::string line = CountOf(figures.jobs, "job") + " in " + FormatSpan(record.durationUs);
+  // Where the system tells the time of no job, a sum of 0 would be a false statement.
   if (figures.withoutCpu < figures.jobs) {
     line += figures.withoutCpu > 0 ? ", processor time at least " : ", processor time ";
     line += FormatSpan(figures.cpuUs);

@@ -14,7 +14,7 @@ namespace kestrun::dorn {
 namespace {
 
 constexpr int kProcess = 1;
-// Rows of one slot, at most, in the numbering of rows.
+// The most rows that one slot gets; jobs beyond that share the last one.
 constexpr int kLanes = 64;
 constexpr int kRowOfUnknown = 0;
 
@@ -118,6 +118,7 @@ class TraceWriter {
       int running = 0;
       int waiting = 0;
     };
+    // The changes of one moment are added up first, so that a job that follows another one makes no spike.
     std::map<std::int64_t, Step> steps;
     for (const JobRecord* job : jobs_) {
       ++steps[At(job->queuedUs)].waiting;

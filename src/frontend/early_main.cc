@@ -53,6 +53,7 @@ bool AppendRequest(const early::Start& start, early::Text& request) {
 int AskForSlot(const early::Start& start) {
   const char* const id = early::FindVariable(start, kIdVariable);
   if (id == nullptr || *id == '\0') return -1;
+  // All texts are in memory of fixed size: there is no heap before the C library has started.
   char nameRoom[256];
   early::Text name(nameRoom);
   name += kSlotServerPrefix;
@@ -61,6 +62,7 @@ int AskForSlot(const early::Start& start) {
   early::Text request(requestRoom);
   if (name.IsCut() || !AppendRequest(start, request)) return -1;
   const int server = early::ConnectLocalStream(start, name.View());
+  // A request that was not sent whole ends with its connection; the ordinary start then asks anew.
   if (server < 0 || early::Send(server, request.View())) return server;
   early::Close(server);
   return -1;

@@ -106,6 +106,7 @@ bool RunTransparentTool(int argc, const char* const* argv, IniFile& settings, co
   // RunTransparently did not reach a server a moment ago, so it is not asked again.
   const bool isAsked = transparent == TransparentRun::kNoServer;
   if (!isAsked && tool.RunInSlot(id, exitCode) == TransparentTool::Outcome::kDone) return true;
+  // A master makes this semaphore for its client slots; without it no master of this id runs.
   if (UniqueHandle(OpenSemaphoreA(SYNCHRONIZE, FALSE, GetAccessName(id).c_str()))) return false;
   WriteLog(Log::Info, Log::STUB, "No master: running the tool alone");
   exitCode = tool.RunAlone();
@@ -152,6 +153,7 @@ int RunFrontEnd(int argc, const char* const* argv, const std::string& commandLin
       break;
   }
   const int exitCode = RunForm(argc, argv, settings, options, transparent);
+  // A build must not take truncated output for success.
   return exitCode == 0 && HasLostOutput() ? kFailure : exitCode;
 }
 

@@ -54,6 +54,7 @@ void LoadSettings(IniFile& settings) {
   const Path file = GetCommonPath() / "Zelvo.ini";
   const std::string refusal = settings.Load(file) ? "" : platform::WhyNoFile(file.ToString());
   if (!refusal.empty()) PrintWarning("the settings are not read, " + GetFullPath(file).ToString() + ": " + refusal);
+  // KESTRUN_LOG only names the file; nothing is written until the settings turn the log on.
   Log* log = Log::Get();
   if (log == nullptr) return;
   if (settings.GetBool("LocalSettings/LoggingEnabled", false)) log->SetEnabled(true);

@@ -31,6 +31,7 @@ class Tokenizer {
     token.position = position_;
     while (!AtEnd() && !(token.quoted ? AtClosingQuote() : IsSpace(text_[position_]))) ++position_;
     token.text = text_.substr(token.position, position_ - token.position);
+    // A quoted token that has no closing quote ends with the text.
     if (token.quoted && !AtEnd()) ++position_;
     SkipSpace();
     return token;
@@ -69,6 +70,7 @@ void TakeTool(Options& options, const TokenList& list, std::size_t index) {
   ReplaceMarker(options.toolArgs, options.marker);
 }
 
+// These forms do not run a tool, so a command line of options alone is complete.
 bool NeedsNoTool(const Options& options) {
   return options.showVersion || options.showHelp || options.master || !options.scriptPath.empty();
 }
@@ -93,10 +95,12 @@ std::string FindFault(Options& options, const TokenList& list, bool fromEnvironm
   for (std::size_t index = 0; index < list.tokens.size(); ++index) {
     const OptionRule* rule = FindRule(list.tokens[index].text);
     if (rule == nullptr) {
+      // KESTRUN_OPTS holds options alone; the tool comes from the command line.
       if (fromEnvironment) return DescribeMissingTool(list.tokens[index].text);
       TakeTool(options, list, index);
       return "";
     }
+    // The value is the next token whatever it looks like, also if it begins with "-".
     const bool isValueMissing = rule->TakesValue() && ++index == list.tokens.size();
     if (isValueMissing) return std::string(rule->name) + " wants a value behind it: " + rule->name + " " + rule->value;
     const std::string& value = list.tokens[index].text;
@@ -115,6 +119,7 @@ TokenList TokenizeCommandLine(const std::string& text) {
 
 TokenList TokenizeJoinedLine(const std::string& text, const std::vector<std::string>& words) {
   TokenList list = Tokenize(text, true);
+  // With another number of tokens a token's position would belong to another word.
   if (list.tokens.size() != words.size()) return TokenizeCommandLine(text);
   for (std::size_t index = 0; index < words.size(); ++index) list.tokens[index].text = words[index];
   return list;

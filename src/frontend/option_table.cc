@@ -57,6 +57,7 @@ struct Timeout {
   }
 };
 
+// The default stands for "not given": a command line that gives the default itself does not override the environment.
 struct Marker {
   static bool Set(Options& options, const std::string& marker) {
     options.marker = marker;
@@ -119,6 +120,7 @@ static_assert(std::ranges::all_of(kOptionRules, [](const OptionRule& rule) { ret
 
 const OptionRule* FindRule(const std::string& text) {
   for (const OptionRule& rule : kOptionRules) {
+    // An unsupported option is not found, so the parser takes it for the tool; ExplainWrongOption then says so.
     if (rule.set != nullptr && text == rule.name) return &rule;
   }
   return nullptr;

@@ -60,7 +60,8 @@ class BuildJob : public JobDescription {
   // What the tool wrote, shared with the message that brought it; null for nothing.
   rc_ptr<Message::Segment> stdoutText;
   rc_ptr<Message::Segment> stderrText;
-  // The stub's, shared by its jobs. Part of the record: the tool inherits the master's environment.
+  // The client's, shared by its jobs. With Extensions/TransparentTools the tool gets it; otherwise it is only part of
+  // the record, and the tool inherits the master's.
   std::shared_ptr<const Environment> environment;
 };
 

@@ -8,7 +8,7 @@
 namespace kestrun::test {
 namespace {
 
-// A build that says that it runs, and goes on once it is told to.
+// A build that signals that it runs and waits until the test lets it go on.
 struct Held {
   std::unique_ptr<NamedEvent> started = std::make_unique<NamedEvent>(true);
   std::unique_ptr<NamedEvent> release = std::make_unique<NamedEvent>(true);
@@ -29,7 +29,7 @@ class SharedMaster : public Dorn {
     EXPECT_EQ(RunDorn({"--settings", "update"}).exitCode, 0);
   }
 
-  // A process that is just dying may still have its objects.
+  // A process that is being killed may have its objects for a moment longer.
   void ExpectNothingLeft() const {
     ExpectNoMaster();
     const std::string folder = *Environment().environment["KESTRUN_OBJECT_DIR"];
@@ -61,7 +61,7 @@ TEST_F(SharedMaster, ServesEachBuildToItsEndInWhateverOrderTheyEnd) {
     EXPECT_EQ((firstEndsFirst ? first : second).End(), firstEndsFirst ? 3 : 5);
     EXPECT_TRUE(HasMaster());
     EXPECT_EQ((firstEndsFirst ? second : first).End(), firstEndsFirst ? 5 : 3);
-    // The last one waits for the master's end.
+    // The dorn that ends last waits for the end of the master.
     EXPECT_FALSE(HasMaster());
     EXPECT_NE(first.dorn->Output(), "");
     EXPECT_EQ(first.dorn->Output(), second.dorn->Output());
@@ -79,7 +79,7 @@ TEST_F(SharedMaster, OutlivesADornThatIsKilled) {
     const Held& other = killsFirst ? second : first;
     killed.dorn->Kill();
     killed.dorn->Wait();
-    // A third one finds the same master, through whatever the killed one left.
+    // A third dorn finds the same master, whatever the killed dorn has left.
     const Held third = StartHeld("7");
     third.AwaitStart();
     EXPECT_EQ(third.End(), 7);
@@ -96,7 +96,7 @@ TEST_F(SharedMaster, EndsWhenAllDornsAreKilled) {
   second.AwaitStart();
   first.dorn->Kill();
   second.dorn->Kill();
-  // This one may meet the master before it has seen that, or while it ends.
+  // This dorn may find the master before the master has noticed the kills, or while it ends.
   const RunResult next = RunDorn({tool_, "exit", "9"});
   EXPECT_EQ(next.exitCode, 9) << next.errors;
   ExpectNothingLeft();
@@ -112,7 +112,7 @@ TEST_F(SharedMaster, ThatIsKilledLeavesTheBuildsAndMakesRoomForAnother) {
   second.AwaitStart();
   EXPECT_NE(MasterOfDorns(), master);
   EXPECT_EQ(second.End(), 5);
-  // Where a master runs the tools, the first one's tool has gone with its own.
+  // With a master that runs the tools itself, the tool of the first build was killed with its master.
   const int code = first.End();
   EXPECT_TRUE(code == 3 || code == 1) << code;
   EXPECT_EQ(first.dorn->Errors().rfind("DORN: warning: the master has ended before the build; from here on", 0), 0u)
@@ -121,8 +121,8 @@ TEST_F(SharedMaster, ThatIsKilledLeavesTheBuildsAndMakesRoomForAnother) {
   ExpectNoMaster();
 }
 
-// A master may come after the dorn that started it was killed. It finds the record of the next dorn, also where that
-// has given its master the same id; or its own dorn's record, whose events are gone.
+// A master may enter itself after the dorn that started it was killed. It then finds the record of the next dorn, even
+// if that dorn has given its master the same id; or the record of its own dorn, whose events are gone.
 TEST_F(SharedMaster, IsNotReplacedByALateOneOfADornThatWasKilled) {
   const Held held = StartHeld("7", {"--id", "same"});
   held.AwaitStart();

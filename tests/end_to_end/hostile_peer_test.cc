@@ -1,4 +1,4 @@
-// A master and peers that keep to no protocol. Each harms itself alone: beside it, other clients are served.
+// A master and peers that break the protocol. Each harms only itself: other clients are served meanwhile.
 #include <algorithm>
 #include <atomic>
 #include <functional>
@@ -28,7 +28,7 @@ class HostilePeer : public Build {
   static void WriteWords(IpcSocket& socket, std::vector<u32> words) {
     WriteBytes(socket, std::string(reinterpret_cast<const char*>(words.data()), words.size() * sizeof(u32)));
   }
-  // The master's end is closed, after whatever it had written before.
+  // True if the master closes the connection, after whatever it had written before.
   static bool IsTurnedOut(IpcSocket& socket) {
     char byte;
     while (socket.Read(&byte, 1, 60000).isConnected) continue;
@@ -40,7 +40,8 @@ class HostilePeer : public Build {
     return request;
   }
   rc_ptr<IpcSocket> ConnectInTheEnd(class Scribbler& scribbler);
-  // The first may still find what was written, and runs its tool itself or fails; it says so.
+  // The first client may still meet damage that was done before. It then runs its tool itself or fails, with a message
+  // in either case.
   void ExpectThatAClientIsServedInTheEnd() {
     const RunResult result = Tool({"print", "served", ",", "exit", "4"});
     if (result.exitCode == 4) {
@@ -49,7 +50,7 @@ class HostilePeer : public Build {
       EXPECT_NE(result.errors, "") << "exit code " << result.exitCode;
     }
   }
-  // A client that was served by the master, and has not had to run its tool itself.
+  // Expects that a client is served by the master and does not have to run its tool itself.
   void ExpectAHealthyClient(const char* beside) {
     const RunResult result = Tool({"print", "served", ",", "exit", "4"});
     EXPECT_EQ(result.exitCode, 4) << beside;
@@ -58,7 +59,7 @@ class HostilePeer : public Build {
   }
 };
 
-// The master's own messages: the result of another's job, ticks, and what its dispatcher tells it.
+// Sends messages that only the master sends: the result of another client's job, ticks, and notices of its dispatcher.
 TEST_F(HostilePeer, ThatSpeaksForTheMasterIsNotHeard) {
   StartMaster();
   const std::string mark = folder_.File("running");
@@ -114,7 +115,7 @@ TEST_F(HostilePeer, ThatNeverReadsHoldsUpNobodyElse) {
   for (int i = 0; i < kJobs; ++i) channel->Send(Request("fill 200000 0 , exit " + std::to_string(i)));
   while (LogCount("Build Job completed") < kJobs && !Master().EndsWithin(10)) continue;
   for (int i = 0; i < 3; ++i) ExpectAHealthyClient("one that does not read");
-  // What it left lying is whole and in order when it reads after all.
+  // When the peer reads after all, the results are whole and in order.
   std::string first;
   std::vector<i32> codes;
   for (int i = 0; i < kJobs; ++i) {
@@ -132,7 +133,7 @@ TEST_F(HostilePeer, ThatNeverReadsHoldsUpNobodyElse) {
   }
   std::sort(codes.begin(), codes.end());
   EXPECT_EQ(codes, (std::vector<i32>{0, 1, 2}));
-  // Nor does it keep the master from ending.
+  // A result that is not read does not keep the master from ending either.
   channel->Send(Request("fill 200000 0"));
   while (LogCount("Build Job completed") < kJobs + 4 && !Master().EndsWithin(10)) continue;
   EXPECT_EQ(StopMaster(), 0);
@@ -198,7 +199,7 @@ TEST_F(HostilePeer, ThatKeepsTheLockOfARingIsTurnedOut) {
     channels.push_back(new IpcChannel(peers.back()));
     channels.back()->Send(Request("exit 5"));
     ExpectAHealthyClient(ring);
-    // Nobody had to wait until that one was given up.
+    // The peer is still connected: the healthy client did not have to wait until the master closed that connection.
     char byte;
     EXPECT_TRUE(peers.back()->Read(&byte, 1, 0).isConnected) << ring;
   }
@@ -226,13 +227,14 @@ class Scribbler {
     for (int i = 0; i < count; ++i) {
       const auto& view = views_[Random() % views_.size()];
       const u32 words = view->GetSize() / 4;
-      // Every other one goes where it hurts: into the header of a ring.
+      // About half of the words go where they do most harm: into the header of a ring.
       const u32 inHeader = Random() % 2 * (0x10000 / 4) + Random() % 4;
       const u32 at = Random() % 2 == 0 && words > 0x10000 / 4 ? inHeader : Random() % words;
+      // Relaxed: a hostile peer keeps no order.
       std::atomic_ref<u32>(static_cast<u32*>(view->GetData())[at]).store(Value(), std::memory_order_relaxed);
     }
   }
-  // As after any change of the table, and a request that may not be there.
+  // Signals the events that announce a change of the table and a request, whether or not there is one.
   void WakeMaster() {
     Condition(("zelvo_client_places_" + id_ + ".call").c_str()).Signal();
     Condition(("zelvo_client_ipc_" + id_ + ".c2s.ne").c_str()).Signal();
@@ -240,7 +242,7 @@ class Scribbler {
   u32 Random() { return static_cast<u32>(random_()); }
 
  private:
-  // Small numbers, numbers near the bounds, and any.
+  // Small numbers, numbers near the bounds, and arbitrary ones.
   u32 Value() {
     const u32 value = Random();
     const u32 edges[] = {0, 1, 0xFFEF, 0xFFF0, 0xFFF1, 0x10000, 0x7FFFFFFF, 0xFFFFFFFF};
@@ -254,7 +256,8 @@ class Scribbler {
   std::vector<rc_ptr<MappedFile::ViewImpl>> views_;
 };
 
-// The listening region is repaired whenever the master wakes, and a reply that is lost costs its own connector alone.
+// Tries until a connection stands: the master repairs the listening region whenever it wakes, and a reply that is lost
+// costs only its own connector.
 rc_ptr<IpcSocket> HostilePeer::ConnectInTheEnd(Scribbler& scribbler) {
   const u32 start = GetTickCount();
   while (GetTickCount() - start < 60000 && !Master().EndsWithin(0)) {
@@ -266,7 +269,7 @@ rc_ptr<IpcSocket> HostilePeer::ConnectInTheEnd(Scribbler& scribbler) {
   return nullptr;
 }
 
-// While it goes on others may fail, but with an end and with words; after it they are served as ever.
+// During the attack other clients may fail, but they end, and with a message; afterwards they are served as before.
 TEST_F(HostilePeer, ThatScribblesOverAllSharedMemoryNeitherStopsNorHangsTheMaster) {
   const u32 seed = ReadNumber("KESTRUN_SCRIBBLE_SEED", 20240131);
   SCOPED_TRACE("KESTRUN_SCRIBBLE_SEED=" + std::to_string(seed));

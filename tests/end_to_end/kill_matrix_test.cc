@@ -1,6 +1,6 @@
-// Who is killed, and where it stands at that moment: a client, its master, a tool, a background process or dorn, at
-// each step of a client's life. Afterwards no process of that job is left, all places are back, the work of another
-// client is untouched, and the next one is served.
+// Kills a client, its master, a tool, a background process or dorn at each step of a client's life. Afterwards no
+// process of that job is left, all client slots are free, the work of another client is untouched, and the next client
+// is served.
 #include <functional>
 #include <vector>
 
@@ -16,8 +16,8 @@ namespace {
 
 constexpr int kPlaces = 4;
 
-// A client made of the parts. It is admitted, goes as far as it is told, says so and stays there.
-// Words: the master's id; the step; for those with a job the tool and its arguments.
+// A client put together from its parts. It is admitted, goes as far as it is told, says so and waits.
+// Words: the master's id; the step; for steps with a job the tool and its arguments.
 KESTRUN_CHILD(StandsStill) {
   ClientSlot place;
   if (!place.Open(words[0], true) || place.Wait(kKillLimitMs) != ClientSlot::Outcome::kAdmitted) return 1;
@@ -60,7 +60,7 @@ KESTRUN_CHILD(StandsStill) {
 
 class KillMatrix : public TetheredBuild {
  protected:
-  // A client at some step, with what its job holds and how the step is left behind once somebody is dead.
+  // A client that stands at some step, and what the test has to do after the kill to release the rest of the scene.
   struct Scene {
     Child client;
     std::function<void()> after = [] {};
@@ -84,7 +84,7 @@ class KillMatrix : public TetheredBuild {
     return child;
   }
 
-  // Until the client of this id is at this state of asking for a place.
+  // Waits until the client with this process id has this state in the table of client slots.
   void AwaitPlaceState(unsigned long pid, PlaceState state) {
     MappedFile region(GetTableName(id_), 0, false);
     const auto view = region.CreateView(0, MappedFile::kWholeSize, true);
@@ -120,7 +120,7 @@ class KillMatrix : public TetheredBuild {
     EXPECT_TRUE(BecomesTrue([&] { return LogCount("Scheduled build-job") == scheduled + 2; }));
     const int cancelled = LogCount("Jobs of a lost stub cancelled");
     scene.after = [this, occupant, cancelled] {
-      // A master that lives has noticed before it has a thread for the job.
+      // A live master cancels the job before a thread is free to run it.
       EXPECT_TRUE(
           BecomesTrue([&] { return LogCount("Jobs of a lost stub cancelled") > cancelled || Master().EndsWithin(0); }));
       release_->Signal();
@@ -149,7 +149,7 @@ class KillMatrix : public TetheredBuild {
     return steps;
   }
 
-  // A build of one tool with these words.
+  // Starts dorn with a build of one tool; the words are the tool's arguments.
   Child StartDorn(const std::string& toolWords) {
     Words words{ProgramPath("dorn"), "--id", id_, ProgramPath("kestrun"), tool_};
     for (const std::string& word : SplitWords(toolWords)) words.push_back(word);
@@ -175,7 +175,7 @@ TEST_F(KillMatrix, AClientAtEachStep) {
     NewTethers();
     Scene scene = arrange();
     StopProcess(scene.client.Pid());
-    // The others are served beside one that stands still.
+    // A client that is stopped at this step does not keep others from being served.
     if (!scene.isInTheWay) {
       EXPECT_EQ(Tool({"exit", "5"}).exitCode, 5);
     }
@@ -200,7 +200,8 @@ TEST_F(KillMatrix, AMasterWithAClientAtEachStep) {
     NewTethers();
     Scene scene = arrange();
     Master().Kill();
-    // Its own tools end with it; a client that takes over its job holds them again until it is told to end.
+    // The master's tools end with it. A client that runs its job itself holds the tethers again, until the tool is
+    // released.
     if (name != "queued") ExpectJobGone();
     release_->Signal();
     scene.after();
@@ -249,7 +250,7 @@ TEST_F(KillMatrix, SomebodyWhileTheMasterStops) {
       Master().Kill();
     } else {
       client.Kill();
-      // With its tool gone it need not wait any longer.
+      // The tool has ended with its client, so the master need not wait any longer.
       EXPECT_EQ(Master().Wait(20000), 0);
     }
     ExpectJobGone();
@@ -259,7 +260,8 @@ TEST_F(KillMatrix, SomebodyWhileTheMasterStops) {
   }
 }
 
-// The build command has ended; the master waits for the tool of a client beside it, and dorn for the master.
+// At the moment of the kill the build command has ended, the master waits for the tool of another client, and dorn
+// waits for the master.
 TEST_F(KillMatrix, DornWhileTheMasterStops) {
   WriteSettings("");
   NewTethers();
@@ -278,7 +280,8 @@ TEST_F(KillMatrix, DornWhileTheMasterStops) {
   ExpectNothingLeft();
 }
 
-// The build command holds the one place; a client beside it, which does not end with dorn, waits for it.
+// The build command holds the only client slot. A client outside of the build, which does not end with dorn, waits for
+// that slot.
 TEST_F(KillMatrix, DornWithAClientThatWaitsForAPlace) {
   WriteSettings("MaxStubs=int:1\n\n[Extensions]\nReclaimPlaces=bool:true\n");
   NamedEvent started;

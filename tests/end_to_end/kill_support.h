@@ -18,14 +18,15 @@ namespace kestrun::test {
 // Conditions are waited for this long; machines can be slow.
 inline constexpr unsigned kKillLimitMs = 60000;
 
-// Ends one process at once. Its caller knows that it runs.
+// Kills a process, which the caller knows to be running.
 void KillProcess(unsigned long pid);
-// Holds one process where it stands, and lets it go on. It can be killed in between. Nothing happens to one that ends.
+// StopProcess suspends a process wherever it is, ContinueProcess lets it go on. A suspended process can be killed. Both
+// do nothing to a process that is ending.
 void StopProcess(unsigned long pid);
 void ContinueProcess(unsigned long pid);
 
-// The named objects in the folder that no process holds any more have gone with this call. What is left but the events
-// of tests, one a line; always empty where the system itself does that.
+// Removes the named objects in the folder that no process has open any more, and lists the rest, one a line, without
+// the events of tests. Always empty where the system removes such objects itself.
 std::string NamedObjectsLeft(const std::string& folder);
 
 // How many processes run with KESTRUN_ID=ID in the environment that they were started with; 0 where the system does
@@ -59,7 +60,7 @@ inline DWORD MasterOfDorns() {
   return DornSession::GetMasterProcess(DornRecord()->master);
 }
 
-// An event that processes of a job hold open as long as they live.
+// An event that processes of a job keep open until they end, so that its handle count tells whether they have ended.
 class Tether {
  public:
   const std::string& Name() const { return event_.Name(); }
@@ -70,7 +71,7 @@ class Tether {
   NamedEvent event_{true};
 };
 
-// A build that gives back whatever dead ones held, and what must be gone after it.
+// A build whose settings reclaim what killed processes held, and a check that nothing is left of it.
 class KilledBuild : public Build {
  protected:
   void StartWork(int places, int jobsAtOnce) {
@@ -79,13 +80,14 @@ class KilledBuild : public Build {
                   "ReclaimPlaces=bool:true\nDiscardOutput=bool:true\n");
     StartMaster();
   }
-  // A client of test_tool with these words, in the folder of the test: so a note needs no path.
+  // Starts a client of test_tool in the folder of the test, so that a note needs no path.
   Child StartToolInFolder(const std::string& words) {
     ChildOptions options;
     options.workingDirectory = folder_.Path().string();
     return StartTool(SplitWords(words), options);
   }
-  // No process and no name of a build that is over. A master that finds out by itself that it is to end takes a moment.
+  // Expects that no process and no named object of the build is left. Waits, since a master that ends because its last
+  // dorn was killed takes a moment.
   void ExpectNothingLeft() {
     EXPECT_TRUE(BecomesTrue([&] { return CountProcessesOf(id_) == 0 && ListNamesLeft().empty(); })) << ListNamesLeft();
     EXPECT_EQ(NamedObjectsLeft(*WithEnvironment({}).environment["KESTRUN_OBJECT_DIR"]), "");
@@ -114,18 +116,18 @@ class TetheredBuild : public KilledBuild {
     release_ = std::make_unique<Tether>();
     never_ = std::make_unique<Tether>();
   }
-  // Words of such a tool, which tells `started`.
+  // The words of such a tool, which signals `started`.
   std::string RunningWords(const NamedEvent& started) const {
     return "background daemon await " + never_->Name() + " then signal " + started.Name() + " , await " +
            release_->Name();
   }
-  // Until it has told that, and both are there.
+  // Waits until the tool has signalled `started`, and tool and background process have their tethers open.
   void AwaitRunning(NamedEvent& started) {
     EXPECT_TRUE(started.Wait(kKillLimitMs));
     EXPECT_TRUE(BecomesTrue([&] { return never_->IsHeld() && release_->IsHeld(); }));
   }
-  // One that writes down its process id and that of its background process, in files of these names, and then 100000
-  // and 50000 bytes.
+  // Starts a client whose tool writes its own process id and that of its background process into files of these names,
+  // and then 100000 and 50000 bytes to its outputs.
   Child StartNoted(const std::string& tool, const std::string& background) {
     NamedEvent started;
     Child client = StartToolInFolder("background daemon note " + background + " , await " + never_->Name() +
@@ -140,7 +142,7 @@ class TetheredBuild : public KilledBuild {
   std::unique_ptr<Tether> never_;
 };
 
-// The places of a build, seen from outside.
+// Counts the free client slots of a build.
 class PlaceCount {
  public:
   explicit PlaceCount(const std::string& id)
@@ -151,7 +153,7 @@ class PlaceCount {
   PlaceCount(const PlaceCount&) = delete;
   PlaceCount& operator=(const PlaceCount&) = delete;
 
-  // Waits until `count` places are free, and no more are: takes them all, and gives them back.
+  // Waits until exactly `count` client slots are free: takes them all, and gives them back.
   void Expect(int count) {
     int taken = 0;
     while (taken < count && WaitForSingleObject(access_, kKillLimitMs) == WAIT_OBJECT_0) ++taken;

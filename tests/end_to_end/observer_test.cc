@@ -1,4 +1,4 @@
-// What observers are told of a build, against what really ran; and what observers can't do to a build.
+// Compares what observers are told of a build with what really ran; and shows that observers can't disturb a build.
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
@@ -30,7 +30,7 @@ class Observed : public Dorn {
     EXPECT_TRUE(observer && Flush(*observer));
     return observer;
   }
-  // Takes what there is until the master says that this was all.
+  // Receives until the master says that it has told everything.
   bool Flush(JournalObserver& observer) {
     observer.Ask(OBSERVE_FLUSH);
     JournalNews news;
@@ -46,7 +46,7 @@ class Observed : public Dorn {
     for (const auto& [number, job] : jobs_) ++counts[GetOutcomeName(job.outcome)];
     return counts;
   }
-  // No two jobs without a common parent were in one slot at one time.
+  // Expects that no two jobs without a parent were in one slot at the same time.
   void ExpectOneJobInASlotAtATime() const {
     std::map<i32, std::vector<const JobRecord*>> slots;
     for (const auto& [number, job] : jobs_) {
@@ -92,7 +92,7 @@ TEST_F(Observed, ScriptIsToldAsItRan) {
     EXPECT_TRUE(job.slot >= 0 && job.slot < 3);
     EXPECT_EQ(job.text.name, "the name");
     EXPECT_EQ(job.text.project.substr(0, 5), "proj(");
-    // Of a failure alone, and of its errors if there are any.
+    // The head of the output is kept for failures only, and is that of the standard error stream if there is any.
     EXPECT_EQ(job.outputHead.size(), i % 5 != 0 ? 0 : i == 0 ? 100 : i);
     EXPECT_NE(job.cpuUs, 0);
     ++i;
@@ -118,7 +118,7 @@ TEST_F(Observed, CancelledAndOverdueJobsAreToldAsSuch) {
 
 TEST_F(Observed, ThoseThatDieOrDoNotReadHoldUpNoBuild) {
   StartMasterWith("MaxConcurrentJobs=int:4\n", "EagerScheduling=bool:true\n");
-  // Neither reads anything from here on, and one is dropped in the middle.
+  // Neither of the two observers reads anything from here on, and one is dropped in the middle of the build.
   const auto silent = Observe();
   auto lost = Observe();
   ASSERT_TRUE(silent && lost && silent->Ask(OBSERVE_FOLLOW) && lost->Ask(OBSERVE_FOLLOW));

@@ -17,7 +17,7 @@ constexpr int kPlaces = 6;
 constexpr std::size_t kClients = 5;
 constexpr unsigned kKillsBetweenCounts = 40;
 
-// One client and what is known of it.
+// A client and what the test expects of it.
 struct Client {
   int number;
   Child child;
@@ -34,7 +34,7 @@ struct Client {
   bool hadItsMasterKilled = false;
 };
 
-// What a killed client leaves, until it is gone.
+// The processes of a killed client's job, which must end within the limit.
 struct Remains {
   std::unique_ptr<Tether> release;
   std::unique_ptr<Tether> never;
@@ -82,7 +82,7 @@ class RandomKills : public KilledBuild {
 
   static std::string Code(int n) { return std::to_string(n % 5); }
 
-  // A client that nobody has killed has got what it should.
+  // Expects the right result of a client that was not killed itself.
   void ExpectRight(Client& client) {
     const int code = client.child.Wait();
     const int n = client.number;
@@ -106,7 +106,7 @@ class RandomKills : public KilledBuild {
     ++completed_;
   }
 
-  // Keeps the clients at their number; lets waiting ones end now and then.
+  // Replaces clients that have ended; now and then releases one that waits.
   void KeepWorking(bool letsOneGo = true) {
     for (std::size_t i = 0; i < clients_.size();) {
       Client& client = clients_[i];
@@ -134,7 +134,7 @@ class RandomKills : public KilledBuild {
     client.release->Signal();
   }
 
-  // Takes a client off the list that has ended in one way or another.
+  // Removes a client that has ended or was killed from the list.
   void Bury(std::size_t index) {
     Client& client = clients_[index];
     if (client.release) {
@@ -165,8 +165,8 @@ class RandomKills : public KilledBuild {
     Bury(index);
   }
 
-  // Stops a client for a moment, whatever it holds, and lets some go on after it. Where it stands in the introduction
-  // nobody else can connect meanwhile.
+  // Stops a client for a moment at whatever step it is; half of those stopped go on afterwards and are not killed.
+  // While a client is stopped in the introduction, no other client can connect.
   bool StopsBeforeDeath(unsigned long pid) {
     StopProcess(pid);
     ++stops_;
@@ -176,7 +176,7 @@ class RandomKills : public KilledBuild {
     return false;
   }
 
-  // So that work is done between the kills, however slow the machine is.
+  // Waits until one more client has ended, so that work is done between the kills however slow the machine is.
   void AwaitCompletion() {
     const unsigned before = completed_;
     EXPECT_TRUE(BecomesTrue([&] { return KeepWorking(), completed_ > before; }));
@@ -189,7 +189,7 @@ class RandomKills : public KilledBuild {
     }));
   }
 
-  // The tool of a client that waits is there until it is released, and so is its background process.
+  // Only clients with a tool that waits for its release: the tool and its background process still run then.
   bool KillToolOf(Client& client) {
     if (!client.release || client.isReleased || client.isToolKilled) return false;
     const unsigned long tool = ReadId(client.note);
@@ -206,7 +206,7 @@ class RandomKills : public KilledBuild {
     return true;
   }
 
-  // 0 while the file is not there as a whole.
+  // The process id in the file; 0 until the whole line is there.
   unsigned long ReadId(const std::string& note) const {
     std::ifstream file(folder_.Path() / note);
     std::string line;
@@ -256,8 +256,8 @@ class RandomKills : public KilledBuild {
   u32 slowestPlacesMs_ = 0;
 };
 
-// Nothing that is killed takes along anything but its own: the others get their results, all places come back, and no
-// process and no name is left.
+// A kill harms only the job of the process that was killed: other clients get their results, all client slots become
+// free, and no process and no name is left.
 TEST_F(RandomKills, HarmNobodyElse) {
   const unsigned seed = ReadNumber("KESTRUN_KILL_SEED", std::random_device()() % 1000000);
   const unsigned count = ReadNumber("KESTRUN_KILL_COUNT", Scaled(500));

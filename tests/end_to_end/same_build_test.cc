@@ -98,7 +98,7 @@ TEST_F(SameBuild, WithoutAMasterAToolRunsInSilence) {
 
 TEST_F(SameBuild, ATimeLimitEndsAToolWithAllThatItStarted) {
   StartTransparentMaster("MaxConcurrentJobs=int:2\n", "EnforceJobTimeout=bool:true\n");
-  // Minutes are the unit of -t; the least of them is too long for a test, so that only the way there is tried.
+  // The unit of -t is minutes, and even one minute is too long for a test: this only runs a tool that ends in time.
   const RunResult result = Kestrun({"-t", "1", tool_, "print", "in time", ",", "exit", "8"});
   EXPECT_EQ(result.exitCode, 8) << result.errors;
   EXPECT_EQ(result.output, "in time\n");
@@ -112,7 +112,7 @@ TEST_F(SameBuild, WhatCannotRunIsSaidAsAShellSaysIt) {
   const RunResult unnamed = Kestrun({""});
   EXPECT_EQ(unnamed.exitCode, 127);
   EXPECT_NE(unnamed.errors.find("KESTRUN: error: cannot run \"\": "), std::string::npos) << unnamed.errors;
-  // A master that knows no slots is served as described.
+  // With a master that does not hand out slots, the client sends its tool to the master.
   EXPECT_EQ(StopMaster(), 0);
   WriteSettings("");
   StartMaster();

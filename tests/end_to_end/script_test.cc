@@ -39,7 +39,8 @@ TEST_F(ScriptRun, ShowsEchoLinesAheadOfTheirJob) {
   const RunResult result =
       Script("echo one\necho   two words\n$TOOL print A\n# c\n$TOOL print B\necho three\n$TOOL print C\n");
   EXPECT_EQ(result.exitCode, 0);
-  // The text goes out as a thread picks its job up, which may be ahead of the result of the job before.
+  // The echo text is sent when a build thread takes its job, which may be before the result of the previous job is
+  // sent.
   if (result.output.find("three") > result.output.find("B\n")) {
     EXPECT_EQ(result.output, "one\r\ntwo words\r\nA\nB\nthree\r\nC\n");
   } else {

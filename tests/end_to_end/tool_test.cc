@@ -83,7 +83,7 @@ TEST_F(ToolRun, BuildsLocallyWhenTheMasterIsKilled) {
   ASSERT_TRUE(started.Wait(20000));
   const auto killed = Clock::now();
   Master().Kill();
-  // The second start of the tool is the local one.
+  // The client starts the tool a second time, itself.
   ASSERT_TRUE(started.Wait(20000));
   EXPECT_LT(Clock::now() - killed, 3s);
   release.Signal();
@@ -99,7 +99,7 @@ TEST_F(Masters, OnlyOneRunsAtATime) {
   StartMaster();
   NamedEvent stopped(true);
   stopped.Signal();
-  // The last one is told to stop while it is ending by itself.
+  // The stop event of the last of them is already signalled when it starts.
   for (const Words& more : {Words{}, Words{"-es", stopped.Name()}}) {
     Words words{"-master", "-id", UniqueName("other")};
     words.insert(words.end(), more.begin(), more.end());

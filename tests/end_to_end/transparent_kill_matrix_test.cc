@@ -19,7 +19,8 @@
 namespace kestrun::test {
 namespace {
 
-// A client made of the parts. It goes as far as it is told, says so and stays there. Words: the master's id; the step.
+// A client put together from its parts. It goes as far as it is told, says so and waits. Words: the master's id; the
+// step.
 KESTRUN_CHILD(StandsStillForASlot) {
   ToolSlot slot;
   ClientSlot tableSlot;
@@ -43,7 +44,7 @@ KESTRUN_CHILD(StandsStillForASlot) {
 
 class TransparentKillMatrix : public TetheredBuild {
  protected:
-  // A client at some step, and another one that has the slot which it waits for, if it does.
+  // A client that stands at some step. If it waits for a slot, `occupant` is the client that has the slot.
   struct Scene {
     Child client;
     std::unique_ptr<Child> occupant = nullptr;
@@ -91,7 +92,7 @@ class TransparentKillMatrix : public TetheredBuild {
     return steps;
   }
 
-  // The tool has ended; its background process has with it, or ends when it is told to.
+  // Waits until the tool has ended. Its background process has ended with it, or ends when it is told to.
   void ExpectToolGone() {
     EXPECT_TRUE(BecomesTrue([&] { return !release_->IsHeld(); }));
     if (platform::kCanBecomeProgram) {
@@ -102,8 +103,8 @@ class TransparentKillMatrix : public TetheredBuild {
   }
 };
 
-// The bystander keeps the processor busy: with all jobs idle a client would be let run beside the limit, and a slot
-// that is lost would not show.
+// The bystander keeps the processor busy: if all jobs were idle, the master would let one more client run beside the
+// limit, and a lost slot would not be noticed.
 TEST_F(TransparentKillMatrix, AClientAtEachStep) {
   StartWork(2);
   NamedEvent started;
@@ -180,7 +181,7 @@ TEST_F(TransparentKillMatrix, AToolOrItsBackgroundProcess) {
   ExpectNothingLeft();
 }
 
-// A master that stops waits for no tool; the client is killed when it has gone.
+// A master that stops does not wait for tools of this kind; the client is killed when the master has ended.
 TEST_F(TransparentKillMatrix, AClientWhoseMasterHasStopped) {
   StartWork(1);
   NewTethers();
@@ -193,7 +194,7 @@ TEST_F(TransparentKillMatrix, AClientWhoseMasterHasStopped) {
   ExpectNothingLeft();
 }
 
-// All that is below dorn ends with it, in the background or not.
+// All descendants of dorn end with it, also those in the background.
 TEST_F(TransparentKillMatrix, DornWithARunningTool) {
   WriteTransparentSettings(1);
   NewTethers();

@@ -142,7 +142,7 @@ void Explorer::WanderOnce(u64& random) {
     }
     const bool disturbs = usual.empty() || NextRandom(random) % 64 == 0;
     const auto& from = disturbs ? choices : usual;
-    // One thread runs for a while, as threads do; now and then another one does.
+    // Mostly the same choice again, so that one thread runs for a while as threads do; now and then another one.
     if (NextRandom(random) % 8 == 0) last = static_cast<u32>(NextRandom(random) >> 32);
     isWell = Do(choices, from[last % from.size()]);
   }

@@ -79,9 +79,9 @@ class Introduction : public Scenario {
   }
   void CheckConnector(World& world, u32 index) {
     const int process = listener_ + 1 + static_cast<int>(index);
-    // One that was stopped for longer than its listener waits may fail.
+    // A connector that was stopped for longer than its listener waits may fail.
     if (world.GetState(process) != ProcessState::kAlive || world.WasStopped(process)) return;
-    // So may one that has waited all its time for the turn of one that is stopped.
+    // A connector may also fail if it has waited all its time for the turn of a stopped one.
     if (hasFailed_[index] && waitedMs_[index] >= kConnectMs && AnyWasStopped(world)) return;
     if (hasFailed_[index] || joined_[index].empty()) return world.Fail("a living connector was not served");
     if (!accepted_.contains(joined_[index])) world.Fail(("the listener does not know " + joined_[index]).c_str());

@@ -21,7 +21,8 @@ struct Shape {
   u32 plain = 0;      // of the clients the last ones, which know no table and take their slots from the semaphore
   u32 impatient = 0;  // of the clients the first ones, which give up after a millisecond
   i32 places = 1;
-  // It then has a successor of the same id, and a client that finds it gone asks once more.
+  // The dead master is followed by another one of the same id, and a client that finds the first one gone asks once
+  // more.
   bool canMasterDie = false;
 };
 
@@ -34,7 +35,8 @@ class Places : public Scenario {
     keeper_ = world.AddProcess("master", shape_.canMasterDie, [this] { Serve(); });
     world.RunUntilIdle(keeper_);
     for (u32 i = 0; i < shape_.clients; ++i) {
-      // What a client without the table holds is lost with it, as docs/protocol.md says.
+      // A slot that a client takes without the table is lost if that client dies (docs/protocol.md), so such clients do
+      // not die here.
       const bool canDie = i < shape_.clients - shape_.plain && !shape_.canMasterDie;
       world.AddProcess("client " + std::to_string(i + 1), canDie, [this, i] { Take(i); });
     }

@@ -24,8 +24,8 @@ inline void Print(const Outcome& outcome, const std::string& what) {
             << outcome.ends << " of them to their end; " << what << std::endl;
 }
 
-// Every order with no switch from a thread that could go on, then with one, and so on: what goes wrong mostly does so
-// after few of them. False if something did.
+// Tries every order without a switch away from a thread that could go on, then every order with one such switch, and so
+// on: most faults show after few switches. False if a fault was found.
 inline bool ExpectSoundWithFewSwitches(Scenario& scenario, World::Budget budget, u64 limitMs) {
   const auto start = std::chrono::steady_clock::now();
   for (budget.switches = 0;; ++budget.switches) {
@@ -41,7 +41,7 @@ inline bool ExpectSoundWithFewSwitches(Scenario& scenario, World::Budget budget,
   }
 }
 
-// Half of the time for that, and half of it for all orders, whatever they are.
+// Spends half of the time on orders with few switches, and half on all orders.
 inline void ExpectSound(Scenario& scenario, const World::Budget& budget) {
   if (!ExpectSoundWithFewSwitches(scenario, budget, ExploreMs() / 2)) return;
   const Outcome outcome = Explorer(scenario, budget).Explore(ExploreMs() / 2);
@@ -49,7 +49,7 @@ inline void ExpectSound(Scenario& scenario, const World::Budget& budget) {
   if (!outcome.failure.empty()) FAIL() << outcome.failure;
 }
 
-// Every order that there is, however long it takes: for a scenario with few of them.
+// Tries all orders without a limit of time, for a scenario that has few of them.
 inline void ExpectSoundInEveryOrder(Scenario& scenario, const World::Budget& budget) {
   const Outcome outcome = Explorer(scenario, budget).Explore(kNoLimit);
   Print(outcome, "all orders");

@@ -130,12 +130,12 @@ inline u64 Mix(u64 value) {
 
 class World {
  public:
-  // Of every region of shared memory, as the product makes them or larger.
+  // The size of every region of shared memory; the product makes none that is larger.
   static constexpr std::size_t kRegionSize = 0x20000;
 
   static World& Get();
 
-  // Forgets everything but where the memory of a name lies and which words of it are points.
+  // Forgets everything except where the memory of each name lies, and which of its words are points.
   void Reset();
   void ForgetMemory();
   // `canDie`: the explorer may kill and stop it.
@@ -200,9 +200,9 @@ class World {
   void NoteWrite(const void* address, std::size_t length, u64 before, u64 after);
   void NoteCopy(void* target, const void* source, std::size_t length);
   void SetIdle(bool isIdle) { Current().isIdle = isIdle; }
-  // This process does nothing more and stays as it is.
+  // Ends the activity of the current process, which stays alive with all that it holds.
   void Park();
-  // The thread has seen this value.
+  // Records that the current thread has seen this value.
   void See(u64 value);
 
  private:

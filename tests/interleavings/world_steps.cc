@@ -141,15 +141,15 @@ void World::AddDrops(std::vector<Choice>& out) const {
   }
 }
 
-// A process that is killed or stopped does no more, which nothing sees as such; what is seen comes in steps of its own,
-// or not at all. So it is enough to try that right behind each of its steps, and before its first one.
+// A kill or a stop is not visible to other threads by itself: its effects come in steps of their own, or not at all. So
+// it is enough to try one directly after each step of the process, and before its first step.
 bool World::MayBeDisturbed(int process) const {
   const Process& one = *processes_[process];
   const bool isNext = !one.hasRun || (last_ >= 0 && threads_[last_]->process == process);
   return isNext && one.canDie && one.state == ProcessState::kAlive && !one.isDone;
 }
 
-// Nothing can run: the wait that runs out first does, or a stopped process goes on.
+// When no thread can run, the wait that runs out first does so, or a stopped process goes on.
 void World::AddDue(std::vector<Choice>& out) {
   int first = -1;
   u64 deadline = endedAt_ != 0 ? endedAt_ + afterMs_ : ~u64{0};

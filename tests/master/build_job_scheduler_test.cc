@@ -84,7 +84,7 @@ TEST_F(SchedulerTest, LetsJobsOfAReplacedProjectEndWithTheirOwnRecord) {
   EXPECT_EQ(other->Next()->GetType(), MSG_PROJECT_COMPLETE);
 }
 
-// The other client announces the same name between the announcement and its jobs.
+// Another client announces a project of the same name after the first client's announcement and before its jobs.
 TEST_F(SchedulerTest, KeepsTheJobsOfAClientInItsOwnProject) {
   const rc_ptr<RecordingChannel> other = RecordingChannel::Add(dispatcher_, test::UniqueName());
   scheduler_.NewProject("p", 2, 0, stub_->GetAddress());
@@ -98,8 +98,8 @@ TEST_F(SchedulerTest, KeepsTheJobsOfAClientInItsOwnProject) {
   EXPECT_EQ(other->Count(), 0u);
 }
 
-// Only what has a job, and the latest few of a client that lives, are kept: a job that comes too late finds a project
-// of its own name and not the announced one.
+// The scheduler keeps projects that have jobs, and the latest few announcements of a live client. A job that comes too
+// late gets a project of its name and not the announced one.
 TEST_F(SchedulerTest, ForgetsAnnouncementsThatGetNoJob) {
   constexpr u32 kMost = BuildJobScheduler::kMostUnusedProjects;
   scheduler_.NewProject("used", 2, 0, stub_->GetAddress());
@@ -137,8 +137,8 @@ TEST_F(SchedulerTest, CancelsTheJobsOfALostClientAndOfNoOther) {
   const rc_ptr<RecordingChannel> other = RecordingChannel::Add(dispatcher_, test::UniqueName());
   const std::string mark = folder_.File("ran");
   scheduler.NewProject("p", 4, 0, other->GetAddress());
-  // One may be running, one waits in the queue, one is not scheduled yet, and one comes from a client that is gone
-  // already. One of another client stands between them.
+  // Of the client that leaves, one job may be running, one waits in the queue and one is not scheduled yet. The third
+  // job belongs to another client, and the fifth to a client that has gone already.
   const rc_ptr<BuildJob> jobs[] = {Job(1, "p", "hold"), Job(2, "p", "create " + mark), Job(3, "p", "exit 6"),
                                    Job(4, "p", "create " + mark), Job(5, "p", "create " + mark)};
   jobs[2]->clientAddress = other->GetAddress();

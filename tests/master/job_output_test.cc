@@ -11,7 +11,7 @@ namespace {
 
 class JobOutputTest : public test::JobTest {
  protected:
-  // Three of them are less than a tool may be ahead of its client.
+  // Three blocks are less than a tool may be ahead of its client.
   static constexpr u32 kBlock = 300 * 1024;
 
   static void Write(JobOutput& output, MemoryStream& stream) {
@@ -44,7 +44,7 @@ TEST_F(JobOutputTest, GoesToItsClientInPartsOverTheBudget) {
   EXPECT_EQ(test::TextOf(stub_->Next(), SEG_STDERR).size(), 3 * kBlock);
   EXPECT_EQ(budget_->GetSum(), 0u);
   Write(*output, output->GetStdout());
-  // What the record keeps does not count.
+  // Output that is kept for the record does not count.
   const rc_ptr<MemoryStream> taken = output->TakeStdout();
   EXPECT_EQ(taken->GetSize(), kBlock);
   EXPECT_EQ(budget_->GetSum(), 0u);

@@ -125,8 +125,6 @@ TEST_F(JobSlotsTest, AStopEndsTheWaitOfAThreadWithoutASlot) {
   EXPECT_EQ(slots_.CountWaiting(), 0u);
 }
 
-// Whatever comes and goes in whatever order: the number of jobs that own a slot never exceeds the slots, a job without
-// waiting descendants of its own waits only while none is free, and in the end all are free.
 TEST(JobSlots, ATicketThatLeavesWhileItsAncestorsAreLookedForIsForgotten) {
   static JobSlots* slots = nullptr;
   JobSlots made(1, [](u32) {
@@ -144,6 +142,8 @@ class JobSlotsOfThree : public JobSlotsTest {
   JobSlotsOfThree() : JobSlotsTest(3) {}
 };
 
+// Jobs come and leave in a random order: the number of jobs that own a slot never exceeds the slots, a job without
+// waiting descendants of its own waits only while no slot is free, and in the end all slots are free.
 TEST_F(JobSlotsOfThree, NoSlotIsLostOrMadeInARandomSequence) {
   std::mt19937 random(7);
   std::map<JobSlots::Ticket, u32> present;
@@ -151,7 +151,7 @@ TEST_F(JobSlotsOfThree, NoSlotIsLostOrMadeInARandomSequence) {
   for (int step = 0; step < 20000; ++step) {
     if (present.size() < 12 && random() % 2 == 0) {
       const JobSlots::Ticket ticket = slots_.NewTicket();
-      // A child of somebody who runs, or a process of its own.
+      // Either a child of a job that runs, or an unrelated process.
       u32 process = static_cast<u32>(1 + random() % 9);
       if (!running.empty() && random() % 2 == 0) {
         const auto parent = std::next(running.begin(), static_cast<int>(random() % running.size()));

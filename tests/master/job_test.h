@@ -16,7 +16,7 @@
 
 namespace kestrun::test {
 
-// The master's service is played by the test: what is posted to it waits in a queue.
+// The test takes the place of the master's service: messages that are posted to it wait in a queue.
 class JobTest : public testing::Test {
  protected:
   JobTest() { dispatcher_.AddClient(kMasterService, MakeDelegate(&JobTest::OnMessage, this), 1); }

@@ -86,7 +86,7 @@ TEST_F(LocalJobQueueTest, ATooFastToolWaitsForItsClientAndNoOther) {
   settings_.SetBool("Extensions/DiscardOutput", true);
   LocalJobQueue queue(2, settings_, dispatcher_, nullptr, 1 << 20);
   queue.Push(Job(1, "p", "fill 20000000 0 , exit 3"));
-  // Small output passes by.
+  // A job with little output is not held back by the first one.
   queue.Push(Job(2, "p", "print small"));
   EXPECT_EQ(NumberOf(NextMessage(), SEG_JOB_ID), 2);
   u64 bytes = CountParts(*stub_, 2);
@@ -129,7 +129,7 @@ TEST_F(LocalJobQueueTest, InSlotsRunsToolsInTheClientsEnvironmentWithoutTheJobse
   EXPECT_EQ(TextOf(NextMessage(), SEG_STDOUT), "k \nyes\n");
 }
 
-// The first one's limit of a second is none by default.
+// The first job's limit of a second has no effect, because EnforceJobTimeout is off.
 TEST_F(LocalJobQueueTest, AStopEndsTheToolsOfLostClientsAlone) {
   settings_.SetBool("Extensions/CancelOrphanedJobs", true);
   LocalJobQueue queue(2, settings_, dispatcher_);

@@ -84,7 +84,7 @@ TEST_F(Places, OfKilledClientsComeBackAndThoseOfLivingOnesStay) {
 
 TEST_F(Places, AreServedOnBothRoadsAndNotLostWhenAClientGivesUp) {
   Child holders[] = {StartAdmitted("semaphore"), StartAdmitted(), StartAdmitted()};
-  // Not on this thread, which owns the keeper's mutex.
+  // On another thread: this one owns the keeper's mutex.
   const auto waitInVain = std::async(std::launch::async, [this] {
     ClientSlot impatient;
     EXPECT_TRUE(impatient.Open(id_, true));
@@ -114,7 +114,8 @@ TEST_F(Places, GoOnUnderTheNextMasterOfTheId) {
   ExpectFree(kPlaces);
 }
 
-// A master that is killed between taking a place and granting it has neither granted nor released it.
+// A master that is killed after it has taken a slot and before it has granted it has neither granted nor released the
+// slot.
 TEST_F(Places, TakenByAMasterThatDiedAreNotLost) {
   Child holder = StartAdmitted();
   ASSERT_TRUE(access_.Wait(0));
@@ -130,12 +131,12 @@ TEST_F(Places, AreNotWaitedForBehindAMasterThatHasGone) {
   Child waits = StartClient();
   keeper_ = nullptr;
   EXPECT_EQ(waits.ReadLine(), "gone");
-  // Its clients keep what it left behind.
+  // The clients of the master that has gone keep its named objects alive.
   EXPECT_FALSE(ClientSlot().Open(id_, true));
   EXPECT_TRUE(ClientSlot().Open(id_, false));
 }
 
-// Whatever others write into the table, the count stays right.
+// Whatever other processes write into the table, the number of free slots stays right.
 TEST_F(Places, SurviveATableFullOfNonsense) {
   MappedFile region(GetTableName(id_), 0, false);
   const auto view = region.CreateView(0, MappedFile::kWholeSize, true);

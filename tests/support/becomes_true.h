@@ -1,4 +1,4 @@
-// Waits for what nothing announces.
+// Waits for a condition that no event announces.
 #ifndef KESTRUN_TESTS_SUPPORT_BECOMES_TRUE_H_
 #define KESTRUN_TESTS_SUPPORT_BECOMES_TRUE_H_
 
@@ -7,7 +7,7 @@
 
 namespace kestrun::test {
 
-// Looks every few milliseconds; false if the condition does not hold within the limit. Machines can be slow.
+// Checks the condition every few milliseconds; false if it does not hold within the limit. Machines can be slow.
 template <class Condition>
 bool BecomesTrue(const Condition& condition, unsigned limitMs = 60000) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);

@@ -8,7 +8,7 @@ namespace kestrun::test {
 
 Child::Child(std::unique_ptr<State> state) : state_(std::move(state)) {}
 Child::Child(Child&&) noexcept = default;
-// What this one had ends with the other one.
+// The two objects exchange their children, so the old child of this one ends with the other object.
 Child& Child::operator=(Child&& other) noexcept {
   state_.swap(other.state_);
   return *this;

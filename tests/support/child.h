@@ -65,7 +65,7 @@ class Child {
   int Wait(unsigned limitMs = 60000);
   // True once the child has ended, within LIMITMS.
   bool EndsWithin(unsigned limitMs);
-  // All that it wrote. Complete once Wait has returned, unless somebody else still holds the pipe.
+  // All that the child wrote. Complete once Wait has returned, unless a descendant still holds the pipe.
   std::string Output() const;
   std::string Errors() const;
 
@@ -88,7 +88,8 @@ unsigned long CurrentProcessId();
 bool ProcessExists(unsigned long pid);
 // Waits until the process has ended; false if it is still there after LIMITMS.
 bool ProcessEndsWithin(unsigned long pid, unsigned limitMs);
-// True of Wine: on a busy machine it fails once in some thousand times to start a process, whoever asks (error 1359).
+// True under Wine, where on a busy machine about one start of a process in some thousands fails (error 1359), also
+// without the program under test.
 bool RefusesProcesses();
 // The full name of a program of this build: beside the test program, with ".exe" where the system wants it.
 std::string ProgramPath(const std::string& name);

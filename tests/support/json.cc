@@ -109,7 +109,7 @@ class Parser {
     return text;
   }
 
-  // What follows the first byte of a character beyond ASCII.
+  // Takes the bytes of a character beyond ASCII that follow its first one.
   std::string Tail(unsigned char first) {
     if (first < 0xC2 || first > 0xF4) Fail("no UTF-8");
     std::string tail;
@@ -120,7 +120,7 @@ class Parser {
     return tail;
   }
 
-  // Only characters of ASCII are escaped by what is tested.
+  // The program under test escapes only ASCII characters.
   char Escaped() {
     const char c = Next();
     static constexpr std::string_view kNames = "\"\\/bfnrt";

@@ -1,4 +1,4 @@
-// What a message says, for the tests of the layers that know its vocabulary.
+// Reads the segments of a message, for the tests of the layers that know its vocabulary.
 #ifndef KESTRUN_TESTS_SUPPORT_MESSAGE_TEXT_H_
 #define KESTRUN_TESTS_SUPPORT_MESSAGE_TEXT_H_
 

@@ -1,4 +1,4 @@
-// What test_tool needs of the system beyond the platform layer.
+// System calls of test_tool that the platform layer does not have.
 #ifndef KESTRUN_TESTS_SUPPORT_TEST_TOOL_H_
 #define KESTRUN_TESTS_SUPPORT_TEST_TOOL_H_
 

@@ -37,8 +37,8 @@ TEST_F(DornDescriptors, KeepTheirNumbersAndFiles) {
   EXPECT_EQ(folder_.Read("four"), "x4\n");
 }
 
-// A make that can't reach the jobserver of the one above it warns of that and runs one job at a time: then `one` would
-// wait in vain.
+// A make that can't reach the jobserver of the make above it warns of that and runs one job at a time. Job `one` would
+// then wait in vain for job `two`.
 TEST_F(DornDescriptors, CarryTheJobserverOfAnOuterMake) {
   NamedEvent here;
   NamedEvent there;

@@ -16,10 +16,10 @@
 namespace kestrun::test {
 namespace {
 
-// Not where a sanitizer starts first.
+// False in a build with a sanitizer, whose own start comes first.
 constexpr bool kStartsEarly = KESTRUN_STARTS_EARLY != 0;
 
-// A program that has run the C library's start has a heap.
+// Tells an early start: a program in which the C library has started has a heap.
 bool HasNoHeap(std::uint32_t processId) {
   std::ifstream maps("/proc/" + std::to_string(processId) + "/maps");
   const std::string text(std::istreambuf_iterator<char>(maps), {});
@@ -74,7 +74,7 @@ class FakeSlots : public platform::LocalServer::Handler {
 
 class EarlyStart : public Build {
  protected:
-  // Runs kestrun with the words behind `line`, a shell's, in which "$@" is all of that.
+  // Runs a line of a shell in which "$@" stands for kestrun and the words.
   RunResult Shell(const std::string& line, const Words& words, ChildOptions options = {}) {
     Words command{"/bin/sh", "-c", line, "sh", ProgramPath("kestrun")};
     command.insert(command.end(), words.begin(), words.end());
@@ -82,7 +82,7 @@ class EarlyStart : public Build {
     return test::Run(command, WithEnvironment(std::move(options)));
   }
 
-  // Both starts, from the same surroundings.
+  // Runs the words by both starts in the same environment and compares their requests.
   void ExpectSameRequests(const Words& words, bool isPlain, const ChildOptions& options = {}) {
     SCOPED_TRACE(testing::PrintToString(words).substr(0, 200));
     Shell("\"$@\"; KESTRUN_OPTS= \"$@\"; :", words, options);

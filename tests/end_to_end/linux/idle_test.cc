@@ -26,7 +26,8 @@ std::map<std::string, long> SleepsOfThreads(unsigned long pid) {
   return sleeps;
 }
 
-// One thread may: ThreadSanitizer has one of its own. With a tick the main thread and the message thread do.
+// One thread may wake more often, because ThreadSanitizer has one of its own. With a tick two would: the main thread
+// and the message thread.
 TEST_F(Idle, AnEagerMastersThreadsSleepLongerThanASecond) {
   WriteSettings("MaxConcurrentJobs=int:2\n[Extensions]\nEagerScheduling=bool:true\nTransparentTools=bool:true\n");
   StartMaster();

@@ -36,7 +36,7 @@ TEST_F(OddStart, InADeletedFolderSaysSo) {
             "KESTRUN: error: the working directory has been deleted\nKESTRUN: warning: building locally...\n");
 }
 
-// It is told what kept it from its settings and its master, and not to start one.
+// The user is told why the settings could not be read, and is not told to start a master.
 TEST_F(OddStart, WithTooFewDescriptorsSaysSo) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the sanitizers look at memory through a pipe";

@@ -65,10 +65,11 @@ TEST_F(SecondUser, HasAMasterBesideTheFirst) {
   EXPECT_EQ(LogCount("Build Job completed"), 1);
 }
 
-// Processes and threads count alike, those of dorn, the master and its tools together. Each run is that of another
-// user: what has ended counts for its user until somebody has waited for it.
+// The limit counts the processes and threads of dorn, the master and its tools together. Each run is made as another
+// user, because an ended process counts for its user until its parent has waited for it.
 TEST_F(SecondUser, IsToldThatItMayHaveNoMoreTasks) {
-  // From one that keeps dorn from its first helper, over masters without all their threads, to one that is enough.
+  // From a limit at which dorn can't start its first helper, over limits at which the master lacks some threads, to one
+  // that is enough.
   for (const unsigned tasks : {1, 4, 7, 10, 13, 16, 19, 100}) {
     const std::string own = folder_.File("user" + std::to_string(tasks));
     std::filesystem::create_directory(own);

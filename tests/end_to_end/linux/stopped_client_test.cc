@@ -20,7 +20,7 @@ TEST_F(StoppedClient, KeepsItsPlaceWhileThoseOfDeadOnesReturn) {
   Child stopped = StartTool({"signal", started.Name(), ",", "print", "late"});
   ASSERT_TRUE(started.Wait(kKillLimitMs));
   kill(static_cast<pid_t>(stopped.Pid()), SIGSTOP);
-  // Each time the master has looked at all of them.
+  // To free the slot of a killed client the master checks the owners of all slots, the stopped client among them.
   for (int i = 0; i < 2; ++i) {
     Child killed = StartTool({"signal", started.Name(), ",", "hold"});
     ASSERT_TRUE(started.Wait(kKillLimitMs));
@@ -33,7 +33,7 @@ TEST_F(StoppedClient, KeepsItsPlaceWhileThoseOfDeadOnesReturn) {
   PlaceCount(id_).Expect(3);
 }
 
-// Takes its turn with the master and goes so many steps further.
+// Takes the turn to connect and goes as many steps further as it is told.
 KESTRUN_CHILD(KeepsItsTurn) {
   Connector connector(GetListeningName(words[0]));
   const int steps = std::stoi(words[1]);
@@ -64,7 +64,7 @@ TEST_F(StoppedClient, WithItsTurnToConnectIsNamedAndTheOthersBuildLocally) {
   }
 }
 
-// Keeps the gate of the object table.
+// Locks the gate of the object table and keeps it.
 KESTRUN_CHILD(KeepsTheGate) {
   const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
   const std::string folder = platform::NamedObjectFolder();

@@ -32,7 +32,8 @@ class Surroundings : public Dorn {
     EXPECT_EQ(result.output, "built\n") << what;
     EXPECT_EQ(result.errors, "") << what;
   }
-  // Ended by itself, neither by a signal nor because somebody waited in vain for it, and said why.
+  // Expects that dorn ended by itself and named the cause: it was not killed by a signal, and did not wait in vain for
+  // its master.
   static void ExpectFails(const RunResult& result, const std::string& cause, const std::string& what) {
     EXPECT_NE(result.exitCode, 0) << what;
     EXPECT_FALSE(result.exitCode > 128 && result.exitCode < 160) << what << ": " << result.exitCode;
@@ -102,7 +103,7 @@ TEST_F(Surroundings, AFullObjectFolderIsNamed) {
   ChildOptions more;
   more.environment["KESTRUN_OBJECT_DIR"] = folder + "/objects";
   WriteSettings("IpcTimeout=int:1000\n");
-  // From one in which nothing finds room, over those that hold no connection or just one.
+  // From a file system in which nothing finds room, over sizes that hold no connection or a single one.
   for (const int kilobytes : {4, 40, 200, 300, 500}) {
     const std::string size = std::to_string(kilobytes * 1024);
     const RunResult result = RunBuild({"mount:" + folder + "=" + size}, more);
@@ -118,7 +119,7 @@ TEST_F(Surroundings, AFullObjectTableIsNamed) {
     if (!event) break;
     events.push_back(std::move(event));
   }
-  // From none that is left for a build to some.
+  // From no entry that is left for a build to a few.
   for (const std::size_t left : {0u, 1u, 4u, 10u}) {
     events.resize(events.size() - left);
     ExpectWorksOrFails(RunBuild({}), "for named objects: its object table is full, with 8192 objects",

@@ -17,7 +17,8 @@ using test::Child;
 using test::IpcEnds;
 using test::kLongMs;
 
-// A wait for a turn that comes after so many vain ones, beside these owners, of which the last one stays.
+// Waits for a turn that is granted after so many vain attempts. Each query for the owner of the mutex gives the next
+// one of the list; the last one stays.
 bool Await(int vainWaits, std::vector<MutexOwner> owners, u32& holder) {
   std::size_t next = 0;
   return IntroductionTurn::Await([&] { return vainWaits-- == 0; },

@@ -13,10 +13,10 @@
 
 namespace kestrun::test {
 
-// More than anything here takes; only a failing test gets there.
+// Longer than any step takes; only a failing test waits that long.
 inline constexpr u32 kLongMs = 30000;
 
-// A listener of a name of its own, and one connection to it.
+// A listener with a name that no other test uses, and one connection to it.
 struct IpcEnds {
   const std::string name = UniqueName();
   rc_ptr<IpcSocket> listener{new IpcSocket()};

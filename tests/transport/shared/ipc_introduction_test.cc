@@ -80,7 +80,7 @@ TEST(IpcIntroduction, TryAcceptDoesNotWaitForARequest) {
 
 // Connectors that die -------------------------------------------------------------------------------------------------
 
-// Does as many steps as it is told, says so and waits for its death.
+// Takes as many steps of the introduction as it is told, says so and waits to be killed.
 KESTRUN_CHILD(DyingConnector) {
   Connector connector(words[0]);
   const int steps = std::stoi(words[1]);
@@ -102,7 +102,7 @@ class DyingConnectors : public testing::TestWithParam<int> {
     child.Kill();
     child.Wait();
   }
-  // As a reactor would: as often as it takes until a connection that talks is there.
+  // Accepts as a reactor would, again and again, until there is a connection that sends something.
   std::future<std::string> AcceptAndRead() {
     return std::async(std::launch::async, [this] {
       for (;;) {
@@ -113,7 +113,8 @@ class DyingConnectors : public testing::TestWithParam<int> {
       }
     });
   }
-  // And at once: the listener does not wait out its limit of 5 s for the dead one.
+  // Expects that the next connector is served without delay: the listener does not wait for the dead connector until
+  // its limit of 5 s.
   void ExpectThatTheNextIsServed(std::future<std::string>& text) {
     IpcSocket client;
     const u32 start = GetTickCount();
@@ -136,7 +137,8 @@ TEST_P(DyingConnectors, NextOneIsServed) {
 
 INSTANTIATE_TEST_SUITE_P(EachStep, DyingConnectors, testing::Values(1, 2, 3, 4, 5));
 
-// The listener comes to it only after the connector has died: the request of a dead one stands in the ring.
+// The listener accepts only after the connector was killed, so that it finds the request of a dead connector in the
+// ring.
 class DeadConnectors : public DyingConnectors {};
 
 TEST_P(DeadConnectors, LeaveNothingToTheNextOne) {
