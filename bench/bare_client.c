@@ -1,6 +1,6 @@
 // The least client that takes a job slot and becomes its tool, without a C library: the mark for what a client's own
 // start may cost. It asks the slot server at the socket that BARE_SOCKET names, with a request of fixed text, and calls
-// execve; the tool's path is absolute. No lookup, no settings, no check of who serves, no notice while it waits.
+// execve; the tool's path is absolute. No lookup, no settings, no check of the server, no notice while it waits.
 //
 // A program with a C library asks the processor for its features and caches before main, also if it is linked
 // statically. In a virtual machine each of these questions leaves the machine, and together they take most of the time

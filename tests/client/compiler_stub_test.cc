@@ -95,7 +95,7 @@ TEST_F(CompilerStubTest, BuildsLocallyWithoutAListener) {
   Child child = Start("print $$I:out , error $$O:err , exit 6 $$Cmore");
   EXPECT_EQ(child.Wait(), 6);
   EXPECT_EQ(child.Output(), "out\n");
-  // How many run is the machine's affair.
+  // The number of other instances that run on the machine is not known here.
   EXPECT_EQ(std::regex_replace(child.Errors(), std::regex("currently \\d+ "), "currently N "),
             "There are currently N instances of kestrun.exe running.\n"
             "KESTRUN: error: Could not initiate build request to master\n"

@@ -123,7 +123,8 @@ TEST_F(ScriptStubTest, FailsWhenTheMasterHangsUp) {
   EXPECT_EQ(child.Errors(), "KESTRUN: error: Comms Error waiting for response from master\n");
 }
 
-// More jobs than the ring holds (64 KiB) and one look into it takes (1 MiB), so that the stub is still sending.
+// The jobs are more than the ring holds (64 KiB) together with what the reader takes at once (1 MiB), so that the stub
+// is still sending when the master hangs up.
 TEST_F(ScriptStubTest, FailsWhenTheMasterHangsUpBeforeItHasAllJobs) {
   std::string text;
   for (int i = 0; i < 400; ++i) text += Job(std::string(4000, 'x'));
@@ -143,7 +144,7 @@ TEST_F(ScriptStubTest, FailsOnAMessageThatItDoesNotKnow) {
   EXPECT_EQ(child.Errors(), "KESTRUN: error: Unknown Error waiting for response from master\n");
 }
 
-// Nobody listens: a stub that tried to connect would fail.
+// No master listens here: a stub that tried to connect would fail.
 TEST_F(ScriptStubTest, DoesNotCallTheMasterWithoutJobsOrWithAToolThatIsMissing) {
   Child empty = Start("# nothing\n\necho unheard\n");
   EXPECT_EQ(empty.Wait(), 0);

@@ -86,7 +86,7 @@ TEST(BuildRecordTest, CountsASlotAsBusyOnceAndNestedTimeOnce) {
   EXPECT_EQ(figures.busyUs, 500 + 100 + 200);
   EXPECT_EQ(figures.cpuUs, 300);
   EXPECT_EQ(figures.peakMemoryBytes, 12);
-  // Without the time of the outer job that of the inner one counts.
+  // If the time of the outer job is not known, the time of the inner job counts.
   build.jobs[0].cpuUs = JobRecord::kNone;
   build.jobs[1].cpuUs = 70;
   EXPECT_EQ(GetFigures(build).cpuUs, 270);

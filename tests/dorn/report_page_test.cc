@@ -8,7 +8,7 @@
 namespace kestrun::dorn {
 namespace {
 
-// What stands in the page for the record.
+// The part of the page that holds the record.
 std::string RecordIn(const std::string& page) {
   const ReportTemplate around = GetReportTemplate();
   EXPECT_EQ(page.substr(0, around.head.size()), around.head);

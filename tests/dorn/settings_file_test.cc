@@ -16,8 +16,8 @@ SettingsFile Parsed(const std::string& text) {
   return file;
 }
 
-// What dorn takes for read has to be what IniFile reads, whatever the file's faults; `line` is that of the fault, 0 for
-// none.
+// The settings that dorn regards as read must be those that IniFile reads, whatever the faults of the file; `line` is
+// the line of the fault, 0 for none.
 TEST(SettingsFile, ReadsTheLinesThatProgramsRead) {
   const struct {
     std::string text;

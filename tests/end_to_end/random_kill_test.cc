@@ -24,7 +24,7 @@ struct Client {
   std::size_t outputSize = 0;
   std::size_t errorSize = 0;
   int code = number % 5;
-  // Of one whose tool waits, with a background process:
+  // Of a client whose tool waits, with a background process:
   std::string note{};                 // the name of a file with the tool's id
   std::string backgroundNote{};       // the same of the background process
   std::unique_ptr<Tether> release{};  // held by the tool, which waits for it; else null

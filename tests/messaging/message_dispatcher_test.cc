@@ -82,13 +82,13 @@ class MessageDispatcherTest : public testing::Test {
     thread_.Reset();
     dispatcher_->Close();
   }
-  // Tried again until the dispatcher has come to listen.
+  // Connects, again and again until the dispatcher listens.
   rc_ptr<MessageChannel> Connect() {
     rc_ptr<IpcSocket> socket(new IpcSocket());
     while (!socket->Connect(name_, kLongMs)) SwitchToThread();
     return new IpcChannel(socket);
   }
-  // The next message tells this of the channel.
+  // Expects that the next message is of this type and tells of this channel.
   void ExpectTold(u32 type, const Address& channel) {
     const rc_ptr<Message> message = inbox_.Next();
     ASSERT_TRUE(message);
@@ -204,7 +204,7 @@ TEST_F(MessageDispatcherTest, SilenceIsAskedAboutAndThenEnds) {
   ExpectTold(MessageDispatcher::kClosed, idle->GetAddress());
 }
 
-// Only what the wait loop serves takes up its places.
+// The limit on channels counts only those that the wait loop serves.
 TEST_F(MessageDispatcherTest, SocketChannelsLeaveRoomForIpc) {
   class FakeSocketChannel : public FakeChannel {
    public:
@@ -219,7 +219,7 @@ TEST_F(MessageDispatcherTest, SocketChannelsLeaveRoomForIpc) {
   EXPECT_EQ(TextOf(inbox_.Next()), "in");
 }
 
-// The wait loop serves its introduction for up to 5 s.
+// The wait loop may spend up to 5 s on the introduction of this connector.
 TEST_F(MessageDispatcherTest, StopsAtOnceBesideAConnectorThatDoesNotGoOn) {
   Start();
   Connect();

@@ -11,7 +11,7 @@
 namespace kestrun::test {
 namespace {
 
-// What the transport asks: 1 means that nobody else has the object. 0 on failure.
+// The number of handles to the object, asked for as the transport does it: 1 if only this handle exists. 0 on failure.
 ULONG HandleCount(HANDLE handle) {
   using Query = LONG(NTAPI*)(HANDLE, int, PVOID, ULONG, ULONG*);
   const FARPROC found = GetProcAddress(LoadLibraryA("ntdll.dll"), "NtQueryObject");

@@ -57,7 +57,7 @@ class ProcessTest : public testing::Test {
   rc_ptr<MemoryStream> err_ = new MemoryStream;
 };
 
-// Stands still between the creation of its child and everything that is done to the child afterwards.
+// Stops the starting thread after the child was created and before anything else is done to the child.
 class HeldBehindCreation : public Process {
  public:
   HeldBehindCreation() : Process("") {}
@@ -91,7 +91,7 @@ TEST(SuddenDeath, AChildThatIsNotYetRunningEndsWithItsParent) {
   EXPECT_TRUE(test::ProcessEndsWithin(child, 10000));
 }
 
-// It is to outlive its parent, and needs nothing of it in order to run.
+// A child without a job is meant to outlive its parent, so it must not need the parent in order to run.
 TEST(SuddenDeath, AChildWithoutAJobRunsFromItsCreationOn) {
   test::Child parent = test::Child::Self("StandsBehindCreation", {std::to_string(Process::BREAKAWAY), "exit", "0"});
   EXPECT_TRUE(test::ProcessEndsWithin(std::stoul(parent.ReadLine()), 10000));
@@ -108,7 +108,7 @@ TEST_F(ProcessTest, ADescendantThatKeepsThePipesDoesNotHoldUpRun) {
   EXPECT_TRUE(test::ProcessEndsWithin(descendant, 10000)) << "the end of its job ends it";
 }
 
-// Without a limit it would write for many seconds.
+// Without the limit the tool would write for many seconds.
 TEST_F(ProcessTest, AChildThatNeverStopsWritingCanRunOutOfTime) {
   const rc_ptr<Process> process = new Process("");
   ASSERT_TRUE(process->Start("\"" + test::ProgramPath("test_tool") + "\" fill 4000000000 0",

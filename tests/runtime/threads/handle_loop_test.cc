@@ -72,7 +72,7 @@ TEST_F(HandleLoopTest, WaitsFor63HandlersAndReportsThe64th) {
 TEST_F(HandleLoopTest, ListenersRunWithoutALock) {
   std::vector<rc_ptr<WaitableHandler>> handlers;
   for (int i = 0; i < 64; ++i) handlers.push_back(AddHandler());
-  // On another thread: one that holds a lock may take it again.
+  // Removes on another thread, because a thread that holds a lock may take it again.
   onError_ = [&] { std::thread([&] { EXPECT_TRUE(loop_.Remove(handlers[0])); }).join(); };
   PassWakeEvent();
   EXPECT_EQ(errors_.size(), 1u);

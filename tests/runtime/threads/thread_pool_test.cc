@@ -55,7 +55,7 @@ TEST(BlockingQueue, TwoItemsReachTwoWaiters) {
 
 using Pool = ThreadPool<Functor0<void>::Type>;
 
-// A pool whose worker can be waited for by others.
+// A pool that shows its worker, so that a test can wait for it.
 class OpenPool : public Pool {
  public:
   OpenPool() : Pool("open") {}
